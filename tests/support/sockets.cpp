@@ -1,0 +1,146 @@
+#include "sockets.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+constexpr size_t READ_STEP = 65536;
+
+sockaddr_in loopback_address(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+// False when the deadline passed first.
+bool wait_for(int fd, short events, steady::time_point deadline) {
+    const auto left = std::chrono::ceil<test_duration>(deadline - steady::now()).count();
+    pollfd entry{fd, events, 0};
+    return poll(&entry, 1, static_cast<int>(std::max<int64_t>(left, 0))) == 1;
+}
+
+// Bytes taken, 0 at the end, -1 after an error or when time ran out.
+ssize_t read_some(int fd, char* to, size_t size, steady::time_point deadline) {
+    return wait_for(fd, POLLIN, deadline) ? recv(fd, to, size, MSG_DONTWAIT) : -1;
+}
+
+}  // namespace
+
+unique_fd& unique_fd::operator=(unique_fd&& other) noexcept {
+    if (this != &other) {
+        reset();
+        fd = other.release();
+    }
+    return *this;
+}
+
+int unique_fd::release() { return std::exchange(fd, -1); }
+
+void unique_fd::reset() {
+    if (fd >= 0) {
+        close(release());
+    }
+}
+
+loopback_listener::loopback_listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address = loopback_address(0);
+    socklen_t size = sizeof address;
+    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+        listen(fd.get(), SOMAXCONN) == 0 &&
+        getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size) == 0) {
+        port = ntohs(address.sin_port);
+    }
+}
+
+unique_fd loopback_listener::accept(test_duration patience) const {
+    if (!wait_for(fd.get(), POLLIN, steady::now() + patience)) {
+        return unique_fd{};
+    }
+    return unique_fd{accept4(fd.get(), nullptr, nullptr, SOCK_CLOEXEC)};
+}
+
+unique_fd loopback_connect(uint16_t port, int receive_buffer) {
+    unique_fd fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    if (receive_buffer > 0) {
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    }
+    const sockaddr_in address = loopback_address(port);
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        fd.reset();
+    }
+    return fd;
+}
+
+bool write_all(int fd, std::string_view bytes, test_duration patience) {
+    const auto deadline = steady::now() + patience;
+    while (!bytes.empty()) {
+        if (!wait_for(fd, POLLOUT, deadline)) {
+            return false;
+        }
+        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0) {
+            return false;
+        }
+        bytes.remove_prefix(static_cast<size_t>(sent));
+    }
+    return true;
+}
+
+std::string read_exact(int fd, size_t size, test_duration patience) {
+    const auto deadline = steady::now() + patience;
+    std::string bytes(size, '\0');
+    size_t filled = 0;
+    while (filled < size) {
+        const ssize_t got = read_some(fd, bytes.data() + filled, size - filled, deadline);
+        if (got <= 0) {
+            break;
+        }
+        filled += static_cast<size_t>(got);
+    }
+    bytes.resize(filled);
+    return bytes;
+}
+
+std::string read_until(int fd, std::string_view mark, test_duration patience) {
+    const auto deadline = steady::now() + patience;
+    std::string bytes;
+    char next = 0;
+    while (!std::string_view(bytes).ends_with(mark) && read_some(fd, &next, 1, deadline) == 1) {
+        bytes += next;
+    }
+    return bytes;
+}
+
+std::string read_to_end(int fd, test_duration patience) {
+    const auto deadline = steady::now() + patience;
+    std::string bytes;
+    for (;;) {
+        const size_t filled = bytes.size();
+        bytes.resize(filled + READ_STEP);
+        const ssize_t got = read_some(fd, bytes.data() + filled, READ_STEP, deadline);
+        bytes.resize(filled + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        if (got <= 0) {
+            return bytes;
+        }
+    }
+}
+
+bool closed_by_peer(int fd, test_duration patience) {
+    char next = 0;
+    return wait_for(fd, POLLIN, steady::now() + patience) && recv(fd, &next, 1, MSG_DONTWAIT) <= 0;
+}
+
+bool stays_silent(int fd, test_duration time) {
+    return !wait_for(fd, POLLIN, steady::now() + time);
+}
