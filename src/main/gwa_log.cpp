@@ -1,0 +1,89 @@
+#include "main/gwa_log.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+
+std::atomic<int32_t> gwa_log_on{1};
+std::atomic<int32_t> gwa_log_level{GWA_LEVEL_DEBUG};
+
+namespace {
+
+constexpr char BACKGROUND_LOG[] = "/tmp/gwad.log";  // fixed, not under the home directory
+constexpr size_t STAMP_SIZE = 64;
+
+pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;  // guards log_stream and its lines
+FILE* log_stream = stderr;                             // null: unset or closed
+
+}  // namespace
+
+int gwa_log_init(const char* path, bool background) {
+    FILE* chosen = stderr;
+    if (path == nullptr || path[0] == '\0') {
+        path = background ? BACKGROUND_LOG : nullptr;
+    }
+    if (path != nullptr) {
+        chosen = fopen(path, "a+e");
+    }
+    pthread_mutex_lock(&log_lock);
+    log_stream = chosen;
+    pthread_mutex_unlock(&log_lock);
+    return chosen == nullptr ? -1 : 0;
+}
+
+int gwa_log_level_set(int level) {
+    if (level == GWA_LOG_OFF) {
+        gwa_log_on.store(0, std::memory_order_relaxed);
+        return 0;
+    }
+    if (level < GWA_LEVEL_FATAL || level > GWA_LEVEL_DEBUG) {
+        return -1;
+    }
+    gwa_log_level.store(level, std::memory_order_relaxed);
+    gwa_log_on.store(1, std::memory_order_relaxed);
+    return 0;
+}
+
+int gwa_log_level_get(int* out) {
+    if (out == nullptr) {
+        return -1;
+    }
+    *out = gwa_log_on.load(std::memory_order_relaxed) != 0
+               ? gwa_log_level.load(std::memory_order_relaxed)
+               : GWA_LOG_OFF;
+    return 0;
+}
+
+int gwa_log_write(const char* format, ...) {
+    char stamp[STAMP_SIZE] = {};
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    strftime(stamp, sizeof stamp, "<%Y-%m-%d %H:%M:%S> ", &local);
+
+    pthread_mutex_lock(&log_lock);
+    if (log_stream != nullptr) {
+        fflush(log_stream);
+        fputs(stamp, log_stream);
+        va_list arguments;
+        va_start(arguments, format);
+        vfprintf(log_stream, format, arguments);
+        va_end(arguments);
+        fflush(log_stream);  // at once, so that the line survives a kill
+    }
+    pthread_mutex_unlock(&log_lock);
+    return 0;
+}
+
+void gwa_log_close() {
+    pthread_mutex_lock(&log_lock);
+    if (log_stream != nullptr && log_stream != stdout) {
+        fclose(log_stream);  // standard error too, intended
+    }
+    log_stream = nullptr;
+    pthread_mutex_unlock(&log_lock);
+}

@@ -1,0 +1,33 @@
+#include "main/gwa_process.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "runtime/gwa_types.h"
+
+std::atomic<int32_t> gwa_process_run{1};
+std::atomic<int32_t> gwa_connection_run{0};
+std::atomic<int32_t> gwa_process_jump{GWA_JUMP_NONE};
+gwa_paths gwa_process_paths;
+
+void gwa_process_paths_init(const char* home) {
+    gwa_paths& paths = gwa_process_paths;
+    text_copy(paths.home, home == nullptr ? "" : home);
+    snprintf(paths.pid_file, sizeof paths.pid_file, "%s/tmp/gwad.pid", paths.home);
+    snprintf(paths.dlna_socket, sizeof paths.dlna_socket, "%s/tmp/dlna.sock", paths.home);
+    snprintf(paths.status_file, sizeof paths.status_file, "%s/tmp/gwad.stat", paths.home);
+    snprintf(paths.firmware_file, sizeof paths.firmware_file, "%s/etc/firmware", paths.home);
+    snprintf(paths.session_id_file, sizeof paths.session_id_file, "%s/tmp/session.id", paths.home);
+}
+
+void gwa_process_exit(int status) {
+    fflush(stdout);  // the log flushes every line itself
+    _exit(status);
+}
+
+void gwa_process_abort(const char* file, int line, const char* function) {
+    fprintf(stderr, "gwad: %s:%d: %s: Assertion `0' failed.\n", file, line, function);
+    abort();
+}

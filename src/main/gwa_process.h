@@ -1,0 +1,70 @@
+// gwa_process.h - the state of the process that every floor may read: the run flags, the paths
+// under the home directory, the jump codes, and the two ways in which the process ends.
+//
+// Threads: the flags are written by the main thread and the signal handler and polled by all; the
+//          paths are written once at start-up, before there is a second thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "main/gwa_log.h"
+
+// The process run flag, 1 until SIGINT, SIGTERM or an exit request, and the connection-service run
+// flag, 1 while data connections are wanted. Relaxed: loops notice them on their next round.
+extern std::atomic<int32_t> gwa_process_run;
+extern std::atomic<int32_t> gwa_connection_run;
+
+inline bool gwa_process_running() { return gwa_process_run.load(std::memory_order_relaxed) != 0; }
+// True while both flags are set: data connections may work.
+inline bool gwa_connection_running() {
+    return gwa_process_running() && gwa_connection_run.load(std::memory_order_relaxed) != 0;
+}
+
+// What a restart point is told. REINIT and EXIT go to the supervisor, RESTART and EXIT to the
+// worker of a data connection.
+enum gwa_jump : int {
+    GWA_JUMP_NONE = 0,
+    GWA_JUMP_REINIT = 1,
+    GWA_JUMP_RESTART = 2,
+    GWA_JUMP_EXIT = 255
+};
+
+// The code that the supervisor takes up at its next round; it is a loop with a result code rather
+// than a longjmp, so that no frame below it is abandoned. Any thread stores, the main thread takes.
+extern std::atomic<int32_t> gwa_process_jump;
+
+constexpr int GWA_HOME_SIZE = 128;  // at most 127 characters
+constexpr int GWA_PATH_SIZE = 128;
+constexpr int GWA_SHORT_PATH_SIZE = 127;
+
+// The home directory and what lies under it; a home that is too long cuts the paths silently.
+struct gwa_paths {
+    char home[GWA_HOME_SIZE] = "";  // empty: the paths start at "/"
+    char pid_file[GWA_SHORT_PATH_SIZE] = "";
+    char dlna_socket[GWA_SHORT_PATH_SIZE] = "";
+    char status_file[GWA_PATH_SIZE] = "";
+    char firmware_file[GWA_PATH_SIZE] = "";
+    char session_id_file[GWA_PATH_SIZE] = "";
+};
+extern gwa_paths gwa_process_paths;
+
+// Copies the home directory (null: empty) and derives the five paths from it.
+void gwa_process_paths_init(const char* home);
+
+// The one exit while threads may run: flushes standard output and ends the process at once, without
+// the destructors and exit handlers that other threads could still need.
+[[noreturn]] void gwa_process_exit(int status);
+
+// Ends the process with SIGABRT after naming the broken rule on standard error. An explicit call,
+// so that no build flag removes it. Use GWA_BROKEN_RULE.
+[[noreturn]] void gwa_process_abort(const char* file, int line, const char* function);
+
+// Logs the fatal line (function, file, line: the words "line %s" show the file name) and exits.
+#define GWA_EXIT(status)                                                                      \
+    do {                                                                                      \
+        GWA_LOG(FATAL, "exit from func %s, line %s : %d", __func__, __FILE_NAME__, __LINE__); \
+        gwa_process_exit(status);                                                             \
+    } while (0)
+
+#define GWA_BROKEN_RULE() gwa_process_abort(__FILE_NAME__, __LINE__, __func__)

@@ -1,0 +1,3 @@
+#include "main/gwa_main.h"
+
+int main(int argc, char* argv[]) { return gwa_main(argc, argv); }

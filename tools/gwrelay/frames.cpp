@@ -1,0 +1,84 @@
+#include "frames.h"
+
+#include <cstring>
+#include <iterator>
+
+namespace {
+
+constexpr uint8_t VERSION_MAX = 3;
+constexpr const char* NAMES[] = {
+    "None",        "Data",         "HeartBeat",        "Device Info", "Close Stream",
+    "Login Answer", "Close Connection", "Data Order",  "Session ID",  "Status",
+    "Report Times", "Privacy Data", "Port Info"};
+
+uint16_t load_be16(const char* from) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(from);
+    return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]);
+}
+
+}  // namespace
+
+const char* command_name(command code) {
+    const auto index = static_cast<size_t>(code);
+    return index < std::size(NAMES) ? NAMES[index] : "Unknown";
+}
+
+void store_be32(char* to, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        *to++ = static_cast<char>(value >> shift & 0xff);
+    }
+}
+
+uint32_t load_be32(const char* from) {
+    return static_cast<uint32_t>(load_be16(from)) << 16 | load_be16(from + 2);
+}
+
+void frame_header_write(char* to, const frame& header, size_t length) {
+    to[0] = static_cast<char>(header.version);
+    to[1] = static_cast<char>(FRAME_HEADER);
+    to[2] = 0;  // every command fits into the low byte
+    to[3] = static_cast<char>(header.code);
+    store_be32(to + 4, header.flag);
+    store_be32(to + 8, header.stream_id);
+    store_be32(to + 12, static_cast<uint32_t>(length));
+}
+
+std::string frame_bytes(const frame& whole) {
+    std::string bytes(FRAME_HEADER, '\0');
+    frame_header_write(bytes.data(), whole, whole.payload.size());
+    return bytes.append(whole.payload);
+}
+
+std::span<char> frame_input::room() {
+    if (begin > 0) {
+        memmove(buffer.get(), buffer.get() + begin, end - begin);  // at most part of one frame
+        end -= begin;
+        begin = 0;
+    }
+    return {buffer.get() + end, capacity - end};
+}
+
+frame_input::result frame_input::take(frame& to) {
+    const char* at = buffer.get() + begin;
+    if (end - begin < FRAME_HEADER) {
+        return result::INCOMPLETE;
+    }
+    const auto version = static_cast<uint8_t>(at[0]);
+    const auto head_size = static_cast<uint8_t>(at[1]);
+    const uint16_t code = load_be16(at + 2);
+    const uint32_t length = load_be32(at + 12);
+    if (version == 0 || version > VERSION_MAX || head_size != FRAME_HEADER || code == 0 ||
+        code >= std::size(NAMES) || length > FRAME_PAYLOAD_MAX) {
+        reason = "bad header: version " + std::to_string(version) + ", head size " +
+                 std::to_string(head_size) + ", command " + std::to_string(code) + ", length " +
+                 std::to_string(length);
+        return result::BAD;
+    }
+    if (end - begin < FRAME_HEADER + length) {
+        return result::INCOMPLETE;
+    }
+    to = {version, static_cast<command>(code), load_be32(at + 4), load_be32(at + 8),
+          {at + FRAME_HEADER, length}};
+    begin += FRAME_HEADER + length;
+    return result::FRAME;
+}
