@@ -1,0 +1,10 @@
+// gwa_connection_data_in.h - the input pass of a data connection.
+//
+// Threads: the worker. Any failure closes the connection, which does not return.
+#pragma once
+
+#include "connection/gwa_connection.h"
+
+// Receives and handles frames until the socket is drained or the budget of one pass is used up;
+// in_state tells which. A frame may be split anywhere.
+void gwa_connection_data_remote_in_handle(gwa_connection_data* conn);
