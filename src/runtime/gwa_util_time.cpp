@@ -1,1 +1,59 @@
-// placeholder
+#include "runtime/gwa_util_time.h"
+
+#include <sys/time.h>
+
+#include <ctime>
+
+#include "main/gwa_process.h"
+
+namespace {
+
+constexpr int64_t US_PER_SECOND = 1000000;
+constexpr int64_t NS_PER_US = 1000;
+constexpr int SLEEP_MAX_S = 30 * 24 * 3600;
+
+int64_t wall_clock_us() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return int64_t{now.tv_sec} * US_PER_SECOND + now.tv_usec;
+}
+
+void sleep_once(int64_t us) {
+    timespec span{};
+    span.tv_sec = static_cast<time_t>(us / US_PER_SECOND);
+    span.tv_nsec = static_cast<long>(us % US_PER_SECOND * NS_PER_US);
+    nanosleep(&span, nullptr);
+}
+
+}  // namespace
+
+gwa_time_source gwa_time = {wall_clock_us, sleep_once};
+
+int64_t gwa_time_seconds() { return gwa_time.now_us() / US_PER_SECOND; }
+
+int gwa_sleep(int seconds) {
+    if (seconds < 0) {
+        return -1;
+    }
+    if (seconds > SLEEP_MAX_S) {
+        GWA_LOG(ERROR, "sleep too long, may error");
+        GWA_BROKEN_RULE();
+    }
+    for (int slept = 0; slept < seconds; ++slept) {
+        // Only between steps: the waits for a thread's end count on a single second being slept
+        // while the process is already going down.
+        if (slept > 0 && !gwa_process_running()) {
+            break;
+        }
+        gwa_time.sleep_us(US_PER_SECOND);
+    }
+    return 0;
+}
+
+int gwa_usleep(int microseconds) {
+    if (microseconds < 0) {
+        return -1;
+    }
+    gwa_time.sleep_us(microseconds);
+    return 0;
+}
