@@ -1,1 +1,157 @@
-// placeholder
+#include "main/gwa_main.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "connection/gwa_connection.h"
+#include "connection/gwa_connection_cntl.h"
+#include "connection/gwa_connection_cntl_command.h"
+#include "connection/gwa_connection_data.h"
+#include "login/gwa_login.h"
+#include "login/gwa_login_discovery.h"
+#include "login/gwa_login_handshake.h"
+#include "main/gwa_args.h"
+#include "main/gwa_log.h"
+#include "main/gwa_process.h"
+#include "main/gwa_restart.h"
+#include "main/gwa_status.h"
+#include "runtime/gwa_timer.h"
+#include "runtime/gwa_util_time.h"
+
+namespace {
+
+constexpr uint32_t CHECK_INTERVAL_S = 30;
+constexpr int RETRY_PAUSE_S = 10;
+
+gwa_timer* check_timer = nullptr;
+
+}  // namespace
+
+// A restart leaves all descriptors closed. Whatever took the number of standard output or error
+// next, a socket to the server for one, would get what is printed there.
+static void standard_descriptors_open() {
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) {
+        close(fd);
+    }
+}
+
+static void check_timer_start() {
+    if (gwa_timer_init(gwa_status_check, nullptr, CHECK_INTERVAL_S, GWA_TIMER_PERIODIC, nullptr,
+                       &check_timer) != 0) {
+        GWA_LOG(ERROR, "init check timer failed");
+    }
+    gwa_now.store(static_cast<int32_t>(gwa_time_seconds()), std::memory_order_relaxed);
+    if (check_timer != nullptr && gwa_timer_start(check_timer) != 0) {
+        GWA_LOG(ERROR, "start check timer failed");
+    }
+}
+
+static void login_answer_take(const char* text) {
+    gwa_connection_cntl_remote_data_parse(&gwa_connections.cntl, text);
+}
+
+// Discovers the server, logs in and makes the control connection. False: not this time.
+static bool supervisor_connect() {
+    gwa_connections.cntl.socket = -1;
+    uint32_t address = 0;
+    uint16_t port = 0;
+    if (gwa_cntrl_ip_get(&address, &port) == -1 || address == 0 || port == 0) {
+        return false;
+    }
+    const gwa_login_sink sink{&gwa_connections.cntl.traffic, login_answer_take};
+    const int fd = gwa_login_control(address, port, sink);
+    if (fd == -1) {
+        GWA_LOG(FATAL, "login server failed");
+        return false;
+    }
+    if (gwa_connection_cntl_init(fd) != 0) {
+        GWA_LOG(FATAL, "init connection failed");
+        close(fd);
+        gwa_connections.cntl.socket = -1;
+        return false;
+    }
+    return true;
+}
+
+// One control connection from discovery to its end, or the pause after a failure. Hands back the
+// jump that was asked for meanwhile.
+static int supervisor_pass() {
+    int asked = GWA_JUMP_NONE;
+    if (supervisor_connect()) {
+        asked = gwa_connection_cntl_manage();
+    } else {
+        gwa_sleep(RETRY_PAUSE_S);
+    }
+    const int waiting = gwa_process_jump.exchange(GWA_JUMP_NONE, std::memory_order_relaxed);
+    return asked != GWA_JUMP_NONE ? asked : waiting;
+}
+
+// Passes until somebody jumps or the run flag is cleared.
+static int supervisor_loop() {
+    int asked = GWA_JUMP_NONE;
+    while (asked == GWA_JUMP_NONE && gwa_process_running()) {
+        asked = supervisor_pass();
+    }
+    return asked;
+}
+
+// The restart point of the process, as a loop: what the passes hand back takes the place of a jump.
+// Returns with the workers joined. gwa_connection_cntl_exit does nothing when no login succeeded.
+static void supervise() {
+    GWA_LOG(PROGRESS, "set jump here");
+    for (int asked = supervisor_loop(); asked != GWA_JUMP_NONE; asked = supervisor_loop()) {
+        GWA_LOG(PROGRESS, "long jump from %d here", asked);
+        switch (asked) {
+            case GWA_JUMP_REINIT:
+                GWA_LOG(FATAL, "reinit now");
+                gwa_connection_cntl_exit();  // nothing of the old pass stays behind
+                break;
+            case GWA_JUMP_EXIT:
+                GWA_LOG(FATAL, "exit process now");
+                gwa_process_run.store(0, std::memory_order_relaxed);  // ends the workers' waits
+                gwa_connection_all_destroy();
+                return;  // the process ends with the control connection as it is
+            default: GWA_LOG(DEBUG, "unknown jump code %d", asked); GWA_EXIT(-1);
+        }
+    }
+    gwa_connection_all_destroy();
+    gwa_connection_cntl_exit();
+}
+
+[[noreturn]] static void teardown() {
+    if (check_timer != nullptr) {
+        gwa_timer_destroy(check_timer);
+        free(check_timer);
+        check_timer = nullptr;
+    }
+    gwa_timer_default_exit();
+    gwa_login_exit();
+    gwa_log_close();
+    gwa_process_exit(0);
+}
+
+int gwa_main(int argc, char* argv[]) {
+    standard_descriptors_open();
+    setvbuf(stdout, nullptr, _IOLBF, 0);  // in order with what the signal handler writes
+    gwa_restart_init(argv);
+    args_parse(argc, argv);
+    srand(static_cast<unsigned>(gwa_time_seconds()));
+    if (gwa_timer_default_init() != 0) {
+        GWA_LOG(ERROR, "init default timer list failed");
+        gwa_log_close();
+        return -1;
+    }
+    gwa_connection_table_init();
+    gwa_connection_data_init(&gwa_connections.data);
+    check_timer_start();
+    supervise();
+    teardown();
+}
