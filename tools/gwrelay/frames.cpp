@@ -6,10 +6,10 @@
 namespace {
 
 constexpr uint8_t VERSION_MAX = 3;
-constexpr const char* NAMES[] = {
-    "None",        "Data",         "HeartBeat",        "Device Info", "Close Stream",
-    "Login Answer", "Close Connection", "Data Order",  "Session ID",  "Status",
-    "Report Times", "Privacy Data", "Port Info"};
+constexpr const char* NAMES[] = {"None",         "Data",         "HeartBeat",        "Device Info",
+                                 "Close Stream", "Login Answer", "Close Connection", "Data Order",
+                                 "Session ID",   "Status",       "Report Times",     "Privacy Data",
+                                 "Port Info"};
 
 uint16_t load_be16(const char* from) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(from);
@@ -77,7 +77,10 @@ frame_input::result frame_input::take(frame& to) {
     if (end - begin < FRAME_HEADER + length) {
         return result::INCOMPLETE;
     }
-    to = {version, static_cast<command>(code), load_be32(at + 4), load_be32(at + 8),
+    to = {version,
+          static_cast<command>(code),
+          load_be32(at + 4),
+          load_be32(at + 8),
           {at + FRAME_HEADER, length}};
     begin += FRAME_HEADER + length;
     return result::FRAME;

@@ -13,8 +13,19 @@ constexpr size_t FRAME_PAYLOAD_MAX = 8176;
 constexpr size_t FRAME_MAX = FRAME_HEADER + FRAME_PAYLOAD_MAX;
 
 enum class command : uint16_t {
-    NONE, DATA, HEARTBEAT, DEVICE_INFO, CLOSE_STREAM, LOGIN_ANSWER, CLOSE_CONNECTION,
-    DATA_ORDER, SESSION_ID, STATUS, REPORT_TIMES, PRIVACY, PORT_INFO
+    NONE,
+    DATA,
+    HEARTBEAT,
+    DEVICE_INFO,
+    CLOSE_STREAM,
+    LOGIN_ANSWER,
+    CLOSE_CONNECTION,
+    DATA_ORDER,
+    SESSION_ID,
+    STATUS,
+    REPORT_TIMES,
+    PRIVACY,
+    PORT_INFO
 };
 const char* command_name(command code);
 
@@ -23,7 +34,7 @@ struct frame {
     command code = command::NONE;
     uint32_t flag = 1;
     uint32_t stream_id = 0;
-    std::string_view payload;  // borrowed
+    std::string_view payload = {};  // borrowed
 };
 
 // Writes the 16 header bytes for a payload of this length, which follows or is already in place.
@@ -36,7 +47,7 @@ uint32_t load_be32(const char* from);
 // Cuts what arrives into frames without copying payloads: they lie in the buffer until the next
 // call of room().
 class frame_input {
-public:
+   public:
     enum class result { FRAME, INCOMPLETE, BAD };
 
     explicit frame_input(size_t size) : buffer(new char[size]), capacity(size) {}
@@ -46,7 +57,7 @@ public:
     result take(frame& to);
     const std::string& error() const { return reason; }  // why a frame was BAD
 
-private:
+   private:
     std::unique_ptr<char[]> buffer;
     size_t capacity, begin = 0, end = 0;
     std::string reason;

@@ -18,16 +18,16 @@ struct options {
     std::string listen = "127.0.0.1";
     std::string announce;  // what devices are told to connect to; the listening address by default
     uint16_t manager_port = 9999, control_port = 9998, data_port = 9997, front_port = 8080;
-    bool command7 = false;      // order the data connections by command 7, not in the login answer
+    bool command7 = false;  // order the data connections by command 7, not in the login answer
     bool dead_port_guard = true;
     std::optional<report_times> times;  // sent to every device after its login
     log_level level = log_level::EVENTS;
 
-    std::chrono::seconds login_timeout{60};    // for a login, and for a user's request head
-    std::chrono::seconds silence_timeout{300}; // a device's heartbeats come every minute
-    std::chrono::seconds stall_timeout{60};    // a user who takes none of what waits for him
-    std::chrono::seconds answer_timeout{120};  // a request that nothing on the device answers
-    std::chrono::seconds linger_timeout{5};    // silence after a user has closed his sending side
+    std::chrono::seconds login_timeout{60};     // for a login, and for a user's request head
+    std::chrono::seconds silence_timeout{300};  // a device's heartbeats come every minute
+    std::chrono::seconds stall_timeout{60};     // a user who takes none of what waits for him
+    std::chrono::seconds answer_timeout{120};   // a request that nothing on the device answers
+    std::chrono::seconds linger_timeout{5};     // silence after a user has closed his sending side
 };
 
 // Fills `to`. A value: end the program with that exit status; help or the error has been printed.

@@ -1,0 +1,90 @@
+// registry.h - the devices, their connections and streams, and what the whole relay shares.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "connection.h"
+#include "http.h"
+#include "options.h"
+#include "text.h"
+
+struct device;
+struct data_link;
+
+struct control_link : connection {
+    using connection::connection;
+    std::shared_ptr<device> owner;  // null until the login
+};
+
+struct user_link : connection {
+    std::shared_ptr<device> owner;     // set with the stream, stays for the log
+    std::shared_ptr<data_link> route;  // carries the stream; null before it opens and once it ended
+    uint32_t stream_id = 0;
+    uint16_t port = 0;
+    response_tracker response;
+    uint64_t request_left = 0;  // bytes of the request's body that have not come yet
+    uint64_t to_device = 0, from_device = 0;
+    bool user_ended = false;                        // he sends no more; he may still read
+    steady::time_point last_moved = steady::now();  // a byte, in either direction
+    event changed;                                  // something that may end the stream
+
+    explicit user_link(tcp::socket accepted)
+        : connection(std::move(accepted)), changed(socket.get_executor()) {}
+    void tick(steady::time_point now) override;
+    void close() override;
+};
+
+struct data_link : connection {
+    using connection::connection;
+    std::shared_ptr<device> owner;  // null until the login
+    uint32_t order = 0;             // the control login that it answers
+    bool held_back = false;         // not read at present: one of its users takes too little
+    std::unordered_map<uint32_t, std::shared_ptr<user_link>> streams;
+    uint64_t bytes_in = 0, bytes_out = 0;  // stream payload
+
+    void tick(steady::time_point now) override;
+    // With a reset: a device takes a plain end of a data connection for a pause.
+    void close() override;
+};
+
+struct device {
+    std::string id;    // up to 47 characters of any kind
+    std::string name;  // the id, safe to log
+    text_pairs info;
+    std::shared_ptr<control_link> control;  // null while the device is away
+    std::vector<std::shared_ptr<data_link>> data;
+    uint32_t orders = 0;  // control logins so far
+    uint32_t last_stream_id = 0;
+    std::optional<uint32_t> dlna_status;
+    std::map<std::string, uint16_t> ports;  // as announced; kept while the device is away
+    uint64_t bytes_in = 0, bytes_out = 0;   // stream payload of connections that have ended
+    steady::time_point left = steady::now();
+
+    bool away() const { return control == nullptr && data.empty(); }
+};
+
+struct relay {
+    const options& settings;
+    std::map<std::string, std::shared_ptr<device>, std::less<>> devices;
+    std::vector<std::weak_ptr<connection>> connections;  // every one that is open
+    std::string manager_body;                            // the address manager's answer
+    std::string order_json;                              // the order in a login answer
+    std::string order_text;                              // the order by command 7
+};
+
+constexpr size_t DEVICE_ID_MAX = 47;
+
+// The payload of a login: its pairs when they name a usable device id.
+std::optional<text_pairs> device_info_parse(std::string_view json);
+// The device of that id, made when it is new. Devices that are away stay known, up to a limit.
+std::shared_ptr<device> device_get(relay& hub, const std::string& id);
+// A stream id that none of the device's open streams has; never 0.
+uint32_t device_new_stream_id(device& owner);
+// The connection for a new stream, or null: not held back first, then the fewest streams.
+std::shared_ptr<data_link> device_pick_data(const device& owner);
+
+// Sends the reporting times; false when the device has no control connection.
+bool device_send_times(device& owner, report_times times);
