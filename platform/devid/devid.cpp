@@ -1,1 +1,63 @@
-// placeholder
+#include "devid.h"
+
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+// The first line of the machine id file, without its line end. False: no file, or nothing in it.
+static bool machine_id_read(char* buffer, int size) {
+    FILE* file = fopen("/etc/machine-id", "re");
+    if (file == nullptr) {
+        return false;
+    }
+    const bool read = fgets(buffer, size, file) != nullptr;
+    fclose(file);
+    if (!read) {
+        return false;
+    }
+    buffer[strcspn(buffer, " \t\r\n")] = '\0';
+    return buffer[0] != '\0';
+}
+
+static bool hardware_address_format(const ifreq& request, char* buffer, int size) {
+    constexpr size_t ADDRESS_LENGTH = 6;
+    uint8_t mac[ADDRESS_LENGTH];
+    memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
+    snprintf(buffer, static_cast<size_t>(size), "%02x%02x%02x%02x%02x%02x", mac[0], mac[1], mac[2],
+             mac[3], mac[4], mac[5]);
+    return std::any_of(mac, mac + ADDRESS_LENGTH, [](uint8_t byte) { return byte != 0; });
+}
+
+// Interfaces in the order of their indices, which is the order in which they came up.
+static bool hardware_address_read(char* buffer, int size) {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct if_nameindex* interfaces = if_nameindex();
+    bool found = false;
+    for (auto* entry = interfaces; entry != nullptr && entry->if_index != 0 && !found; ++entry) {
+        ifreq request{};
+        strncpy(request.ifr_name, entry->if_name, IFNAMSIZ - 1);
+        found = ioctl(fd, SIOCGIFHWADDR, &request) == 0 &&
+                request.ifr_hwaddr.sa_family == ARPHRD_ETHER &&
+                hardware_address_format(request, buffer, size);
+    }
+    if (interfaces != nullptr) {
+        if_freenameindex(interfaces);
+    }
+    if (fd != -1) {
+        close(fd);
+    }
+    return found;
+}
+
+int create_boxid(char* buffer, int size) {
+    if (buffer == nullptr || size < 2) {
+        return -1;
+    }
+    return machine_id_read(buffer, size) || hardware_address_read(buffer, size) ? 0 : -1;
+}

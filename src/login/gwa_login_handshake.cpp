@@ -1,1 +1,235 @@
-// placeholder
+#include "login/gwa_login_handshake.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "login/gwa_login.h"
+#include "main/gwa_process.h"
+#include "protocol/gwa_protocol.h"
+#include "runtime/gwa_scoped_fd.h"
+#include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_time.h"
+
+namespace {
+
+constexpr int BUFFER_SIZE = 131072;        // of the kernel, each way
+constexpr int RECV_LOW = GWA_HEADER_SIZE;  // wake for nothing less than a frame header
+constexpr size_t REPORT_SIZE = 1024;       // the whole report frame, terminator included
+constexpr size_t ANSWER_SIZE = REPORT_SIZE - GWA_HEADER_SIZE;  // payload and terminator
+constexpr int CONNECT_WAIT_S = 10;
+constexpr int ANSWER_WAIT_S = 60;
+
+// What the two kinds of login do differently.
+struct login_kind {
+    const char* function;  // named in the lines about the socket settings
+    uint8_t version;       // of the report frame
+    bool (*connect)(int fd, uint32_t address, uint16_t port);
+    const gwa_login_sink* sink;  // null: nothing is counted and the answer's payload is dropped
+};
+
+}  // namespace
+
+// Macros, because the texts have to be literals. A failure is logged and otherwise ignored: the
+// system's default works too, only slower.
+#define SETTING_SHOW(option, failed_text, default_text)                                    \
+    do {                                                                                   \
+        int value = 0;                                                                     \
+        socklen_t size = sizeof value;                                                     \
+        if (getsockopt(fd, SOL_SOCKET, option, &value, &size) == -1) {                     \
+            GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, failed_text "\n",         \
+                         strerror(errno));                                                 \
+        } else {                                                                           \
+            GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, default_text "\n", value); \
+        }                                                                                  \
+    } while (0)
+#define SETTING_SET(option, wanted, failed_text, done_text, ...)                   \
+    do {                                                                           \
+        const int value = wanted;                                                  \
+        if (setsockopt(fd, SOL_SOCKET, option, &value, sizeof value) == -1) {      \
+            GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, failed_text "\n", \
+                         strerror(errno));                                         \
+        } else {                                                                   \
+            GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller,                    \
+                         done_text "\n" __VA_OPT__(, ) __VA_ARGS__);               \
+        }                                                                          \
+    } while (0)
+
+static void socket_settings_apply(int fd, const char* caller) {
+    SETTING_SHOW(SO_SNDBUF, "getsockopt SO_SNDBUF failed, %s",
+                 "system default TCP send buffer size %d");
+    SETTING_SET(SO_SNDBUF, BUFFER_SIZE, "setsockopt SO_SNDBUF failed, %s",
+                "set TCP send buffer size to %d", BUFFER_SIZE);
+    SETTING_SHOW(SO_RCVBUF, "getsockopt SO_RCVBUF failed, %s",
+                 "system default TCP recv buffer size %d");
+    SETTING_SET(SO_RCVBUF, BUFFER_SIZE, "setsockopt SO_RCVBUF failed, %s",
+                "set TCP recv buffer size to %d", BUFFER_SIZE);
+    SETTING_SHOW(SO_SNDLOWAT, "getsockopt SO_SNDLOWAT failed, %s",
+                 "system default TCP send low threshold %d");
+    SETTING_SHOW(SO_RCVLOWAT, "getsockopt SO_RCVLOWAT failed, %s",
+                 "system default TCP recv low threshold %d");
+    SETTING_SET(SO_RCVLOWAT, RECV_LOW, "setsockopt SO_RCVLOWAT failed, %s",
+                "set TCP recv low threshold to %d", RECV_LOW);
+    SETTING_SET(SO_KEEPALIVE, 1, "setsockopt SO_KEEPALIVE failed, %s", "enable the TCP keepalive");
+}
+
+static bool server_connect(int fd, uint32_t address, uint16_t port) {
+    sockaddr_in server{};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(port);
+    server.sin_addr.s_addr = htonl(address);
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &server.sin_addr, text, sizeof text);
+    GWA_LOG(PROGRESS, "try to connect %s : %d ...", text, port);
+    if (gwa_connect_timeout(fd, reinterpret_cast<const sockaddr*>(&server), sizeof server,
+                            CONNECT_WAIT_S) != GWA_OK) {
+        GWA_LOG(PROGRESS, "connect server %s : %d failed", text, port);
+        return false;
+    }
+    GWA_LOG(PROGRESS, "connect %s : %d success", text, port);
+    return true;
+}
+
+// Waits without a limit but for the run flag: there is nothing to do before a server is known.
+// 0 when the process is to end.
+static uint32_t first_server_wait() {
+    while (gwa_process_running()) {
+        for (const uint32_t server : gwa_login.servers) {
+            if (server != 0) {
+                return server;
+            }
+        }
+        gwa_sleep(1);
+    }
+    return 0;
+}
+
+static bool control_connect(int fd, uint32_t address, uint16_t port) {
+    if (address != 0) {
+        return server_connect(fd, address, port);
+    }
+    address = first_server_wait();
+    return address != 0 &&
+           server_connect(fd, address, static_cast<uint16_t>(gwa_login.server_port));
+}
+
+// Intended: a worker that is no longer wanted goes on unconnected, and the send ends the login.
+static bool data_connect(int fd, uint32_t address, uint16_t port) {
+    return !gwa_connection_running() || server_connect(fd, address, port);
+}
+
+static void count_out(gwa_traffic* traffic, size_t bytes) {
+    gwa_counter_add(traffic->bytes_out, static_cast<uint32_t>(bytes));
+    gwa_counter_add(traffic->packets_out, 1);
+}
+
+static bool report_send(int fd, const login_kind& kind) {
+    uint8_t frame[REPORT_SIZE] = {};
+    char* json = reinterpret_cast<char*>(frame + GWA_HEADER_SIZE);
+    const size_t length = gwa_login_device_info(json, sizeof frame - GWA_HEADER_SIZE);
+    gwa_protocol_build(frame, kind.version, gwa_command::REPORT_DEVICE_INFO, GWA_FLAG_COMMAND, 0,
+                       static_cast<uint32_t>(length));
+    gwa_protocol_show(frame);
+    GWA_LOG(PROGRESS, "report device info to remote server, %s", json);
+    const int size = static_cast<int>(GWA_HEADER_SIZE + length);
+    if (gwa_sendn(fd, frame, size) != size) {
+        GWA_LOG(ERROR, "send device info to remote server failed, %s", strerror(errno));
+        return false;
+    }
+    if (kind.sink != nullptr) {
+        count_out(kind.sink->traffic, GWA_HEADER_SIZE + length);
+    }
+    return true;
+}
+
+static bool answer_header_receive(int fd, const login_kind& kind, gwa_header* header) {
+    GWA_LOG(PROGRESS, "waiting response of device info from remote server ...");
+    uint8_t raw[GWA_HEADER_SIZE + 1] = {};  // the dump prints a text behind some headers
+    if (gwa_recvn_timeout(fd, raw, GWA_HEADER_SIZE, ANSWER_WAIT_S) != GWA_OK) {
+        GWA_LOG(PROGRESS, "recv response of device info from remote server failed %s",
+                strerror(errno));
+        return false;
+    }
+    gwa_protocol_show(raw);
+    gwa_protocol_load(raw, header);
+    if (gwa_protocol_check(header) != GWA_OK ||
+        header->command != static_cast<uint16_t>(gwa_command::RESPONSE_DEVICE_INFO)) {
+        GWA_LOG(PROGRESS, "protocol check failed");
+        return false;
+    }
+    if (kind.sink != nullptr) {
+        gwa_counter_add(kind.sink->traffic->bytes_in, GWA_HEADER_SIZE);
+        gwa_counter_add(kind.sink->traffic->packets_in, 1);
+    }
+    return true;
+}
+
+static bool answer_payload_receive(int fd, const login_kind& kind, uint32_t length) {
+    if (length >= ANSWER_SIZE) {
+        GWA_LOG(FATAL, "response too long");
+        GWA_EXIT(1);  // a broken server: the box's supervisor starts the daemon again
+    }
+    char text[ANSWER_SIZE] = {};
+    if (gwa_recvn_timeout(fd, text, length, ANSWER_WAIT_S) != GWA_OK) {
+        GWA_LOG(RESULT, "recv response failed");
+        return false;
+    }
+    if (kind.sink != nullptr) {
+        gwa_counter_add(kind.sink->traffic->bytes_in, length);
+        kind.sink->answer(text);
+    }
+    return true;
+}
+
+// The handshake that every connection to the server starts with.
+static int handshake(uint32_t address, uint16_t port, const login_kind& kind) {
+    // Non-blocking from the start, so that the connect keeps its limit.
+    scoped_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (fd.fd == -1) {
+        GWA_LOG(ERROR, "create socket failed %s", strerror(errno));
+        return GWA_FAILED;
+    }
+    GWA_LOG(CREATE, "create login fd %d", fd.fd);
+    socket_settings_apply(fd.fd, kind.function);
+    gwa_header header;
+    if (!kind.connect(fd.fd, address, port) || !report_send(fd.fd, kind) ||
+        !answer_header_receive(fd.fd, kind, &header)) {
+        return GWA_FAILED;
+    }
+    // Only an answer of this version carries a payload, whatever the length says.
+    if (header.version == GWA_VERSION_DATA && header.length != 0 &&
+        !answer_payload_receive(fd.fd, kind, header.length)) {
+        return GWA_FAILED;
+    }
+    GWA_LOG(PROGRESS, "login remote server success");
+    return fd.release();
+}
+
+int gwa_login_control(uint32_t address, uint16_t port, const gwa_login_sink& sink) {
+    const int fd =
+        handshake(address, port, {__func__, GWA_VERSION_CONTROL, control_connect, &sink});
+    if (fd != -1) {
+        // A failure shows soon enough on the control connection itself.
+        gwa_sessionid_alloc(fd, sink.traffic);
+    }
+    return fd;
+}
+
+int gwa_login_data(uint32_t address, uint16_t port) {
+    return handshake(address, port, {__func__, GWA_VERSION_DATA, data_connect, nullptr});
+}
+
+int gwa_sessionid_alloc(int fd, gwa_traffic* traffic) {
+    GWA_LOG(INFO, "send alloc session id request");
+    uint8_t frame[GWA_HEADER_SIZE];
+    gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::ALLOC_SESSION_ID, GWA_FLAG_COMMAND, 0,
+                       0);
+    if (gwa_sendn(fd, frame, sizeof frame) != sizeof frame) {
+        GWA_LOG(ERROR, "send failed");
+        return GWA_FAILED;
+    }
+    count_out(traffic, sizeof frame);
+    return GWA_OK;
+}
