@@ -1,0 +1,78 @@
+# shellcheck shell=bash
+# lib.sh - what the scripts share: messages, the packages they need, the time that a step takes.
+# Sourced by scripts/demo and scripts/test, which run with `set -eu` in the repository's root.
+
+say() {
+    printf '%s\n' "$*"
+}
+
+die() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# Runs a command as root: directly, or through sudo, which may ask for the user's password.
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    else
+        sudo "$@"
+    fi
+}
+
+# need_packages WHAT_FOR PACKAGE...: installs the Debian packages that are missing, after saying
+# which and what for; does nothing when all are there.
+need_packages() {
+    local what_for=$1 package missing=()
+    shift
+    for package in "$@"; do
+        if ! dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null | grep -q '^.i'; then
+            missing+=("$package")
+        fi
+    done
+    if [ ${#missing[@]} -eq 0 ]; then
+        return 0
+    fi
+    say "Installing what $what_for needs and this machine lacks: ${missing[*]}"
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null || die "neither root nor sudo: please install them by hand"
+        say "(with apt-get, through sudo)"
+    fi
+    # Lists older than the archive name files that are gone, so they are fetched whether or not
+    # there are some. Offline the ones at hand may still do.
+    as_root apt-get -qq update </dev/null || say "apt-get update failed; trying with the old lists"
+    without_services as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -qq -y --no-install-recommends install "${missing[@]}" </dev/null ||
+        die "apt-get could not install: ${missing[*]}"
+    case " ${missing[*]} " in *" nginx-light "*) as_root update-rc.d nginx disable || true ;; esac
+}
+
+# Runs an installation during which Debian starts no service: nobody asked for a web server on
+# port 80, and where that port is taken its package would even fail to install.
+without_services() {
+    local policy=/usr/sbin/policy-rc.d status=0
+    if [ -e "$policy" ]; then
+        "$@"
+        return
+    fi
+    printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
+    as_root chmod 755 "$policy"
+    "$@" || status=$?
+    as_root rm -f "$policy"
+    return "$status"
+}
+
+# quietly LOG COMMAND...: keeps a long output out of sight unless the command fails.
+quietly() {
+    local log=$1
+    shift
+    mkdir -p "$(dirname "$log")"
+    if ! "$@" >"$log" 2>&1; then
+        tail -n 60 "$log"
+        die "failed: $* (all of it in $log)"
+    fi
+}
+
+jobs_count() {
+    nproc 2>/dev/null || echo 2
+}
