@@ -226,7 +226,9 @@ awaitable<void> serve_request(relay& hub, std::shared_ptr<user_link> user) {
     user->owner = to.owner;
     user->port = to.port;
     user->request_left = *left;
-    user->response.expect(*request);
+    if (request->method == "HEAD") {
+        user->response.expect_no_body();
+    }
     bytes.replace(0, head_length, to.head);
     co_await stream_run(hub, user, std::move(bytes));
 }

@@ -178,13 +178,6 @@ std::string http_redirect(std::string_view location) {
     return http_reply(307, "text/plain", "", "Location: " + std::string(location) + "\r\n");
 }
 
-void response_tracker::expect(const http_request& request) {
-    bodiless = request.method == "HEAD";
-    if (request.upgrades()) {
-        state = phase::UNTIL_CLOSE;
-    }
-}
-
 void response_tracker::feed(std::string_view bytes) {
     fed = true;
     while (state == phase::HEAD && !bytes.empty()) {

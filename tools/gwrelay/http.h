@@ -39,7 +39,7 @@ std::string http_redirect(std::string_view location);
 // nothing in the protocol carries the end of a stream from a device to the relay.
 class response_tracker {
    public:
-    void expect(const http_request& request);
+    void expect_no_body() { bodiless = true; }  // the answer to a HEAD
     void feed(std::string_view bytes);
     bool started() const { return fed; }
     bool complete() const { return state == phase::COMPLETE; }
@@ -53,7 +53,7 @@ class response_tracker {
 
     phase state = phase::HEAD;
     bool fed = false;
-    bool bodiless = false;  // the answer to HEAD
+    bool bodiless = false;
     uint64_t left = 0;
     std::string text;  // the head so far, then the last bytes of a chunked body
 };

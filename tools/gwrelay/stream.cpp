@@ -38,6 +38,14 @@ void open_on(const relay& hub, const std::shared_ptr<user_link>& user,
     }
 }
 
+// After a receive that failed. False: the user has ended; a reset, unlike an end, means both ways.
+bool user_goes_on(user_link& user, asio::error_code failed) {
+    if (failed != asio::error::would_block && failed != asio::error::eof) {
+        user.close();
+    }
+    return failed == asio::error::would_block;
+}
+
 // Puts what the user has sent straight into the connection's outbox: the header goes in front of
 // each portion once its length is known. False: he has ended.
 bool upload_once(user_link& user, data_link& route) {
@@ -49,7 +57,7 @@ bool upload_once(user_link& user, data_link& route) {
     asio::error_code failed;
     const size_t got = user.socket.read_some(payloads, failed);
     if (failed) {
-        return failed == asio::error::would_block;
+        return user_goes_on(user, failed);
     }
     frame header{.code = command::DATA, .flag = 0, .stream_id = user.stream_id, .payload = {}};
     size_t left = got;
@@ -76,7 +84,7 @@ bool discard_once(user_link& user) {
     std::array<char, DISCARD_SIZE> nowhere;
     asio::error_code failed;
     user.socket.read_some(asio::buffer(nowhere), failed);
-    return !failed || failed == asio::error::would_block;
+    return !failed || user_goes_on(user, failed);
 }
 
 // Why the stream is over, or null while it goes on.
