@@ -1,0 +1,305 @@
+#include "runtime/gwa_util_socket.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+
+#include <csignal>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "runtime/gwa_types.h"
+#include "support/fake_time.h"
+#include "support/run_flags.h"
+#include "support/socket_pair.h"
+
+namespace {
+
+constexpr int64_t SECOND_US = 1000000;
+constexpr int64_t ALMOST_A_SECOND_US = SECOND_US - 1000;  // leaves 1 ms of a second to really wait
+
+// The exact reads, which differ in how they wait and in what they answer.
+struct exact_read {
+    const char* name;
+    std::function<int(int fd, void* buffer, size_t length)> run;
+    int whole;      // result for 8 bytes
+    int cut_short;  // result when the process run flag clears after 3 of them
+};
+const exact_read EXACT_READS[] = {
+    {"recvn_timeout", [](int f, void* b, size_t n) { return gwa_recvn_timeout(f, b, n, 9); }, 0,
+     -1},
+    {"recvn", gwa_recvn, 8, -1},
+    {"recvn_timeout_fast",
+     [](int f, void* b, size_t n) { return gwa_recvn_timeout_fast(f, b, n, 9); }, 8, 3},
+};
+
+}  // namespace
+
+TEST(ExactRead, PutsTogetherWhatComesInPieces) {
+    for (const exact_read& read : EXACT_READS) {
+        SCOPED_TRACE(read.name);
+        fake_time time;
+        socket_pair sockets;
+        ASSERT_TRUE(sockets.peer_says("abc"));
+        size_t said = 0;
+        time.event = [&] {  // one byte whenever the code finds nothing and looks at the clock
+            said < 5 && sockets.peer_says(std::string_view("defgh").substr(said++, 1));
+        };
+        char buffer[9] = "";
+        EXPECT_EQ(read.run(sockets.ours, buffer, 8), read.whole);
+        EXPECT_STREQ(buffer, "abcdefgh");
+    }
+}
+
+TEST(ExactRead, EndsWhenThePeerClosesOrTheProcessStops) {
+    for (const exact_read& read : EXACT_READS) {
+        SCOPED_TRACE(read.name);
+        fake_time time;
+        socket_pair sockets;
+        run_flags flags{true};
+        char buffer[8];
+        int looks = 0;
+        time.event = [&] { gwa_process_run = ++looks < 5; };
+        ASSERT_TRUE(sockets.peer_says("abc"));
+        EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), read.cut_short);
+        ASSERT_TRUE(sockets.peer_says("abc"));
+        sockets.peer_close();
+        EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), GWA_FAILED);
+    }
+}
+
+TEST(ExactRead, OfNothingAnswersAtOnce) {
+    fake_time time;
+    socket_pair sockets;
+    char none;
+    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, &none, 0, 1), GWA_OK);
+    EXPECT_EQ(gwa_recvn(sockets.ours, &none, 0), GWA_FAILED);
+    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, &none, 0, 1), GWA_FAILED);
+    EXPECT_EQ(time.now_us, 0);
+}
+
+TEST(RecvnTimeout, TellsARunOutWaitFromALateStart) {
+    struct {
+        int seconds;
+        int64_t tick_us;
+        int result;
+        bool logged;
+    } const cases[] = {{1, ALMOST_A_SECOND_US, GWA_TIMED_OUT, true},
+                       {1, 2 * SECOND_US, GWA_FAILED, false},
+                       {0, 0, GWA_FAILED, false}};
+    for (const auto& c : cases) {
+        fake_time time;
+        socket_pair sockets;
+        time.tick_us = c.tick_us;
+        char buffer[8];
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, c.seconds), c.result);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(log.find("<3> recv timeout in 1 second\n") != log.npos, c.logged) << log;
+    }
+}
+
+TEST(RecvnTimeout, FindsARemainderBelowTheLowWaterMark) {
+    fake_time time;
+    socket_pair sockets{AF_INET};
+    const int mark = 16;
+    ASSERT_EQ(setsockopt(sockets.ours, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark), 0);
+    int looks = 0;
+    time.event = [&] { ++looks == 2 && sockets.peer_says("hello"); };  // after the first try
+    char buffer[6] = "";
+    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, 5, 5), GWA_OK);
+    EXPECT_STREQ(buffer, "hello");
+}
+
+TEST(RecvnTimeoutFast, ReturnsWhatCameBeforeTheDeadline) {
+    for (const std::string_view sent : {"", "abc"}) {
+        fake_time time;
+        socket_pair sockets;
+        ASSERT_TRUE(sockets.peer_says(sent));
+        char buffer[8];
+        EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, sizeof buffer, 10),
+                  static_cast<int>(sent.size()));
+        EXPECT_EQ(time.now_us, 10 * SECOND_US);
+    }
+}
+
+TEST(RecvnTimeoutFast, IsNotProlongedByAClockSetBack) {
+    fake_time time;
+    socket_pair sockets;
+    int sleeps = 0;
+    time.event = [&] { time.now_us -= ++sleeps == 9 ? 3600 * SECOND_US : 0; };
+    char buffer[8];
+    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, sizeof buffer, 10), 0);
+    EXPECT_EQ(time.now_us, -3590 * SECOND_US);
+}
+
+TEST(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
+    fake_time time;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    socket_pair sockets;
+    constexpr int HIGH_FD = 1500;  // a descriptor set of select ends at 1024
+    ASSERT_EQ(dup2(sockets.ours, HIGH_FD), HIGH_FD);
+    char buffer[8];
+    const auto receive = [&](int seconds) {
+        return gwa_recv_timeout(HIGH_FD, buffer, sizeof buffer, seconds);
+    };
+    ASSERT_TRUE(sockets.peer_says("abc"));
+    EXPECT_EQ(receive(0), GWA_FAILED);
+    EXPECT_EQ(receive(1), 3);
+    time.tick_us = ALMOST_A_SECOND_US;
+    EXPECT_EQ(receive(1), GWA_TIMED_OUT);
+    sockets.peer_close();
+    EXPECT_EQ(receive(1), 0);
+    close(HIGH_FD);
+    EXPECT_EQ(receive(1), GWA_FAILED);
+    EXPECT_EQ(gwa_recv_timeout(-1, buffer, sizeof buffer, 1), GWA_FAILED);
+}
+
+TEST(RecvTimeout, OutlastsASignal) {
+    static int peer;
+    socket_pair sockets;
+    peer = sockets.peer;
+    struct sigaction action {};  // restarts no call
+    action.sa_handler = [](int) { EXPECT_EQ(write(peer, "x", 1), 1); };
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval soon{{0, 0}, {0, 5000}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    char buffer[8];
+    EXPECT_EQ(gwa_recv_timeout(sockets.ours, buffer, sizeof buffer, 10), 1);
+}
+
+TEST(RecvDiscard, DropsExactlyTheCount) {
+    fake_time time;
+    socket_pair sockets;
+    ASSERT_TRUE(sockets.peer_says(std::string(8192, 'x') + "rest"));
+    const std::pair<int, int> counts[] = {{0, 0}, {-5, 0}, {8193, -1}, {8192, 0}, {5, -1}};
+    for (const auto& [count, result] : counts) {
+        EXPECT_EQ(gwa_recv_discard(sockets.ours, count), result) << count;
+    }
+    EXPECT_EQ(time.now_us, 120 * SECOND_US) << "spent on the one byte that was not there";
+}
+
+TEST(Connect, ReachesAListenerAndReportsItsAbsence) {
+    const std::pair<int, int> cases[] = {{1, GWA_OK}, {-1, GWA_FAILED}};
+    for (const auto& [backlog, result] : cases) {
+        const loopback_port port{backlog};
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(gwa_connect_timeout(fd, port.get(), sizeof port.address, 0), GWA_FAILED);
+        EXPECT_EQ(gwa_connect_timeout(fd, port.get(), sizeof port.address, 10), result);
+        close(fd);
+    }
+}
+
+TEST(Connect, TimesOutAndStopsWithTheProcess) {
+    const loopback_port full{0};
+    std::vector<int> fds;
+    for (int i = 0; i < 4; ++i) {  // the kernel drops what the queue of the listener cannot hold
+        fds.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        if (i < 2) {
+            connect(fds.back(), full.get(), sizeof full.address);
+        }
+    }
+    fake_time time;
+    time.tick_us = ALMOST_A_SECOND_US;
+    EXPECT_EQ(gwa_connect_timeout(fds[2], full.get(), sizeof full.address, 1), GWA_TIMED_OUT);
+    time.tick_us = 0;
+    run_flags stopped{false};
+    EXPECT_EQ(gwa_connect_timeout(fds[3], full.get(), sizeof full.address, 100), GWA_FAILED);
+    for (const int fd : fds) {
+        close(fd);
+    }
+}
+
+TEST(Sendn, SendsEverythingToASlowReader) {
+    socket_pair sockets;
+    std::string text, read_back;
+    for (int i = 0; i < 100000; ++i) {
+        text += std::to_string(i);
+    }
+    std::thread reader([&] {
+        char piece[977];
+        for (ssize_t n; (n = read(sockets.peer, piece, sizeof piece)) > 0;) {
+            read_back.append(piece, static_cast<size_t>(n));
+        }
+    });
+    const int length = static_cast<int>(text.size());
+    EXPECT_EQ(gwa_sendn(sockets.ours, text.data(), length), length);
+    shutdown(sockets.ours, SHUT_WR);
+    reader.join();
+    EXPECT_TRUE(read_back == text);
+}
+
+TEST(Sendn, ComesUpShortWhenItCannotGoOn) {
+    socket_pair sockets;
+    const std::string text(4 << 20, 'x');
+    EXPECT_EQ(gwa_sendn(sockets.ours, text.data(), 0), 0);
+    EXPECT_EQ(gwa_sendn(-1, text.data(), 1), 0);
+    {
+        run_flags stopped{false};
+        const int sent = gwa_sendn(sockets.ours, text.data(), static_cast<int>(text.size()));
+        EXPECT_GT(sent, 0) << "what fits still leaves";
+        EXPECT_LT(sent, static_cast<int>(text.size()));
+    }
+    sockets.peer_close();
+    EXPECT_EQ(gwa_sendn(sockets.ours, text.data(), 1), 0) << "and no SIGPIPE";
+}
+
+TEST(Sendto, SendsOneDatagram) {
+    const int to = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const loopback_port port{-1};  // its number is free for UDP, too
+    ASSERT_EQ(bind(to, port.get(), sizeof port.address), 0);
+    char buffer[70000] = "abc";  // more than a datagram holds
+    const uint16_t number = ntohs(port.address.sin_port);
+    EXPECT_EQ(gwa_sendto(to, buffer, 3, INADDR_LOOPBACK, number), GWA_OK);
+    EXPECT_EQ(recv(to, buffer, sizeof buffer, MSG_DONTWAIT), 3);
+    EXPECT_EQ(gwa_sendto(to, buffer, sizeof buffer, INADDR_LOOPBACK, number), GWA_FAILED);
+    close(to);
+}
+
+TEST(SendBufferLevel, FollowsTheQuarterMarks) {
+    const std::pair<int, int> marks[] = {{0, 0},  {1, 1},  {31, 1}, {32, 2},  {64, 2},
+                                         {65, 3}, {95, 3}, {96, 4}, {127, 4}, {128, 5}};
+    for (const auto& [queued, level] : marks) {
+        EXPECT_EQ(gwa_socket_send_buffer_level(queued, 128), level) << queued << " of 128 bytes";
+    }
+}
+
+TEST(SendBufferWait, EndsWhenDrainedOrAtTheLimit) {
+    fake_time time;
+    run_flags running{true};
+    socket_pair sockets;
+    int level = 9;
+    const auto wait = [&](int fd) { return gwa_socket_send_buffer_wait(fd, 1000, 0, &level, 1); };
+    EXPECT_EQ(wait(sockets.ours), GWA_OK);
+    EXPECT_EQ(level, 0);
+    std::string text(4000, 'x');
+    ASSERT_EQ(gwa_sendn(sockets.ours, text.data(), 4000), 4000);
+    EXPECT_EQ(wait(sockets.ours), GWA_TIMED_OUT);
+    EXPECT_EQ(level, 5);
+    EXPECT_EQ(time.now_us, SECOND_US) << "in pauses of 5 ms";
+    time.event = [&] {
+        if (time.now_us >= SECOND_US + 10000) {
+            recv(sockets.peer, text.data(), text.size(), MSG_DONTWAIT);
+        }
+    };
+    EXPECT_EQ(wait(sockets.ours), GWA_OK);
+    EXPECT_EQ(level, 0);
+    EXPECT_EQ(time.now_us, SECOND_US + 15000);
+    EXPECT_EQ(wait(-1), GWA_FAILED);
+    EXPECT_EQ(level, -1);
+}
+
+TEST(SendBufferWait, NeedsBothRunFlags) {
+    socket_pair sockets;
+    for (const auto& [process, connection] : {std::pair{false, true}, std::pair{true, false}}) {
+        run_flags flags{process, connection};
+        int level = 9;
+        EXPECT_EQ(gwa_socket_send_buffer_wait(sockets.ours, 1000, 0, &level, 1), GWA_FAILED);
+        EXPECT_EQ(level, -1);
+    }
+}
