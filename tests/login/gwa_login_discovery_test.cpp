@@ -1,0 +1,142 @@
+#include "login/gwa_login_discovery.h"
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "login_settings.h"
+#include "runtime/gwa_types.h"
+#include "support/sockets.h"
+
+namespace {
+
+constexpr char HEAD[] = "HTTP/1.1 200 OK\r\n\r\n";
+
+struct parsed {
+    int result;
+    uint32_t address = 0;
+    uint16_t port = 0;
+    std::string log;
+};
+
+// The reply lies in a block of exactly its size, so that a sanitizer sees a step past its end.
+parsed parse(const std::string& reply) {
+    std::vector<char> buffer(reply.c_str(), reply.c_str() + reply.size() + 1);
+    parsed out;
+    testing::internal::CaptureStderr();
+    out.result = gwa_cntrl_ip_parse(buffer.data(), reply.size(), &out.address, &out.port);
+    out.log = testing::internal::GetCapturedStderr();
+    return out;
+}
+
+}  // namespace
+
+TEST(DiscoveryParse, TakesAddressAndPort) {
+    struct {
+        const char* body;
+        uint32_t address;
+        uint16_t port;
+    } const good[] = {
+        {R"({"ret":0,"proxy":"10.0.0.5:8000"})", 0x0a000005, 8000},
+        {R"({"ret":0,"any key":"192.0.2.255:1","more":"1.2.3.4:5"})", 0xc00002ff, 1},
+        {R"({"ret":0,"p":"localhost:65534"})", LOOPBACK, 65534},
+        {R"({"ret":0:"10.0.0.5:8000")", 0x0a000005, 8000},
+    };
+    for (const auto& [body, address, port] : good) {
+        const parsed got = parse(std::string(HEAD) + body);
+        EXPECT_EQ(got.result, 0) << body;
+        EXPECT_EQ(got.address, address) << body;
+        EXPECT_EQ(got.port, port) << body;
+    }
+}
+
+TEST(DiscoveryParse, RefusesWithTheWholeReplyInTheLog) {
+    const std::pair<std::string, const char*> bad[] = {
+        {R"({"ret":0,"p)", "response format error"},
+        {R"({"ret":0,"p":)", "response format error"},
+        {R"({"ret":0,"p":")", "response format error"},
+        {R"({"ret":0,"p":"10.0.0.5"})", "response format error"},
+        {R"({"ret":0,"p":"..:80"})", "response address/domain error"},
+        {R"({"ret":0,"p":"10.0.0.5:)", "response port format error"},
+        {R"({"ret":0,"p":"10.0.0.5:"})", "response port format error"},
+        {R"({"ret":0,"p":"10.0.0.5:80)", "response port format error"},
+        {R"({"ret":0,"p":"10.0.0.5:0"})", "response port format error"},
+        {R"({"ret":0,"p":"10.0.0.5:-1"})", "response port format error"},
+        {R"({"ret":0,"p":"10.0.0.5:65535"})", "response port format error"},
+        {R"({"ret":0,"p":"10.0.0.5:4294967376"})", "response port format error"},
+    };
+    for (const auto& [body, reason] : bad) {
+        const std::string reply = HEAD + body;
+        const parsed got = parse(reply);
+        EXPECT_EQ(got.result, -1) << body;
+        EXPECT_EQ(got.address, 0u) << body;
+        EXPECT_EQ(got.port, 0) << body;
+        const std::string line = "<3> " + std::string(reason) + ", [" + reply + "]\n";
+        EXPECT_NE(got.log.find(line), std::string::npos) << got.log;
+    }
+    const std::string headless = R"(HTTP/1.1 200 OK {"ret":0,"p":"10.0.0.5:80"})";
+    EXPECT_NE(parse(headless).log.find("response format error, [" + headless + "]\n"),
+              std::string::npos);
+}
+
+TEST(DiscoveryParse, DropsShortAndRefusingRepliesSilently) {
+    const std::string silent[] = {"", "12345678901\r\n\r\n12", HEAD,
+                                  HEAD + std::string(R"({"ret":1,"p":"10.0.0.5:80"})")};
+    for (const std::string& reply : silent) {
+        const parsed got = parse(reply);
+        EXPECT_EQ(got.result, -1) << reply;
+        EXPECT_EQ(got.log, "") << reply;
+    }
+}
+
+// All three servers are the one listener here: they share the configured port.
+TEST(Discovery, AsksTheNextServerUntilOneAnswersInOnePiece) {
+    login_settings settings;
+    loopback_listener listener;
+    text_copy(gwa_login.backup_domain, "localhost");
+    gwa_login.backup_address = LOOPBACK;
+    gwa_login.server_port = listener.port;
+    const std::string body = R"({"ret":0,"p":"10.0.0.5:8000"})";
+    std::string requests[3];
+    std::thread server([&] {
+        for (std::string& request : requests) {
+            const unique_fd client = listener.accept();
+            request = read_until(client.get(), "\r\n\r\n");
+            if (&request == &requests[0]) {
+                write_all(client.get(), HEAD);  // the body would follow: the client has gone
+                EXPECT_TRUE(closed_by_peer(client.get()));
+            } else if (&request == &requests[2]) {
+                write_all(client.get(), HEAD + body);
+            }  // the second server closes without a word
+        }
+    });
+    uint32_t address = 1;
+    uint16_t port = 1;
+    EXPECT_EQ(gwa_cntrl_ip_get(&address, &port), 0);
+    server.join();
+    EXPECT_EQ(address, 0x0a000005u);
+    EXPECT_EQ(port, 8000);
+    for (const std::string& request : requests) {
+        EXPECT_EQ(request,
+                  "GET /addrmgr/device_get_proxy?devid=box-1 HTTP/1.1\r\n"
+                  "Host: 127.0.0.1:" +
+                      std::to_string(listener.port) + "\r\nConnection: Close\r\n\r\n");
+    }
+}
+
+TEST(Discovery, LeavesZeroWhenNobodyAnswers) {
+    login_settings settings;
+    const uint16_t unused = loopback_listener().port;  // nobody listens there any more
+    text_copy(gwa_login.server_name, "");
+    text_copy(gwa_login.backup_domain, "localhost");
+    gwa_login.backup_address = 0;
+    gwa_login.servers[0] = LOOPBACK;
+    gwa_login.server_port = unused;
+    uint32_t address = 1;
+    uint16_t port = 1;
+    EXPECT_EQ(gwa_cntrl_ip_get(&address, &port), 0);
+    EXPECT_EQ(address, 0u);
+    EXPECT_EQ(port, 0);
+    const uint32_t filled[] = {0, LOOPBACK, 0, 0};
+    EXPECT_TRUE(std::equal(std::begin(filled), std::end(filled), gwa_login.servers));
+}

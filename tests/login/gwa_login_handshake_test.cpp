@@ -1,0 +1,199 @@
+#include "login/gwa_login_handshake.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <string>
+#include <thread>
+
+#include "login_settings.h"
+#include "support/run_flags.h"
+#include "support/sockets.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+std::string text_seen;  // what the sink was given
+int answers_seen;
+
+gwa_login_sink sink_for(gwa_traffic& traffic) {
+    text_seen.clear();
+    answers_seen = 0;
+    return {&traffic, [](const char* text) {
+                text_seen = text;
+                ++answers_seen;
+            }};
+}
+
+// A frame header by hand, so that the daemon's own builder is checked rather than trusted.
+std::string header(int version, int head_size, int command, size_t length) {
+    return {static_cast<char>(version),
+            static_cast<char>(head_size),
+            0,
+            static_cast<char>(command),
+            0,
+            0,
+            0,
+            1,
+            0,
+            0,
+            0,
+            0,
+            0,
+            0,
+            static_cast<char>(length >> 8),
+            static_cast<char>(length)};
+}
+
+std::string report(int version) {
+    const std::string json = BOX_REPORT;
+    return header(version, 16, 3, json.size()) + json;
+}
+
+const std::string SESSION_REQUEST = header(1, 16, 8, 0);
+
+// The server's side of one login: takes the report, answers, keeps what else the box sends.
+struct scripted_server {
+    loopback_listener listener;
+    std::string answer, report, rest;
+    std::thread thread;
+
+    explicit scripted_server(std::string bytes, bool leaves = false) : answer(std::move(bytes)) {
+        thread = std::thread([this, leaves] {
+            const unique_fd client = listener.accept();
+            report = read_exact(client.get(), ::report(3).size());
+            write_all(client.get(), answer);
+            if (!leaves) {
+                rest = read_to_end(client.get());
+            }
+        });
+    }
+    ~scripted_server() { finish(); }
+    void finish() {
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
+};
+
+bool option_is(int fd, int option, int expected) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    return getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 && value == expected;
+}
+
+}  // namespace
+
+TEST(LoginControl, ExchangesExactlyTheFramesOfTheHandshake) {
+    const std::string longest(1007, 'x');
+    struct {
+        std::string what, answer;
+        bool accepted;
+        std::string payload;  // that reaches the sink
+        uint64_t bytes_in;
+    } const cases[] = {
+        {"no payload", header(2, 16, 5, 0), true, "", 16},
+        {"one byte, below the low-water mark", header(2, 16, 5, 1) + "{", true, "{", 17},
+        {"the longest payload", header(2, 16, 5, 1007) + longest, true, longest, 1023},
+        {"version 1 has no payload", header(1, 16, 5, 9), true, "", 16},
+        {"version 3 has no payload", header(3, 16, 5, 9), true, "", 16},
+        {"another command", header(2, 16, 2, 0), false, "", 0},
+        {"bad head size", header(2, 15, 5, 0), false, "", 0},
+        {"bad version", header(4, 16, 5, 0), false, "", 0},
+    };
+    login_settings settings;
+    const std::string out = report(3);
+    for (const auto& [what, answer, accepted, payload, bytes_in] : cases) {
+        SCOPED_TRACE(what);
+        scripted_server server(answer);
+        gwa_traffic traffic;
+        unique_fd fd(gwa_login_control(LOOPBACK, server.listener.port, sink_for(traffic)));
+        EXPECT_EQ(static_cast<bool>(fd), accepted);
+        fd.reset();
+        server.finish();
+        EXPECT_EQ(server.report, out);
+        EXPECT_EQ(server.rest, accepted ? SESSION_REQUEST : "");
+        EXPECT_EQ(text_seen, payload);
+        EXPECT_EQ(answers_seen, payload.empty() ? 0 : 1);
+        EXPECT_EQ(gwa_counter_get(traffic.bytes_in), bytes_in);
+        EXPECT_EQ(gwa_counter_get(traffic.packets_in), bytes_in == 0 ? 0u : 1u);
+        EXPECT_EQ(gwa_counter_get(traffic.bytes_out), out.size() + (accepted ? 16 : 0));
+        EXPECT_EQ(gwa_counter_get(traffic.packets_out), accepted ? 2u : 1u);
+    }
+}
+
+TEST(LoginControl, HandsOverAPreparedSocket) {
+    login_settings settings;
+    scripted_server server(header(2, 16, 5, 0));
+    gwa_traffic traffic;
+    const unique_fd fd(gwa_login_control(LOOPBACK, server.listener.port, sink_for(traffic)));
+    ASSERT_TRUE(fd);
+    EXPECT_TRUE(fcntl(fd.get(), F_GETFL) & O_NONBLOCK);
+    EXPECT_TRUE(fcntl(fd.get(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(option_is(fd.get(), SO_RCVLOWAT, 16));
+    EXPECT_TRUE(option_is(fd.get(), SO_KEEPALIVE, 1));
+}
+
+TEST(LoginControl, TakesTheFirstKnownServerWhenItHasNoAddress) {
+    login_settings settings;
+    scripted_server server(header(2, 16, 5, 0));
+    gwa_login.servers[2] = LOOPBACK;
+    gwa_login.server_port = server.listener.port;
+    gwa_traffic traffic;
+    EXPECT_TRUE(unique_fd(gwa_login_control(0, 1, sink_for(traffic))));
+}
+
+TEST(LoginControl, GivesUpTheWaitForAServerWhenTheProcessEnds) {
+    login_settings settings;
+    const run_flags ending(false);
+    gwa_traffic traffic;
+    EXPECT_EQ(gwa_login_control(0, 1, sink_for(traffic)), -1);
+}
+
+TEST(LoginControl, FailsWhenTheServerIsGone) {
+    login_settings settings;
+    gwa_traffic traffic;
+    const gwa_login_sink sink = sink_for(traffic);
+    const uint16_t unused = loopback_listener().port;  // nobody listens there any more
+    EXPECT_EQ(gwa_login_control(LOOPBACK, unused, sink), -1);
+    for (const std::string& answer :
+         {""s, header(2, 16, 5, 3).substr(0, 9), header(2, 16, 5, 3) + "ab"}) {
+        scripted_server server(answer, true);
+        EXPECT_EQ(gwa_login_control(LOOPBACK, server.listener.port, sink), -1) << answer.size();
+        EXPECT_EQ(answers_seen, 0);
+    }
+}
+
+TEST(LoginControlDeathTest, AnOverLongAnswerEndsTheProcess) {
+    login_settings settings;
+    EXPECT_EXIT(
+        {
+            scripted_server server(header(2, 16, 5, 1008));
+            gwa_traffic traffic;
+            gwa_login_control(LOOPBACK, server.listener.port, sink_for(traffic));
+        },
+        testing::ExitedWithCode(1), "<0> response too long\n.*<0> exit from func ");
+}
+
+TEST(LoginData, ReportsItsVersionAndAsksForNothingElse) {
+    login_settings settings;
+    scripted_server server(header(2, 16, 5, 3) + "abc");
+    const run_flags wanted(true, true);
+    unique_fd fd(gwa_login_data(LOOPBACK, server.listener.port));
+    EXPECT_TRUE(fd);
+    char unread;
+    EXPECT_EQ(recv(fd.get(), &unread, 1, MSG_DONTWAIT), -1) << "the payload was dropped";
+    fd.reset();
+    server.finish();
+    EXPECT_EQ(server.report, report(2));
+    EXPECT_EQ(server.rest, "");
+}
+
+TEST(LoginData, FailsAtTheSendWhenConnectionsAreNotWanted) {
+    login_settings settings;
+    loopback_listener listener;
+    const run_flags unwanted(true, false);
+    EXPECT_EQ(gwa_login_data(LOOPBACK, listener.port), -1);
+    EXPECT_FALSE(listener.accept(test_duration(0))) << "it must not have connected";
+}
