@@ -47,8 +47,12 @@ struct gwa_output_node : list_link {
 struct gwa_output_queue {
     list<gwa_output_node> nodes;
     uint32_t highest = 0;  // no queued priority is above it: most inserts need no walk
-    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_t lock{};
+    bool ready = false;  // the lock has been made
 };
+
+// Makes the lock at the first call. 0, or -1 when it cannot be made. Before any other operation.
+int gwa_connection_queue_init(gwa_output_queue* queue);
 
 // Unlinks and returns the first node, or null. Its own links are left as they were.
 gwa_output_node* gwa_connection_dequeue(gwa_output_queue* queue);
@@ -62,7 +66,7 @@ int gwa_connection_queue_is_empty(gwa_output_queue* queue);
 // Makes the node the only one of an empty queue and returns 1; otherwise changes nothing, 0.
 int gwa_connection_enqueue_if_empty(gwa_output_queue* queue, gwa_output_node* node);
 
-// The queue's lock, for walks that free nodes. A lock that fails ends the process.
+// The queue's lock, for walks that free nodes. A lock that cannot be had ends the process.
 void gwa_connection_queue_lock(gwa_output_queue* queue);
 void gwa_connection_queue_unlock(gwa_output_queue* queue);
 
@@ -125,7 +129,7 @@ struct gwa_data_order {
     std::atomic<uint32_t> serial{0};  // counts orders; read without the lock
 };
 
-enum class gwa_input_step : uint8_t { HEADER, PAYLOAD, DISCARD };
+enum class gwa_input_step : uint8_t { HEADER, HEARTBEAT, PAYLOAD, DISCARD };
 
 // What the input pass has received of the current frame. It survives from pass to pass, so that a
 // frame split anywhere holds up nobody.
@@ -162,6 +166,7 @@ struct gwa_connection_data {
     std::atomic<int32_t> stream_count{0};
     bool streams_have_more = false;  // a stream stopped reading while its socket held more
     gwa_in_state in_state = gwa_in_state::DRAINED;
+    bool input_has_more = false;  // the input pass used up its budget: do not wait
     gwa_out_state out_state = gwa_out_state::IDLE;
     gwa_input input;
     int32_t last_out_time = 0;           // coarse clock
@@ -199,6 +204,11 @@ void gwa_connection_order(gwa_connection_data* conn, const char (&domain)[GWA_HO
 bool gwa_connection_order_waits(const gwa_connection_data* conn);
 // Copies the order into the record's own fields. Worker.
 void gwa_connection_order_take(gwa_connection_data* conn);
+
+// Makes the input pass drop the next `count` bytes, within 120 s. Worker.
+void gwa_connection_input_discard(gwa_connection_data* conn, uint32_t count, bool failure_closes);
+// Makes the input pass expect a header next. Worker.
+void gwa_connection_input_next(gwa_connection_data* conn);
 
 // ---- The memory figure of a data connection (worker only)
 // ------------------------------------------

@@ -1,1 +1,306 @@
-// placeholder
+#include "connection/gwa_connection_cntl.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "connection/gwa_connection_cntl_command.h"
+#include "connection/gwa_connection_cntl_fault.h"
+#include "connection/gwa_connection_data.h"
+#include "main/gwa_process.h"
+#include "runtime/gwa_timer.h"
+#include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_time.h"
+
+namespace {
+
+constexpr int WAIT_MS = 2000;
+constexpr int PAUSE_US = 100000;
+constexpr int64_t OUT_IDLE_S = 60;
+constexpr int64_t IN_IDLE_S = 240;
+constexpr int32_t IN_IDLE_BACKDATE_S = 180;  // the next such heartbeat follows in a minute
+constexpr int HEADER_TIMEOUTS = 4;           // more than three; a wrong answer counts only to three
+constexpr int FRAMES_PER_EVENT = 64;
+constexpr int SEND_LEVEL_MARKS[] = {16, 32, 64, 128, 256};  // bytes; level 5 lies above
+
+enum class header_read { WHOLE, NONE, FAILED };
+
+void log_receive_error(int fd) {
+    if (errno == ECONNREFUSED) {
+        GWA_LOG(ERROR, "recv failed, connection refused fd %d %s", fd, strerror(errno));
+    } else {
+        GWA_LOG(ERROR, "recv failed fd %d %s", fd, strerror(errno));
+    }
+}
+
+// Reads the next header, if one has begun to arrive. A short count is completed: the rest of the
+// header would otherwise be taken for the beginning of the next one.
+header_read read_header(int fd, uint8_t (&bytes)[GWA_HEADER_SIZE + 1]) {
+    const ssize_t got = recv(fd, bytes, GWA_HEADER_SIZE, 0);
+    if (got == -1) {
+        if (errno == EAGAIN) {
+            return header_read::NONE;
+        }
+        log_receive_error(fd);
+        return header_read::FAILED;
+    }
+    if (got == 0) {
+        GWA_LOG(FATAL, "!!! remote server close the connection fd %d !!!", fd);
+        return header_read::FAILED;
+    }
+    const size_t rest = GWA_HEADER_SIZE - static_cast<size_t>(got);
+    if (rest > 0 && gwa_recvn(fd, bytes + got, rest) != static_cast<int>(rest)) {
+        return header_read::FAILED;
+    }
+    return header_read::WHOLE;
+}
+
+// Refreshes the send level from what the kernel still holds. tty_ioctl(4), TIOCOUTQ.
+bool refresh_send_level(gwa_connection_cntl* cntl) {
+    int unsent = 0;
+    if (ioctl(cntl->socket, TIOCOUTQ, &unsent) == -1) {
+        GWA_LOG(ERROR, "ioctl error on socket %d, %s, reinit", cntl->socket, strerror(errno));
+        gwa_connection_cntl_reinit();
+        return false;
+    }
+    int level = 0;
+    for (const int mark : SEND_LEVEL_MARKS) {
+        level += unsent > mark ? 1 : 0;
+    }
+    cntl->send_level.store(level, std::memory_order_relaxed);
+    return true;
+}
+
+// Waits for the answer to a heartbeat that has just left. Without a limit of its own; it ends when
+// the run flag is cleared.
+void gwa_connection_cntl_heartbeat_response_wait(gwa_connection_cntl* cntl) {
+    GWA_LOG(DEBUG, "wait heartbeat response");
+    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
+    const int got = gwa_recvn(cntl->socket, bytes, GWA_HEADER_SIZE);
+    if (got == GWA_FAILED) {
+        gwa_connection_cntl_reinit();
+    } else if (got == GWA_TIMED_OUT) {  // for a reader that can report it
+        gwa_connection_cntl_heartbeat_missed(cntl, HEADER_TIMEOUTS);
+    } else {
+        gwa_connection_cntl_proto_handle(cntl, bytes);
+    }
+}
+
+void node_done(gwa_connection_cntl* cntl, gwa_output_node* node) {
+    if (node == &cntl->heartbeat_node) {
+        cntl->heartbeat_queued = false;
+    }
+    gwa_connection_node_free(node);
+}
+
+// Sends one node. False: the pass ends.
+bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
+    GWA_LOG(DEBUG, "send data to remote server");
+    const ssize_t sent = send(cntl->socket, node->cursor, node->remaining, MSG_NOSIGNAL);
+    if (sent <= 0) {
+        const bool failed = sent == -1 && errno != EAGAIN;
+        if (failed) {
+            GWA_LOG(DEBUG, "send to remote socket error fd %d %s", cntl->socket, strerror(errno));
+        } else if (sent == 0) {
+            GWA_LOG(DEBUG, "send to remote socket return 0");
+        }
+        gwa_connection_head_enqueue(&cntl->output, node);
+        if (failed) {
+            gwa_connection_cntl_reinit();
+        }
+        return false;
+    }
+    const uint32_t expected = node->remaining;
+    gwa_counter_add(cntl->traffic.bytes_out, static_cast<uint32_t>(sent));
+    cntl->last_out_time = gwa_now_get();
+    node->cursor += sent;
+    node->remaining -= static_cast<uint32_t>(sent);
+    if (node->remaining > 0) {
+        GWA_LOG(DEBUG, "the data were not sended completely expect %d, but %d, remain %d",
+                static_cast<int>(expected), static_cast<int>(sent),
+                static_cast<int>(node->remaining));
+        node->flags |= GWA_NODE_PARTLY_SENT;
+        gwa_connection_head_enqueue(&cntl->output, node);
+        return false;
+    }
+    GWA_LOG(DEBUG, "the data were sended completely expect %d", static_cast<int>(expected));
+    if (gwa_protocol_is_heartbeat(node->data) == 1) {
+        gwa_connection_cntl_heartbeat_response_wait(cntl);
+    }
+    node_done(cntl, node);
+    gwa_counter_add(cntl->traffic.packets_out, 1);
+    return true;
+}
+
+void drop_queue(gwa_connection_cntl* cntl) {
+    while (gwa_output_node* const node = gwa_connection_dequeue(&cntl->output)) {
+        node_done(cntl, node);
+    }
+}
+
+// Heartbeats by the clock: after silence from us, or else after silence from the server.
+void probe(gwa_connection_cntl* cntl) {
+    const int32_t now = gwa_now_get();
+    if (now > cntl->last_out_time + OUT_IDLE_S) {
+        GWA_LOG(REFUSAL, "cntl idle out too long, send a heartbeat");
+        gwa_connection_cntl_heartbeat_handle();
+    } else if (now > cntl->last_in_time + IN_IDLE_S) {
+        GWA_LOG(REFUSAL, "cntl idle in too long, send a heartbeat");
+        gwa_connection_cntl_heartbeat_handle();
+        cntl->last_in_time = now - IN_IDLE_BACKDATE_S;
+    }
+}
+
+}  // namespace
+
+int gwa_connection_cntl_init(int fd) {
+    gwa_connection_cntl* const cntl = &gwa_connections.cntl;
+    GWA_LOG(CREATE, "connection cntl init ...");
+    const int one = 1;
+    if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) == -1) {
+        GWA_LOG(ERROR, "setsockopt TCP_NODELAY failed");
+    }
+    if (gwa_connection_queue_init(&cntl->output) != GWA_OK) {
+        GWA_LOG(ERROR, "init mutex failed");
+        return GWA_FAILED;
+    }
+    drop_queue(cntl);  // a reporter may have queued something while there was no connection
+    cntl->send_level.store(0, std::memory_order_relaxed);
+    cntl->socket = fd;
+    if (poll_init(&cntl->poller) != GWA_OK) {
+        GWA_LOG(DEBUG, "init epoll failed");
+        cntl->socket = -1;
+        return GWA_FAILED;
+    }
+    GWA_LOG(INFO, "create poll set fd %d success", cntl->poller.epfd);
+    cntl->poller.timeout = WAIT_MS;
+    if (poll_add(&cntl->poller, fd, gwa_connection_cntl_handle, cntl, &cntl->socket) != GWA_OK) {
+        GWA_LOG(DEBUG, "add listen socket to poll failed");
+        poll_exit(&cntl->poller);
+        cntl->socket = -1;  // the caller closes it
+        return GWA_FAILED;
+    }
+    cntl->initialised = true;
+    GWA_LOG(CREATE, "connection cntl init success");
+    return GWA_OK;
+}
+
+int gwa_connection_cntl_manage() {
+    gwa_connection_cntl* const cntl = &gwa_connections.cntl;
+    GWA_LOG(CREATE, "connection manage ...");
+    cntl->last_out_time = gwa_now_get();
+    while (gwa_process_running()) {
+        const int jump = gwa_process_jump.exchange(GWA_JUMP_NONE, std::memory_order_relaxed);
+        if (jump != GWA_JUMP_NONE) {
+            return jump;
+        }
+        if (poll_wait(&cntl->poller) == GWA_FAILED) {
+            GWA_LOG(FATAL, "epoll error, cntl");
+            gwa_connection_cntl_reinit();
+            return GWA_JUMP_NONE;  // the run flag is clear
+        }
+        gwa_usleep(PAUSE_US);
+        gwa_connection_cntl_remote_out_handle(cntl);
+        probe(cntl);
+    }
+    GWA_LOG(CREATE, "connection manage exit success");
+    return GWA_JUMP_NONE;
+}
+
+int gwa_connection_cntl_exit() {
+    gwa_connection_cntl* const cntl = &gwa_connections.cntl;
+    GWA_LOG(INFO, "connection cntl exit ...");
+    if (cntl->initialised) {
+        GWA_LOG(INFO, "poll exit");
+        poll_exit(&cntl->poller);  // closes the socket, which is registered there
+        if (cntl->socket >= 0) {
+            close(cntl->socket);
+            cntl->socket = -1;
+        }
+        GWA_LOG(INFO, "destroy output queue");
+        // The lock stays: a reporter's timer may still come with a frame.
+        drop_queue(cntl);
+        cntl->initialised = false;
+    }
+    GWA_LOG(INFO, "connection cntl exit success");
+    return GWA_OK;
+}
+
+void gwa_connection_cntl_handle(uint32_t events, void* argument) {
+    gwa_connection_cntl* const cntl = static_cast<gwa_connection_cntl*>(argument);
+    if (cntl == nullptr) {
+        GWA_LOG(ERROR, "arg is null");
+        return;
+    }
+    if ((events & EPOLLIN) != 0) {
+        gwa_connection_cntl_remote_in_handle(cntl);
+    }
+    if ((events & EPOLLOUT) != 0) {
+        gwa_connection_cntl_remote_out_handle(cntl);
+    }
+}
+
+void gwa_connection_cntl_remote_in_handle(gwa_connection_cntl* cntl) {
+    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
+    for (int frames = 0; frames < FRAMES_PER_EVENT && gwa_process_running(); frames++) {
+        switch (read_header(cntl->socket, bytes)) {
+            case header_read::NONE: return;
+            case header_read::FAILED: gwa_connection_cntl_reinit(); return;
+            case header_read::WHOLE: break;
+        }
+        cntl->last_in_time = gwa_now_get();
+        gwa_connection_cntl_proto_handle(cntl, bytes);
+    }
+    // A server that writes without end must not keep heartbeats and reporters from their turn.
+    poll_rearm(&cntl->poller, cntl->socket);
+}
+
+void gwa_connection_cntl_remote_out_handle(gwa_connection_cntl* cntl) {
+    if (cntl == nullptr) {
+        GWA_LOG(DEBUG, "connction is null");
+        return;
+    }
+    if (!refresh_send_level(cntl)) {
+        return;
+    }
+    while (gwa_output_node* const node = gwa_connection_dequeue(&cntl->output)) {
+        if (!send_node(cntl, node)) {
+            return;
+        }
+    }
+}
+
+void gwa_connection_cntl_heartbeat_handle() {
+    gwa_connection_cntl* const cntl = &gwa_connections.cntl;
+    GWA_LOG(INFO, "heartbeat for control ...");
+    if (!cntl->heartbeat_queued) {  // else the one frame there is has not left yet
+        gwa_connection_heartbeat_build(&cntl->heartbeat_node, cntl->heartbeat_frame,
+                                       cntl->heartbeat_seq);
+        cntl->heartbeat_seq++;
+        cntl->heartbeat_queued = true;
+        gwa_connection_head_enqueue(&cntl->output, &cntl->heartbeat_node);
+    }
+    gwa_connection_cntl_remote_out_handle(cntl);
+}
+
+int gwa_connection_all_destroy() {
+    for (gwa_connection_data& conn : gwa_connections.data) {
+        conn.flags.store(GWA_CONNECTION_STOP, std::memory_order_release);
+        GWA_LOG(FATAL, "signal to stop thread %d", conn.id);
+    }
+    gwa_connection_run.store(0, std::memory_order_relaxed);
+    for (gwa_connection_data& conn : gwa_connections.data) {
+        const int error = conn.thread_started ? pthread_join(conn.thread, nullptr) : ESRCH;
+        if (error != 0) {
+            GWA_LOG(ERROR, "join thread id %d failed, %s", conn.id, strerror(error));
+        }
+        conn.thread_started = false;
+        gwa_connection_data_exit(&conn);
+    }
+    return GWA_OK;
+}

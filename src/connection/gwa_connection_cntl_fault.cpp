@@ -1,1 +1,21 @@
-// placeholder
+#include "connection/gwa_connection_cntl_fault.h"
+
+#include "main/gwa_process.h"
+#include "main/gwa_restart.h"
+
+void gwa_connection_cntl_reinit() {
+    if (!gwa_process_running()) {
+        return;  // a wait that ends because the daemon does is no failure
+    }
+    GWA_LOG(FATAL, "reinit connection cntl start ...");
+    gwa_restart();
+}
+
+void gwa_connection_cntl_heartbeat_missed(gwa_connection_cntl* cntl, int limit) {
+    cntl->heartbeat_misses++;
+    if (cntl->heartbeat_misses >= limit) {
+        GWA_LOG(FATAL, "max heartbeat timeout counter overflow, reinit now");
+        cntl->heartbeat_misses = 0;
+        gwa_connection_cntl_reinit();
+    }
+}

@@ -1,1 +1,181 @@
-// placeholder
+#include "connection/gwa_connection_request.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "connection/gwa_connection_request_debug.h"
+#include "connection/gwa_stream.h"
+#include "login/gwa_login.h"
+#include "main/gwa_process.h"
+#include "runtime/gwa_timer.h"
+#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_http.h"
+#include "runtime/gwa_util_socket.h"
+
+namespace {
+
+constexpr size_t URI_SIZE = 4096;
+constexpr size_t PARAMETER_SIZE = 128;
+constexpr int LOCAL_PORT_MAX = 65534;  // 65535 is refused, intended
+constexpr int32_t DEFAULT_PRIORITY = 4;
+
+struct request {
+    char uri[URI_SIZE];
+    int32_t port;
+    int32_t priority;
+};
+
+int int_parameter(const char* uri, std::string_view name, int32_t* out) {
+    return gwa_uri_param_int_get(uri, name.data(), name.size(), out);
+}
+
+// Whether the request names this box.
+bool request_is_ours(const char* uri) {
+    constexpr std::string_view name = "x-qv-devid";
+    char id[PARAMETER_SIZE];
+    size_t size = sizeof id;
+    if (gwa_uri_param_str_get(uri, name.data(), name.size(), id, &size) != GWA_OK) {
+        GWA_LOG(ERROR, "not contain x-qv-devid field");
+        return false;
+    }
+    if (gwa_device_id == nullptr || strcmp(id, gwa_device_id) != 0) {
+        GWA_LOG(REFUSAL, "the devid not mine, %s", id);
+        return false;
+    }
+    return true;
+}
+
+// Reads and checks what a new stream needs to know. False: the request is refused, and logged.
+bool request_read(const gwa_connection_data* conn, const gwa_stream* stream, const uint8_t* payload,
+                  uint32_t length, request* out) {
+    const char* const head = reinterpret_cast<const char*>(payload);
+    if (gwa_http_uri_get(head, length, out->uri, sizeof out->uri) != GWA_OK) {
+        GWA_LOG(ERROR, "get uri failed, conn %d stream id %u", conn->id, stream->id);
+        return false;
+    }
+    if (!request_is_ours(out->uri)) {
+        return false;
+    }
+    out->port = 0;  // what the log shows for a port that is missing
+    if (int_parameter(out->uri, "x-qv-port", &out->port) != GWA_OK || out->port < 1 ||
+        out->port > LOCAL_PORT_MAX) {
+        GWA_LOG(PROGRESS, "port is invalid, %d, url [%s] len %d", out->port, out->uri,
+                static_cast<int>(strlen(out->uri)));
+        return false;
+    }
+    GWA_LOG(INFO, "destination port is %d", out->port);
+    out->priority = DEFAULT_PRIORITY;
+    int_parameter(out->uri, "x-qv-pri", &out->priority);
+    return true;
+}
+
+gwa_stream* stream_new(gwa_connection_data* conn, const gwa_header* header) {
+    gwa_stream* const stream = GWA_NEW(gwa_stream);
+    gwa_connection_memory_charge(conn, GWA_STREAM_COUNTED);
+    stream->id = header->stream_id;
+    stream->tag = header->flag;
+    stream->connection = conn;
+    stream->last_activity = gwa_now_get();
+    return stream;
+}
+
+// Releases a record that never became a stream of the connection.
+void stream_drop(gwa_stream* stream) {
+    gwa_connection_memory_release(stream->connection, GWA_STREAM_COUNTED);
+    free(stream);
+}
+
+void payload_drop(gwa_connection_data* conn, uint8_t* payload, uint32_t length) {
+    gwa_connection_memory_release(conn, length);
+    free(payload);
+}
+
+int local_socket() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd == -1) {
+        const int error = errno;
+        GWA_LOG(ERROR, "socket failed %s", strerror(error));
+        if (error == ENFILE || error == EMFILE) {
+            // A leak or a limit that is too low; only a new process gets out of it.
+            GWA_LOG(FATAL, "open too many files");
+            GWA_EXIT(1);
+        }
+        return -1;
+    }
+    GWA_LOG(INFO, "create local socket %d", fd);
+    return fd;
+}
+
+bool local_connect(int fd, int32_t port) {
+    sockaddr_in service{};
+    service.sin_family = AF_INET;
+    service.sin_addr.s_addr = htonl(gwa_login.local_address);
+    service.sin_port = htons(static_cast<uint16_t>(port));
+    return connect(fd, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0;
+}
+
+// The socket is connected: the record becomes a stream and the request its first payload.
+void stream_begin(gwa_stream* stream, int fd, uint8_t* payload, uint32_t length) {
+    gwa_connection_data* const conn = stream->connection;
+    gwa_socket_nonblock(fd);
+    stream->socket = fd;
+    gwa_stream_add(&conn->streams, stream);
+    conn->stream_count.fetch_add(1, std::memory_order_relaxed);
+    gwa_stream_local_output_enqueue(stream, payload, payload, length);
+    gwa_stream_local_out_handle(stream);
+    if (poll_add(&conn->poller, fd, gwa_stream_local_handle, stream) != GWA_OK) {
+        GWA_LOG(DEBUG, "add socket to poll failed fd %d", fd);
+        gwa_stream_free(stream);  // it is linked and counted: take all of that back
+    }
+}
+
+// Opens a stream for an accepted request. False: there is none, and the payload is still the
+// caller's.
+bool stream_open(gwa_stream* stream, const request& wanted, const gwa_header* header,
+                 uint8_t* payload, uint32_t length) {
+    const int fd = local_socket();
+    if (fd == -1) {
+        return false;
+    }
+    if (!local_connect(fd, wanted.port)) {
+        GWA_LOG(ERROR, "connect failed");
+        close(fd);
+        // Intended, although this frame's payload has been read: the server counts on as many bytes
+        // more being thrown away. The input pass does it, so that nobody else waits for them.
+        gwa_connection_input_discard(stream->connection, header->length, false);
+        return false;
+    }
+    stream_begin(stream, fd, payload, length);
+    return true;
+}
+
+}  // namespace
+
+void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_header* header,
+                                      uint8_t* payload, uint32_t length) {
+    gwa_stream* const known = gwa_stream_find_by_id(&conn->streams, header->stream_id);
+    if (known != nullptr) {
+        known->last_activity = gwa_now_get();
+        gwa_stream_local_output_enqueue(known, payload, payload, length);
+        gwa_stream_local_out_handle(known);
+        return;
+    }
+
+    gwa_stream* const stream = stream_new(conn, header);
+    request wanted;
+    if (request_read(conn, stream, payload, length, &wanted)) {
+        stream->priority = static_cast<uint32_t>(wanted.priority);
+        if (wanted.port == GWA_SELF_DEBUG_PORT) {
+            gwa_self_debug(conn, stream, wanted.uri);
+        } else if (stream_open(stream, wanted, header, payload, length)) {
+            return;
+        }
+    }
+    stream_drop(stream);
+    payload_drop(conn, payload, length);
+}

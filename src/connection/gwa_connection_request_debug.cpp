@@ -1,1 +1,250 @@
-// placeholder
+#include "connection/gwa_connection_request_debug.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "main/gwa_process.h"
+#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_http.h"
+#include "runtime/gwa_util_time.h"
+
+extern char** environ;
+
+namespace {
+
+constexpr size_t PARAMETER_SIZE = 128;
+constexpr uint32_t ANSWER_BUFFER = 1024;
+constexpr uint32_t ANSWER_CAPACITY = 1008;  // what is released for it; rounds to the same
+constexpr size_t MISPLACED_LENGTH_AT = 28;  // see diagnostic_header
+constexpr int DIAGNOSTIC_NODES = 512;       // the header and at most 511 chunks
+constexpr int DIAGNOSTIC_WAIT_S = 30;
+constexpr int DIAGNOSTIC_WAIT_MIN_S = 5;
+constexpr int DIAGNOSTIC_WAIT_MAX_S = 54;
+constexpr int SCRIPT_POLL_US = 20000;
+constexpr size_t DIAGNOSTIC_PATH_SIZE = GWA_HOME_SIZE + 64;
+
+struct http_status {
+    int code;
+    const char* reason;
+};
+constexpr http_status HTTP_OK{200, "OK"};
+constexpr http_status HTTP_NOT_FOUND{404, "File Not Found"};
+constexpr http_status HTTP_UNAVAILABLE{503, "Gateway Internal Error"};
+
+bool must_stop(const gwa_connection_data* conn) {
+    return !gwa_connection_running() ||
+           (conn->flags.load(std::memory_order_relaxed) & GWA_CONNECTION_STOP) != 0;
+}
+
+// A charged, zeroed answer frame of the stream; the caller fills in the payload and its length.
+gwa_output_node* answer_node(gwa_connection_data* conn, const gwa_stream* stream) {
+    uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(ANSWER_BUFFER));
+    memset(frame, 0, ANSWER_BUFFER);
+    gwa_connection_memory_charge(conn, ANSWER_BUFFER);
+    gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM, stream->id, 0);
+    gwa_output_node* const node =
+        gwa_connection_node_new(conn, frame, ANSWER_CAPACITY, GWA_HEADER_SIZE);
+    node->priority = stream->priority;
+    node->stream_id = stream->id;
+    return node;
+}
+
+constexpr size_t ANSWER_TEXT_MAX = ANSWER_CAPACITY - GWA_HEADER_SIZE;
+
+char* answer_text(gwa_output_node* node) {
+    return reinterpret_cast<char*>(node->data + GWA_HEADER_SIZE);
+}
+
+uint32_t text_length(int printed) {  // what snprintf has put into the answer, cut or not
+    return static_cast<uint32_t>(std::clamp<int>(printed, 0, ANSWER_TEXT_MAX - 1));
+}
+
+void answer(gwa_connection_data* conn, const gwa_stream* stream, const http_status& status,
+            const char* body) {
+    gwa_output_node* const node = answer_node(conn, stream);
+    const uint32_t length = text_length(
+        snprintf(answer_text(node), ANSWER_TEXT_MAX,
+                 "HTTP/1.1 %d %s\r\nContent-Type:text/plain\r\nContent-Length:%d\r\n\r\n%s",
+                 status.code, status.reason, static_cast<int>(strlen(body)), body));
+    gwa_protocol_build(node->data, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM,
+                       stream->id, length);
+    node->remaining = GWA_HEADER_SIZE + length;
+    GWA_LOG(DEBUG, "debug response [%s]", answer_text(node));
+    gwa_connection_send(conn, node);
+}
+
+// Runs the script with the shell and waits for it, or for the order to stop, which ends the script.
+void diagnostic_script(const gwa_connection_data* conn) {
+    char command[DIAGNOSTIC_PATH_SIZE];
+    snprintf(command, sizeof command, "%s/bin/diag.sh -c sysdiag.txt", gwa_process_paths.home);
+    char shell[] = "sh", option[] = "-c";
+    char* const arguments[] = {shell, option, command, nullptr};
+
+    // A group of its own, so that all of it can be ended, and none of the worker's blocked signals.
+    posix_spawnattr_t attributes;
+    sigset_t none, defaults;
+    sigemptyset(&none);
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(
+        &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    pid_t child = -1;
+    const int error = posix_spawn(&child, "/bin/sh", nullptr, &attributes, arguments, environ);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) {
+        return;  // the answer then tells of the file that is not there
+    }
+    while (waitpid(child, nullptr, WNOHANG) == 0) {
+        if (must_stop(conn)) {
+            kill(-child, SIGKILL);
+            waitpid(child, nullptr, 0);
+            return;
+        }
+        gwa_usleep(SCRIPT_POLL_US);
+    }
+}
+
+// The time that the caller gives the box to write its file.
+void diagnostic_pause(const gwa_connection_data* conn, const char* uri) {
+    constexpr std::string_view name = "timeout";
+    int32_t seconds = DIAGNOSTIC_WAIT_S;
+    if (gwa_uri_param_int_get(uri, name.data(), name.size(), &seconds) != GWA_OK) {
+        GWA_LOG(ERROR, "not contain timeout field");
+        seconds = DIAGNOSTIC_WAIT_S;
+    } else if (seconds < DIAGNOSTIC_WAIT_MIN_S || seconds > DIAGNOSTIC_WAIT_MAX_S) {
+        seconds = DIAGNOSTIC_WAIT_S;
+    }
+    for (int32_t slept = 0; slept < seconds && !must_stop(conn); slept++) {
+        gwa_sleep(1);
+    }
+}
+
+bool read_exactly(int fd, uint8_t* to, size_t length) {
+    size_t have = 0;
+    while (have < length) {
+        const ssize_t got = read(fd, to + have, length - have);
+        if (got <= 0) {
+            return false;
+        }
+        have += static_cast<size_t>(got);
+    }
+    return true;
+}
+
+// Frames the file in chunks behind `frames`. Returns the size of the last chunk that it tried.
+int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream, int fd, int file_size,
+                      list<gwa_output_node>* frames) {
+    int chunk = 0;
+    int have = 0;
+    for (int nodes = 1; fd != -1 && have < file_size && nodes < DIAGNOSTIC_NODES; nodes++) {
+        chunk = std::min<int>(file_size - have, GWA_PAYLOAD_MAX);
+        const uint32_t size = static_cast<uint32_t>(chunk) + GWA_HEADER_SIZE;
+        GWA_LOG(DEBUG, "mem size = %d, read_size = %d, read_cnt = %d", static_cast<int>(size),
+                chunk, have);
+        uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(size));
+        if (!read_exactly(fd, frame + GWA_HEADER_SIZE, static_cast<size_t>(chunk))) {
+            GWA_LOG(ERROR, "read diag file failed");
+            free(frame);
+            break;
+        }
+        gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM, stream->id,
+                           static_cast<uint32_t>(chunk));
+        gwa_connection_memory_charge(conn, size);
+        gwa_output_node* const node = gwa_connection_node_new(conn, frame, size, size);
+        node->priority = stream->priority;
+        node->stream_id = stream->id;
+        frames->push_back(*node);
+        have += chunk;
+    }
+    return chunk;
+}
+
+// The HTTP head of the diagnostic. Intended: Content-Length names the last chunk, and the length of
+// the text goes over its characters 12 to 15 while the frame's own length field stays 0; the tools
+// that fetch the diagnostic expect just that.
+void diagnostic_header(gwa_output_node* node, const http_status& status, int last_chunk) {
+    const uint32_t length = text_length(
+        snprintf(answer_text(node), ANSWER_TEXT_MAX,
+                 "HTTP/1.1 %d %s\r\nContent-Type:text/plain\r\nContent-Length:%d\r\n\r\n",
+                 status.code, status.reason, last_chunk));
+    store_be32(node->data + MISPLACED_LENGTH_AT, length);
+    node->remaining = GWA_HEADER_SIZE + length;
+}
+
+// Runs the diagnostic and answers with the file that its script has written.
+void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
+    diagnostic_script(conn);
+    diagnostic_pause(conn, uri);
+
+    char path[DIAGNOSTIC_PATH_SIZE];
+    snprintf(path, sizeof path, "%s/tmp/wkr/sysdiag.txt", gwa_process_paths.home);
+    struct stat file {};
+    const bool known = stat(path, &file) == 0;
+    const int file_size = known ? static_cast<int>(std::min<off_t>(file.st_size, INT32_MAX)) : 0;
+    GWA_LOG(DEBUG, "file size %d", file_size);
+    http_status status = HTTP_OK;
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd == -1) {
+        status = errno == ENOENT ? HTTP_NOT_FOUND : HTTP_UNAVAILABLE;
+        GWA_LOG(ERROR, "open diag file field, %s", path);
+    }
+
+    list<gwa_output_node> frames;
+    gwa_output_node* const head = answer_node(conn, stream);
+    frames.push_back(*head);
+    const int last_chunk = diagnostic_chunks(conn, stream, fd, file_size, &frames);
+    if (fd != -1) {
+        close(fd);
+    }
+    diagnostic_header(head, status, last_chunk);
+    while (gwa_output_node* const node = frames.first()) {
+        list_unlink(*node);
+        gwa_connection_send(conn, node);
+    }
+}
+
+void set_log_level(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
+    constexpr std::string_view name = "loglv";
+    int32_t level = 0;
+    if (gwa_uri_param_int_get(uri, name.data(), name.size(), &level) != GWA_OK) {
+        GWA_LOG(ERROR, "not contain loglv field");
+        answer(conn, stream, HTTP_NOT_FOUND, "not contain loglv field");
+        return;
+    }
+    gwa_log_level_set(level);  // a level that is none changes nothing and is answered alike
+    answer(conn, stream, HTTP_OK, "OK");
+}
+
+}  // namespace
+
+void gwa_self_debug(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
+    constexpr std::string_view name = "x-qv-gwad-opt";
+    char operation[PARAMETER_SIZE];
+    size_t size = sizeof operation;
+    if (gwa_uri_param_str_get(uri, name.data(), name.size(), operation, &size) != GWA_OK) {
+        GWA_LOG(ERROR, "not contain x-qv-gwad-opt field");
+        answer(conn, stream, HTTP_NOT_FOUND, "not contain x-qv-gwad-opt field");
+    } else if (strcmp(operation, "log") == 0) {
+        set_log_level(conn, stream, uri);
+    } else if (strcmp(operation, "echo") == 0) {
+        GWA_LOG(REFUSAL, "echo ...");
+        answer(conn, stream, HTTP_OK, "echo");
+    } else if (strcmp(operation, "diag") == 0) {
+        GWA_LOG(REFUSAL, "diagnostic ...");
+        gwa_http_get_file(conn, stream, uri);
+    } else {
+        answer(conn, stream, HTTP_NOT_FOUND, "File Not Found");
+    }
+}
