@@ -34,7 +34,8 @@ struct time_limit {
     int64_t unspent_us;
 };
 
-constexpr time_limit NO_LIMIT{INT64_MAX, INT64_MAX};
+constexpr int64_t NEVER_US = INT64_MAX / 2;  // half: sums with it must not overflow
+constexpr time_limit NO_LIMIT{NEVER_US, NEVER_US};
 
 time_limit limit_start(int seconds) {
     const int64_t span_us = int64_t{seconds} * US_PER_SECOND;

@@ -8,7 +8,6 @@
 
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "main/gwa_process.h"
@@ -87,17 +86,6 @@ TEST(FirmwareVersion, TakesThreeKeys) {
         EXPECT_EQ(component, c.component);
         EXPECT_EQ(terminal, c.terminal);
     }
-    gwa_firmware_value none;  // the last file is gone
-    EXPECT_EQ(gwa_fwver_get(none, none, none), GWA_FAILED);
-}
-
-TEST(FileWrite, ReplacesTheContent) {
-    const firmware_file file{"something longer"};
-    EXPECT_EQ(gwa_file_write(gwa_process_paths.firmware_file, "abc", 3), 0);
-    std::string content;
-    std::getline(std::ifstream(gwa_process_paths.firmware_file), content, '\0');
-    EXPECT_EQ(content, "abc");
-    EXPECT_EQ(gwa_file_write("/nonexistent/file", "abc", 3), GWA_FAILED);
 }
 
 TEST(Resolve, AnswersTheFirstAddress) {
