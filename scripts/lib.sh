@@ -2,8 +2,9 @@
 # lib.sh - what the scripts share: messages, the packages they need, the time that a step takes.
 # Sourced by scripts/demo and scripts/test, which run with `set -eu` in the repository's root.
 
+# say LINE...
 say() {
-    printf '%s\n' "$*"
+    printf '%s\n' "$@"
 }
 
 die() {
