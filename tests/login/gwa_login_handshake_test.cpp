@@ -28,22 +28,11 @@ gwa_login_sink sink_for(gwa_traffic& traffic) {
 
 // A frame header by hand, so that the daemon's own builder is checked rather than trusted.
 std::string header(int version, int head_size, int command, size_t length) {
-    return {static_cast<char>(version),
-            static_cast<char>(head_size),
-            0,
-            static_cast<char>(command),
-            0,
-            0,
-            0,
-            1,
-            0,
-            0,
-            0,
-            0,
-            0,
-            0,
-            static_cast<char>(length >> 8),
-            static_cast<char>(length)};
+    std::string bytes = "\0\0\0\0\0\0\0\1\0\0\0\0\0\0"s;
+    bytes[0] = static_cast<char>(version);
+    bytes[1] = static_cast<char>(head_size);
+    bytes[3] = static_cast<char>(command);
+    return bytes + static_cast<char>(length >> 8) + static_cast<char>(length);
 }
 
 std::string report(int version) {
@@ -135,20 +124,17 @@ TEST(LoginControl, HandsOverAPreparedSocket) {
     EXPECT_TRUE(option_is(fd.get(), SO_KEEPALIVE, 1));
 }
 
-TEST(LoginControl, TakesTheFirstKnownServerWhenItHasNoAddress) {
+TEST(LoginControl, WithoutAnAddressTakesTheFirstKnownServerUnlessTheProcessEnds) {
     login_settings settings;
     scripted_server server(header(2, 16, 5, 0));
+    gwa_traffic traffic;
+    {
+        const run_flags ending(false);
+        EXPECT_EQ(gwa_login_control(0, 1, sink_for(traffic)), -1);
+    }
     gwa_login.servers[2] = LOOPBACK;
     gwa_login.server_port = server.listener.port;
-    gwa_traffic traffic;
     EXPECT_TRUE(unique_fd(gwa_login_control(0, 1, sink_for(traffic))));
-}
-
-TEST(LoginControl, GivesUpTheWaitForAServerWhenTheProcessEnds) {
-    login_settings settings;
-    const run_flags ending(false);
-    gwa_traffic traffic;
-    EXPECT_EQ(gwa_login_control(0, 1, sink_for(traffic)), -1);
 }
 
 TEST(LoginControl, FailsWhenTheServerIsGone) {
@@ -179,21 +165,14 @@ TEST(LoginControlDeathTest, AnOverLongAnswerEndsTheProcess) {
 TEST(LoginData, ReportsItsVersionAndAsksForNothingElse) {
     login_settings settings;
     scripted_server server(header(2, 16, 5, 3) + "abc");
+    // Not wanted yet: it fails at the send, unconnected, so the server sees the second login only.
+    EXPECT_EQ(gwa_login_data(LOOPBACK, server.listener.port), -1);
     const run_flags wanted(true, true);
     unique_fd fd(gwa_login_data(LOOPBACK, server.listener.port));
     EXPECT_TRUE(fd);
-    char unread;
-    EXPECT_EQ(recv(fd.get(), &unread, 1, MSG_DONTWAIT), -1) << "the payload was dropped";
+    EXPECT_TRUE(stays_silent(fd.get(), test_duration(0))) << "the payload was dropped";
     fd.reset();
     server.finish();
     EXPECT_EQ(server.report, report(2));
     EXPECT_EQ(server.rest, "");
-}
-
-TEST(LoginData, FailsAtTheSendWhenConnectionsAreNotWanted) {
-    login_settings settings;
-    loopback_listener listener;
-    const run_flags unwanted(true, false);
-    EXPECT_EQ(gwa_login_data(LOOPBACK, listener.port), -1);
-    EXPECT_FALSE(listener.accept(test_duration(0))) << "it must not have connected";
 }
