@@ -10,6 +10,7 @@
 // non-zero port.
 int gwa_cntrl_ip_get(uint32_t* address, uint16_t* port);
 
-// Takes address and port out of one reply of an address manager, which is cut in the process; the
-// buffer is terminated. The pure part of discovery but for a name that has to be resolved. 0 or -1.
+// Takes address and port out of one reply of an address manager, `length` bytes and a terminator;
+// the reply is cut for a moment and is whole again afterwards. The outputs change only on success.
+// May resolve a name. 0 or -1.
 int gwa_cntrl_ip_parse(char* reply, size_t length, uint32_t* address, uint16_t* port);
