@@ -1,0 +1,147 @@
+#include "runtime/gwa_util_http.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+// A copy without a terminator, so that the address sanitizer sees each byte read past the end.
+std::vector<char> exactly(std::string_view text) { return {text.begin(), text.end()}; }
+
+constexpr char REFUSED[] = "(refused)";  // what a buffer holds that must stay untouched
+
+}  // namespace
+
+TEST(HttpUri, IsTakenFromTheRequestLine) {
+    const std::string longest(4096 - 4, '/');  // with its method all that is looked at
+    const std::pair<std::string, std::string> requests[] = {
+        {"GET / HTTP/1.0\r\n\r\n", "/"},
+        {"GET / HTTP/1.0\r\n\r", REFUSED},
+        {"POST /a?b=%20&c HTTP/1.1\r\n", "/a?b=%20&c"},
+        {"HEAD /without/any/blank", "/without/any/blank"},
+        {"get / HTTP/1.0\r\n\r\n", REFUSED},
+        {"GET index HTTP/1.0\r\n\r\n", REFUSED},
+        {"GET " + longest + "beyond HTTP/1.0\r\n\r\n", longest}};
+    for (const auto& [head, expected] : requests) {
+        const std::vector<char> bytes = exactly(head);
+        char uri[8192] = "(refused)";
+        EXPECT_EQ(gwa_http_uri_get(bytes.data(), bytes.size(), uri, sizeof uri),
+                  expected == REFUSED ? -1 : 0);
+        EXPECT_EQ(uri, expected);
+    }
+    char small[4];
+    EXPECT_EQ(gwa_http_uri_get("GET /abcdef HTTP/1.0", 20, small, sizeof small), 0);
+    EXPECT_STREQ(small, "/ab");
+}
+
+TEST(UriParam, ReadsIntegers) {
+    constexpr int32_t NONE = -7777;
+    const std::pair<const char*, int32_t> texts[] = {
+        {"uid=5&id=7", 5}, {"/?id=80&x", 80},    {"id= -3", -3},
+        {"id=", NONE},     {"id=x", NONE},       {"id", NONE},
+        {"", NONE},        {"idx=1&id=2", NONE}, {"id=2147483648", INT32_MAX},
+        {"id=+4x", 4},     {"id=-0x9", 0},       {"id=-9999999999", INT32_MIN}};
+    for (const auto& [text, expected] : texts) {
+        int32_t value = NONE;
+        EXPECT_EQ(gwa_uri_param_int_get(text, "id", 2, &value), expected == NONE ? -1 : 0) << text;
+        EXPECT_EQ(value, expected) << text;
+    }
+}
+
+TEST(UriParam, ReadsTexts) {
+    const std::pair<const char*, std::string_view> texts[] = {{"/?name=box&x=1", "box"},
+                                                              {"name=box HTTP", "box"},
+                                                              {"name=ninechars", "ninechars"},
+                                                              {"name=&x", ""},
+                                                              {"name=", ""},
+                                                              {"name=ninecharstoo", "ninechars"},
+                                                              {"/?names=x", REFUSED},
+                                                              {"name", REFUSED},
+                                                              {"", REFUSED}};
+    for (const auto& [text, expected] : texts) {
+        char value[10] = "(refused)";
+        size_t size = sizeof value;
+        const int result = gwa_uri_param_str_get(text, "name", 4, value, &size);
+        EXPECT_EQ(result, expected == REFUSED ? -1 : 0) << text;
+        EXPECT_EQ(value, expected) << text;
+        EXPECT_EQ(size, expected == REFUSED ? sizeof value : expected.size()) << text;
+    }
+}
+
+TEST(JsonText, IsWhatStandsBetweenTheNextQuotes) {
+    const std::tuple<std::string, const char*, int> samples[] = {
+        {R"("key":"value")", "value", 0},
+        {R"("key":"1234567")", "1234567", 0},
+        {R"("key" : "" )", "", 0},
+        {R"("key":"12345678")", "1234567", -1},
+        {R"("key":"val)", "val", -1},
+        {R"("key":12)", "", -1},
+        {R"("key")", "", -1},
+        {R"("key)", "", -1}};
+    for (const auto& [text, value, result] : samples) {
+        const std::vector<char> bytes(text.c_str(), text.c_str() + text.size() + 1);
+        char out[8] = {};
+        EXPECT_EQ(gwa_json_str_get(bytes.data(), "key", 3, out, sizeof out), result) << text;
+        EXPECT_STREQ(out, value) << text;
+    }
+}
+
+TEST(HostList, NeedsFiveUsablePairs) {
+    const std::string longest(63, 'h');
+    const std::pair<std::string, uint16_t> third_pairs[] = {
+        // and the port it gives; 0: refused
+        {R"("host3":"c","port3":"0008003",)", 8003},
+        {R"("host3":"c","port3":"65537",)", 1},
+        {R"("host3":")" + longest + R"(cut","port3":"1",)", 1},
+        {R"("port3":"8003",)", 0},
+        {R"("host3":"c","port3":"",)", 0},
+        {R"("host3":"c","port3":"65536",)", 0},
+        {R"("host3":"c","port3":"00008003",)", 0},
+        {R"("host3":"c",)", 0}};
+    for (const auto& [third, port] : third_pairs) {
+        const std::string text = R"({"host1":"a","port1":"8001","host2":"b","port2":"8002",)" +
+                                 third +
+                                 R"("host4":"d","port4":"8004","host5":"10.0.0.5","port5":"85"})";
+        gwa_host_list list;
+        EXPECT_EQ(gwa_host_list_get(text.c_str(), &list), port == 0 ? -1 : 0) << text;
+        EXPECT_EQ(list.ports[2], port) << text;
+        EXPECT_STREQ(list.hosts[4], port == 0 ? "" : "10.0.0.5") << text;
+        EXPECT_TRUE(text.find(longest) == std::string::npos || list.hosts[2] == longest);
+    }
+    gwa_host_list known;
+    known.ports[0] = 99;
+    EXPECT_EQ(gwa_host_list_get(R"({"host1":"a")", &known), -1);
+    EXPECT_EQ(known.ports[0], 99) << "a port that is not given stays";
+}
+
+TEST(MimeType, FollowsTheExtension) {
+    constexpr const char* UNKNOWN = "application/octet-stream";
+    const std::pair<std::string_view, const char*> urls[] = {
+        {"/a.rmvb", "application/vnd.rn-realmedia-vbr"},
+        {"/a.b/c.html", "image/html"},
+        {"a.htm", "text/html"},
+        {"/a.JPG", UNKNOWN},
+        {"/a.jpg?x", UNKNOWN},
+        {"/a.", UNKNOWN},
+        {".jpg", UNKNOWN},
+        {"", UNKNOWN},
+        {"/plain", UNKNOWN}};
+    for (const auto& [url, type] : urls) {
+        const std::vector<char> bytes = exactly(url);
+        EXPECT_STREQ(gwa_url_mime_get(bytes.data(), bytes.size()), type) << url;
+    }
+}
+
+TEST(PercentDrop, KeepsTheCharacterBehindThePercent) {
+    for (const auto& [text, expected] :
+         {std::pair{"a%20b%", "a20b"}, {"%%123456789", "%1234567"}}) {
+        char out[9] = {};
+        EXPECT_EQ(gwa_url_percent_drop(text, strlen(text), out, 8), strlen(expected));
+        EXPECT_STREQ(out, expected);
+    }
+}
