@@ -1,0 +1,197 @@
+// Streams and the daemon's own services on one data connection, against a scripted server.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "box.h"
+#include "peer.h"
+#include "support/service.h"
+
+namespace {
+
+struct DataConnection : testing::Test {
+    peer server;
+    box device{server.manager.port};
+    peer::session session = server.relay();
+    int data = session.data.get();
+
+    bool sends(std::string_view bytes) const { return write_all(data, bytes); }
+};
+
+}  // namespace
+
+TEST_F(DataConnection, AnswersItsMaintenancePort) {
+    const std::pair<const char*, std::string> cases[] = {
+        {"x-qv-gwad-opt=echo", debug_answer("200 OK", "echo")},
+        {"x-qv-gwad-opt=log&loglv=7", debug_answer("200 OK", "OK")},
+        {"x-qv-gwad-opt=log&loglv=9", debug_answer("200 OK", "OK")},
+        {"x-qv-gwad-opt=log", debug_answer("404 File Not Found", "not contain loglv field")},
+        {"x-qv-gwad-opt=reboot", debug_answer("404 File Not Found", "File Not Found")},
+        {"x-qv-pri=0", debug_answer("404 File Not Found", "not contain x-qv-gwad-opt field")},
+    };
+    uint32_t stream = 0;
+    for (const auto& [query, expected] : cases) {
+        SCOPED_TRACE(query);
+        ASSERT_TRUE(sends(request_frame(++stream, 10010, "&" + std::string(query))));
+        const std::string whole = frame_bytes(DATA, stream, expected);
+        EXPECT_EQ(read_exact(data, whole.size()), whole);
+    }
+}
+
+// The header's length goes where its text is, and the frame's own stays 0.
+TEST_F(DataConnection, SendsTheDiagnosticFileInFrames) {
+    std::string report(PAYLOAD_MAX + 100, 'r');
+    report.front() = '<', report.back() = '>';
+    file_write(device.home.path + "/report", report);
+    file_write(device.home.path + "/bin/diag.sh",
+               "#!/bin/sh\ncp " + device.home.path + "/report " + device.home.path +
+                   "/tmp/wkr/\"$2\"\n[ \"$1\" = -c ] || rm " + device.home.path + "/tmp/wkr/*\n",
+               true);
+    ASSERT_TRUE(sends(debug_frame(5, "diag&timeout=5")));
+    std::string text = "HTTP/1.1 200 OK\r\nContent-Type:text/plain\r\nContent-Length:100\r\n\r\n";
+    text.replace(12, 4, be32(static_cast<uint32_t>(text.size())));
+    const std::string expected = frame_bytes(DATA, 5) + text +
+                                 frame_bytes(DATA, 5, report.substr(0, PAYLOAD_MAX)) +
+                                 frame_bytes(DATA, 5, report.substr(PAYLOAD_MAX));
+    EXPECT_EQ(read_exact(data, expected.size()), expected);
+    EXPECT_TRUE(echoes(data, 6));
+}
+
+TEST_F(DataConnection, RefusesForeignAndBrokenRequestsInSilence) {
+    const auto get = [](const std::string& query) {
+        return "GET /?" + query + " HTTP/1.1\r\n\r\n";
+    };
+    const std::pair<std::string, const char*> cases[] = {
+        {get("x-qv-devid=other-box&x-qv-port=10010&x-qv-gwad-opt=echo"),
+         "the devid not mine, other-box"},
+        {get("x-qv-port=10010"), "not contain x-qv-devid field"},
+        {get("x-qv-devid=test-box"), "port is invalid"},
+        {get("x-qv-devid=test-box&x-qv-port=65535"), "port is invalid, 65535"},
+        {"PUT /?x-qv-devid=test-box&x-qv-port=80 HTTP/1.1", "HTTP method not support!!!"},
+        {"GET / HTTP/1.1\r\n", "HTTP head size too short"},
+    };
+    uint32_t stream = 100;
+    for (const auto& [request, line] : cases) {
+        SCOPED_TRACE(request);
+        ASSERT_TRUE(sends(frame_bytes(DATA, ++stream, request)));
+        EXPECT_TRUE(echoes(data, 1));  // and no other answer comes before
+        EXPECT_TRUE(device.logs(line));
+    }
+}
+
+TEST_F(DataConnection, ThrowsAwayAsMuchAgainWhenTheLocalPortIsDead) {
+    const uint16_t dead = loopback_listener().port;
+    const std::string request = request_text(dead);
+    ASSERT_TRUE(sends(frame_bytes(DATA, 1, request) + std::string(request.size(), 'x')));
+    EXPECT_TRUE(echoes(data, 2));
+    EXPECT_TRUE(device.logs("connect failed"));
+}
+
+// Pieces that come apart cost no fixed sleep: the whole table is done in a few seconds.
+TEST_F(DataConnection, TakesAFrameSplitAnywhere) {
+    constexpr test_duration APART{3};
+    constexpr std::chrono::seconds QUICK{8};
+    const auto start = std::chrono::steady_clock::now();
+    const std::string frame = debug_frame(1, "echo");
+    for (size_t cut = 1; cut < frame.size(); ++cut) {
+        ASSERT_TRUE(sends(frame.substr(0, cut)));
+        std::this_thread::sleep_for(APART);
+        ASSERT_TRUE(sends(frame.substr(cut)));
+        const std::optional<::frame> answer = frame_read(data);
+        ASSERT_TRUE(answer) << cut;
+        ASSERT_EQ(answer->payload, debug_answer("200 OK", "echo")) << cut;
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, QUICK);
+}
+
+TEST_F(DataConnection, APartlyReceivedFrameHoldsUpNobody) {
+    local_service talker([](int fd) {
+        read_until(fd, "\r\n\r\n");
+        write_all(fd, "first");
+        read_exact(fd, 1);
+        write_all(fd, "second");
+        read_to_end(fd);
+    });
+    ASSERT_TRUE(sends(request_frame(1, talker.port())));
+    EXPECT_EQ(streams_read(data, 1, 5)[1], "first");
+    ASSERT_TRUE(sends(frame_bytes(DATA, 1, "x")));
+    const std::string echo = debug_frame(2, "echo");
+    ASSERT_TRUE(sends(echo.substr(0, 40)));
+    EXPECT_EQ(streams_read(data, 1, 6)[1], "second");
+    ASSERT_TRUE(sends(echo.substr(40)));
+    EXPECT_EQ(frame_read(data)->stream, 2U);
+}
+
+TEST_F(DataConnection, CarriesStreamsOfMixedPriorities) {
+    constexpr uint32_t STREAMS = 7;
+    constexpr size_t SIZE = 300000;
+    local_service answers([](int fd) {
+        const std::string request = read_until(fd, "\r\n\r\n");
+        std::string body;
+        for (size_t line = 0; body.size() < SIZE; ++line) {
+            body += std::to_string(line) + " of " + request;
+        }
+        write_all(fd, body.substr(0, SIZE));
+        read_to_end(fd);
+    });
+    std::string all;
+    for (uint32_t stream = 1; stream <= STREAMS; ++stream) {  // 0 for the last one
+        const std::string priority = "&x-qv-pri=" + std::to_string(STREAMS - stream);
+        all += request_frame(stream, answers.port(), priority);
+    }
+    ASSERT_TRUE(sends(all));
+    std::map<uint32_t, std::string> streams;
+    for (size_t got = 0; got < STREAMS * SIZE;) {
+        const std::optional<frame> next = frame_read(data);
+        ASSERT_TRUE(next) << "after " << got << " bytes";
+        streams[next->stream] += next->payload;
+        got += next->payload.size();
+    }
+    for (uint32_t stream = 1; stream <= STREAMS; ++stream) {
+        const std::string request =
+            request_text(answers.port(), "&x-qv-pri=" + std::to_string(STREAMS - stream));
+        std::string expected;
+        for (size_t line = 0; expected.size() < SIZE; ++line) {
+            expected += std::to_string(line) + " of " + request;
+        }
+        EXPECT_TRUE(streams[stream] == expected.substr(0, SIZE)) << "stream " << stream;
+    }
+}
+
+TEST_F(DataConnection, ClosesAStreamWithMuchQueued) {
+    constexpr size_t TAKEN = 200000;
+    local_service endless([](int fd) {
+        while (write_all(fd, std::string(PAYLOAD_MAX, 'e'))) {
+        }
+    });
+    ASSERT_TRUE(sends(request_frame(1, endless.port())));
+    EXPECT_GE(streams_read(data, 1, TAKEN)[1].size(), TAKEN);
+    // Nothing is closed by an id that no stream has, and none has 0.
+    ASSERT_TRUE(sends(frame_bytes(CLOSE_STREAM, 0) + frame_bytes(CLOSE_STREAM, 9) +
+                      frame_bytes(CLOSE_STREAM, 1)));
+    ASSERT_TRUE(sends(debug_frame(2, "echo")));
+    const std::string answer = debug_answer("200 OK", "echo");
+    EXPECT_EQ(streams_read(data, 2, answer.size())[2], answer);
+    EXPECT_TRUE(eventually([&] { return endless.ended() == 1; }));
+    EXPECT_TRUE(stays_silent(data, test_duration{200}));
+    EXPECT_TRUE(device.logs("not found the stream by id 0"));
+    EXPECT_TRUE(device.logs("not found the stream by id 9"));
+}
+
+TEST_F(DataConnection, LogsInAnewAfterWhatEndsIt) {
+    const std::pair<std::string, const char*> cases[] = {
+        {std::string(HEADER_SIZE, 'x'), "protcol check failed, conn 0"},
+        {frame_bytes(HEARTBEAT, 0, be32(41)), "heartbeat response not match, seq = 41"},
+        {frame_bytes(CLOSE_CONNECTION), "close the TCP connection 0"},
+    };
+    uint32_t stream = 0;
+    for (const auto& [bytes, line] : cases) {
+        SCOPED_TRACE(line);
+        ASSERT_TRUE(write_all(session.data.get(), bytes));
+        EXPECT_TRUE(device.logs(line));
+        EXPECT_TRUE(closed_by_peer(session.data.get()));
+        session.data = server.data_login();
+        EXPECT_TRUE(echoes(session.data.get(), ++stream));
+    }
+    EXPECT_TRUE(device.gwad->running());
+}

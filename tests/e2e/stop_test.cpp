@@ -1,0 +1,151 @@
+// SIGTERM ends the daemon in order and soon, whatever it waits for.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <list>
+
+#include "box.h"
+#include "peer.h"
+#include "support/service.h"
+
+namespace {
+
+constexpr test_duration SOON{5000};
+
+// One daemon on its way into a state, with what must stay open meanwhile.
+struct scene {
+    peer server;
+    box device{server.manager.port};
+    std::list<unique_fd> open;
+    std::unique_ptr<local_service> service;
+
+    int keep(unique_fd fd) { return open.emplace_back(std::move(fd)).get(); }
+    // A data connection that relays; its control connection stays open.
+    int relay() {
+        peer::session both = server.relay();
+        keep(std::move(both.control));
+        return keep(std::move(both.data));
+    }
+};
+
+// Leaves no room in the listener's backlog, so that the next connect hangs.
+void backlog_fill(scene& at, const loopback_listener& listener) {
+    constexpr int CONNECTIONS = 4;
+    listen(listener.fd.get(), 0);
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(listener.fd.get(), reinterpret_cast<sockaddr*>(&address), &size);
+    for (int i = 0; i < CONNECTIONS; ++i) {
+        const int fd = at.keep(unique_fd{socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)});
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), size);
+    }
+}
+
+bool endless_stream(scene& at, int data) {
+    at.service = std::make_unique<local_service>([](int fd) {
+        while (write_all(fd, std::string(PAYLOAD_MAX, 'e'))) {
+        }
+    });
+    return write_all(data, request_frame(1, at.service->port())) &&
+           at.device.logs("recv local server data", 20);
+}
+
+// Each leads the daemon into its state; false: it did not get there.
+const struct {
+    const char* name;
+    bool (*enter)(scene& at);
+} STATES[] = {
+    {"discovery waits for its answer",
+     [](scene& at) {
+         const int fd = at.keep(at.server.manager.accept());
+         return read_until(fd, "\r\n\r\n").ends_with("\r\n\r\n");
+     }},
+    {"pause after a failed discovery",
+     [](scene& at) {
+         at.server.discover("{}");
+         return at.device.logs("try server index 2") && at.device.logs("connect to server failed");
+     }},
+    {"control connect in progress",
+     [](scene& at) {
+         backlog_fill(at, at.server.control);
+         at.server.discover();
+         return at.device.logs("connecting in progress", 2);
+     }},
+    {"control login waits for its answer",
+     [](scene& at) {
+         at.server.discover();
+         return frame_read(at.keep(at.server.control.accept())).has_value();
+     }},
+    {"heartbeat waits for its answer",
+     [](scene& at) {
+         at.keep(at.server.login());
+         return at.device.logs("wait heartbeat response");
+     }},
+    {"idle, workers wait for an address",
+     [](scene& at) { return heartbeat_answer(at.keep(at.server.login()), 0); }},
+    {"control header half received",
+     [](scene& at) {
+         const int fd = at.keep(at.server.login());
+         return heartbeat_answer(fd, 0) && write_all(fd, frame_bytes(PRIVACY).substr(0, 7));
+     }},
+    {"control payload half received",
+     [](scene& at) {
+         const int fd = at.keep(at.server.login());
+         return heartbeat_answer(fd, 0) &&
+                write_all(fd, frame_bytes(STATUS, 0, "1234").substr(0, 18)) &&
+                write_all(fd, frame_bytes(PRIVACY, 0, std::string(900, 'x')).substr(0, 500));
+     }},
+    {"data connect in progress",
+     [](scene& at) {
+         backlog_fill(at, at.server.data[0]);
+         const int fd = at.keep(at.server.login());
+         return heartbeat_answer(fd, 0) &&
+                write_all(fd, frame_bytes(DATA_ORDER, 0, at.server.order())) &&
+                at.device.logs("connecting in progress", 3);
+     }},
+    {"data login waits for its answer",
+     [](scene& at) {
+         const int fd = at.keep(at.server.login());
+         return heartbeat_answer(fd, 0) &&
+                write_all(fd, frame_bytes(DATA_ORDER, 0, at.server.order())) &&
+                frame_read(at.keep(at.server.data[0].accept())).has_value();
+     }},
+    {"data connection relays", [](scene& at) { return echoes(at.relay(), 1); }},
+    {"data header half received",
+     [](scene& at) { return write_all(at.relay(), debug_frame(1, "echo").substr(0, 9)); }},
+    {"data payload half received",
+     [](scene& at) { return write_all(at.relay(), debug_frame(1, "echo").substr(0, 50)); }},
+    {"discard after a dead local port",
+     [](scene& at) {
+         const uint16_t dead = loopback_listener().port;
+         return write_all(at.relay(), request_frame(1, dead)) && at.device.logs("connect failed");
+     }},
+    {"a server that reads nothing", [](scene& at) { return endless_stream(at, at.relay()); }},
+    {"diagnostic script runs",
+     [](scene& at) {
+         const std::string mark = at.device.home.path + "/diag";
+         file_write(at.device.home.path + "/bin/diag.sh",
+                    "#!/bin/sh\necho >" + mark + "\nexec sleep 60\n", true);
+         return write_all(at.relay(), debug_frame(1, "diag")) &&
+                eventually([&] { return !file_read(mark).empty(); });
+     }},
+};
+
+}  // namespace
+
+TEST(Sigterm, EndsTheDaemonFromEveryState) {
+    std::vector<std::thread> threads;
+    for (const auto& state : STATES) {
+        threads.emplace_back([&state] {
+            SCOPED_TRACE(state.name);
+            scene at;
+            EXPECT_TRUE(state.enter(at));
+            EXPECT_EQ(at.device.gwad->terminate(SOON), 0);
+            EXPECT_TRUE(at.device.logs("login exit success"));
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}

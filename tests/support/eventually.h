@@ -1,0 +1,20 @@
+// eventually.h - waiting for what another process or thread brings about.
+#pragma once
+
+#include <thread>
+
+#include "sockets.h"
+
+// True as soon as `holds()` is; false when it still is not at the deadline.
+template <typename Predicate>
+bool eventually(Predicate holds, test_duration patience = TEST_PATIENCE) {
+    constexpr test_duration LOOK_EVERY{5};
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(LOOK_EVERY);
+    }
+    return true;
+}
