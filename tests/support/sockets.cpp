@@ -23,8 +23,11 @@ sockaddr_in loopback_address(uint16_t port) {
     return address;
 }
 
-// False when the deadline passed first.
+// False when the deadline passed first, and at once for a connection that was never made.
 bool wait_for(int fd, short events, steady::time_point deadline) {
+    if (fd < 0) {
+        return false;
+    }
     const auto left = std::chrono::ceil<test_duration>(deadline - steady::now()).count();
     pollfd entry{fd, events, 0};
     return poll(&entry, 1, static_cast<int>(std::max<int64_t>(left, 0))) == 1;
@@ -142,5 +145,7 @@ bool closed_by_peer(int fd, test_duration patience) {
 }
 
 bool stays_silent(int fd, test_duration time) {
+    return fd >= 0 && !wait_for(fd, POLLIN, steady::now() + time);
+}
     return !wait_for(fd, POLLIN, steady::now() + time);
 }

@@ -48,8 +48,10 @@ char* byte_buffer::reserve(size_t count) {
 }
 
 void byte_buffer::append(std::string_view bytes) {
-    memcpy(reserve(bytes.size()), bytes.data(), bytes.size());
-    commit(bytes.size());
+    if (!bytes.empty()) {  // no bytes may have no address, which memcpy must not see
+        memcpy(reserve(bytes.size()), bytes.data(), bytes.size());
+        commit(bytes.size());
+    }
 }
 
 connection::connection(tcp::socket accepted)
