@@ -1,0 +1,249 @@
+#include "connection/gwa_connection_data.h"
+
+#include <algorithm>
+
+#include "connection/data_fixture.h"
+#include "connection/gwa_connection_data_out.h"
+
+namespace {
+
+const std::string ECHO_ANSWER =
+    "HTTP/1.1 200 OK\r\nContent-Type:text/plain\r\nContent-Length:4\r\n\r\necho";
+
+TEST_F(data_connection, AFrameMayBeSplitAnywhereAndTheNextOneStaysInStep) {
+    const std::string asked = frame(gwa_command::DATA, 9, request(10010, "&x-qv-gwad-opt=echo"));
+    for (size_t split = 1; split < asked.size(); split++) {
+        server_sends(asked.substr(0, split));
+        rounds();
+        EXPECT_EQ(sent(), "") << split;
+        server_sends(asked.substr(split) + asked);
+        rounds();
+        const std::string answer = frame(gwa_command::DATA, 9, ECHO_ANSWER);
+        EXPECT_EQ(sent(), answer + answer) << "split at " << split;
+    }
+    EXPECT_EQ(gwa_connection_memory(conn), 0);
+    EXPECT_EQ(fake_time::now_us / 1'000'000, START) << "no split costs more than the short pauses";
+}
+
+TEST_F(data_connection, AFrameThatStopsHalfWayHasItsLimit) {
+    const std::string asked = frame(gwa_command::DATA, 9, request(10010));
+    const struct {
+        size_t begun;
+        int32_t limit;  // s
+    } cases[] = {{5, 10}, {GWA_HEADER_SIZE, 120}, {GWA_HEADER_SIZE + 20, 120}};
+    for (const auto& [begun, limit] : cases) {
+        set_clock(START);
+        server_sends(asked.substr(0, begun));
+        rounds();
+        set_clock(START + limit - 1);
+        EXPECT_FALSE(closes_in(2)) << begun;
+        set_clock(START + limit);
+        EXPECT_TRUE(closes_in(2)) << begun;
+        EXPECT_EQ(gwa_connection_memory(conn), 0);
+
+        ASSERT_EQ(gwa_connection_data_init2(conn), GWA_OK);
+        conn->socket = dup(sockets.ours);
+        poll_add(&conn->poller, conn->socket, gwa_connection_data_remote_handle, conn,
+                 &conn->socket);
+    }
+}
+
+TEST_F(data_connection, HeartbeatsFollowTheClockOneAtATime) {
+    conn->heartbeat_seq = conn->heartbeat_resp = 41;
+    set_clock(START + 60);
+    rounds();
+    EXPECT_EQ(sent(), "");
+    set_clock(START + 61);
+    rounds();
+    EXPECT_EQ(sent(), heartbeat(41));
+    set_clock(START + 200);  // not answered: no further one
+    rounds();
+    EXPECT_EQ(sent(), "");
+    server_sends(heartbeat(41));
+    rounds();
+    EXPECT_EQ(sent(), heartbeat(42)) << "answered, and still silent for a minute";
+    server_sends(heartbeat(41));
+    EXPECT_TRUE(closes_in(2)) << "a wrong number starts the connection over";
+}
+
+TEST_F(data_connection, AKeepaliveGoesFirstAndComesAgainAMinuteLater) {
+    set_clock(START + 241);
+    conn->last_out_time = START + 241;  // busy sending, nothing comes in
+    rounds();
+    EXPECT_EQ(sent(), heartbeat(0));
+    EXPECT_EQ(conn->last_in_time, START + 61);
+    server_sends(heartbeat(0));
+    rounds();
+    EXPECT_EQ(conn->heartbeat_resp, conn->heartbeat_seq);
+}
+
+TEST_F(data_connection, NothingFreesTheHeartbeatFrameOrUsesItTwice) {
+    set_clock(START + 241);
+    gwa_connection_data_keepalive_handle(conn);
+    ASSERT_EQ(conn->output.nodes.first(), &conn->heartbeat_node);
+    gwa_connection_data_output_free_by_id(conn, 0);
+    set_clock(START + 5000);
+    gwa_connection_data_buffer_timeout_check(conn);
+    conn->heartbeat_resp = conn->heartbeat_seq;  // as if answered while still queued
+    gwa_connection_data_keepalive_handle(conn);
+    gwa_connection_data_heartbeat_handle(conn);
+    EXPECT_EQ(conn->heartbeat_seq, 1U);
+    rounds(1);
+    EXPECT_EQ(sent(), heartbeat(0));
+    EXPECT_EQ(conn->output.nodes.first(), nullptr);
+}
+
+TEST_F(data_connection, AHeartbeatThatFindsTheQueueBusyTakesItsNumberBack) {
+    server_sends(frame(gwa_command::DATA, 3, request(10010, "&x-qv-gwad-opt=echo")));
+    gwa_connection_data_remote_handle(EPOLLIN, conn);
+    gwa_connection_data_heartbeat_handle(conn);
+    EXPECT_EQ(conn->heartbeat_seq, 0U);
+    rounds();
+    EXPECT_EQ(sent(), frame(gwa_command::DATA, 3, ECHO_ANSWER));
+}
+
+TEST_F(data_connection, StaleFramesAreDroppedButNotAPartlySentOne) {
+    for (uint32_t stream = 1; stream <= 3; stream++) {
+        uint8_t* const buffer = static_cast<uint8_t*>(calloc(1, GWA_HEADER_SIZE));
+        gwa_connection_memory_charge(conn, GWA_HEADER_SIZE);
+        gwa_output_node* const node =
+            gwa_connection_node_new(conn, buffer, GWA_HEADER_SIZE, GWA_HEADER_SIZE);
+        node->stream_id = stream;
+        gwa_connection_send(conn, node);
+    }
+    conn->output.nodes.first()->flags |= GWA_NODE_PARTLY_SENT;
+    gwa_connection_data_output_free_by_id(conn, 1);
+    gwa_connection_data_output_free_by_id(conn, 2);
+    EXPECT_EQ(conn->queue_count, 2U);
+    set_clock(START + 600);
+    gwa_connection_data_buffer_timeout_check(conn);
+    EXPECT_EQ(conn->queue_count, 2U);
+    set_clock(START + 601);
+    gwa_connection_data_buffer_timeout_check(conn);
+    EXPECT_EQ(conn->queue_count, 1U);
+}
+
+TEST_F(data_connection, CommandsThatEndItAndCommandsThatDoNot) {
+    server_sends(frame(gwa_command::RESPONSE_DEVICE_INFO, 0, std::string(5000, 'x')) +
+                 frame(gwa_command::HEARTBEAT, 0, "abc") + frame(gwa_command::DATA, 8, "") +
+                 frame(gwa_command::CLOSE_STREAM, 77, "") +
+                 frame(gwa_command::DATA, 9, request(10010, "&x-qv-gwad-opt=echo")));
+    rounds(5);
+    EXPECT_EQ(sent(), frame(gwa_command::DATA, 9, ECHO_ANSWER));
+    EXPECT_EQ(gwa_counter_get(conn->traffic.packets_in), 5U);
+    server_sends(frame(gwa_command::CLOSE_CONNECTION, 0, ""));
+    EXPECT_TRUE(closes_in(2));
+}
+
+TEST_F(data_connection, AnOrderlyCloseEndsNothingButANewOrderDoes) {
+    shutdown(sockets.peer, SHUT_WR);
+    EXPECT_FALSE(closes_in(3));
+    const char domain[GWA_HOST_SIZE] = "relay.example.com";
+    gwa_connection_order(conn, domain, 1);
+    EXPECT_TRUE(closes_in(1));
+}
+
+TEST_F(data_connection, ABadHeaderEndsIt) {
+    server_sends(std::string(GWA_HEADER_SIZE, 'x'));
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(closes_in(2));
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("78 78 78"), std::string::npos);
+}
+
+// A service on the box: a listening socket that the connection's streams reach.
+struct local_service : data_connection {
+    loopback_port port{16};
+    int accepted = -1;
+    void open(uint32_t stream_id, const std::string& more = "") {
+        server_sends(frame(gwa_command::DATA, stream_id,
+                           request(ntohs(port.address.sin_port), more), 0xabcd));
+        rounds();
+        accepted = accept(port.fd, nullptr, nullptr);
+    }
+    ~local_service() override { close(accepted); }
+};
+
+TEST_F(local_service, BytesFlowBothWaysUnderTheStreamsId) {
+    open(5, "&x-qv-pri=2");
+    gwa_stream* const stream = gwa_stream_find_by_id(&conn->streams, 5);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(stream->priority, 2U);
+    EXPECT_EQ(stream->tag, 0xabcdU);
+    char buffer[200] = "";
+    const std::string asked = request(ntohs(port.address.sin_port), "&x-qv-pri=2");
+    EXPECT_EQ(read(accepted, buffer, sizeof buffer), static_cast<ssize_t>(asked.size()));
+    EXPECT_EQ(std::string(buffer), asked);
+
+    const std::string page(GWA_PAYLOAD_MAX + 10, 'p');
+    EXPECT_EQ(write(accepted, page.data(), page.size()), static_cast<ssize_t>(page.size()));
+    rounds();
+    EXPECT_EQ(sent(), frame(gwa_command::DATA, 5, page.substr(10)) +
+                          frame(gwa_command::DATA, 5, page.substr(0, 10)));
+    close(accepted);
+    accepted = -1;
+    rounds();
+    EXPECT_EQ(conn->stream_count, 1) << "a close by the service ends nothing";
+    server_sends(frame(gwa_command::CLOSE_STREAM, 5, ""));
+    rounds();
+    EXPECT_EQ(conn->stream_count, 0);
+    EXPECT_EQ(gwa_connection_memory(conn), 0);
+}
+
+TEST_F(local_service, ShortMemoryStopsEveryStreamButPriorityZero) {
+    const struct {
+        const char* priority;
+        int32_t memory;
+        bool reads;
+    } cases[] = {{"&x-qv-pri=4", GWA_MEMORY_LIMIT, true},
+                 {"&x-qv-pri=4", GWA_MEMORY_LIMIT + 1, false},
+                 {"&x-qv-pri=0", GWA_MEMORY_LIMIT + 1, true}};
+    uint32_t stream = 1;
+    for (const auto& [priority, memory, reads] : cases) {
+        open(stream, priority);
+        EXPECT_EQ(write(accepted, "x", 1), 1);
+        const int32_t before = gwa_connection_memory(conn);
+        conn->memory = memory;
+        gwa_stream_local_in_handle(gwa_stream_find_by_id(&conn->streams, stream));
+        EXPECT_EQ(conn->queue_count, reads ? 1U : 0U) << priority << " at " << memory;
+        conn->memory = conn->memory - memory + before;
+        rounds();
+        EXPECT_EQ(sent(), frame(gwa_command::DATA, stream, "x")) << "once memory is there again";
+        stream++;
+    }
+}
+
+TEST_F(local_service, IdleStreamsAreFreed) {
+    open(1);
+    set_clock(START + 300);
+    gwa_connection_data_stream_idle_check(conn);
+    EXPECT_EQ(conn->stream_count, 1);
+    set_clock(START + 301);
+    gwa_connection_data_stream_idle_check(conn);
+    EXPECT_EQ(conn->stream_count, 0);
+}
+
+TEST_F(data_connection, RefusedRequestsAreSilentAndCostNothing) {
+    const loopback_port closed{-1};
+    const std::string ports[] = {"0", "65535", "99999999999", "", "x"};
+    for (const std::string& port : ports) {
+        server_sends(frame(gwa_command::DATA, 1,
+                           "GET /?x-qv-devid=box&x-qv-port=" + port + " HTTP/1.1\r\n\r\n"));
+    }
+    server_sends(frame(gwa_command::DATA, 1, "GET /?x-qv-devid=boy&x-qv-port=80 HTTP/1.1\r\n\r\n"));
+    server_sends(frame(gwa_command::DATA, 1, "GET /?x-qv-port=80 HTTP/1.1 and more\r\n\r\n"));
+    server_sends(frame(gwa_command::DATA, 1, "short"));
+    rounds();
+    EXPECT_EQ(gwa_connection_memory(conn), 0);
+
+    // A service that is not there: as many bytes again are dropped, without holding up the round.
+    const std::string asked = frame(gwa_command::DATA, 1, request(ntohs(closed.address.sin_port)));
+    server_sends(asked);
+    rounds();
+    server_sends(std::string(asked.size() - GWA_HEADER_SIZE, '?') +
+                 frame(gwa_command::DATA, 2, request(10010, "&x-qv-gwad-opt=echo")));
+    rounds();
+    EXPECT_EQ(sent(), frame(gwa_command::DATA, 2, ECHO_ANSWER));
+    EXPECT_EQ(gwa_connection_memory(conn), 0);
+}
+
+}  // namespace
