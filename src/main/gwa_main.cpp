@@ -28,6 +28,7 @@ constexpr uint32_t CHECK_INTERVAL_S = 30;
 constexpr int RETRY_PAUSE_S = 10;
 
 gwa_timer* check_timer = nullptr;
+bool logged_in = false;  // since the start or the last reinit: there is a connection to release
 
 }  // namespace
 
@@ -72,6 +73,7 @@ static bool supervisor_connect() {
         GWA_LOG(FATAL, "login server failed");
         return false;
     }
+    logged_in = true;
     if (gwa_connection_cntl_init(fd) != 0) {
         GWA_LOG(FATAL, "init connection failed");
         close(fd);
@@ -103,8 +105,15 @@ static int supervisor_loop() {
     return asked;
 }
 
+static void connection_release() {
+    if (logged_in) {
+        gwa_connection_cntl_exit();
+        logged_in = false;
+    }
+}
+
 // The restart point of the process, as a loop: what the passes hand back takes the place of a jump.
-// Returns with the workers joined. gwa_connection_cntl_exit does nothing when no login succeeded.
+// Returns with the workers joined.
 static void supervise() {
     GWA_LOG(PROGRESS, "set jump here");
     for (int asked = supervisor_loop(); asked != GWA_JUMP_NONE; asked = supervisor_loop()) {
@@ -112,7 +121,7 @@ static void supervise() {
         switch (asked) {
             case GWA_JUMP_REINIT:
                 GWA_LOG(FATAL, "reinit now");
-                gwa_connection_cntl_exit();  // nothing of the old pass stays behind
+                connection_release();  // nothing of the old pass stays behind
                 break;
             case GWA_JUMP_EXIT:
                 GWA_LOG(FATAL, "exit process now");
@@ -123,7 +132,7 @@ static void supervise() {
         }
     }
     gwa_connection_all_destroy();
-    gwa_connection_cntl_exit();
+    connection_release();
 }
 
 [[noreturn]] static void teardown() {

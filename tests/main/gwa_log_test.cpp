@@ -1,0 +1,84 @@
+#include "main/gwa_log.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+
+#include "forked.h"
+
+namespace {
+
+struct log_to_file {  // while it lives, the log goes to a file of the test's
+    temp_dir dir;
+    std::string path = dir.path + "/log";
+    log_to_file() {
+        gwa_log_level_set(GWA_LEVEL_DEBUG);
+        EXPECT_EQ(gwa_log_init(path.c_str(), false), 0);
+    }
+    ~log_to_file() {
+        gwa_log_close();
+        gwa_log_init(nullptr, false);
+        gwa_log_level_set(GWA_LEVEL_DEBUG);
+    }
+    std::string text() const { return file_read(path); }
+};
+
+}  // namespace
+
+TEST(Log, StampsEveryLineWithWhereItComesFrom) {
+    log_to_file log;
+    GWA_LOG(ERROR, "text %d", 5);
+    const std::regex line(
+        R"(<\d{4}-\d\d-\d\d \d\d:\d\d:\d\d> \[gwad\] gwa_log_test.cpp \d+ TestBody\(\) <3> text 5\n)");
+    EXPECT_TRUE(std::regex_match(log.text(), line)) << log.text();
+}
+
+TEST(Log, WritesUpToTheLevelThatIsSet) {
+    for (int level = GWA_LOG_OFF; level <= GWA_LEVEL_DEBUG; ++level) {
+        log_to_file log;
+        ASSERT_EQ(gwa_log_level_set(level), 0);
+        GWA_LOG(FATAL, "");
+        GWA_LOG(ERROR, "");
+        GWA_LOG(DEBUG, "");
+        for (const int of : {GWA_LEVEL_FATAL, GWA_LEVEL_ERROR, GWA_LEVEL_DEBUG}) {
+            const bool written =
+                log.text().find("<" + std::to_string(of) + ">") != std::string::npos;
+            EXPECT_EQ(written, of <= level) << "level " << of << " while " << level << " is set";
+        }
+    }
+}
+
+TEST(LogLevel, KeepsItsValueWhileOffAndThroughBadOnes) {
+    log_to_file log;
+    int level = 0;
+    for (const int wanted : {4, GWA_LOG_OFF}) {
+        EXPECT_EQ(gwa_log_level_set(wanted), 0);
+        EXPECT_EQ(gwa_log_level_set(8), -1);
+        EXPECT_EQ(gwa_log_level_set(-2), -1);
+        EXPECT_EQ(gwa_log_level_get(&level), 0);
+        EXPECT_EQ(level, wanted);
+    }
+    EXPECT_EQ(gwa_log_level.load(), 4);
+    EXPECT_EQ(gwa_log_level_get(nullptr), -1);
+}
+
+TEST(Log, GoesToItsFixedFileInTheBackground) {
+    forked background([] {
+        gwa_log_init("", true);
+        GWA_LOG(FATAL, "from process %d", getpid());
+    });
+    EXPECT_EQ(background.wait(), FORKED_RETURNED);
+    EXPECT_EQ(background.errors(), "");
+    const std::string line = "from process " + std::to_string(background.pid);
+    EXPECT_NE(file_read("/tmp/gwad.log").find(line), std::string::npos);
+}
+
+TEST(Log, DropsLinesWhenThereIsNoStream) {
+    log_to_file log;
+    gwa_log_close();
+    GWA_LOG(FATAL, "too late");
+    EXPECT_EQ(gwa_log_init((log.dir.path + "/no/log").c_str(), false), -1);
+    GWA_LOG(FATAL, "nowhere");
+    EXPECT_EQ(log.text(), "");
+}

@@ -1,0 +1,108 @@
+#include "main/gwa_status.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "connection/gwa_connection.h"
+#include "forked.h"
+#include "main/gwa_process.h"
+
+namespace {
+
+gwa_counter& bytes_in(int connection) {  // -1: the control connection
+    return connection == -1 ? gwa_connections.cntl.traffic.bytes_in
+                            : gwa_connections.data[connection].traffic.bytes_in;
+}
+
+constexpr int NOBODY = GWA_DATA_CONNECTIONS;
+
+// Runs the check as often as said, with traffic on all connections but one.
+void checks_run(int runs, int silent) {
+    for (int run = 0; run < runs; ++run) {
+        gwa_status_check(nullptr);
+        for (int id = -1; id < GWA_DATA_CONNECTIONS; ++id) {
+            gwa_counter_add(bytes_in(id), id == silent ? 0 : 16);
+        }
+    }
+}
+
+}  // namespace
+
+TEST(Status, WritesTheTable) {
+    temp_dir home;
+    mkdir((home.path + "/tmp").c_str(), 0700);
+    forked child([&] {
+        gwa_process_paths_init(home.path.c_str());
+        gwa_connection_table_init();
+        gwa_log_level_set(GWA_LEVEL_PROGRESS);
+        gwa_traffic& cntl = gwa_connections.cntl.traffic;
+        gwa_counter_add(cntl.bytes_in, 1536);
+        gwa_counter_add(cntl.packets_in, 12);
+        gwa_counter_add(cntl.bytes_out, 1023);
+        cntl.packets_out.high.store(1);
+        gwa_connections.cntl.send_level.store(5);
+        gwa_connection_data& last = gwa_connections.data[4];
+        last.traffic.bytes_in.high.store(1);
+        last.send_level.store(2);
+        last.memory.store(8192);
+        last.queue_count.store(7);
+        last.stream_count.store(3);
+        gwa_status_check(nullptr);
+    });
+    EXPECT_EQ(child.wait(), FORKED_RETURNED);
+    const std::string separator =
+        "+----+----------+----------+----------+----------+------+--------+--------+--------+\n";
+    std::string expected =
+        "+----+---------------------+---------------------+------+--------+--------+--------+\n"
+        "| id | in (Byte   Packet)  | out (Byte  Packet)  | stat | memory | buffer | stream |\n" +
+        separator +
+        "| c0 |    1.500K|        12|      1023|4294967296|     5|        |        |        |\n" +
+        separator;
+    for (const char* id : {"0", "1", "2", "3"}) {
+        expected += "| d" + std::string(id) +
+                    " |         0|         0|         0|         0|     0|       0|       0|"
+                    "       0|\n" +
+                    separator;
+    }
+    expected +=
+        "| d4 |    4.000G|         0|         0|         0|     2|  8.000K|       7|       3|\n" +
+        separator;
+    const std::string written = file_read(home.path + "/tmp/gwad.stat");
+    const size_t line_end = written.find('\n');
+    EXPECT_EQ(written.substr(0, 8), "time : <");
+    EXPECT_EQ(written.substr(line_end - 2, 2), "> ");
+    EXPECT_EQ(written.substr(line_end + 1), expected);
+    const std::string logged =
+        "<1> offset = " + std::to_string(written.size()) + ", \n" + written + "\n";
+    EXPECT_NE(child.errors().find(logged), std::string::npos) << child.errors();
+}
+
+TEST(Status, RestartsOnTheTwelfthRunWhenAnyConnectionIsSilent) {
+    const struct {
+        int runs, silent, running, status;
+        const char* logged;
+    } cases[] = {
+        {25, NOBODY, 1, FORKED_RETURNED, ""},
+        {11, -1, 1, FORKED_RETURNED, ""},
+        {25, -1, 0, FORKED_RETURNED, ""},  // told to stop: silence is as it should be
+        {12, -1, 1, 0, "<0> in pkts not update too long, conn cntl\n"},
+        {12, 0, 1, 0, "<0> in pkts not update too long, conn 0\n"},
+        {12, 4, 1, 0, "<0> in pkts not update too long, conn 4\n"},
+    };
+    for (const auto& with : cases) {
+        forked child([&] {
+            gwa_connection_table_init();
+            gwa_log_level_set(GWA_LEVEL_FATAL);
+            gwa_process_paths_init("/no/home");  // without its file the check runs all the same
+            gwa_process_run.store(with.running);
+            checks_run(with.runs, with.silent);
+        });
+        EXPECT_EQ(child.wait(), with.status);
+        const std::string errors = child.errors();
+        EXPECT_NE(errors.find(with.logged), std::string::npos) << errors;
+        EXPECT_EQ(errors.find("<0>  !!!! restart the process !!!!\n") != std::string::npos,
+                  with.status == 0);
+    }
+}
