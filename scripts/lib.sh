@@ -24,7 +24,7 @@ as_root() {
 # need_packages WHAT_FOR PACKAGE...: installs the Debian packages that are missing, after saying
 # which and what for; does nothing when all are there.
 need_packages() {
-    local what_for=$1 package missing=()
+    local what_for=$1 package log missing=()
     shift
     for package in "$@"; do
         if ! dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null | grep -q '^.i'; then
@@ -39,28 +39,39 @@ need_packages() {
         command -v sudo >/dev/null || die "neither root nor sudo: please install them by hand"
         say "(with apt-get, through sudo)"
     fi
+    say "This may take a few minutes ..."
     # Lists older than the archive name files that are gone, so they are fetched whether or not
-    # there are some. Offline the ones at hand may still do.
-    as_root apt-get -qq update </dev/null || say "apt-get update failed; trying with the old lists"
-    without_services as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get -qq -y --no-install-recommends install "${missing[@]}" </dev/null ||
-        die "apt-get could not install: ${missing[*]}"
-    case " ${missing[*]} " in *" nginx-light "*) as_root update-rc.d nginx disable || true ;; esac
+    # there are some. Offline the ones at hand may still do. A machine that has just been started
+    # may be busy with its own updates: wait for it.
+    log=$(mktemp)
+    as_root apt-get -qq update </dev/null >"$log" 2>&1 ||
+        say "apt-get update failed; trying with the old lists"
+    if ! without_services as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -qq -y -o DPkg::Lock::Timeout=600 --no-install-recommends install "${missing[@]}" \
+        </dev/null >>"$log" 2>&1; then
+        tail -n 40 "$log"
+        die "apt-get could not install: ${missing[*]} (all of it in $log)"
+    fi
+    rm -f "$log"
+    case " ${missing[*]} " in
+        *" nginx-light "*) as_root update-rc.d nginx disable >/dev/null 2>&1 || true ;;
+    esac
 }
 
 # Runs an installation during which Debian starts no service: nobody asked for a web server on
 # port 80, and where that port is taken its package would even fail to install.
 without_services() {
-    local policy=/usr/sbin/policy-rc.d status=0
+    local policy=/usr/sbin/policy-rc.d
     if [ -e "$policy" ]; then
         "$@"
         return
     fi
-    printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
-    as_root chmod 755 "$policy"
-    "$@" || status=$?
-    as_root rm -f "$policy"
-    return "$status"
+    (
+        trap 'as_root rm -f "$policy"' EXIT
+        printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
+        as_root chmod 755 "$policy"
+        "$@"
+    )
 }
 
 # quietly LOG COMMAND...: keeps a long output out of sight unless the command fails.
