@@ -147,5 +147,3 @@ bool closed_by_peer(int fd, test_duration patience) {
 bool stays_silent(int fd, test_duration time) {
     return fd >= 0 && !wait_for(fd, POLLIN, steady::now() + time);
 }
-    return !wait_for(fd, POLLIN, steady::now() + time);
-}
