@@ -304,6 +304,7 @@ TEST(GwrelayStream, EndsWhereTheResponseEnds) {
         {"GET", {ok + "content-LENGTH:0\r", "\n\r", "\n"}},
         {"GET", {"HTTP/1.1 100 Continue\r\n\r\n" + ok + "Content-Length: 1\r\n\r\nx"}},
         {"HEAD", {ok + "Content-Length: 5\r\n\r\n"}},
+        {"GET", {ok + "Transfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r", "\n\r\n"}},
     };
     relay hub(NO_GUARD);
     const unique_fd data = data_login(hub, "box");

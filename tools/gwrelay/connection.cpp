@@ -12,7 +12,6 @@ namespace {
 constexpr size_t BUFFER_FIRST = 4096;
 constexpr std::chrono::milliseconds ACCEPT_PAUSE{200};
 constexpr size_t SMALL_RECEIVE = 16384;
-using quick_ack = asio::detail::socket_option::boolean<IPPROTO_TCP, TCP_QUICKACK>;
 
 std::string peer_name(const tcp::socket& socket) {
     asio::error_code failed;
@@ -178,8 +177,8 @@ awaitable<bool> connection_next_frame(connection& link, frame_input& input, fram
         if (got < SMALL_RECEIVE) {
             // A device leaves Nagle's algorithm on: its next small frame waits for the
             // acknowledgement of this one, which the kernel would otherwise delay by 40 ms.
-            asio::error_code ignored;
-            link.socket.set_option(quick_ack(true), ignored);
+            const int on = 1;
+            setsockopt(link.socket.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
         }
     }
 }

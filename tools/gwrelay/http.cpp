@@ -231,6 +231,6 @@ void response_tracker::head_parse() {
     }
 }
 
-bool response_tracker::complete_for_closed_user() const {
+bool response_tracker::looks_complete() const {
     return complete() || (state == phase::CHUNKED && text == LAST_CHUNK);
 }

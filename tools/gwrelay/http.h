@@ -43,9 +43,9 @@ class response_tracker {
     void feed(std::string_view bytes);
     bool started() const { return fed; }
     bool complete() const { return state == phase::COMPLETE; }
-    // What a user who has closed could still miss: a chunked body counts as whole when its last
-    // bytes look like the last chunk, which is too weak a sign to end a stream by itself.
-    bool complete_for_closed_user() const;
+    // Complete, or a chunked body whose last bytes look like the last chunk: too weak a sign to end
+    // a stream by itself, good enough once its user has closed or nothing more comes.
+    bool looks_complete() const;
 
    private:
     enum class phase { HEAD, LENGTH, CHUNKED, UNTIL_CLOSE, COMPLETE };

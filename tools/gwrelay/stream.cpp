@@ -7,6 +7,9 @@ namespace {
 
 constexpr size_t READ_FRAMES = 8;  // at most so many frames are received at once
 constexpr size_t DISCARD_SIZE = 16384;
+// After what looks like the last chunk, silence for so long makes it the last chunk. Without that a
+// user who keeps his connection would send the next request to this one's service.
+constexpr std::chrono::seconds LAST_CHUNK_QUIET{1};
 
 void append_frame(data_link& route, const frame& whole) {
     route.send_frame(whole);
@@ -99,7 +102,10 @@ const char* end_reason(const relay& hub, const user_link& user) {
     if (user.response.complete() && (user.request_left == 0 || user.user_ended)) {
         return "response complete";
     }
-    if (user.user_ended && user.response.complete_for_closed_user()) {
+    if (user.response.looks_complete() && user.request_left == 0 && quiet >= LAST_CHUNK_QUIET) {
+        return "response complete";
+    }
+    if (user.user_ended && user.response.looks_complete()) {
         return "user closed after the response";
     }
     // Closing one's sending side looks the same as leaving. A response may still be on its way, so
