@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr char VERSION[] = "0.1";
 constexpr size_t PID_TEXT_MAX = 64;  // bytes of a pid file that are looked at
 constexpr int DECIMAL = 10;
 
@@ -93,9 +92,7 @@ static void option_take(options& to, int letter, const char* program) {
         case 'I': to.device_id = optarg; return;
         case 'H': to.home = optarg; return;
         case 'b': to.background = true; return;
-        case 'v':
-            printf("version : %s, git commit : %s\n", VERSION, GWAD_COMMIT);
-            gwa_process_exit(0);
+        case 'v': printf("version : 0.1, git commit : %s\n", GWAD_COMMIT); gwa_process_exit(0);
         case 'h': usage_print(program); gwa_process_exit(0);
         default:
             printf("?? getopt returned character '%c' code 0x%x, %d\n", letter,

@@ -105,19 +105,20 @@ int gwa_getaddrinfo(const char* host, uint32_t* address, char* text, size_t text
     return GWA_OK;
 }
 
-// Asks the kernel about an interface. Null, or the name of the call that failed, with its errno.
-static const char* interface_query(const char* name, unsigned long request,
-                                   const char* request_name, ifreq* answer) {
+enum class interface_result : uint8_t { ANSWERED, NO_SOCKET, NO_ANSWER };  // errno says why
+
+// Asks the kernel about an interface.
+static interface_result interface_query(const char* name, unsigned long request, ifreq* answer) {
     text_copy(answer->ifr_name, name);
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd == -1) {
-        return "socket";
+        return interface_result::NO_SOCKET;
     }
     const int result = ioctl(fd, request, answer);
     const int reason = errno;
     close(fd);
     errno = reason;
-    return result == -1 ? request_name : nullptr;
+    return result == -1 ? interface_result::NO_ANSWER : interface_result::ANSWERED;
 }
 
 int gwa_interface_mac_get(const char* name, uint8_t (*mac)[6]) {
@@ -130,10 +131,14 @@ int gwa_interface_mac_get(const char* name, uint8_t (*mac)[6]) {
         return GWA_FAILED;
     }
     ifreq answer{};
-    const char* failed = interface_query(name, SIOCGIFHWADDR, "ioctl SIOCGIFHWADDR", &answer);
-    if (failed != nullptr) {
-        GWA_LOG(DEBUG, "%s error %s", failed, strerror(errno));
-        return GWA_FAILED;
+    switch (interface_query(name, SIOCGIFHWADDR, &answer)) {
+        case interface_result::ANSWERED: break;
+        case interface_result::NO_SOCKET:
+            GWA_LOG(DEBUG, "socket error %s", strerror(errno));
+            return GWA_FAILED;
+        case interface_result::NO_ANSWER:
+            GWA_LOG(DEBUG, "ioctl SIOCGIFHWADDR error %s", strerror(errno));
+            return GWA_FAILED;
     }
     memcpy(*mac, answer.ifr_hwaddr.sa_data, sizeof *mac);
     return GWA_OK;
@@ -149,15 +154,19 @@ int gwa_interface_addr_get(const char* name, uint8_t (*address)[4]) {
         return GWA_FAILED;
     }
     ifreq answer{};
-    const char* failed = interface_query(name, SIOCGIFADDR, "ioctl SIOCGIFADDR", &answer);
-    if (failed != nullptr && errno == EADDRNOTAVAIL) {
-        printf("interface %s not assign IP address\n", name);
-        memset(*address, 0, sizeof *address);
-        return GWA_OK;
-    }
-    if (failed != nullptr) {
-        printf("%s error %s\n", failed, strerror(errno));
-        return GWA_FAILED;
+    switch (interface_query(name, SIOCGIFADDR, &answer)) {
+        case interface_result::ANSWERED: break;
+        case interface_result::NO_SOCKET:
+            printf("socket error %s\n", strerror(errno));
+            return GWA_FAILED;
+        case interface_result::NO_ANSWER:
+            if (errno != EADDRNOTAVAIL) {
+                printf("ioctl SIOCGIFADDR error %s\n", strerror(errno));
+                return GWA_FAILED;
+            }
+            printf("interface %s not assign IP address\n", name);
+            memset(*address, 0, sizeof *address);
+            return GWA_OK;
     }
     sockaddr_in assigned{};
     memcpy(&assigned, &answer.ifr_addr, sizeof assigned);
@@ -167,33 +176,44 @@ int gwa_interface_addr_get(const char* name, uint8_t (*address)[4]) {
 
 namespace {
 
+enum firmware_id : unsigned { FIRMWARE_CURVER, FIRMWARE_COMPONENT, FIRMWARE_TERMINAL };
+
 struct firmware_key {
     std::string_view name;
     size_t skipped;  // characters of the value that the tests for its emptiness and end pass over
 };
 
 // Intended: a terminal of a single character counts as none. The boxes' files are made for it.
-constexpr firmware_key FIRMWARE_KEYS[] = {{"CURVER", 0}, {"COMPONENT", 0}, {"TERMINAL", 1}};
+constexpr firmware_key FIRMWARE_KEYS[] = {{"CURVER=", 0}, {"COMPONENT=", 0}, {"TERMINAL=", 1}};
 constexpr size_t FIRMWARE_KEY_COUNT = std::size(FIRMWARE_KEYS);
 constexpr unsigned FIRMWARE_ALL_FOUND = (1U << FIRMWARE_KEY_COUNT) - 1;
 
+}  // namespace
+
+static void firmware_value_missing(unsigned id, const char* line) {
+    switch (id) {
+        case FIRMWARE_CURVER: GWA_LOG(ERROR, "CURVER trancated, %s", line); break;
+        case FIRMWARE_COMPONENT: GWA_LOG(ERROR, "COMPONENT trancated, %s", line); break;
+        default: GWA_LOG(ERROR, "TERMINAL trancated, %s", line); break;
+    }
+}
+
 // Takes the value out of a line that may hold the key. True: `value` has been filled.
-bool firmware_line_take(const char* line, const firmware_key& key, gwa_firmware_value& value) {
+static bool firmware_line_take(const char* line, unsigned id, gwa_firmware_value& value) {
+    const firmware_key& key = FIRMWARE_KEYS[id];
     std::string_view rest = line;
-    if (!rest.starts_with(key.name) || rest.substr(key.name.size(), 1) != "=") {
+    if (!rest.starts_with(key.name)) {
         return false;
     }
-    rest.remove_prefix(key.name.size() + 1);
+    rest.remove_prefix(key.name.size());
     const size_t end = std::min(rest.find_first_of("\r\n", key.skipped), rest.size());
     if (end <= key.skipped) {
-        GWA_LOG(ERROR, "%s trancated, %s", key.name.data(), line);
+        firmware_value_missing(id, line);
         return false;
     }
     text_copy(value, rest.substr(0, end));
     return true;
 }
-
-}  // namespace
 
 int gwa_fwver_get(gwa_firmware_value& version, gwa_firmware_value& component,
                   gwa_firmware_value& terminal) {
@@ -208,8 +228,8 @@ int gwa_fwver_get(gwa_firmware_value& version, gwa_firmware_value& component,
     char line[FIRMWARE_LINE_SIZE];
     // A longer line comes in pieces, each of which may start with a key.
     while (found != FIRMWARE_ALL_FOUND && fgets(line, FIRMWARE_READ_SIZE, file) != nullptr) {
-        for (size_t i = 0; i < FIRMWARE_KEY_COUNT; ++i) {
-            if (firmware_line_take(line, FIRMWARE_KEYS[i], *values[i])) {
+        for (unsigned i = 0; i < FIRMWARE_KEY_COUNT; ++i) {
+            if (firmware_line_take(line, i, *values[i])) {
                 found |= 1U << i;
             }
         }
@@ -283,9 +303,9 @@ const char* gwa_size_format(uint64_t value, char* buffer, size_t size) {
         snprintf(buffer, size, "%llu", static_cast<unsigned long long>(value));
         return buffer;
     }
-    for (const char unit : {'K', 'M', 'G', 'T'}) {
+    for (const char* format : {"%.3fK", "%.3fM", "%.3fG", "%.3fT"}) {
         if (value < KIB * KIB) {
-            snprintf(buffer, size, "%.3f%c", static_cast<double>(value) * PER_KIB, unit);
+            snprintf(buffer, size, format, static_cast<double>(value) * PER_KIB);
             return buffer;
         }
         value >>= KIB_SHIFT;

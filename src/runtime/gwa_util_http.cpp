@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "main/gwa_log.h"
+#include "runtime/gwa_types.h"
 
 namespace {
 
@@ -14,7 +15,7 @@ constexpr size_t HEAD_SIZE_MIN = 18;    // "GET / HTTP/1.0" and an empty line
 constexpr size_t HEAD_SIZE_MAX = 4096;  // of a request head that is examined
 constexpr size_t HOST_KEY_SIZE = 8;
 constexpr size_t PORT_TEXT_SIZE = 8;
-constexpr size_t LOGGED_URL_MAX = 4096;  // a log line need not hold more
+constexpr size_t LOGGED_URL_MAX = 255;  // a log line need not hold more
 
 constexpr std::string_view METHODS[] = {"GET ", "POST ", "HEAD "};
 
@@ -186,32 +187,33 @@ int gwa_host_list_get(const char* text, gwa_host_list* list) {
     return 0;
 }
 
-// A text as the two arguments of "%.*s".
-static int logged_length(std::string_view text) {
-    return static_cast<int>(std::min(text.size(), LOGGED_URL_MAX));
-}
+// A text that need not be terminated, for a log line.
+struct logged_text {
+    char text[LOGGED_URL_MAX + 1];
+    explicit logged_text(std::string_view from) { text_copy(text, from); }
+};
 
 const char* gwa_url_mime_get(const char* url, size_t length) {
     const std::string_view text(url, length);
     const size_t dot = text.rfind('.');
     if (length <= 1 || dot == std::string_view::npos || dot == 0) {
-        GWA_LOG(ERROR, "url not contains dot %.*s", logged_length(text), url);
+        GWA_LOG(ERROR, "url not contains dot %s", logged_text(text).text);
         return MIME_DEFAULT;
     }
     const std::string_view extension = text.substr(dot + 1);
     if (extension.empty()) {
-        GWA_LOG(ERROR, "url contains dot but not contains valid extension %.*s",
-                logged_length(text), url);
+        GWA_LOG(ERROR, "url contains dot but not contains valid extension %s",
+                logged_text(text).text);
         return MIME_DEFAULT;
     }
-    const int shown = logged_length(extension);
-    GWA_LOG(DEBUG, "extension = %.*s, size = %d", shown, extension.data(), shown);
+    GWA_LOG(DEBUG, "extension = %s, size = %d", logged_text(extension).text,
+            static_cast<int>(extension.size()));
     for (const mime_type& known : MIME_TYPES) {
         if (known.extension == extension) {
             return known.type;
         }
     }
-    GWA_LOG(ERROR, "unsupport mime type %.*s", shown, extension.data());
+    GWA_LOG(ERROR, "unsupport mime type %s", logged_text(extension).text);
     return MIME_DEFAULT;
 }
 
