@@ -345,6 +345,8 @@ TEST(GwrelayStream, AUserWhoLeavesIsForgottenAndLateDataIsDropped) {
     EXPECT_EQ(read_frame(data), frame(1, 4, 1, 1, ""));
     write_all(data.get(), frame(1, 1, 0, 1, "late"));
     EXPECT_TRUE(still_echoes(data));
+    const std::string status = fetch(hub, "GET /status.json HTTP/1.1\r\n\r\n");
+    EXPECT_NE(status.find("\"open_streams\":0,"), std::string::npos) << status;
 }
 
 TEST(GwrelayStream, EveryUserIsAnsweredWhenTheDeviceCannot) {
