@@ -19,15 +19,17 @@ namespace {
 
 constexpr int DISCARD_LIMIT_S = 120;
 
-gwa_output_node& as_node(list_link* link) { return static_cast<gwa_output_node&>(*link); }
+}  // namespace
 
-bool is_partly_sent(const gwa_output_node& node) {
+static gwa_output_node& as_node(list_link* link) { return static_cast<gwa_output_node&>(*link); }
+
+static bool is_partly_sent(const gwa_output_node& node) {
     return (node.flags & GWA_NODE_PARTLY_SENT) != 0;
 }
 
 // The link behind which a node of this priority belongs: the first one of greater priority, or the
 // end. Behind, not in front of: intended.
-list_link* place_by_priority(gwa_output_queue* queue, uint32_t priority) {
+static list_link* place_by_priority(gwa_output_queue* queue, uint32_t priority) {
     list_link* const end = &queue->nodes.head;
     if (priority >= queue->highest) {
         return end->prev;  // nothing queued is greater
@@ -48,7 +50,8 @@ list_link* place_by_priority(gwa_output_queue* queue, uint32_t priority) {
 
 // Moves a place to the last node of the same stream, if that lies behind it: with other priorities
 // in between, "right behind the first greater one" would let a stream's bytes overtake each other.
-list_link* place_behind_own_stream(gwa_output_queue* queue, list_link* place, uint32_t stream_id) {
+static list_link* place_behind_own_stream(gwa_output_queue* queue, list_link* place,
+                                          uint32_t stream_id) {
     for (list_link* at = queue->nodes.head.prev; at != place; at = at->prev) {
         if (as_node(at).stream_id == stream_id) {
             return at;
@@ -58,13 +61,11 @@ list_link* place_behind_own_stream(gwa_output_queue* queue, list_link* place, ui
 }
 
 // Every insert goes through here, so that `highest` stays an upper bound.
-void insert_behind(gwa_output_queue* queue, list_link* place, gwa_output_node* node) {
+static void insert_behind(gwa_output_queue* queue, list_link* place, gwa_output_node* node) {
     queue->highest =
         queue->nodes.empty() ? node->priority : std::max(queue->highest, node->priority);
     list_insert_before(*place->next, *node);
 }
-
-}  // namespace
 
 int gwa_connection_queue_init(gwa_output_queue* queue) {
     if (!queue->ready) {

@@ -30,7 +30,9 @@ constexpr int SEND_LEVEL_MARKS[] = {16, 32, 64, 128, 256};  // bytes; level 5 li
 
 enum class header_read { WHOLE, NONE, FAILED };
 
-void log_receive_error(int fd) {
+}  // namespace
+
+static void log_receive_error(int fd) {
     if (errno == ECONNREFUSED) {
         GWA_LOG(ERROR, "recv failed, connection refused fd %d %s", fd, strerror(errno));
     } else {
@@ -40,7 +42,7 @@ void log_receive_error(int fd) {
 
 // Reads the next header, if one has begun to arrive. A short count is completed: the rest of the
 // header would otherwise be taken for the beginning of the next one.
-header_read read_header(int fd, uint8_t (&bytes)[GWA_HEADER_SIZE + 1]) {
+static header_read read_header(int fd, uint8_t (&bytes)[GWA_HEADER_SIZE + 1]) {
     const ssize_t got = recv(fd, bytes, GWA_HEADER_SIZE, 0);
     if (got == -1) {
         if (errno == EAGAIN) {
@@ -61,7 +63,7 @@ header_read read_header(int fd, uint8_t (&bytes)[GWA_HEADER_SIZE + 1]) {
 }
 
 // Refreshes the send level from what the kernel still holds. tty_ioctl(4), TIOCOUTQ.
-bool refresh_send_level(gwa_connection_cntl* cntl) {
+static bool refresh_send_level(gwa_connection_cntl* cntl) {
     int unsent = 0;
     if (ioctl(cntl->socket, TIOCOUTQ, &unsent) == -1) {
         GWA_LOG(ERROR, "ioctl error on socket %d, %s, reinit", cntl->socket, strerror(errno));
@@ -78,7 +80,7 @@ bool refresh_send_level(gwa_connection_cntl* cntl) {
 
 // Waits for the answer to a heartbeat that has just left. Without a limit of its own; it ends when
 // the run flag is cleared.
-void gwa_connection_cntl_heartbeat_response_wait(gwa_connection_cntl* cntl) {
+static void gwa_connection_cntl_heartbeat_response_wait(gwa_connection_cntl* cntl) {
     GWA_LOG(DEBUG, "wait heartbeat response");
     uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
     const int got = gwa_recvn(cntl->socket, bytes, GWA_HEADER_SIZE);
@@ -91,7 +93,7 @@ void gwa_connection_cntl_heartbeat_response_wait(gwa_connection_cntl* cntl) {
     }
 }
 
-void node_done(gwa_connection_cntl* cntl, gwa_output_node* node) {
+static void node_done(gwa_connection_cntl* cntl, gwa_output_node* node) {
     if (node == &cntl->heartbeat_node) {
         cntl->heartbeat_queued = false;
     }
@@ -99,7 +101,7 @@ void node_done(gwa_connection_cntl* cntl, gwa_output_node* node) {
 }
 
 // Sends one node. False: the pass ends.
-bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
+static bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
     GWA_LOG(DEBUG, "send data to remote server");
     const ssize_t sent = send(cntl->socket, node->cursor, node->remaining, MSG_NOSIGNAL);
     if (sent <= 0) {
@@ -137,14 +139,14 @@ bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
     return true;
 }
 
-void drop_queue(gwa_connection_cntl* cntl) {
+static void drop_queue(gwa_connection_cntl* cntl) {
     while (gwa_output_node* const node = gwa_connection_dequeue(&cntl->output)) {
         node_done(cntl, node);
     }
 }
 
 // Heartbeats by the clock: after silence from us, or else after silence from the server.
-void probe(gwa_connection_cntl* cntl) {
+static void probe(gwa_connection_cntl* cntl) {
     const int32_t now = gwa_now_get();
     if (now > cntl->last_out_time + OUT_IDLE_S) {
         GWA_LOG(REFUSAL, "cntl idle out too long, send a heartbeat");
@@ -155,8 +157,6 @@ void probe(gwa_connection_cntl* cntl) {
         cntl->last_in_time = now - IN_IDLE_BACKDATE_S;
     }
 }
-
-}  // namespace
 
 int gwa_connection_cntl_init(int fd) {
     gwa_connection_cntl* const cntl = &gwa_connections.cntl;

@@ -17,14 +17,16 @@ constexpr int HEARTBEAT_LIMIT_S = 10;
 constexpr int HEARTBEAT_MISSES = 3;
 constexpr int ORDER_SPACING_S = 1;
 
+}  // namespace
+
 // A payload has been read.
-void count_payload(gwa_connection_cntl* cntl, uint32_t length) {
+static void count_payload(gwa_connection_cntl* cntl, uint32_t length) {
     gwa_counter_add(cntl->traffic.bytes_in, length);
     cntl->last_in_time = gwa_now_get();
 }
 
 // Reads a whole payload. False: the socket failed, and it is logged.
-bool read_payload(gwa_connection_cntl* cntl, void* buffer, uint32_t length) {
+static bool read_payload(gwa_connection_cntl* cntl, void* buffer, uint32_t length) {
     if (gwa_recvn(cntl->socket, buffer, length) != static_cast<int>(length)) {
         GWA_LOG(ERROR, "recv data failed fd %d", cntl->socket);
         return false;
@@ -33,12 +35,12 @@ bool read_payload(gwa_connection_cntl* cntl, void* buffer, uint32_t length) {
     return true;
 }
 
-void discard_payload(gwa_connection_cntl* cntl, uint32_t length) {
+static void discard_payload(gwa_connection_cntl* cntl, uint32_t length) {
     gwa_recv_discard(cntl->socket, static_cast<int>(length));
     count_payload(cntl, length);
 }
 
-int heartbeat_answer(gwa_connection_cntl* cntl) {
+static int heartbeat_answer(gwa_connection_cntl* cntl) {
     uint8_t bytes[GWA_HEARTBEAT_PAYLOAD] = {};
     const int got = gwa_recvn_timeout_fast(cntl->socket, bytes, sizeof bytes, HEARTBEAT_LIMIT_S);
     if (got == static_cast<int>(sizeof bytes)) {
@@ -54,7 +56,7 @@ int heartbeat_answer(gwa_connection_cntl* cntl) {
     return GWA_OK;
 }
 
-int new_data_connection(gwa_connection_cntl* cntl, uint32_t length) {
+static int new_data_connection(gwa_connection_cntl* cntl, uint32_t length) {
     GWA_LOG(FATAL, "create a new connection");
     if (length >= ORDER_SIZE) {
         GWA_LOG(PROGRESS, "too large head length field");
@@ -68,7 +70,7 @@ int new_data_connection(gwa_connection_cntl* cntl, uint32_t length) {
     return GWA_OK;
 }
 
-int session_id(gwa_connection_cntl* cntl, uint32_t length) {
+static int session_id(gwa_connection_cntl* cntl, uint32_t length) {
     if (length != SESSION_ID_SIZE) {
         GWA_LOG(ERROR, "alloc session id command length is error %u", length);
         return GWA_FAILED;
@@ -82,7 +84,7 @@ int session_id(gwa_connection_cntl* cntl, uint32_t length) {
     return GWA_OK;
 }
 
-int reporting_times(gwa_connection_cntl* cntl, uint32_t length) {
+static int reporting_times(gwa_connection_cntl* cntl, uint32_t length) {
     if (length != REPORTING_SIZE) {
         GWA_LOG(ERROR, "control report dlna status command length is error %u", length);
         return GWA_FAILED;
@@ -96,8 +98,6 @@ int reporting_times(gwa_connection_cntl* cntl, uint32_t length) {
     }
     return GWA_OK;
 }
-
-}  // namespace
 
 int gwa_connection_cntl_proto_handle(gwa_connection_cntl* cntl,
                                      const uint8_t (&bytes)[GWA_HEADER_SIZE + 1]) {

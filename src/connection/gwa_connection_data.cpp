@@ -33,20 +33,22 @@ constexpr int64_t CHECK_INTERVAL_S = 600;
 constexpr int64_t STREAM_IDLE_S = 300;
 constexpr size_t ADDRESS_TEXT_SIZE = 16;
 
-uint32_t flags_of(const gwa_connection_data* conn) {
+}  // namespace
+
+static uint32_t flags_of(const gwa_connection_data* conn) {
     return conn->flags.load(std::memory_order_acquire);
 }
 
-bool told_to_stop(const gwa_connection_data* conn) {
+static bool told_to_stop(const gwa_connection_data* conn) {
     return (flags_of(conn) & GWA_CONNECTION_STOP) != 0;
 }
 
-bool must_end(const gwa_connection_data* conn) {
+static bool must_end(const gwa_connection_data* conn) {
     return !gwa_process_running() || told_to_stop(conn);
 }
 
 // Sleeps in steps of a second, so that a stop or a newer order does not have to wait.
-void pause_s(const gwa_connection_data* conn, int seconds) {
+static void pause_s(const gwa_connection_data* conn, int seconds) {
     for (int slept = 0; slept < seconds; slept++) {
         if (must_end(conn) || gwa_connection_order_waits(conn)) {
             return;
@@ -56,7 +58,7 @@ void pause_s(const gwa_connection_data* conn, int seconds) {
 }
 
 // The domain as an IPv4 address in host order, or 0.
-uint32_t resolve(const char* domain) {
+static uint32_t resolve(const char* domain) {
     in_addr address{};
     if (inet_pton(AF_INET, domain, &address) == 1) {
         return ntohl(address.s_addr);
@@ -66,7 +68,7 @@ uint32_t resolve(const char* domain) {
 }
 
 // Waits for an order. False: the thread is to end.
-bool wait_for_order(gwa_connection_data* conn) {
+static bool wait_for_order(gwa_connection_data* conn) {
     GWA_LOG(DEBUG, "wait the control to init data addr");
     while (!must_end(conn)) {
         if ((flags_of(conn) & (GWA_CONNECTION_ADDRESS_SET | GWA_CONNECTION_REINIT)) != 0) {
@@ -84,7 +86,7 @@ bool wait_for_order(gwa_connection_data* conn) {
 
 // Waits for an order and resolves it; a newer order replaces one that cannot be resolved. False:
 // the thread is to end.
-bool addr_init(gwa_connection_data* conn) {
+static bool addr_init(gwa_connection_data* conn) {
     while (wait_for_order(conn)) {
         while (!must_end(conn) && !gwa_connection_order_waits(conn)) {
             conn->server_address = resolve(conn->domain);
@@ -100,12 +102,12 @@ bool addr_init(gwa_connection_data* conn) {
 
 // The login needs whole headers to wake it; relaying has to see the last bytes of a frame as well,
 // which the login's low-water mark would hide from the poller.
-void low_water_reset(int fd) {
+static void low_water_reset(int fd) {
     const int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof one);
 }
 
-bool login_once(gwa_connection_data* conn) {
+static bool login_once(gwa_connection_data* conn) {
     const int fd = gwa_login_data(conn->server_address, conn->port);
     if (fd == -1) {
         GWA_LOG(FATAL, "login server failed");
@@ -123,7 +125,7 @@ bool login_once(gwa_connection_data* conn) {
     return true;
 }
 
-void re_resolve(gwa_connection_data* conn) {
+static void re_resolve(gwa_connection_data* conn) {
     GWA_LOG(RESULT, "try to login server 0x%08x:%d more than %d times, but all failed",
             conn->server_address, conn->port, LOGIN_ATTEMPTS);
     const uint32_t address = resolve(conn->domain);
@@ -138,7 +140,7 @@ void re_resolve(gwa_connection_data* conn) {
 }
 
 // Up to three attempts. False: no login, for whatever reason.
-bool login(gwa_connection_data* conn) {
+static bool login(gwa_connection_data* conn) {
     for (int attempt = 0; attempt < LOGIN_ATTEMPTS; attempt++) {
         if (!gwa_connection_running() || gwa_connection_order_waits(conn)) {
             return false;
@@ -154,7 +156,7 @@ bool login(gwa_connection_data* conn) {
     return false;
 }
 
-void manage(gwa_connection_data* conn) {
+static void manage(gwa_connection_data* conn) {
     while (gwa_connection_running()) {
         if (!gwa_connection_data_round(conn)) {
             GWA_LOG(FATAL, "epoll error conn %d", conn->id);
@@ -167,7 +169,7 @@ void manage(gwa_connection_data* conn) {
 }
 
 // One login and what follows from it. False: the thread is to end.
-bool pass(gwa_connection_data* conn) {
+static bool pass(gwa_connection_data* conn) {
     if ((flags_of(conn) & GWA_CONNECTION_REINIT) != 0) {
         GWA_LOG(FATAL, "reinit the data conn %d", conn->id);
         conn->flags.fetch_and(~static_cast<uint32_t>(GWA_CONNECTION_REINIT));
@@ -198,7 +200,7 @@ bool pass(gwa_connection_data* conn) {
 }
 
 // From the address to the end of the thread.
-void work(gwa_connection_data* conn) {
+static void work(gwa_connection_data* conn) {
     addr_init(conn);
     // The seed itself, not the number drawn from it: all workers pause alike. Intended.
     unsigned int seed = 0;
@@ -215,7 +217,7 @@ void work(gwa_connection_data* conn) {
     }
 }
 
-void* gwa_connection_data_task(void* argument) {
+static void* gwa_connection_data_task(void* argument) {
     gwa_connection_data* const conn = static_cast<gwa_connection_data*>(argument);
     if (conn == nullptr) {
         GWA_LOG(ERROR, "arg is null");
@@ -238,19 +240,19 @@ void* gwa_connection_data_task(void* argument) {
     return nullptr;
 }
 
-bool is_busy(gwa_connection_data* conn) {
+static bool is_busy(gwa_connection_data* conn) {
     return !conn->streams.empty() || gwa_connection_queue_is_empty(&conn->output) == 0;
 }
 
 // Whether there is work that no event will tell of: input beyond the budget of the last pass, or
 // local data that was left where it is while there is memory for it.
-bool has_more(const gwa_connection_data* conn) {
+static bool has_more(const gwa_connection_data* conn) {
     return conn->input_has_more ||
            (conn->streams_have_more && gwa_connection_memory(conn) < GWA_MEMORY_LIMIT);
 }
 
 // Heartbeat, or else keepalive. Whether one of the two was due.
-bool probe(gwa_connection_data* conn, int64_t now) {
+static bool probe(gwa_connection_data* conn, int64_t now) {
     if (now > conn->last_out_time + OUT_IDLE_S) {
         gwa_connection_data_heartbeat_handle(conn);
         return true;
@@ -261,8 +263,6 @@ bool probe(gwa_connection_data* conn, int64_t now) {
     }
     return false;
 }
-
-}  // namespace
 
 int gwa_connection_data_init(gwa_connection_data (*table)[GWA_DATA_CONNECTIONS]) {
     if (table == nullptr) {

@@ -7,9 +7,7 @@
 #include "connection/gwa_stream.h"
 #include "main/gwa_process.h"
 
-namespace {
-
-void free_half_read_payload(gwa_connection_data* conn) {
+static void free_half_read_payload(gwa_connection_data* conn) {
     if (conn->input.payload != nullptr) {
         gwa_connection_memory_release(conn, conn->input.header.length);
         free(conn->input.payload);
@@ -18,7 +16,7 @@ void free_half_read_payload(gwa_connection_data* conn) {
     gwa_connection_input_next(conn);
 }
 
-void free_queue(gwa_connection_data* conn) {
+static void free_queue(gwa_connection_data* conn) {
     if (pthread_mutex_lock(&conn->output.lock) != 0) {
         GWA_LOG(ERROR, "lock failed");
     }
@@ -30,8 +28,6 @@ void free_queue(gwa_connection_data* conn) {
         GWA_LOG(ERROR, "unlock failed");
     }
 }
-
-}  // namespace
 
 void gwa_connection_data_free(gwa_connection_data* conn) {
     GWA_LOG(DEBUG, "connection data id %d free ...", conn->id);

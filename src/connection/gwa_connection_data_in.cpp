@@ -31,8 +31,10 @@ enum class fill {
     FAILED,   // errno
 };
 
+}  // namespace
+
 // Where the next bytes of the current step go; a discard gets rid of them.
-uint8_t* step_target(gwa_input& input, uint8_t (&scratch)[SCRATCH_SIZE]) {
+static uint8_t* step_target(gwa_input& input, uint8_t (&scratch)[SCRATCH_SIZE]) {
     switch (input.step) {
         case gwa_input_step::HEADER:
         case gwa_input_step::HEARTBEAT: return input.bytes + input.have;
@@ -43,7 +45,7 @@ uint8_t* step_target(gwa_input& input, uint8_t (&scratch)[SCRATCH_SIZE]) {
 }
 
 // Receives for the current step until it is complete or the socket has no more.
-fill step_fill(gwa_connection_data* conn) {
+static fill step_fill(gwa_connection_data* conn) {
     gwa_input& input = conn->input;
     uint8_t scratch[SCRATCH_SIZE];
     while (input.have < input.want) {
@@ -67,7 +69,7 @@ fill step_fill(gwa_connection_data* conn) {
 }
 
 // A frame that has begun cannot be completed: what that means depends on where it stopped.
-void step_failed(gwa_connection_data* conn) {
+static void step_failed(gwa_connection_data* conn) {
     switch (conn->input.step) {
         case gwa_input_step::HEADER: GWA_LOG(ERROR, "recv failed fd %d", conn->socket); break;
         case gwa_input_step::HEARTBEAT:
@@ -82,12 +84,12 @@ void step_failed(gwa_connection_data* conn) {
     gwa_connection_data_close(conn);
 }
 
-bool frame_has_begun(const gwa_input& input) {
+static bool frame_has_begun(const gwa_input& input) {
     return input.step != gwa_input_step::HEADER || input.have > 0;
 }
 
 // The socket has nothing more for now.
-void input_blocked(gwa_connection_data* conn) {
+static void input_blocked(gwa_connection_data* conn) {
     if (!frame_has_begun(conn->input)) {
         conn->in_state = gwa_in_state::DRAINED;
         return;
@@ -100,7 +102,7 @@ void input_blocked(gwa_connection_data* conn) {
     }
 }
 
-void input_closed(gwa_connection_data* conn) {
+static void input_closed(gwa_connection_data* conn) {
     if (!frame_has_begun(conn->input)) {
         // Intended: an orderly close by the server looks like a drained socket; heartbeats or a
         // failing send find out.
@@ -112,7 +114,7 @@ void input_closed(gwa_connection_data* conn) {
     step_failed(conn);
 }
 
-void input_failed(gwa_connection_data* conn) {
+static void input_failed(gwa_connection_data* conn) {
     if (errno == ECONNREFUSED) {
         GWA_LOG(ERROR, "recv failed, connection refused fd %d %s", conn->socket, strerror(errno));
     } else {
@@ -125,7 +127,7 @@ void input_failed(gwa_connection_data* conn) {
     }
 }
 
-void expect_payload(gwa_connection_data* conn, uint32_t length) {
+static void expect_payload(gwa_connection_data* conn, uint32_t length) {
     gwa_input& input = conn->input;
     input.payload = static_cast<uint8_t*>(GWA_MALLOC(length));
     gwa_connection_memory_charge(conn, length);
@@ -135,7 +137,7 @@ void expect_payload(gwa_connection_data* conn, uint32_t length) {
     input.deadline = gwa_time_seconds() + PAYLOAD_LIMIT_S;
 }
 
-void expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
+static void expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
     gwa_input& input = conn->input;
     GWA_LOG(DEBUG, "recv heartbeat response on conn %d", conn->id);
     if (length != GWA_HEARTBEAT_PAYLOAD) {
@@ -149,14 +151,14 @@ void expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
     input.deadline = gwa_time_seconds() + HEARTBEAT_LIMIT_S;
 }
 
-void close_stream(gwa_connection_data* conn, uint32_t stream_id) {
+static void close_stream(gwa_connection_data* conn, uint32_t stream_id) {
     GWA_LOG(REFUSAL, "close the stream id %u", stream_id);
     gwa_connection_data_output_free_by_id(conn, stream_id);
     gwa_stream_local_destroy_by_id(&conn->streams, stream_id);
 }
 
 // A whole header is there: counts and checks it and says what comes next.
-void header_done(gwa_connection_data* conn) {
+static void header_done(gwa_connection_data* conn) {
     gwa_input& input = conn->input;
     gwa_counter_add(conn->traffic.bytes_in, GWA_HEADER_SIZE);
     gwa_counter_add(conn->traffic.packets_in, 1);
@@ -188,7 +190,7 @@ void header_done(gwa_connection_data* conn) {
     }
 }
 
-void heartbeat_done(gwa_connection_data* conn) {
+static void heartbeat_done(gwa_connection_data* conn) {
     const uint32_t sequence = load_be32(conn->input.bytes);
     gwa_counter_add(conn->traffic.bytes_in, GWA_HEARTBEAT_PAYLOAD);
     if (sequence + 1 != conn->heartbeat_seq) {
@@ -200,7 +202,7 @@ void heartbeat_done(gwa_connection_data* conn) {
     gwa_connection_input_next(conn);
 }
 
-void payload_done(gwa_connection_data* conn) {
+static void payload_done(gwa_connection_data* conn) {
     gwa_input& input = conn->input;
     uint8_t* const payload = input.payload;
     input.payload = nullptr;  // the dispatch owns it
@@ -210,14 +212,14 @@ void payload_done(gwa_connection_data* conn) {
     gwa_connection_remote_data_parse(conn, &input.header, payload, input.header.length);
 }
 
-void discard_done(gwa_connection_data* conn) {
+static void discard_done(gwa_connection_data* conn) {
     if (conn->input.failure_closes) {  // a payload of the protocol, not the extra discard
         gwa_counter_add(conn->traffic.bytes_in, conn->input.want);
     }
     gwa_connection_input_next(conn);
 }
 
-void step_done(gwa_connection_data* conn) {
+static void step_done(gwa_connection_data* conn) {
     switch (conn->input.step) {
         case gwa_input_step::HEADER: header_done(conn); break;
         case gwa_input_step::HEARTBEAT: heartbeat_done(conn); break;
@@ -225,8 +227,6 @@ void step_done(gwa_connection_data* conn) {
         case gwa_input_step::DISCARD: discard_done(conn); break;
     }
 }
-
-}  // namespace
 
 void gwa_connection_data_remote_in_handle(gwa_connection_data* conn) {
     conn->in_state = gwa_in_state::MORE;

@@ -17,9 +17,11 @@ constexpr int SEND_BUFFER_WAIT_S = 30;
 constexpr int BUFFER_TIMEOUT_S = 600;
 constexpr int KEEPALIVE_BACKDATE_S = 180;  // 60 s below the input limit: the next one in a minute
 
+}  // namespace
+
 // The traffic policy: false when nothing may be sent in this pass. The wait also ends, with -1,
 // when the daemon stops; that is no reason to complain or to start over.
-bool may_send(gwa_connection_data* conn) {
+static bool may_send(gwa_connection_data* conn) {
     int level = 0;
     const int waited = gwa_socket_send_buffer_wait(conn->socket, SEND_BUFFER_LIMIT,
                                                    conn->blocked_since, &level, SEND_BUFFER_WAIT_S);
@@ -39,19 +41,19 @@ bool may_send(gwa_connection_data* conn) {
     return true;
 }
 
-void count_sent(gwa_connection_data* conn, ssize_t sent) {
+static void count_sent(gwa_connection_data* conn, ssize_t sent) {
     gwa_counter_add(conn->traffic.bytes_out, static_cast<uint32_t>(sent));
     conn->last_out_time = gwa_now_get();
 }
 
 // The socket took nothing: the node goes back to where it came from.
-void put_back(gwa_connection_data* conn, gwa_output_node* node, bool sent_any) {
+static void put_back(gwa_connection_data* conn, gwa_output_node* node, bool sent_any) {
     gwa_connection_head_enqueue(&conn->output, node);
     conn->out_state = sent_any ? gwa_out_state::PARTLY_SENT : gwa_out_state::BLOCKED;
 }
 
 // The socket took some of it: the rest goes first from here on.
-void keep_rest(gwa_connection_data* conn, gwa_output_node* node, ssize_t sent) {
+static void keep_rest(gwa_connection_data* conn, gwa_output_node* node, ssize_t sent) {
     const uint32_t expected = node->remaining;
     count_sent(conn, sent);
     node->cursor += sent;
@@ -64,7 +66,7 @@ void keep_rest(gwa_connection_data* conn, gwa_output_node* node, ssize_t sent) {
 }
 
 // Sends one node. False: the pass ends, out_state says why.
-bool send_node(gwa_connection_data* conn, gwa_output_node* node, bool sent_any) {
+static bool send_node(gwa_connection_data* conn, gwa_output_node* node, bool sent_any) {
     if ((node->flags & GWA_NODE_PARTLY_SENT) == 0) {
         gwa_protocol_show(node->data);
     }
@@ -94,7 +96,7 @@ bool send_node(gwa_connection_data* conn, gwa_output_node* node, bool sent_any) 
 
 // Whether a heartbeat may go out: an unanswered one blocks the next, and the one frame there is
 // must not be rebuilt or linked again while it is queued.
-bool heartbeat_is_due(const gwa_connection_data* conn) {
+static bool heartbeat_is_due(const gwa_connection_data* conn) {
     if (conn->heartbeat_resp != conn->heartbeat_seq || conn->heartbeat_queued) {
         GWA_LOG(REFUSAL, "the heartbeat response is not recv yet, conn %d", conn->id);
         return false;
@@ -102,15 +104,13 @@ bool heartbeat_is_due(const gwa_connection_data* conn) {
     return true;
 }
 
-void heartbeat_build(gwa_connection_data* conn) {
+static void heartbeat_build(gwa_connection_data* conn) {
     gwa_connection_heartbeat_build(&conn->heartbeat_node, conn->heartbeat_frame,
                                    conn->heartbeat_seq);
     conn->heartbeat_seq++;
     conn->heartbeat_queued = true;
     GWA_LOG(INFO, "keepalive timer for data %d", conn->id);
 }
-
-}  // namespace
 
 void gwa_connection_data_remote_out_handle(gwa_connection_data* conn) {
     if (conn == nullptr) {

@@ -30,12 +30,14 @@ struct request {
     int32_t priority;
 };
 
-int int_parameter(const char* uri, std::string_view name, int32_t* out) {
+}  // namespace
+
+static int int_parameter(const char* uri, std::string_view name, int32_t* out) {
     return gwa_uri_param_int_get(uri, name.data(), name.size(), out);
 }
 
 // Whether the request names this box.
-bool request_is_ours(const char* uri) {
+static bool request_is_ours(const char* uri) {
     constexpr std::string_view name = "x-qv-devid";
     char id[PARAMETER_SIZE];
     size_t size = sizeof id;
@@ -51,8 +53,8 @@ bool request_is_ours(const char* uri) {
 }
 
 // Reads and checks what a new stream needs to know. False: the request is refused, and logged.
-bool request_read(const gwa_connection_data* conn, const gwa_stream* stream, const uint8_t* payload,
-                  uint32_t length, request* out) {
+static bool request_read(const gwa_connection_data* conn, const gwa_stream* stream,
+                         const uint8_t* payload, uint32_t length, request* out) {
     const char* const head = reinterpret_cast<const char*>(payload);
     if (gwa_http_uri_get(head, length, out->uri, sizeof out->uri) != GWA_OK) {
         GWA_LOG(ERROR, "get uri failed, conn %d stream id %u", conn->id, stream->id);
@@ -74,7 +76,7 @@ bool request_read(const gwa_connection_data* conn, const gwa_stream* stream, con
     return true;
 }
 
-gwa_stream* stream_new(gwa_connection_data* conn, const gwa_header* header) {
+static gwa_stream* stream_new(gwa_connection_data* conn, const gwa_header* header) {
     gwa_stream* const stream = GWA_NEW(gwa_stream);
     gwa_connection_memory_charge(conn, GWA_STREAM_COUNTED);
     stream->id = header->stream_id;
@@ -85,17 +87,17 @@ gwa_stream* stream_new(gwa_connection_data* conn, const gwa_header* header) {
 }
 
 // Releases a record that never became a stream of the connection.
-void stream_drop(gwa_stream* stream) {
+static void stream_drop(gwa_stream* stream) {
     gwa_connection_memory_release(stream->connection, GWA_STREAM_COUNTED);
     free(stream);
 }
 
-void payload_drop(gwa_connection_data* conn, uint8_t* payload, uint32_t length) {
+static void payload_drop(gwa_connection_data* conn, uint8_t* payload, uint32_t length) {
     gwa_connection_memory_release(conn, length);
     free(payload);
 }
 
-int local_socket() {
+static int local_socket() {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd == -1) {
         const int error = errno;
@@ -111,7 +113,7 @@ int local_socket() {
     return fd;
 }
 
-bool local_connect(int fd, int32_t port) {
+static bool local_connect(int fd, int32_t port) {
     sockaddr_in service{};
     service.sin_family = AF_INET;
     service.sin_addr.s_addr = htonl(gwa_login.local_address);
@@ -120,7 +122,7 @@ bool local_connect(int fd, int32_t port) {
 }
 
 // The socket is connected: the record becomes a stream and the request its first payload.
-void stream_begin(gwa_stream* stream, int fd, uint8_t* payload, uint32_t length) {
+static void stream_begin(gwa_stream* stream, int fd, uint8_t* payload, uint32_t length) {
     gwa_connection_data* const conn = stream->connection;
     gwa_socket_nonblock(fd);
     stream->socket = fd;
@@ -136,8 +138,8 @@ void stream_begin(gwa_stream* stream, int fd, uint8_t* payload, uint32_t length)
 
 // Opens a stream for an accepted request. False: there is none, and the payload is still the
 // caller's.
-bool stream_open(gwa_stream* stream, const request& wanted, const gwa_header* header,
-                 uint8_t* payload, uint32_t length) {
+static bool stream_open(gwa_stream* stream, const request& wanted, const gwa_header* header,
+                        uint8_t* payload, uint32_t length) {
     const int fd = local_socket();
     if (fd == -1) {
         return false;
@@ -153,8 +155,6 @@ bool stream_open(gwa_stream* stream, const request& wanted, const gwa_header* he
     stream_begin(stream, fd, payload, length);
     return true;
 }
-
-}  // namespace
 
 void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_header* header,
                                       uint8_t* payload, uint32_t length) {

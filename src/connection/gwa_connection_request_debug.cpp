@@ -40,13 +40,15 @@ constexpr http_status HTTP_OK{200, "OK"};
 constexpr http_status HTTP_NOT_FOUND{404, "File Not Found"};
 constexpr http_status HTTP_UNAVAILABLE{503, "Gateway Internal Error"};
 
-bool must_stop(const gwa_connection_data* conn) {
+}  // namespace
+
+static bool must_stop(const gwa_connection_data* conn) {
     return !gwa_connection_running() ||
            (conn->flags.load(std::memory_order_relaxed) & GWA_CONNECTION_STOP) != 0;
 }
 
 // A charged, zeroed answer frame of the stream; the caller fills in the payload and its length.
-gwa_output_node* answer_node(gwa_connection_data* conn, const gwa_stream* stream) {
+static gwa_output_node* answer_node(gwa_connection_data* conn, const gwa_stream* stream) {
     uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(ANSWER_BUFFER));
     memset(frame, 0, ANSWER_BUFFER);
     gwa_connection_memory_charge(conn, ANSWER_BUFFER);
@@ -60,7 +62,7 @@ gwa_output_node* answer_node(gwa_connection_data* conn, const gwa_stream* stream
 
 constexpr size_t ANSWER_TEXT_MAX = ANSWER_CAPACITY - GWA_HEADER_SIZE;
 
-char* answer_text(gwa_output_node* node) {
+static char* answer_text(gwa_output_node* node) {
     return reinterpret_cast<char*>(node->data + GWA_HEADER_SIZE);
 }
 
@@ -68,8 +70,8 @@ uint32_t text_length(int printed) {  // what snprintf has put into the answer, c
     return static_cast<uint32_t>(std::clamp<int>(printed, 0, ANSWER_TEXT_MAX - 1));
 }
 
-void answer(gwa_connection_data* conn, const gwa_stream* stream, const http_status& status,
-            const char* body) {
+static void answer(gwa_connection_data* conn, const gwa_stream* stream, const http_status& status,
+                   const char* body) {
     gwa_output_node* const node = answer_node(conn, stream);
     const uint32_t length = text_length(
         snprintf(answer_text(node), ANSWER_TEXT_MAX,
@@ -83,7 +85,7 @@ void answer(gwa_connection_data* conn, const gwa_stream* stream, const http_stat
 }
 
 // Runs the script with the shell and waits for it, or for the order to stop, which ends the script.
-void diagnostic_script(const gwa_connection_data* conn) {
+static void diagnostic_script(const gwa_connection_data* conn) {
     char command[DIAGNOSTIC_PATH_SIZE];
     snprintf(command, sizeof command, "%s/bin/diag.sh -c sysdiag.txt", gwa_process_paths.home);
     char shell[] = "sh", option[] = "-c";
@@ -117,7 +119,7 @@ void diagnostic_script(const gwa_connection_data* conn) {
 }
 
 // The time that the caller gives the box to write its file.
-void diagnostic_pause(const gwa_connection_data* conn, const char* uri) {
+static void diagnostic_pause(const gwa_connection_data* conn, const char* uri) {
     constexpr std::string_view name = "timeout";
     int32_t seconds = DIAGNOSTIC_WAIT_S;
     if (gwa_uri_param_int_get(uri, name.data(), name.size(), &seconds) != GWA_OK) {
@@ -131,7 +133,7 @@ void diagnostic_pause(const gwa_connection_data* conn, const char* uri) {
     }
 }
 
-bool read_exactly(int fd, uint8_t* to, size_t length) {
+static bool read_exactly(int fd, uint8_t* to, size_t length) {
     size_t have = 0;
     while (have < length) {
         const ssize_t got = read(fd, to + have, length - have);
@@ -144,8 +146,8 @@ bool read_exactly(int fd, uint8_t* to, size_t length) {
 }
 
 // Frames the file in chunks behind `frames`. Returns the size of the last chunk that it tried.
-int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream, int fd, int file_size,
-                      list<gwa_output_node>* frames) {
+static int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream, int fd,
+                             int file_size, list<gwa_output_node>* frames) {
     int chunk = 0;
     int have = 0;
     for (int nodes = 1; fd != -1 && have < file_size && nodes < DIAGNOSTIC_NODES; nodes++) {
@@ -174,7 +176,7 @@ int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream, int f
 // The HTTP head of the diagnostic. Intended: Content-Length names the last chunk, and the length of
 // the text goes over its characters 12 to 15 while the frame's own length field stays 0; the tools
 // that fetch the diagnostic expect just that.
-void diagnostic_header(gwa_output_node* node, const http_status& status, int last_chunk) {
+static void diagnostic_header(gwa_output_node* node, const http_status& status, int last_chunk) {
     const uint32_t length = text_length(
         snprintf(answer_text(node), ANSWER_TEXT_MAX,
                  "HTTP/1.1 %d %s\r\nContent-Type:text/plain\r\nContent-Length:%d\r\n\r\n",
@@ -184,7 +186,8 @@ void diagnostic_header(gwa_output_node* node, const http_status& status, int las
 }
 
 // Runs the diagnostic and answers with the file that its script has written.
-void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
+static void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* stream,
+                              const char* uri) {
     diagnostic_script(conn);
     diagnostic_pause(conn, uri);
 
@@ -215,7 +218,7 @@ void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* stream, cons
     }
 }
 
-void set_log_level(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
+static void set_log_level(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
     constexpr std::string_view name = "loglv";
     int32_t level = 0;
     if (gwa_uri_param_int_get(uri, name.data(), name.size(), &level) != GWA_OK) {
@@ -226,8 +229,6 @@ void set_log_level(gwa_connection_data* conn, const gwa_stream* stream, const ch
     gwa_log_level_set(level);  // a level that is none changes nothing and is answered alike
     answer(conn, stream, HTTP_OK, "OK");
 }
-
-}  // namespace
 
 void gwa_self_debug(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
     constexpr std::string_view name = "x-qv-gwad-opt";

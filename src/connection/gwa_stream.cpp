@@ -20,12 +20,14 @@ constexpr int READS_PER_ROUND = 16;
 // One buffer a connection, shared by its streams: they all run on its worker.
 uint8_t receive_buffers[GWA_DATA_CONNECTIONS][GWA_FRAME_MAX];
 
+}  // namespace
+
 // Streams of priority 0 go on reading when memory is short.
-bool memory_is_short(const gwa_stream* stream) {
+static bool memory_is_short(const gwa_stream* stream) {
     return stream->priority != 0 && gwa_connection_memory(stream->connection) > GWA_MEMORY_LIMIT;
 }
 
-void local_node_release(gwa_connection_data* conn, gwa_output_node* node) {
+static void local_node_release(gwa_connection_data* conn, gwa_output_node* node) {
     list_unlink(*node);
     gwa_connection_memory_release(conn, node->capacity);
     gwa_connection_memory_release(conn, GWA_NODE_COUNTED);
@@ -33,7 +35,7 @@ void local_node_release(gwa_connection_data* conn, gwa_output_node* node) {
 }
 
 // Frames what was read and queues it for the server.
-void send_to_server(gwa_stream* stream, const uint8_t* bytes, uint32_t length) {
+static void send_to_server(gwa_stream* stream, const uint8_t* bytes, uint32_t length) {
     gwa_connection_data* const conn = stream->connection;
     const uint32_t size = GWA_HEADER_SIZE + length;
     uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(size));
@@ -50,7 +52,7 @@ void send_to_server(gwa_stream* stream, const uint8_t* bytes, uint32_t length) {
 }
 
 // Nothing came. The stream stays: the server or the idle check ends it.
-void read_failed(gwa_stream* stream, ssize_t got) {
+static void read_failed(gwa_stream* stream, ssize_t got) {
     stream->has_more = false;
     if (got == 0) {
         // Reading again would only give this line again, at the pace of the rounds.
@@ -66,7 +68,7 @@ void read_failed(gwa_stream* stream, ssize_t got) {
 }
 
 // Reads from a stream until its data, its share of the round or the memory ends.
-void read_share(gwa_stream* stream) {
+static void read_share(gwa_stream* stream) {
     GWA_LOG(DEBUG, "wakeup stream socket %d", stream->socket);
     for (int reads = 0; reads < READS_PER_ROUND; reads++) {
         gwa_stream_local_in_handle(stream);
@@ -75,8 +77,6 @@ void read_share(gwa_stream* stream) {
         }
     }
 }
-
-}  // namespace
 
 gwa_stream* gwa_stream_find_by_id(list<gwa_stream>* streams, uint32_t id) {
     if (streams != nullptr) {

@@ -154,7 +154,8 @@ int gwa_json_str_get(const char* text, const char* key, size_t key_length, char*
     rest.remove_prefix(opening + 1);
     const size_t written =
         rest.copy(out, std::min(std::min(rest.find('"'), rest.size()), size - 1));
-    return rest.substr(written).starts_with('"') ? 0 : -1;
+    rest.remove_prefix(written);
+    return rest.starts_with('"') ? 0 : -1;
 }
 
 // One pair of a data connection order. False: it is not usable.
@@ -200,7 +201,7 @@ const char* gwa_url_mime_get(const char* url, size_t length) {
         GWA_LOG(ERROR, "url not contains dot %s", logged_text(text).text);
         return MIME_DEFAULT;
     }
-    const std::string_view extension = text.substr(dot + 1);
+    const std::string_view extension(url + dot + 1, length - dot - 1);
     if (extension.empty()) {
         GWA_LOG(ERROR, "url contains dot but not contains valid extension %s",
                 logged_text(text).text);

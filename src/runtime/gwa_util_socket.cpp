@@ -37,12 +37,14 @@ struct time_limit {
 constexpr int64_t NEVER_US = INT64_MAX / 2;  // half: sums with it must not overflow
 constexpr time_limit NO_LIMIT{NEVER_US, NEVER_US};
 
-time_limit limit_start(int seconds) {
+}  // namespace
+
+static time_limit limit_start(int seconds) {
     const int64_t span_us = int64_t{seconds} * US_PER_SECOND;
     return {gwa_time.now_us() + span_us, span_us};
 }
 
-int64_t limit_left_us(const time_limit& limit) {
+static int64_t limit_left_us(const time_limit& limit) {
     return std::min(limit.deadline_us - gwa_time.now_us(), limit.unspent_us);
 }
 
@@ -51,7 +53,7 @@ enum class wait_result : uint8_t { READY, RAN_OUT, STOPPED, FAILED };
 // Waits for one slice of the limit. RAN_OUT: look at the limit and wait on, also after a signal,
 // which must not fail a login needlessly. STOPPED: the process run flag is clear; what is ready by
 // then is still taken, but nothing is waited for. FAILED: errno says why.
-wait_result wait_slice(int fd, short events, time_limit& limit, int slice_ms) {
+static wait_result wait_slice(int fd, short events, time_limit& limit, int slice_ms) {
     if (fd < 0) {
         errno = EBADF;  // poll(2) would skip the entry and report a time-out
         return wait_result::FAILED;
@@ -77,7 +79,7 @@ wait_result wait_slice(int fd, short events, time_limit& limit, int slice_ms) {
 }
 
 // Waits up to `seconds`; the clock starts here.
-wait_result wait_seconds(int fd, short events, int seconds) {
+static wait_result wait_seconds(int fd, short events, int seconds) {
     time_limit limit = limit_start(seconds);
     for (;;) {
         const wait_result result = wait_slice(fd, events, limit, WAIT_SLICE_MS);
@@ -90,7 +92,7 @@ wait_result wait_seconds(int fd, short events, int seconds) {
 // One receive that never blocks, for the polling reads: the count, 0 when nothing is there yet, -1
 // failed or closed. Asking for nothing counts as closed, at once: the kernel would answer "try
 // again" for as long as the peer is silent.
-ssize_t recv_polled(int fd, void* buffer, size_t length) {
+static ssize_t recv_polled(int fd, void* buffer, size_t length) {
     const ssize_t count = length == 0 ? 0 : recv(fd, buffer, length, MSG_DONTWAIT);
     if (count > 0) {
         return count;
@@ -109,8 +111,6 @@ ssize_t recv_polled(int fd, void* buffer, size_t length) {
     }
     return -1;
 }
-
-}  // namespace
 
 int gwa_socket_nonblock(int fd) {
     const int flags = fcntl(fd, F_GETFL);
