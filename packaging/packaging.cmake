@@ -1,0 +1,36 @@
+# Where a box expects the files, and a Debian package of the same files:
+#
+#   DESTDIR=root cmake --install build/mipsel --strip
+#   cpack -G DEB --config build/mipsel/CPackConfig.cmake -B build/mipsel/package
+include(GNUInstallDirs)
+
+# The init script is where a restarting gwad looks for it, and what it starts is what gets installed.
+configure_file(${CMAKE_CURRENT_LIST_DIR}/gwadsh.in ${CMAKE_BINARY_DIR}/packaging/gwadsh @ONLY)
+cmake_path(GET GWAD_INIT_SCRIPT PARENT_PATH init_folder)
+cmake_path(GET GWAD_INIT_SCRIPT FILENAME init_name)
+install(TARGETS gwad RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+if(TARGET gwad-announce)
+    install(TARGETS gwad-announce RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+endif()
+install(PROGRAMS ${CMAKE_BINARY_DIR}/packaging/gwadsh DESTINATION ${init_folder} RENAME ${init_name})
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/gwad.default DESTINATION /etc/default RENAME gwad)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/gwad.8 DESTINATION ${CMAKE_INSTALL_FULL_MANDIR}/man8)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_CONTACT "the gwad developers <gwad@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "remote access to the services of a box through a relay")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34)")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+if(CMAKE_CROSSCOMPILING)
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${CMAKE_SYSTEM_PROCESSOR})
+endif()
+# An update keeps what was changed on the box.
+file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles "/etc/default/gwad\n${GWAD_INIT_SCRIPT}\n")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/conffiles)
+include(CPack)
