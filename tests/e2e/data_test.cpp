@@ -1,8 +1,6 @@
 // Streams and the daemon's own services on one data connection, against a scripted server.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "box.h"
 #include "peer.h"
 #include "support/service.h"
@@ -125,21 +123,25 @@ TEST_F(DataConnection, APartlyReceivedFrameHoldsUpNobody) {
 TEST_F(DataConnection, CarriesStreamsOfMixedPriorities) {
     constexpr uint32_t STREAMS = 7;
     constexpr size_t SIZE = 300000;
-    local_service answers([](int fd) {
-        const std::string request = read_until(fd, "\r\n\r\n");
-        std::string body;
-        for (size_t line = 0; body.size() < SIZE; ++line) {
-            body += std::to_string(line) + " of " + request;
+    const auto body = [](const std::string& request) {
+        std::string text;
+        for (size_t line = 0; text.size() < SIZE; ++line) {
+            text += std::to_string(line) + " of " + request;
         }
-        write_all(fd, body.substr(0, SIZE));
+        return text.substr(0, SIZE);
+    };
+    local_service answers([&](int fd) {
+        write_all(fd, body(read_until(fd, "\r\n\r\n")));
         read_to_end(fd);
     });
-    std::string all;
-    for (uint32_t stream = 1; stream <= STREAMS; ++stream) {  // 0 for the last one
-        const std::string priority = "&x-qv-pri=" + std::to_string(STREAMS - stream);
-        all += request_frame(stream, answers.port(), priority);
+    const auto priority = [](uint32_t stream) {  // the last one has 0
+        return "&x-qv-pri=" + std::to_string(STREAMS - stream);
+    };
+    std::string requests;
+    for (uint32_t stream = 1; stream <= STREAMS; ++stream) {
+        requests += request_frame(stream, answers.port(), priority(stream));
     }
-    ASSERT_TRUE(sends(all));
+    ASSERT_TRUE(sends(requests));
     std::map<uint32_t, std::string> streams;
     for (size_t got = 0; got < STREAMS * SIZE;) {
         const std::optional<frame> next = frame_read(data);
@@ -148,13 +150,8 @@ TEST_F(DataConnection, CarriesStreamsOfMixedPriorities) {
         got += next->payload.size();
     }
     for (uint32_t stream = 1; stream <= STREAMS; ++stream) {
-        const std::string request =
-            request_text(answers.port(), "&x-qv-pri=" + std::to_string(STREAMS - stream));
-        std::string expected;
-        for (size_t line = 0; expected.size() < SIZE; ++line) {
-            expected += std::to_string(line) + " of " + request;
-        }
-        EXPECT_TRUE(streams[stream] == expected.substr(0, SIZE)) << "stream " << stream;
+        const std::string request = request_text(answers.port(), priority(stream));
+        EXPECT_TRUE(streams[stream] == body(request)) << "stream " << stream;
     }
 }
 

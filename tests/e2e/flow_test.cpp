@@ -76,7 +76,9 @@ struct Flow : testing::Test {
     box device{relay.ports[0], "3"};
     temp_dir downloads;
 
-    void SetUp() override { ASSERT_TRUE(status_shows("\"data_connections\":5,")); }
+    void SetUp() override {
+        ASSERT_TRUE(status_shows("\"data_connections\":5,")) << relay.gwrelay->errors();
+    }
 
     bool status_shows(std::string_view text) const {
         return eventually(
