@@ -77,7 +77,6 @@ TEST_F(control_connection, CommandsTakeExactlyTheirLengthAndLeaveTheRest) {
     EXPECT_EQ(times_taken[0], 7U);
     EXPECT_EQ(times_taken[1], 3601U);
     EXPECT_EQ(gwa_connection_run, 0) << "an order without hosts starts nothing";
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(handle(gwa_command::NEW_DATA_CONNECTION, std::string(128, 'n')),
                 testing::KilledBySignal(SIGABRT), "Assertion");
 }
