@@ -15,12 +15,6 @@ static_assert(std::atomic<uint32_t>::is_always_lock_free);
 
 gwa_connection_table gwa_connections;
 
-namespace {
-
-constexpr int DISCARD_LIMIT_S = 120;
-
-}  // namespace
-
 static gwa_output_node& as_node(list_link* link) { return static_cast<gwa_output_node&>(*link); }
 
 static bool is_partly_sent(const gwa_output_node& node) {
@@ -195,7 +189,7 @@ void gwa_connection_input_discard(gwa_connection_data* conn, uint32_t count, boo
     conn->input.step = gwa_input_step::DISCARD;
     conn->input.have = 0;
     conn->input.want = count;
-    conn->input.deadline = gwa_time_seconds() + DISCARD_LIMIT_S;
+    conn->input.begun = gwa_time_seconds();
     conn->input.failure_closes = failure_closes;
 }
 
@@ -206,16 +200,20 @@ void gwa_connection_input_next(gwa_connection_data* conn) {
 }
 
 // The figure has one writer, so a load and a store do without a locked addition.
-static void memory_add(gwa_connection_data* conn, int32_t amount) {
-    conn->memory.store(gwa_connection_memory(conn) + amount, std::memory_order_relaxed);
+static void memory_set(gwa_connection_data* conn, uint32_t bytes) {
+    conn->memory.store(bytes, std::memory_order_relaxed);
+}
+
+static uint32_t counted(uint32_t size) {
+    return static_cast<uint32_t>(gwa_round_up(static_cast<int>(size)));
 }
 
 void gwa_connection_memory_charge(gwa_connection_data* conn, uint32_t size) {
-    memory_add(conn, gwa_round_up(static_cast<int>(size)));
+    memory_set(conn, gwa_connection_memory(conn) + counted(size));
 }
 
 void gwa_connection_memory_release(gwa_connection_data* conn, uint32_t size) {
-    memory_add(conn, -gwa_round_up(static_cast<int>(size)));
+    memory_set(conn, gwa_connection_memory(conn) - counted(size));
 }
 
 gwa_output_node* gwa_connection_node_new(gwa_connection_data* conn, uint8_t* buffer,

@@ -140,7 +140,7 @@ struct gwa_input {
     uint8_t* payload = nullptr;               // charged to the connection's memory
     uint32_t have = 0;                        // bytes of the current step
     uint32_t want = 0;
-    int64_t deadline = 0;        // s, wall clock; counts once the step has begun
+    int64_t begun = 0;           // s, wall clock; a HEADER begins with its first byte
     bool failure_closes = true;  // what a DISCARD that fails does
 };
 
@@ -155,6 +155,7 @@ struct gwa_connection_data {
     bool thread_started = false;  // main thread's: there is something to join
     int32_t id = 0;
     jmp_buf restart_point;  // in the worker thread
+    int jump_code = 0;      // left by whoever jumps, since the jump's own result is only tested
     int socket = -1;
     gwa_data_order order;
     uint32_t order_taken = 0;  // serial of the order in the next three
@@ -173,7 +174,7 @@ struct gwa_connection_data {
     int32_t last_in_time = 0;            // coarse clock
     int32_t last_check_time = 0;         // coarse clock
     uint32_t out_pending = 0;            // 1: the loop runs the output pass, 0: the poller does
-    std::atomic<int32_t> memory{0};      // bytes held, each piece rounded as the allocator does
+    std::atomic<uint32_t> memory{0};     // bytes held, each piece rounded as the allocator does
     std::atomic<int32_t> send_level{0};  // fill level last seen by the output pass
     gwa_output_queue output;
     std::atomic<uint32_t> queue_count{0};  // heap nodes on the output queue
@@ -205,7 +206,7 @@ bool gwa_connection_order_waits(const gwa_connection_data* conn);
 // Copies the order into the record's own fields. Worker.
 void gwa_connection_order_take(gwa_connection_data* conn);
 
-// Makes the input pass drop the next `count` bytes, within 120 s. Worker.
+// Makes the input pass drop the next `count` bytes. Worker.
 void gwa_connection_input_discard(gwa_connection_data* conn, uint32_t count, bool failure_closes);
 // Makes the input pass expect a header next. Worker.
 void gwa_connection_input_next(gwa_connection_data* conn);
@@ -216,12 +217,12 @@ void gwa_connection_input_next(gwa_connection_data* conn);
 // Sizes that the figure counts for records, whatever they take on this machine.
 constexpr uint32_t GWA_NODE_COUNTED = 40;
 constexpr uint32_t GWA_STREAM_COUNTED = 108;
-constexpr int32_t GWA_MEMORY_LIMIT = 0x400000;  // bytes; above it streams stop reading
+constexpr uint32_t GWA_MEMORY_LIMIT = 0x400000;  // bytes; above it streams stop reading
 
 // Every path charges and releases through these two, so that the figure returns to zero.
 void gwa_connection_memory_charge(gwa_connection_data* conn, uint32_t size);
 void gwa_connection_memory_release(gwa_connection_data* conn, uint32_t size);
-inline int32_t gwa_connection_memory(const gwa_connection_data* conn) {
+inline uint32_t gwa_connection_memory(const gwa_connection_data* conn) {
     return conn->memory.load(std::memory_order_relaxed);
 }
 

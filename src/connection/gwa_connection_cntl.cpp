@@ -26,6 +26,7 @@ constexpr int64_t IN_IDLE_S = 240;
 constexpr int32_t IN_IDLE_BACKDATE_S = 180;  // the next such heartbeat follows in a minute
 constexpr int HEADER_TIMEOUTS = 4;           // more than three; a wrong answer counts only to three
 constexpr int FRAMES_PER_EVENT = 64;
+constexpr int32_t SECONDS_PER_EVENT = 2;
 constexpr int SEND_LEVEL_MARKS[] = {16, 32, 64, 128, 256};  // bytes; level 5 lies above
 
 enum class header_read { WHOLE, NONE, FAILED };
@@ -103,6 +104,9 @@ static void node_done(gwa_connection_cntl* cntl, gwa_output_node* node) {
 // Sends one node. False: the pass ends.
 static bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
     GWA_LOG(DEBUG, "send data to remote server");
+    if ((node->flags & GWA_NODE_PARTLY_SENT) == 0) {
+        gwa_protocol_show(node->data);
+    }
     const ssize_t sent = send(cntl->socket, node->cursor, node->remaining, MSG_NOSIGNAL);
     if (sent <= 0) {
         const bool failed = sent == -1 && errno != EAGAIN;
@@ -139,9 +143,19 @@ static bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
     return true;
 }
 
+// Frees every queued node.
 static void drop_queue(gwa_connection_cntl* cntl) {
-    while (gwa_output_node* const node = gwa_connection_dequeue(&cntl->output)) {
+    if (pthread_mutex_lock(&cntl->output.lock) == -1) {
+        GWA_LOG(FATAL, "lock failed");
+        GWA_EXIT(1);
+    }
+    while (gwa_output_node* const node = cntl->output.nodes.first()) {
+        list_unlink(*node);
         node_done(cntl, node);
+    }
+    if (pthread_mutex_unlock(&cntl->output.lock) == -1) {
+        GWA_LOG(ERROR, "unlock failed");
+        GWA_EXIT(1);
     }
 }
 
@@ -247,7 +261,11 @@ void gwa_connection_cntl_handle(uint32_t events, void* argument) {
 
 void gwa_connection_cntl_remote_in_handle(gwa_connection_cntl* cntl) {
     uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
-    for (int frames = 0; frames < FRAMES_PER_EVENT && gwa_process_running(); frames++) {
+    const int32_t began = gwa_now_get();
+    for (int frames = 0; frames < FRAMES_PER_EVENT; frames++) {
+        if (!gwa_process_running() || gwa_now_get() - began > SECONDS_PER_EVENT) {
+            break;
+        }
         switch (read_header(cntl->socket, bytes)) {
             case header_read::NONE: return;
             case header_read::FAILED: gwa_connection_cntl_reinit(); return;

@@ -1,6 +1,7 @@
 #include "connection/gwa_connection_data.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -101,10 +102,13 @@ static bool addr_init(gwa_connection_data* conn) {
 }
 
 // The login needs whole headers to wake it; relaying has to see the last bytes of a frame as well,
-// which the login's low-water mark would hide from the poller.
-static void low_water_reset(int fd) {
+// which the login's low-water mark would hide from the poller. And frames are not whole segments:
+// the end of each answer would wait for the server's delayed acknowledgement, and the send-buffer
+// check with it. Either failure only costs speed.
+static void relaying_settings_apply(int fd) {
     const int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof one);
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 }
 
 static bool login_once(gwa_connection_data* conn) {
@@ -113,7 +117,7 @@ static bool login_once(gwa_connection_data* conn) {
         GWA_LOG(FATAL, "login server failed");
         return false;
     }
-    low_water_reset(fd);
+    relaying_settings_apply(fd);
     conn->socket = fd;
     if (poll_add(&conn->poller, fd, gwa_connection_data_remote_handle, conn, &conn->socket) !=
         GWA_OK) {
@@ -227,28 +231,20 @@ static void* gwa_connection_data_task(void* argument) {
     switch (setjmp(conn->restart_point)) {  // tested in place, as the standard wants
         case 0: break;
         case GWA_JUMP_RESTART:  // whoever jumped has freed everything
-            GWA_LOG(PROGRESS, "long jump from %d here", GWA_JUMP_RESTART);
+            GWA_LOG(PROGRESS, "long jump from %d here", conn->jump_code);
             GWA_LOG(FATAL, "reinit thread %u id %d now", gwa_gettid(), conn->id);
             break;
         case GWA_JUMP_EXIT:
-            GWA_LOG(PROGRESS, "long jump from %d here", GWA_JUMP_EXIT);
+            GWA_LOG(PROGRESS, "long jump from %d here", conn->jump_code);
             GWA_LOG(FATAL, "exit process now");
             GWA_EXIT(0);
-        default: GWA_LOG(DEBUG, "unknown jump code %d", -1); GWA_BROKEN_RULE();
+        default:
+            GWA_LOG(PROGRESS, "long jump from %d here", conn->jump_code);
+            GWA_LOG(DEBUG, "unknown jump code %d", conn->jump_code);
+            GWA_BROKEN_RULE();
     }
     work(conn);
     return nullptr;
-}
-
-static bool is_busy(gwa_connection_data* conn) {
-    return !conn->streams.empty() || gwa_connection_queue_is_empty(&conn->output) == 0;
-}
-
-// Whether there is work that no event will tell of: input beyond the budget of the last pass, or
-// local data that was left where it is while there is memory for it.
-static bool has_more(const gwa_connection_data* conn) {
-    return conn->input_has_more ||
-           (conn->streams_have_more && gwa_connection_memory(conn) < GWA_MEMORY_LIMIT);
 }
 
 // Heartbeat, or else keepalive. Whether one of the two was due.
@@ -307,16 +303,29 @@ void gwa_connection_data_remote_handle(uint32_t events, void* argument) {
     }
 }
 
+static bool has_output(gwa_connection_data* conn) {
+    return gwa_connection_queue_is_empty(&conn->output) == 0;
+}
+
+bool gwa_connection_data_has_more(gwa_connection_data* conn) {
+    const bool blocked =
+        conn->out_state == gwa_out_state::BLOCKED || conn->out_state == gwa_out_state::PARTLY_SENT;
+    const bool local_data = conn->streams_have_more && !conn->streams.empty() &&
+                            gwa_connection_memory(conn) < GWA_MEMORY_LIMIT;
+    return conn->input_has_more || local_data || (has_output(conn) && !blocked);
+}
+
 bool gwa_connection_data_round(gwa_connection_data* conn) {
     if (gwa_connection_order_waits(conn)) {
         gwa_connection_data_close(conn);  // log in anew, to the new address
     }
-    conn->poller.timeout = is_busy(conn) ? WAIT_BUSY_MS : WAIT_IDLE_MS;
-    conn->poller.no_wait = has_more(conn);
+    const bool busy = !conn->streams.empty() || has_output(conn);
+    conn->poller.timeout = busy ? WAIT_BUSY_MS : WAIT_IDLE_MS;
+    conn->poller.no_wait = gwa_connection_data_has_more(conn);
     if (poll_wait(&conn->poller) == GWA_FAILED) {
         return false;
     }
-    if (gwa_connection_queue_is_empty(&conn->output) == 0) {
+    if (has_output(conn)) {
         conn->out_pending = 1;
         gwa_connection_data_remote_out_handle(conn);
     }

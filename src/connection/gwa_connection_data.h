@@ -14,6 +14,9 @@ int gwa_connection_data_exit(gwa_connection_data* conn);
 
 // Poller callback of the remote socket; the argument is the record.
 void gwa_connection_data_remote_handle(uint32_t events, void* argument);
+// Whether there is work that no event will tell of: input or local data beyond the budget of the
+// last round, or frames that nothing keeps from being sent. The next wait then returns at once.
+bool gwa_connection_data_has_more(gwa_connection_data* conn);
 // One round of a connected worker: wait, send, read, then look at the clock. False: poller failed.
 bool gwa_connection_data_round(gwa_connection_data* conn);
 // Makes the record ready for a login: empty lists and counters, a fresh poller. 0 or -1.

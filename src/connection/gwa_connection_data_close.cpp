@@ -48,5 +48,6 @@ void gwa_connection_data_close(gwa_connection_data* conn) {
     GWA_LOG(FATAL, "close connection data %d start ...", conn->id);
     gwa_connection_data_free(conn);
     GWA_LOG(FATAL, "start jump to restart ...");
+    conn->jump_code = GWA_JUMP_RESTART;
     longjmp(conn->restart_point, GWA_JUMP_RESTART);
 }

@@ -22,6 +22,7 @@ constexpr int FRAMES_PER_PASS = 64;  // half a megabyte at most, then sending ha
 constexpr int HEADER_LIMIT_S = 10;
 constexpr int HEARTBEAT_LIMIT_S = 10;
 constexpr int PAYLOAD_LIMIT_S = 120;
+constexpr int DISCARD_LIMIT_S = 120;
 constexpr size_t SCRATCH_SIZE = 2048;
 
 enum class fill {
@@ -61,7 +62,7 @@ static fill step_fill(gwa_connection_data* conn) {
             return errno == EAGAIN ? fill::BLOCKED : fill::FAILED;
         }
         if (input.step == gwa_input_step::HEADER && input.have == 0) {
-            input.deadline = gwa_time_seconds() + HEADER_LIMIT_S;
+            input.begun = gwa_time_seconds();
         }
         input.have += static_cast<uint32_t>(got);
     }
@@ -88,15 +89,33 @@ static bool frame_has_begun(const gwa_input& input) {
     return input.step != gwa_input_step::HEADER || input.have > 0;
 }
 
+// How long the current step may take.
+static int step_limit_s(gwa_input_step step) {
+    switch (step) {
+        case gwa_input_step::HEADER: return HEADER_LIMIT_S;
+        case gwa_input_step::HEARTBEAT: return HEARTBEAT_LIMIT_S;
+        case gwa_input_step::PAYLOAD: return PAYLOAD_LIMIT_S;
+        case gwa_input_step::DISCARD: break;
+    }
+    return DISCARD_LIMIT_S;
+}
+
+// Whether the current step has used up its time. A clock that was set back starts it over.
+static bool step_is_late(gwa_input& input) {
+    const int64_t now = gwa_time_seconds();
+    input.begun = std::min(input.begun, now);
+    return now >= input.begun + step_limit_s(input.step);
+}
+
 // The socket has nothing more for now.
 static void input_blocked(gwa_connection_data* conn) {
     if (!frame_has_begun(conn->input)) {
         conn->in_state = gwa_in_state::DRAINED;
         return;
     }
-    // The state stays MORE, so that every round looks at the deadline; the rest itself wakes the
+    // The state stays MORE, so that every round looks at the time; the rest itself wakes the
     // poller, since the worker has lowered the socket's low-water mark.
-    if (gwa_time_seconds() >= conn->input.deadline) {
+    if (step_is_late(conn->input)) {
         GWA_LOG(ERROR, "recv timeout...");
         step_failed(conn);
     }
@@ -115,12 +134,13 @@ static void input_closed(gwa_connection_data* conn) {
 }
 
 static void input_failed(gwa_connection_data* conn) {
-    if (errno == ECONNREFUSED) {
+    const bool begun = frame_has_begun(conn->input);
+    if (begun && errno == ECONNREFUSED) {
         GWA_LOG(ERROR, "recv failed, connection refused fd %d %s", conn->socket, strerror(errno));
     } else {
         GWA_LOG(ERROR, "recv failed fd %d %s", conn->socket, strerror(errno));
     }
-    if (frame_has_begun(conn->input)) {
+    if (begun) {
         step_failed(conn);
     } else {
         gwa_connection_data_close(conn);
@@ -134,7 +154,7 @@ static void expect_payload(gwa_connection_data* conn, uint32_t length) {
     input.step = gwa_input_step::PAYLOAD;
     input.have = 0;
     input.want = length;
-    input.deadline = gwa_time_seconds() + PAYLOAD_LIMIT_S;
+    input.begun = gwa_time_seconds();
 }
 
 static void expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
@@ -148,7 +168,7 @@ static void expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
     input.step = gwa_input_step::HEARTBEAT;
     input.have = 0;
     input.want = GWA_HEARTBEAT_PAYLOAD;
-    input.deadline = gwa_time_seconds() + HEARTBEAT_LIMIT_S;
+    input.begun = gwa_time_seconds();
 }
 
 static void close_stream(gwa_connection_data* conn, uint32_t stream_id) {

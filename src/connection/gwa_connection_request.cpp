@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -125,6 +126,9 @@ static bool local_connect(int fd, int32_t port) {
 static void stream_begin(gwa_stream* stream, int fd, uint8_t* payload, uint32_t length) {
     gwa_connection_data* const conn = stream->connection;
     gwa_socket_nonblock(fd);
+    // A request in several frames must not wait for the service's delayed acknowledgements.
+    const int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     stream->socket = fd;
     gwa_stream_add(&conn->streams, stream);
     conn->stream_count.fetch_add(1, std::memory_order_relaxed);

@@ -138,6 +138,7 @@ void gwa_stream_local_in_handle(gwa_stream* stream) {
                 conn->id);
         stream->in_state = gwa_in_state::MORE;
         stream->has_more = true;
+        conn->streams_have_more = true;  // for the round in which there is memory again
         return;
     }
     uint8_t* const buffer = receive_buffers[conn->id];

@@ -21,7 +21,6 @@ constexpr int64_t US_PER_SECOND = 1000000;
 constexpr int64_t US_PER_MS = 1000;
 constexpr int WAIT_SLICE_MS = 500;  // how late a wait may notice the process run flag
 constexpr int RECVN_SLICE_MS = 50;  // how late a remainder below the low-water mark is found
-constexpr int RECVN_POLL_US = 100;
 constexpr int RECVN_FAST_POLL_US = 100000;
 constexpr int DISCARD_MAX = 8192;
 constexpr int DISCARD_TIMEOUT_S = 120;
@@ -223,6 +222,7 @@ int gwa_recvn_timeout(int fd, void* buffer, size_t length, int seconds) {
 }
 
 int gwa_recvn(int fd, void* buffer, size_t length) {
+    time_limit no_limit = NO_LIMIT;
     size_t received = 0;
     do {
         const ssize_t count =
@@ -231,7 +231,9 @@ int gwa_recvn(int fd, void* buffer, size_t length) {
             return GWA_FAILED;
         }
         if (count == 0) {
-            gwa_usleep(RECVN_POLL_US);
+            // Not a look every 100 us: a server that is silent for minutes would cost the box a
+            // good part of its processor.
+            wait_slice(fd, POLLIN, no_limit, RECVN_SLICE_MS);
         }
         received += static_cast<size_t>(count);
     } while (received < length);

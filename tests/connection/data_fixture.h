@@ -72,6 +72,7 @@ struct data_connection : testing::Test {
         for (int i = 0; i < rounds; i++) {
             conn->input_has_more = true;  // the poller looks, and does not wait
             gwa_connection_data_round(conn);
+            conn->input_has_more = false;
         }
         return false;
     }

@@ -35,9 +35,11 @@ TEST_F(data_connection, AFrameThatStopsHalfWayHasItsLimit) {
         set_clock(START);
         server_sends(asked.substr(0, begun));
         rounds();
-        set_clock(START + limit - 1);
+        set_clock(START - 1000);  // the clock is set back: the limit starts over
         EXPECT_FALSE(closes_in(2)) << begun;
-        set_clock(START + limit);
+        set_clock(START - 1000 + limit - 1);
+        EXPECT_FALSE(closes_in(2)) << begun;
+        set_clock(START - 1000 + limit);
         EXPECT_TRUE(closes_in(2)) << begun;
         EXPECT_EQ(gwa_connection_memory(conn), 0);
 
@@ -192,7 +194,7 @@ TEST_F(local_service, BytesFlowBothWaysUnderTheStreamsId) {
 TEST_F(local_service, ShortMemoryStopsEveryStreamButPriorityZero) {
     const struct {
         const char* priority;
-        int32_t memory;
+        uint32_t memory;
         bool reads;
     } cases[] = {{"&x-qv-pri=4", GWA_MEMORY_LIMIT, true},
                  {"&x-qv-pri=4", GWA_MEMORY_LIMIT + 1, false},
@@ -201,7 +203,7 @@ TEST_F(local_service, ShortMemoryStopsEveryStreamButPriorityZero) {
     for (const auto& [priority, memory, reads] : cases) {
         open(stream, priority);
         EXPECT_EQ(write(accepted, "x", 1), 1);
-        const int32_t before = gwa_connection_memory(conn);
+        const uint32_t before = gwa_connection_memory(conn);
         conn->memory = memory;
         gwa_stream_local_in_handle(gwa_stream_find_by_id(&conn->streams, stream));
         EXPECT_EQ(conn->queue_count, reads ? 1U : 0U) << priority << " at " << memory;
@@ -210,6 +212,26 @@ TEST_F(local_service, ShortMemoryStopsEveryStreamButPriorityZero) {
         EXPECT_EQ(sent(), frame(gwa_command::DATA, stream, "x")) << "once memory is there again";
         stream++;
     }
+}
+
+TEST_F(local_service, TheNextWaitReturnsAtOnceWhileThereIsWorkAndOnlyThen) {
+    open(1);
+    EXPECT_FALSE(gwa_connection_data_has_more(conn));
+    const std::string page(2 * GWA_PAYLOAD_MAX + 10, 'p');
+    EXPECT_EQ(write(accepted, page.data(), page.size()), static_cast<ssize_t>(page.size()));
+    rounds(1);
+    EXPECT_TRUE(gwa_connection_data_has_more(conn)) << "frames that nothing keeps back";
+    rounds(1);
+    EXPECT_FALSE(gwa_connection_data_has_more(conn));
+    conn->out_state = gwa_out_state::BLOCKED;
+    conn->memory = conn->memory + GWA_MEMORY_LIMIT + 1;
+    gwa_stream_local_in_handle(conn->streams.first());
+    EXPECT_FALSE(gwa_connection_data_has_more(conn)) << "local data, but no memory";
+    conn->memory = conn->memory - GWA_MEMORY_LIMIT - 1;
+    EXPECT_TRUE(gwa_connection_data_has_more(conn));
+    server_sends(frame(gwa_command::CLOSE_STREAM, 1, ""));
+    gwa_connection_data_remote_handle(EPOLLIN, conn);
+    EXPECT_FALSE(gwa_connection_data_has_more(conn)) << "the mark outlives the stream";
 }
 
 TEST_F(local_service, IdleStreamsAreFreed) {
