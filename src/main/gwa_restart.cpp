@@ -13,6 +13,7 @@
 #include "main/gwa_process.h"
 #include "runtime/gwa_types.h"
 #include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_time.h"
 
 namespace {
 
@@ -70,11 +71,15 @@ static void signals_reset() {
 
 void gwa_restart() {
     if (restarting.exchange(1, std::memory_order_relaxed) != 0) {
-        for (;;) {
-            pause();  // another thread is at it and takes the whole process with it
+        while (gwa_process_running()) {
+            gwa_sleep(1);  // another thread is at it and takes the whole process with it
         }
+        return;
     }
     GWA_LOG(FATAL, " !!!! restart the process !!!!");
+    if (!gwa_process_running()) {
+        return;  // a signal has come since the caller looked, and whoever sent it wants an end
+    }
     const pid_t child = fork();
     if (child == 0) {
         restart_child();

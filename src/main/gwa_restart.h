@@ -9,4 +9,6 @@ void gwa_restart_init(char* const* argv);
 
 // Forks a child that closes every descriptor, waits two seconds and runs the init script with
 // "start" (or, where there is none, this program again), and ends this process with status 0.
-[[noreturn]] void gwa_restart();
+// Returns only when the process has been told to end: it then ends in order and is not started
+// again.
+void gwa_restart();

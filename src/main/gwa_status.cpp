@@ -80,11 +80,10 @@ static void append_cntl(status_text& to, const gwa_connection_cntl& cntl) {
 
 static void append_data(status_text& to, int id, const gwa_connection_data& conn) {
     char figure[FIGURE_SIZE] = "";
-    const auto memory = static_cast<uint32_t>(std::max(gwa_connection_memory(&conn), 0));
     append(to, "| d%d ", id);
     append_traffic(to, conn.traffic);
     append(to, "|%6d", conn.send_level.load(std::memory_order_relaxed));
-    append(to, "|%8s", gwa_size_format(memory, figure, sizeof figure));
+    append(to, "|%8s", gwa_size_format(gwa_connection_memory(&conn), figure, sizeof figure));
     append(to, "|%8d|%8d|\n", static_cast<int>(conn.queue_count.load(std::memory_order_relaxed)),
            conn.stream_count.load(std::memory_order_relaxed));
 }
