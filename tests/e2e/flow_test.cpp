@@ -30,6 +30,7 @@ struct web_server {
         }
         file_write(config,
                    "daemon off; master_process off; pid nginx.pid; error_log stderr;\n"
+                   "user root root;\n"  // the only one there is in a namespace of an ordinary user
                    "events {}\nhttp {\naccess_log off;\n" +
                        paths + "server { listen 127.0.0.1:" + std::to_string(port) +
                        "; root www; }\n}\n");
@@ -77,9 +78,12 @@ struct Flow : testing::Test {
     box device{relay.ports[0], "3"};
     temp_dir downloads;
 
+    // The session id comes last: the daemon takes the order before it looks at anything else.
     void SetUp() override {
         ASSERT_TRUE(status_shows("\"data_connections\":5,")) << relay.gwrelay->errors();
+        ASSERT_TRUE(eventually([&] { return !file_read(session_id()).empty(); }));
     }
+    std::string session_id() const { return device.home.path + "/tmp/session.id"; }
 
     bool status_shows(std::string_view text) const {
         return eventually(
