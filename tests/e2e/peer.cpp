@@ -112,8 +112,8 @@ unique_fd peer::login(std::string_view answer) const {
     return fd;
 }
 
-unique_fd peer::data_login(int id) const {
-    unique_fd fd = data[static_cast<size_t>(id)].accept();
+unique_fd peer::data_login() const {
+    unique_fd fd = data[0].accept();
     const int at_once = 1;  // what is written apart arrives apart
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
     frame_read(fd.get());

@@ -67,13 +67,13 @@ struct peer {
     // Discovery, then the login up to the session id request. An answer with a payload of its own
     // may hold the order.
     unique_fd login(std::string_view answer = {}) const;
-    // The login, the first heartbeat and the order; then data connection 0 as it logs in. The
-    // other four get no answer.
+    // Data connection 0 as it logs in; the other four get no answer.
+    unique_fd data_login() const;
+    // The login, the first heartbeat, the order and the data login.
     struct session {
         unique_fd control, data;
     };
     session relay() const;
-    unique_fd data_login(int id = 0) const;
 };
 // Answers the heartbeat that must come next.
 bool heartbeat_answer(int control_fd, uint32_t sequence);
