@@ -57,8 +57,9 @@ TEST(BulkTransfer, GoesBothWaysWhileTheMaintenancePortAnswers) {
         uploaded = read_exact(fd, BULK, BULK_PATIENCE);
     });
     peer server;
+    peer::session session;
     box device(server.manager.port, "3");
-    const peer::session session = server.relay();
+    session = server.relay();
     const int data = session.data.get();
     const int buffer = 1 << 17;  // or a request would wait behind megabytes of our own
     setsockopt(data, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);

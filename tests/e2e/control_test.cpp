@@ -11,10 +11,14 @@ namespace {
 // A daemon that is logged in and has had its first heartbeat answered.
 struct control_link {
     peer server;
+    unique_fd control;
     box device{server.manager.port};
-    unique_fd control = server.login();
-    bool ready = heartbeat_answer(control.get(), 0);
+    bool ready = false;
 
+    control_link() {
+        control = server.login();
+        ready = heartbeat_answer(control.get(), 0);
+    }
     bool sends(std::string_view bytes) const { return write_all(control.get(), bytes); }
     bool has_session_id(const std::string& id) const {
         return eventually([&] { return file_read(device.home.path + "/tmp/session.id") == id; });

@@ -9,10 +9,14 @@ namespace {
 
 struct DataConnection : testing::Test {
     peer server;
+    peer::session session;
     box device{server.manager.port};
-    peer::session session = server.relay();
-    int data = session.data.get();
+    int data = -1;
 
+    DataConnection() {
+        session = server.relay();
+        data = session.data.get();
+    }
     bool sends(std::string_view bytes) const { return write_all(data, bytes); }
 };
 

@@ -15,12 +15,13 @@ constexpr size_t ANSWER_MAX = 1007;
 
 TEST(Login, IsExactToTheByteOnBothKindsOfConnection) {
     peer server;
+    unique_fd control;
     box device(server.manager.port);
     EXPECT_EQ(server.discover(),
               "GET /addrmgr/device_get_proxy?devid=test-box HTTP/1.1\r\nHost: 127.0.0.1:" +
                   std::to_string(server.manager.port) + "\r\nConnection: Close\r\n\r\n");
 
-    const unique_fd control = server.control.accept();
+    control = server.control.accept();
     const std::string report = frame_bytes(DEVICE_INFO, 0, DEVICE_JSON, 3);
     EXPECT_EQ(read_exact(control.get(), report.size()), report);
     ASSERT_TRUE(write_all(control.get(), frame_bytes(LOGIN_ANSWER)));
@@ -43,9 +44,10 @@ TEST(Login, IsExactToTheByteOnBothKindsOfConnection) {
 
 TEST(Login, TakesTheOrderFromItsAnswer) {
     peer server;
+    unique_fd control;
     box device(server.manager.port);
     server.discover();
-    const unique_fd control = server.control.accept();
+    control = server.control.accept();
     ASSERT_TRUE(frame_read(control.get()));
     std::string order = server.order();
     order.resize(ANSWER_MAX, ' ');
