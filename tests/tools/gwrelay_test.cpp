@@ -323,6 +323,29 @@ TEST(GwrelayStream, EndsWhereTheResponseEnds) {
     }
 }
 
+// A device's diagnostic has a head whose frame says length 0 and whose text contains the length.
+TEST(GwrelayStream, MendsTheHeadOfADiagnostic) {
+    const char* reasons[] = {"200 OK", "404 File Not Found", "503 Gateway Internal Error"};
+    relay hub(NO_GUARD);
+    const unique_fd data = data_login(hub, "box");
+    uint32_t stream = 0;
+    for (const std::string reason : reasons) {
+        const unique_fd user = user_sends(hub, "GET /box/10010/ HTTP/1.1\r\n\r\n");
+        read_frame(data);
+        const std::string head = "HTTP/1.1 " + reason + "\r\nContent-Length:3\r\n\r\n";
+        std::string sent = head;
+        sent.replace(12, 4, be32(static_cast<uint32_t>(head.size())));
+        ++stream;
+        write_all(data.get(), frame(1, 1, 0, stream, "") + sent.substr(0, 20));
+        write_all(data.get(), sent.substr(20) + frame(1, 1, 0, stream, "abc"));
+        EXPECT_EQ(read_to_end(user.get()), head + "abc");
+        EXPECT_EQ(read_frame(data), frame(1, 4, 1, stream, ""));
+    }
+    const std::string bad = "HTTP/1.1 200" + be32(8177);
+    write_all(data.get(), frame(1, 1, 0, ++stream, "") + bad);
+    EXPECT_EQ(read_to_end(data.get()), "");
+}
+
 TEST(GwrelayStream, AHalfClosedUserGetsHisResponseAndSilenceEndsIt) {
     relay hub({"--no-dead-port-guard", "--linger-timeout=1"});
     const unique_fd data = data_login(hub, "box");

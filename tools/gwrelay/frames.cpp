@@ -16,6 +16,12 @@ uint16_t load_be16(const char* from) {
     return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]);
 }
 
+// The HTTP head of a device's diagnostic: its frame says length 0, and the length stands inside the
+// text instead, right after the status code. No version of a frame is this letter.
+constexpr char REPORT_HEAD_MARK = 'H';
+constexpr size_t REPORT_LENGTH_AT = 12, REPORT_HEAD_MIN = 16;
+constexpr std::string_view REPORT_REASONS[] = {" OK\r\n", " File Not", " Gateway"};
+
 }  // namespace
 
 const char* command_name(command code) {
@@ -58,8 +64,37 @@ std::span<char> frame_input::room() {
     return {buffer.get() + end, capacity - end};
 }
 
+// Puts back the four characters of the reason over which the device has written the length.
+frame_input::result frame_input::take_report_head(frame& to) {
+    char* const at = buffer.get() + begin;
+    if (end - begin < REPORT_HEAD_MIN) {
+        return result::INCOMPLETE;
+    }
+    const uint32_t length = load_be32(at + REPORT_LENGTH_AT);
+    if (length < REPORT_HEAD_MIN || length > FRAME_PAYLOAD_MAX) {
+        reason = "bad length of a diagnostic's head: " + std::to_string(length);
+        return result::BAD;
+    }
+    if (end - begin < length) {
+        return result::INCOMPLETE;
+    }
+    const std::string_view rest(at + REPORT_HEAD_MIN, length - REPORT_HEAD_MIN);
+    for (const std::string_view known : REPORT_REASONS) {
+        if (rest.starts_with(known.substr(sizeof(uint32_t)))) {
+            known.copy(at + REPORT_LENGTH_AT, sizeof(uint32_t));
+        }
+    }
+    to = {.code = command::DATA, .stream_id = unlabelled_stream, .payload = {at, length}};
+    begin += length;
+    unlabelled_stream = 0;
+    return result::FRAME;
+}
+
 frame_input::result frame_input::take(frame& to) {
     const char* at = buffer.get() + begin;
+    if (unlabelled_stream != 0 && end > begin && *at == REPORT_HEAD_MARK) {
+        return take_report_head(to);
+    }
     if (end - begin < FRAME_HEADER) {
         return result::INCOMPLETE;
     }
@@ -83,5 +118,6 @@ frame_input::result frame_input::take(frame& to) {
           load_be32(at + 8),
           {at + FRAME_HEADER, length}};
     begin += FRAME_HEADER + length;
+    unlabelled_stream = to.code == command::DATA && length == 0 ? to.stream_id : 0;
     return result::FRAME;
 }

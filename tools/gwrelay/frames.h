@@ -58,7 +58,10 @@ class frame_input {
     const std::string& error() const { return reason; }  // why a frame was BAD
 
    private:
+    result take_report_head(frame& to);
+
     std::unique_ptr<char[]> buffer;
     size_t capacity, begin = 0, end = 0;
+    uint32_t unlabelled_stream = 0;  // of the empty Data frame that was taken last, if one was
     std::string reason;
 };
