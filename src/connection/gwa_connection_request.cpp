@@ -115,10 +115,8 @@ static int local_socket() {
 }
 
 static bool local_connect(int fd, int32_t port) {
-    sockaddr_in service{};
-    service.sin_family = AF_INET;
-    service.sin_addr.s_addr = htonl(gwa_login.local_address);
-    service.sin_port = htons(static_cast<uint16_t>(port));
+    const sockaddr_in service =
+        gwa_socket_address(gwa_login.local_address, static_cast<uint16_t>(port));
     return connect(fd, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0;
 }
 

@@ -1,9 +1,7 @@
 #include "runtime/gwa_util_socket.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 
@@ -306,10 +304,7 @@ int gwa_sendn(int fd, const void* buffer, int length) {
 }
 
 int gwa_sendto(int fd, const void* buffer, int length, uint32_t address, uint16_t port) {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(address);
-    to.sin_port = htons(port);
+    const sockaddr_in to = gwa_socket_address(address, port);
     const ssize_t count = sendto(fd, buffer, static_cast<size_t>(length), MSG_NOSIGNAL,
                                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
     if (count == -1) {

@@ -9,10 +9,20 @@
 //          select could not take descriptors of 1024 and more.
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
+
+// The socket address of an IPv4 address and a port, both in host order.
+inline sockaddr_in gwa_socket_address(uint32_t address, uint16_t port) {
+    sockaddr_in made{};
+    made.sin_family = AF_INET;
+    made.sin_addr.s_addr = htonl(address);
+    made.sin_port = htons(port);
+    return made;
+}
 
 // Switches to non-blocking mode. 0 or -1.
 int gwa_socket_nonblock(int fd);
