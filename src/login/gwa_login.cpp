@@ -113,6 +113,7 @@ static int device_id_init(const char* device_id) {
         GWA_LOG(ERROR, "create device box id");
         return GWA_FAILED;
     }
+    id[GWA_DEVICE_ID_SIZE - 1] = '\0';  // a box's own library may fill every byte
     return GWA_OK;
 }
 

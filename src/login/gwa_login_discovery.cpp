@@ -53,6 +53,9 @@ static void servers_fill() {
         !server_resolve(gwa_login.server_name, &servers[SLOT_MAIN])) {
         GWA_LOG(ERROR, "Can not resolve the domain %s", gwa_login.server_name);
     }
+    if (!gwa_process_running()) {
+        return;  // the end has waited for one name already; a second may take as long
+    }
     if (!server_resolve(gwa_login.backup_domain, &servers[SLOT_BACKUP_DOMAIN])) {
         GWA_LOG(ERROR, "Can not resolve backup domain %s", gwa_login.backup_domain);
         servers[SLOT_BACKUP_DOMAIN] = 0;
@@ -146,10 +149,8 @@ static int reply_get(uint32_t server, char (&reply)[MESSAGE_SIZE]) {
         GWA_LOG(ERROR, "socket failed, %s", strerror(errno));
         return GWA_FAILED;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(gwa_login.server_port));
-    address.sin_addr.s_addr = htonl(server);
+    const sockaddr_in address =
+        gwa_socket_address(server, static_cast<uint16_t>(gwa_login.server_port));
     GWA_LOG(DEBUG, "connect to proxy server, 0x%08x", server);
     if (gwa_connect_timeout(fd.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address,
                             WAIT_S) != GWA_OK) {

@@ -22,9 +22,24 @@ constexpr size_t ANSWER_SIZE = REPORT_SIZE - GWA_HEADER_SIZE;  // payload and te
 constexpr int CONNECT_WAIT_S = 10;
 constexpr int ANSWER_WAIT_S = 60;
 
+// What the socket of a login is set to, in this order. The names are part of the log lines.
+struct socket_option {
+    int number;
+    const char *name, *meaning;
+    int wanted;
+};
+constexpr int SHOWN_ONLY = -1;
+constexpr socket_option SOCKET_OPTIONS[] = {
+    {SO_SNDBUF, "SO_SNDBUF", "send buffer size", BUFFER_SIZE},
+    {SO_RCVBUF, "SO_RCVBUF", "recv buffer size", BUFFER_SIZE},
+    {SO_SNDLOWAT, "SO_SNDLOWAT", "send low threshold", SHOWN_ONLY},
+    {SO_RCVLOWAT, "SO_RCVLOWAT", "recv low threshold", RECV_LOW},
+};
+constexpr socket_option KEEPALIVE{SO_KEEPALIVE, "SO_KEEPALIVE", "", 1};
+
 // What the two kinds of login do differently.
 struct login_kind {
-    const char* function;  // named in the lines about the socket settings
+    const char* function;  // named in the lines about the socket options
     uint8_t version;       // of the report frame
     bool (*connect)(int fd, uint32_t address, uint16_t port);
     const gwa_login_sink* sink;  // null: nothing is counted and the answer's payload is dropped
@@ -32,54 +47,43 @@ struct login_kind {
 
 }  // namespace
 
-// Macros, because the texts have to be literals. A failure is logged and otherwise ignored: the
-// system's default works too, only slower.
-#define SETTING_SHOW(option, failed_text, default_text)                                    \
-    do {                                                                                   \
-        int value = 0;                                                                     \
-        socklen_t size = sizeof value;                                                     \
-        if (getsockopt(fd, SOL_SOCKET, option, &value, &size) == -1) {                     \
-            GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, failed_text "\n",         \
-                         strerror(errno));                                                 \
-        } else {                                                                           \
-            GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, default_text "\n", value); \
-        }                                                                                  \
-    } while (0)
-#define SETTING_SET(option, wanted, failed_text, done_text, ...)                   \
-    do {                                                                           \
-        const int value = wanted;                                                  \
-        if (setsockopt(fd, SOL_SOCKET, option, &value, sizeof value) == -1) {      \
-            GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, failed_text "\n", \
-                         strerror(errno));                                         \
-        } else {                                                                   \
-            GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller,                    \
-                         done_text "\n" __VA_OPT__(, ) __VA_ARGS__);               \
-        }                                                                          \
-    } while (0)
+static void option_show(int fd, const socket_option& option, const char* caller) {
+    int value = 0;
+    socklen_t size = sizeof value;
+    if (getsockopt(fd, SOL_SOCKET, option.number, &value, &size) == -1) {
+        GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, "getsockopt %s failed, %s\n",
+                     option.name, strerror(errno));
+    } else {
+        GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, "system default TCP %s %d\n",
+                     option.meaning, value);
+    }
+}
 
-static void socket_settings_apply(int fd, const char* caller) {
-    SETTING_SHOW(SO_SNDBUF, "getsockopt SO_SNDBUF failed, %s",
-                 "system default TCP send buffer size %d");
-    SETTING_SET(SO_SNDBUF, BUFFER_SIZE, "setsockopt SO_SNDBUF failed, %s",
-                "set TCP send buffer size to %d", BUFFER_SIZE);
-    SETTING_SHOW(SO_RCVBUF, "getsockopt SO_RCVBUF failed, %s",
-                 "system default TCP recv buffer size %d");
-    SETTING_SET(SO_RCVBUF, BUFFER_SIZE, "setsockopt SO_RCVBUF failed, %s",
-                "set TCP recv buffer size to %d", BUFFER_SIZE);
-    SETTING_SHOW(SO_SNDLOWAT, "getsockopt SO_SNDLOWAT failed, %s",
-                 "system default TCP send low threshold %d");
-    SETTING_SHOW(SO_RCVLOWAT, "getsockopt SO_RCVLOWAT failed, %s",
-                 "system default TCP recv low threshold %d");
-    SETTING_SET(SO_RCVLOWAT, RECV_LOW, "setsockopt SO_RCVLOWAT failed, %s",
-                "set TCP recv low threshold to %d", RECV_LOW);
-    SETTING_SET(SO_KEEPALIVE, 1, "setsockopt SO_KEEPALIVE failed, %s", "enable the TCP keepalive");
+static bool option_set(int fd, const socket_option& option, const char* caller) {
+    if (setsockopt(fd, SOL_SOCKET, option.number, &option.wanted, sizeof option.wanted) == -1) {
+        GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, "setsockopt %s failed, %s\n",
+                     option.name, strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+// A failure is logged and otherwise ignored: the system's default works too, only slower.
+static void socket_options_apply(int fd, const char* caller) {
+    for (const socket_option& option : SOCKET_OPTIONS) {
+        option_show(fd, option, caller);
+        if (option.wanted != SHOWN_ONLY && option_set(fd, option, caller)) {
+            GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, "set TCP %s to %d\n",
+                         option.meaning, option.wanted);
+        }
+    }
+    if (option_set(fd, KEEPALIVE, caller)) {
+        GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, "enable the TCP keepalive\n");
+    }
 }
 
 static bool server_connect(int fd, uint32_t address, uint16_t port) {
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(port);
-    server.sin_addr.s_addr = htonl(address);
+    const sockaddr_in server = gwa_socket_address(address, port);
     char text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &server.sin_addr, text, sizeof text);
     GWA_LOG(PROGRESS, "try to connect %s : %d ...", text, port);
@@ -192,7 +196,7 @@ static int handshake(uint32_t address, uint16_t port, const login_kind& kind) {
         return GWA_FAILED;
     }
     GWA_LOG(CREATE, "create login fd %d", fd.fd);
-    socket_settings_apply(fd.fd, kind.function);
+    socket_options_apply(fd.fd, kind.function);
     gwa_header header;
     if (!kind.connect(fd.fd, address, port) || !report_send(fd.fd, kind) ||
         !answer_header_receive(fd.fd, kind, &header)) {
