@@ -1,9 +1,9 @@
 #include "main/gwa_log.h"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
-#include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -15,9 +15,11 @@ namespace {
 
 constexpr char BACKGROUND_LOG[] = "/tmp/gwad.log";  // fixed, not under the home directory
 constexpr size_t STAMP_SIZE = 64;
+constexpr int STUCK_WAIT_MS = 200;  // what a slow reader of the log is given to catch up
 
 pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;  // guards log_stream and its lines
 FILE* log_stream = stderr;                             // null: unset or closed
+bool log_stuck = false;                                // guarded too: nobody takes what is written
 
 }  // namespace
 
@@ -58,6 +60,19 @@ int gwa_log_level_get(int* out) {
     return 0;
 }
 
+// True when a write will not block. The log may be a pipe or a terminal that somebody has stopped
+// reading: lines are lost then, rather than the relay and its end by a signal. Only the first line
+// waits, so that the others do not hold up their threads. The lock is held.
+static bool log_ready() {
+    pollfd entry{fileno(log_stream), POLLOUT, 0};
+    int ready = 0;
+    do {
+        ready = poll(&entry, 1, log_stuck ? 0 : STUCK_WAIT_MS);
+    } while (ready == -1 && errno == EINTR);
+    log_stuck = ready == 0;
+    return !log_stuck;
+}
+
 int gwa_log_write(const char* format, ...) {
     char stamp[STAMP_SIZE] = {};
     const time_t now = time(nullptr);
@@ -66,14 +81,16 @@ int gwa_log_write(const char* format, ...) {
     strftime(stamp, sizeof stamp, "<%Y-%m-%d %H:%M:%S> ", &local);
 
     pthread_mutex_lock(&log_lock);
-    if (log_stream != nullptr) {
-        fflush(log_stream);
+    if (log_stream != nullptr && log_ready()) {
         fputs(stamp, log_stream);
-        va_list arguments;
-        va_start(arguments, format);
-        vfprintf(log_stream, format, arguments);
-        va_end(arguments);
-        fflush(log_stream);  // at once, so that the line survives a kill
+        fflush(log_stream);
+        if (log_ready()) {  // the stamp may have taken the last room
+            va_list arguments;
+            va_start(arguments, format);
+            vfprintf(log_stream, format, arguments);
+            va_end(arguments);
+            fflush(log_stream);  // at once, so that the line survives a kill
+        }
     }
     pthread_mutex_unlock(&log_lock);
     return 0;

@@ -4,7 +4,8 @@
 //          been closed a no-op instead of a use of a closed stream.
 // Results: 0, or -1 where a function can fail.
 //
-// There is no rotation and no size limit: the file grows until the box clears it.
+// There is no rotation and no size limit: the file grows until the box clears it. Lines for which a
+// pipe or a terminal has no room are dropped: nobody who stops reading may stop the daemon.
 #pragma once
 
 #include <atomic>

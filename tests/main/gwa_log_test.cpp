@@ -79,6 +79,25 @@ TEST(Log, GoesToItsFixedFileInTheBackground) {
     EXPECT_NE(file_read(FIXED).find(line), std::string::npos);
 }
 
+TEST(Log, DropsWhatNobodyReadsUntilSomebodyDoes) {
+    forked child([] {
+        int both[2];
+        EXPECT_EQ(pipe2(both, O_NONBLOCK), 0);
+        fcntl(both[1], F_SETFL, 0);  // a write to a full pipe blocks
+        dup2(both[1], STDERR_FILENO);
+        for (int line = 0; line < 2000; ++line) {
+            GWA_LOG(FATAL, "%0100d", line);
+        }
+        char text[4096];
+        while (read(both[0], text, sizeof text) > 0) {
+        }
+        GWA_LOG(FATAL, "again");
+        text[std::max<ssize_t>(read(both[0], text, sizeof text - 1), 0)] = '\0';
+        _exit(std::string(text).find("<0> again\n") == std::string::npos);
+    });
+    EXPECT_EQ(child.wait(), 0);
+}
+
 TEST(Log, DropsLinesWhenThereIsNoStream) {
     log_to_file log;
     gwa_log_close();
