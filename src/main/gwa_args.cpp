@@ -1,6 +1,8 @@
 #include "main/gwa_args.h"
 
+#include <fcntl.h>
 #include <getopt.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -15,6 +17,8 @@
 #include "login/gwa_login.h"
 #include "main/gwa_log.h"
 #include "main/gwa_process.h"
+#include "runtime/gwa_scoped_fd.h"
+#include "runtime/gwa_util_host.h"
 
 namespace {
 
@@ -136,13 +140,9 @@ static void background_enter() {
 // Kills whoever the pid file names: a survivor would fight us for the same device id. A file that
 // outlived a reboot may name the number that we have been given ourselves.
 static void predecessor_kill(const char* path, pid_t own) {
-    FILE* file = fopen(path, "re");
-    if (file == nullptr) {
-        return;
-    }
+    const scoped_fd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // a pipe must not hold us
     char text[PID_TEXT_MAX + 1] = "";
-    const size_t length = fread(text, 1, PID_TEXT_MAX, file);
-    fclose(file);
+    const ssize_t length = read(file.fd, text, PID_TEXT_MAX);
     const int pid = length > 0 ? int_of(text) : 0;
     if (pid > 0 && pid != own) {
         kill(pid, SIGKILL);
@@ -152,16 +152,16 @@ static void predecessor_kill(const char* path, pid_t own) {
 static void pid_file_replace(const char* path) {
     const pid_t own = getpid();
     predecessor_kill(path, own);
-    FILE* file = fopen(path, "we");
-    if (file == nullptr) {
+    const scoped_fd file(gwa_file_replace(path));
+    if (file.fd == -1) {
         fprintf(stderr, "open pid file %s failed\n", path);
         gwa_process_exit(1);
     }
-    fprintf(file, "%d", own);
-    fclose(file);
+    dprintf(file.fd, "%d", own);
 }
 
-// May interrupt any code of the main thread, so it formats by hand and makes one write.
+// May interrupt any code of the main thread, so it formats by hand and makes one write, and only
+// where that cannot block: the daemon's end must not depend on who reads its output.
 static void signal_handle(int number) {
     const int saved_errno = errno;
     if (number == SIGINT || number == SIGTERM) {
@@ -175,8 +175,11 @@ static void signal_handle(int number) {
     }
     *digit++ = static_cast<char>('0' + number % DECIMAL);
     *digit++ = '\n';
-    [[maybe_unused]] const ssize_t written =
-        write(STDOUT_FILENO, text, static_cast<size_t>(digit - text));
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&output, 1, 0) == 1) {
+        [[maybe_unused]] const ssize_t written =
+            write(STDOUT_FILENO, text, static_cast<size_t>(digit - text));
+    }
     errno = saved_errno;
 }
 
@@ -190,6 +193,11 @@ static void signals_install() {
     action.sa_handler = signal_handle;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    sigset_t ending;  // whoever started us may have had them blocked
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGTERM);
+    sigprocmask(SIG_UNBLOCK, &ending, nullptr);
 }
 
 static void log_start(const options& given) {

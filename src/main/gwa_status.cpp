@@ -10,6 +10,7 @@
 #include "main/gwa_log.h"
 #include "main/gwa_process.h"
 #include "main/gwa_restart.h"
+#include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_types.h"
 #include "runtime/gwa_util_host.h"
 
@@ -101,11 +102,8 @@ static void status_build(status_text& to) {
 
 // Silent when the file cannot be made: the table is in the log as well.
 static void status_write(const status_text& from) {
-    FILE* file = fopen(gwa_process_paths.status_file, "we");
-    if (file != nullptr) {
-        fwrite(from.text, 1, from.length, file);
-        fclose(file);
-    }
+    const scoped_fd file(gwa_file_replace(gwa_process_paths.status_file));
+    [[maybe_unused]] const ssize_t written = write(file.fd, from.text, from.length);
 }
 
 static void snapshots_take() {

@@ -1,6 +1,7 @@
 #include "runtime/gwa_util_host.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -19,6 +20,7 @@
 #include <string_view>
 
 #include "main/gwa_process.h"
+#include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_types.h"
 
 namespace {
@@ -238,16 +240,19 @@ int gwa_fwver_get(gwa_firmware_value& version, gwa_firmware_value& component,
     return found == FIRMWARE_ALL_FOUND ? GWA_OK : GWA_FAILED;
 }
 
+int gwa_file_replace(const char* path) {
+    constexpr mode_t FOR_EVERYBODY = 0666;  // less what the process's mask takes away
+    return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, FOR_EVERYBODY);
+}
+
 int gwa_file_write(const char* path, const void* data, size_t length) {
-    FILE* file = fopen(path, "wbe");
-    if (file == nullptr) {
+    const scoped_fd file(gwa_file_replace(path));
+    if (file.fd == -1) {
         GWA_LOG(ERROR, "open file failed");
         return GWA_FAILED;
     }
     // A full disk costs this write and nothing else: the next one replaces the file anyway.
-    fwrite(data, 1, length, file);
-    fflush(file);
-    fclose(file);
+    [[maybe_unused]] const ssize_t written = write(file.fd, data, length);
     return GWA_OK;
 }
 

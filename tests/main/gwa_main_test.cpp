@@ -59,6 +59,10 @@ TEST_F(Daemon, TakesUpTheJumpThatItIsAskedFor) {
             }
             gwa_time.sleep_us = [](int64_t) { usleep(1000); };
             gwa_process_jump.store(with.code);
+            sigset_t ending;  // blocked, as a careless starter may leave it
+            sigemptyset(&ending);
+            sigaddset(&ending, SIGTERM);
+            sigprocmask(SIG_BLOCK, &ending, nullptr);
             run("-p", "1");
         });
         const auto logged = [&] { return file_read(log).find(with.line) != std::string::npos; };
