@@ -4,9 +4,11 @@
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -60,4 +62,34 @@ int create_boxid(char* buffer, int size) {
         return -1;
     }
     return machine_id_read(buffer, size) || hardware_address_read(buffer, size) ? 0 : -1;
+}
+
+int port_info_init(const char* path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path == nullptr || strlen(path) >= sizeof address.sun_path) {
+        return -1;
+    }
+    strcpy(address.sun_path, path);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd != -1 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int port_info_recv(int fd, void* buffer) {
+    // One byte of room more: a datagram that is too long shows by filling it.
+    uint8_t datagram[sizeof(port_info_announcement) + 1];
+    const ssize_t got = recv(fd, datagram, sizeof datagram, MSG_DONTWAIT);
+    if (got == -1) {
+        return -1;
+    }
+    if (got != ssize_t{sizeof(port_info_announcement)}) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    memcpy(buffer, datagram, sizeof(port_info_announcement));
+    return 0;
 }

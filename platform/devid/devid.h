@@ -2,6 +2,8 @@
 // serves machines that have none.
 #pragma once
 
+#include <stdint.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -9,6 +11,21 @@ extern "C" {
 // Fills `buffer` with a stable, terminated id of this box: the machine id file where there is one,
 // else the first hardware address that is not the loopback's. 0, or -1 when there is neither.
 int create_boxid(char* buffer, int size);
+
+// What a local service announces: one datagram of exactly these 8 bytes, both fields in host order,
+// sent to the Unix datagram socket that port_info_init has bound. Modules: 3 the box's web page,
+// 4 "ubq", 5 "kctl".
+struct port_info_announcement {
+    uint32_t module;
+    uint32_t port;
+};
+
+// Creates the socket that receives announcements and binds it at `path`, where there must be no
+// file. A non-blocking descriptor, which is the caller's to close, or -1.
+int port_info_init(const char* path);
+// Receives one announcement into `buffer`, 8 bytes. 0, or -1 when none waits (EAGAIN) or when the
+// datagram has another size, which is then gone (EMSGSIZE).
+int port_info_recv(int fd, void* buffer);
 
 #ifdef __cplusplus
 }

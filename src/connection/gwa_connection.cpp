@@ -156,6 +156,15 @@ void gwa_connection_heartbeat_build(gwa_output_node* node, uint8_t* frame, uint3
     node->flags = GWA_NODE_HEARTBEAT;
 }
 
+void gwa_connection_cntl_send(uint8_t* frame, uint32_t size) {
+    gwa_output_node* const node = GWA_NEW(gwa_output_node);
+    node->data = frame;
+    node->capacity = size;
+    node->cursor = frame;
+    node->remaining = size;
+    gwa_connection_remote_output_enqueue(&gwa_connections.cntl.output, node);
+}
+
 void gwa_connection_table_init() {
     new (&gwa_connections) gwa_connection_table{};
     for (int id = 0; id < GWA_DATA_CONNECTIONS; id++) {

@@ -20,8 +20,7 @@
 #include "runtime/gwa_util_http.h"
 #include "runtime/poll.h"
 
-// ---- The output queue
-// ----------------------------------------------------------------------------
+// ---- The output queue ----
 
 enum gwa_node_flag : uint32_t {  // a bit set
     GWA_NODE_STATIC = 1,         // the node is part of a record and is never freed
@@ -76,8 +75,7 @@ void gwa_connection_node_free(gwa_output_node* node);
 // Points a static heartbeat node at its frame, with the sequence number filled in.
 void gwa_connection_heartbeat_build(gwa_output_node* node, uint8_t* frame, uint32_t sequence);
 
-// ---- The control connection
-// ----------------------------------------------------------------------
+// ---- The control connection ----
 
 struct gwa_connection_cntl {
     int socket = -1;
@@ -97,8 +95,10 @@ struct gwa_connection_cntl {
     int (*reporting_times)(uint32_t t1, uint32_t t2) = nullptr;
 };
 
-// ---- The data connections
-// ------------------------------------------------------------------------
+// ---- The data connections ----
+// Queues a frame of `size` heap bytes on the control connection, which frees it. Any thread.
+void gwa_connection_cntl_send(uint8_t* frame, uint32_t size);
+
 
 struct gwa_stream;  // gwa_stream.h; a connection lists its streams, a stream names its connection
 
@@ -211,8 +211,7 @@ void gwa_connection_input_discard(gwa_connection_data* conn, uint32_t count, boo
 // Makes the input pass expect a header next. Worker.
 void gwa_connection_input_next(gwa_connection_data* conn);
 
-// ---- The memory figure of a data connection (worker only)
-// ------------------------------------------
+// ---- The memory figure of a data connection (worker only) ----
 
 // Sizes that the figure counts for records, whatever they take on this machine.
 constexpr uint32_t GWA_NODE_COUNTED = 40;

@@ -19,6 +19,9 @@
 #include "main/gwa_process.h"
 #include "main/gwa_restart.h"
 #include "main/gwa_status.h"
+#include "reporters/dlna_status.h"
+#include "reporters/gwa_link.h"
+#include "reporters/port_info.h"
 #include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_time.h"
 
@@ -27,7 +30,10 @@ namespace {
 constexpr uint32_t CHECK_INTERVAL_S = 30;
 constexpr int RETRY_PAUSE_S = 10;
 
+constexpr int NO_MONITOR = -1;  // a pass that ends the program; no jump has this code
+
 gwa_timer* check_timer = nullptr;
+int link_socket = -1;
 bool logged_in = false;  // since the start or the last reinit: there is a connection to release
 
 }  // namespace
@@ -83,11 +89,60 @@ static bool supervisor_connect() {
     return true;
 }
 
+// Opens the network monitor anew. False: it cannot be had.
+static bool link_monitor_start(poll_set* poller) {
+    gwa_link_close(link_socket);
+    link_socket = gwa_link_init();
+    if (link_socket == -1) {
+        GWA_LOG(ERROR, "init netlink failed");
+        return false;
+    }
+    if (poll_add(poller, link_socket, gwa_link_handle, &link_socket, &link_socket) != 0) {
+        GWA_LOG(ERROR, "add netlink socket to poll failed");
+    }
+    return true;
+}
+
+static void dlna_status_start(poll_set* poller) {
+    if (dlna_status_init() == -1) {
+        GWA_LOG(ERROR, "dlna status init failed");
+    } else if (poll_add(poller, dlna_status.listen_socket, dlna_status_accept_handle, poller,
+                        &dlna_status.listen_socket) != 0) {
+        GWA_LOG(ERROR, "add dlna listen socket to poll failed");
+    }
+    gwa_connections.cntl.reporting_times = dlna_status_interval_set;
+}
+
+static void port_info_start(poll_set* poller) {
+    port_info_socket_exit();  // of an earlier pass
+    if (port_info_socket_init() == -1) {
+        GWA_LOG(ERROR, "port info socket init failed");
+    } else if (poll_add(poller, port_info_socket, port_info_recv_handle, &port_info_socket,
+                        &port_info_socket) != 0) {
+        GWA_LOG(ERROR, "add port info listen socket to poll failed");
+    }
+}
+
+// Opens the reporters' sockets on the control poller. False: without the network monitor the daemon
+// would not notice a new address, so the program ends.
+static bool reporters_start() {
+    poll_set* const poller = &gwa_connections.cntl.poller;
+    if (!link_monitor_start(poller)) {
+        return false;
+    }
+    dlna_status_start(poller);
+    port_info_start(poller);
+    return true;
+}
+
 // One control connection from discovery to its end, or the pause after a failure. Hands back the
-// jump that was asked for meanwhile.
+// jump that was asked for meanwhile, or NO_MONITOR.
 static int supervisor_pass() {
     int asked = GWA_JUMP_NONE;
     if (supervisor_connect()) {
+        if (!reporters_start()) {
+            return NO_MONITOR;
+        }
         asked = gwa_connection_cntl_manage();
     } else {
         gwa_sleep(RETRY_PAUSE_S);
@@ -106,6 +161,7 @@ static int supervisor_loop() {
 }
 
 static void connection_release() {
+    dlna_status_timers_stop();  // nothing may fire into a queue that is being emptied
     if (logged_in) {
         gwa_connection_cntl_exit();
         logged_in = false;
@@ -113,10 +169,13 @@ static void connection_release() {
 }
 
 // The restart point of the process, as a loop: what the passes hand back takes the place of a jump.
-// Returns with the workers joined.
-static void supervise() {
+// True with the workers joined; false when the program has to end as it is.
+static bool supervise() {
     GWA_LOG(PROGRESS, "set jump here");
     for (int asked = supervisor_loop(); asked != GWA_JUMP_NONE; asked = supervisor_loop()) {
+        if (asked == NO_MONITOR) {
+            return false;
+        }
         GWA_LOG(PROGRESS, "long jump from %d here", asked);
         switch (asked) {
             case GWA_JUMP_REINIT:
@@ -127,12 +186,13 @@ static void supervise() {
                 GWA_LOG(FATAL, "exit process now");
                 gwa_process_run.store(0, std::memory_order_relaxed);  // ends the workers' waits
                 gwa_connection_all_destroy();
-                return;  // the process ends with the control connection as it is
+                return true;  // the process ends with the control connection as it is
             default: GWA_LOG(DEBUG, "unknown jump code %d", asked); GWA_EXIT(-1);
         }
     }
     gwa_connection_all_destroy();
     connection_release();
+    return true;
 }
 
 [[noreturn]] static void teardown() {
@@ -141,7 +201,11 @@ static void supervise() {
         free(check_timer);
         check_timer = nullptr;
     }
+    dlna_status_timers_stop();  // before the list that they are on
     gwa_timer_default_exit();
+    gwa_link_close(link_socket);
+    dlna_status_exit();
+    port_info_socket_exit();
     gwa_login_exit();
     gwa_log_close();
     gwa_process_exit(0);
@@ -161,6 +225,8 @@ int gwa_main(int argc, char* argv[]) {
     gwa_connection_table_init();
     gwa_connection_data_init(&gwa_connections.data);
     check_timer_start();
-    supervise();
+    if (!supervise()) {
+        return -1;
+    }
     teardown();
 }

@@ -1,0 +1,112 @@
+// gwad_announce.cpp - announces a local service's port, or the DLNA status, to gwad by hand or from
+// a service's start script. See devid.h for what goes over the sockets.
+
+#include <getopt.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "devid.h"
+
+namespace {
+
+constexpr char USAGE[] =
+    "usage: gwad-announce [options] http|ubq|kctl|MODULE PORT\n"
+    "       gwad-announce [options] dlna WORD\n"
+    "  -p --port-socket=path   where ports are announced, default is /tmp/mko_port_gwad.sock\n"
+    "  -d --dlna-socket=path   where the DLNA status goes, default is /tmp/dlna.sock\n"
+    "  -h --help               show this help message\n"
+    "Numbers are decimal, or hexadecimal behind 0x.\n";
+
+constexpr option LONG_OPTIONS[] = {
+    {"port-socket", required_argument, nullptr, 'p'},
+    {"dlna-socket", required_argument, nullptr, 'd'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+struct module_name {
+    const char* name;
+    uint32_t id;
+};
+constexpr module_name MODULES[] = {{"http", 3}, {"ubq", 4}, {"kctl", 5}};
+
+}  // namespace
+
+static bool number_read(const char* text, uint32_t* out) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = strtoull(text, &end, 0);
+    if (end == text || *end != '\0' || text[0] == '-' || errno != 0 || value > UINT32_MAX) {
+        fprintf(stderr, "gwad-announce: not a number: %s\n", text);
+        return false;
+    }
+    *out = static_cast<uint32_t>(value);
+    return true;
+}
+
+static bool module_read(const char* text, uint32_t* out) {
+    for (const module_name& known : MODULES) {
+        if (strcmp(known.name, text) == 0) {
+            *out = known.id;
+            return true;
+        }
+    }
+    return number_read(text, out);
+}
+
+// Sends the bytes to the socket at `path`. The exit status.
+static int deliver(const char* path, int type, const void* bytes, size_t length) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (strlen(path) >= sizeof address.sun_path) {
+        fprintf(stderr, "gwad-announce: the socket's path is too long: %s\n", path);
+        return 1;
+    }
+    strcpy(address.sun_path, path);
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    if (fd == -1 ||
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 ||
+        send(fd, bytes, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length)) {
+        fprintf(stderr, "gwad-announce: %s: %s\n", path, strerror(errno));
+        return 1;
+    }
+    close(fd);
+    return 0;
+}
+
+int main(int argc, char* argv[]) {
+    const char* port_socket = "/tmp/mko_port_gwad.sock";
+    const char* dlna_socket = "/tmp/dlna.sock";
+    for (int letter = 0;
+         (letter = getopt_long(argc, argv, "p:d:h", LONG_OPTIONS, nullptr)) != -1;) {
+        switch (letter) {
+            case 'p': port_socket = optarg; break;
+            case 'd': dlna_socket = optarg; break;
+            case 'h': fputs(USAGE, stdout); return 0;
+            default: fputs(USAGE, stderr); return 1;
+        }
+    }
+    if (argc - optind != 2) {
+        fputs(USAGE, stderr);
+        return 1;
+    }
+    uint32_t value = 0;
+    if (!number_read(argv[optind + 1], &value)) {
+        return 1;
+    }
+    if (strcmp(argv[optind], "dlna") == 0) {
+        return deliver(dlna_socket, SOCK_STREAM, &value, sizeof value);
+    }
+    port_info_announcement announcement{0, value};
+    if (!module_read(argv[optind], &announcement.module)) {
+        return 1;
+    }
+    return deliver(port_socket, SOCK_DGRAM, &announcement, sizeof announcement);
+}

@@ -1,0 +1,336 @@
+#include "reporters/dlna_status.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "connection/gwa_connection.h"
+#include "main/gwa_process.h"
+#include "runtime/gwa_scoped_fd.h"
+#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_time.h"
+
+dlna_status_record dlna_status;
+
+namespace {
+
+constexpr int BACKLOG = 10;
+constexpr int UNLINK_ATTEMPTS = 3;
+constexpr int CLIENTS_MAX = 16;  // a box has one media server; the rest must not eat descriptors
+constexpr int WORDS_PER_EVENT = 64;  // then the main thread has other things to do
+constexpr uint32_t NO_WORD = UINT32_MAX;
+constexpr int T1_PAUSE_US = 200000;
+
+enum class client_read {
+    NOTHING,  // all is read
+    CLOSED,   // by the client
+    MORE,     // the budget of one event is used up
+    FAILED,
+};
+
+}  // namespace
+
+static int32_t time_now() { return static_cast<int32_t>(gwa_time_seconds()); }
+
+static void timer_end(gwa_timer** timer) {
+    if (*timer != nullptr) {
+        gwa_timer_destroy(*timer);  // waits for its callback
+        free(*timer);
+        *timer = nullptr;
+    }
+}
+
+void dlna_status_timers_stop() {
+    timer_end(&dlna_status.t1_timer);
+    timer_end(&dlna_status.t2_timer);
+    dlna_status.t1_active.store(0, std::memory_order_relaxed);
+    dlna_status.t2_active = 0;
+}
+
+static void listen_socket_close() {
+    if (dlna_status.listen_socket != -1) {
+        close(dlna_status.listen_socket);
+        dlna_status.listen_socket = -1;
+    }
+}
+
+static void record_reset() {
+    dlna_status_timers_stop();
+    listen_socket_close();
+    dlna_status.status.store(0, std::memory_order_relaxed);
+    dlna_status.last_report.store(0, std::memory_order_relaxed);
+    dlna_status.received = 0;
+    dlna_status.t1 = DLNA_T1_DEFAULT;
+    dlna_status.t2 = DLNA_T2_DEFAULT;
+    dlna_status.poller = nullptr;
+    dlna_status.clients = 0;
+}
+
+// Removes a socket file that an earlier process left. True: there is none any more.
+static bool stale_file_remove(const char* path) {
+    for (int attempt = 0; attempt < UNLINK_ATTEMPTS; attempt++) {
+        if (attempt > 0) {
+            gwa_sleep(1);
+        }
+        unlink(path);
+        if (access(path, F_OK) == -1) {
+            if (errno == ENOENT) {
+                return true;
+            }
+            GWA_LOG(ERROR, "access socket file failed, %s %s", path, strerror(errno));
+        }
+    }
+    GWA_LOG(ERROR, "unlink failed");
+    return false;
+}
+
+int dlna_status_init() {
+    record_reset();
+    const char* const path = gwa_process_paths.dlna_socket;
+    if (!stale_file_remove(path)) {
+        return -1;
+    }
+    scoped_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.fd == -1) {
+        GWA_LOG(ERROR, "socket failed, %s", strerror(errno));
+        return -1;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    text_copy(address.sun_path, path);
+    GWA_LOG(INFO, "sun path = %s", address.sun_path);
+    if (bind(fd.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
+        GWA_LOG(ERROR, "bind failed, %s", strerror(errno));
+        return -1;
+    }
+    if (listen(fd.fd, BACKLOG) == -1) {
+        GWA_LOG(ERROR, "listen failed, %s", strerror(errno));
+        return -1;
+    }
+    GWA_LOG(FATAL, "dlna status socket init success");
+    gwa_socket_nonblock(fd.fd);
+    dlna_status.listen_socket = fd.release();
+    return dlna_status.listen_socket;
+}
+
+int dlna_status_exit() {
+    listen_socket_close();
+    dlna_status_timers_stop();
+    return unlink(gwa_process_paths.dlna_socket);
+}
+
+// Descriptors travel as the argument itself.
+static void* as_argument(int fd) { return reinterpret_cast<void*>(static_cast<intptr_t>(fd)); }
+
+// Registers one client. False: the handler ends.
+static bool client_begin(poll_set* poller, int fd) {
+    if (dlna_status.clients >= CLIENTS_MAX) {
+        GWA_LOG(ERROR, "too many dlna clients, fd %d is closed", fd);
+        close(fd);
+        return true;
+    }
+    GWA_LOG(INFO, "new connection accept success, fd %d", fd);
+    gwa_socket_nonblock(fd);
+    if (poll_add(poller, fd, dlna_status_recv_handle, as_argument(fd)) != 0) {
+        GWA_LOG(ERROR, "add dlna socket to poll failed");
+        close(fd);
+        return false;
+    }
+    dlna_status.clients++;
+    return true;
+}
+
+void dlna_status_accept_handle(uint32_t events, void* poller) {
+    if ((events & EPOLLIN) == 0) {
+        return;
+    }
+    GWA_LOG(INFO, "accept connection ...");
+    dlna_status.poller = static_cast<poll_set*>(poller);
+    for (;;) {
+        const int fd = accept4(dlna_status.listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd == -1) {
+            break;
+        }
+        if (!client_begin(dlna_status.poller, fd)) {
+            return;
+        }
+    }
+    const int error = errno;
+    if (error != EAGAIN) {
+        GWA_LOG(ERROR, "accept failed, %s, fd %d", strerror(error), dlna_status.listen_socket);
+    }
+    if (error == ENOTSOCK) {
+        GWA_EXIT(1);
+    }
+}
+
+// Whether the client will send nothing more: tells half a word for ever from half a word for now.
+static bool client_has_ended(int fd) {
+    pollfd entry{fd, POLLRDHUP, 0};
+    return ::poll(&entry, 1, 0) == 1;
+}
+
+// Reads what waits; the last whole word stays in `word`. A word of which only a part is there is
+// left in the socket until the rest has come, so that a client that writes bytes one by one keeps
+// its step.
+static client_read client_words_read(int fd, uint32_t* word) {
+    for (int words = 0; words < WORDS_PER_EVENT; words++) {
+        uint32_t next = 0;
+        const ssize_t there = recv(fd, &next, sizeof next, MSG_PEEK);
+        if (there == -1) {
+            return errno == EAGAIN ? client_read::NOTHING : client_read::FAILED;
+        }
+        if (there < ssize_t{sizeof next}) {
+            return there == 0 || client_has_ended(fd) ? client_read::CLOSED : client_read::NOTHING;
+        }
+        recv(fd, word, sizeof *word, 0);
+    }
+    return client_read::MORE;
+}
+
+static int report_timer_start(void (*callback)(void*), uint32_t interval, uint32_t mode,
+                              gwa_timer** timer) {
+    if (gwa_timer_init(callback, nullptr, interval, mode, nullptr, timer) != 0) {
+        GWA_LOG(ERROR, "init timer failed");
+        return -1;
+    }
+    return 0;
+}
+
+static int timer_arm(gwa_timer** timer) {
+    if (gwa_timer_start(*timer) != 0) {
+        GWA_LOG(ERROR, "start timer failed");
+        timer_end(timer);
+        return -1;
+    }
+    return 0;
+}
+
+static void dlna_status_timer_t1_handle(void*) {
+    GWA_LOG(INFO, "t1 timer expired");
+    dlna_status_report(dlna_status.status.load(std::memory_order_relaxed));
+    dlna_status.last_report.store(time_now(), std::memory_order_relaxed);
+    dlna_status.t1_active.store(0, std::memory_order_relaxed);
+}
+
+static void dlna_status_timer_t2_handle(void*) {
+    GWA_LOG(INFO, "t2 timer expired");
+    dlna_status_report(dlna_status.status.load(std::memory_order_relaxed));
+}
+
+static void dlna_status_timer_t1_start() {
+    gwa_usleep(T1_PAUSE_US);
+    GWA_LOG(DEBUG, "now t1 is stopped");
+    timer_end(&dlna_status.t1_timer);
+    GWA_LOG(INFO, "create a t1 timer");
+    if (report_timer_start(dlna_status_timer_t1_handle, dlna_status.t1, GWA_TIMER_ONCE,
+                           &dlna_status.t1_timer) != 0) {
+        return;
+    }
+    GWA_LOG(INFO, "start a t1 timer");
+    // Before the start: the timer thread may clear it at once.
+    dlna_status.t1_active.store(1, std::memory_order_relaxed);
+    if (timer_arm(&dlna_status.t1_timer) != 0) {
+        dlna_status.t1_active.store(0, std::memory_order_relaxed);
+        return;
+    }
+    GWA_LOG(INFO, "start t1 timer success");
+}
+
+static int dlna_status_timer_t2_start() {
+    if (dlna_status.t2_active != 0) {
+        timer_end(&dlna_status.t2_timer);
+        dlna_status.t2_active = 0;
+    }
+    GWA_LOG(INFO, "create a t2 timer");
+    if (report_timer_start(dlna_status_timer_t2_handle, dlna_status.t2, GWA_TIMER_PERIODIC,
+                           &dlna_status.t2_timer) != 0) {
+        return -1;
+    }
+    GWA_LOG(INFO, "start a t2 timer");
+    if (timer_arm(&dlna_status.t2_timer) != 0) {
+        return -1;
+    }
+    dlna_status.t2_active = 1;
+    GWA_LOG(INFO, "start t2 timer success");
+    return 0;
+}
+
+// Decides when a word is reported.
+static void word_take(uint32_t word) {
+    dlna_status.status.store(word, std::memory_order_relaxed);
+    dlna_status.received = time_now();
+    GWA_LOG(INFO, "recv dlna status 0x%x", word);
+    const int64_t last_report = dlna_status.last_report.load(std::memory_order_relaxed);
+    if (last_report == 0) {
+        dlna_status.last_report.store(dlna_status.received, std::memory_order_relaxed);
+        GWA_LOG(INFO, "first time, report status");
+        dlna_status_report(word);
+        dlna_status_timer_t2_start();
+    } else if (last_report < int64_t{dlna_status.received} - dlna_status.t1) {
+        dlna_status_report(word);  // intended: this does not count as a timed report
+    } else if (dlna_status.t1_active.load(std::memory_order_relaxed) == 0) {
+        dlna_status_timer_t1_start();
+    }
+}
+
+void dlna_status_recv_handle(uint32_t events, void* argument) {
+    if ((events & EPOLLIN) == 0) {
+        return;
+    }
+    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+    uint32_t word = NO_WORD;
+    const client_read result = client_words_read(fd, &word);
+    switch (result) {
+        case client_read::NOTHING: break;
+        case client_read::MORE: poll_rearm(dlna_status.poller, fd); break;
+        case client_read::FAILED: GWA_LOG(ERROR, "recv error, %s", strerror(errno)); break;
+        case client_read::CLOSED:
+            GWA_LOG(INFO, "recv return 0, del it from the set");
+            poll_del(dlna_status.poller, fd);
+            close(fd);
+            dlna_status.clients--;
+            break;
+    }
+    if (word != NO_WORD) {
+        word_take(word);  // also of a client that has sent it and left
+    } else if (result != client_read::CLOSED) {
+        GWA_LOG(ERROR, "recv status is -1");
+    }
+}
+
+int dlna_status_report(uint32_t status) {
+    GWA_LOG(INFO, "report dlna status 0x%x", status);
+    constexpr uint32_t STATUS_SIZE = sizeof status;
+    constexpr uint32_t FRAME_SIZE = GWA_HEADER_SIZE + STATUS_SIZE;
+    uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(FRAME_SIZE));
+    gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::REPORT_STATUS, GWA_FLAG_COMMAND, 0,
+                       STATUS_SIZE);
+    store_be32(frame + GWA_HEADER_SIZE, status);
+    gwa_connection_cntl_send(frame, FRAME_SIZE);
+    return 0;
+}
+
+int dlna_status_interval_set(uint32_t t1, uint32_t t2) {
+    GWA_LOG(INFO, "set interval to t1 %u t2 %u", t1, t2);
+    if (t1 < DLNA_T1_MIN || t1 > DLNA_T1_MAX || t2 < DLNA_T2_DEFAULT) {
+        GWA_LOG(ERROR,
+                "t1 or t2 is error t1 = %u t2 = %u (default is t1 min %u default %u t2 default %u)",
+                t1, t2, DLNA_T1_MIN, DLNA_T1_DEFAULT, DLNA_T2_DEFAULT);
+        return -1;
+    }
+    dlna_status.t1 = t1;
+    if (t2 != dlna_status.t2) {
+        dlna_status.t2 = t2;
+        if (dlna_status.t2_active != 0) {
+            dlna_status_timer_t2_start();  // so that the new period counts from now on
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,104 @@
+#include "reporters/port_info.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "connection/gwa_connection.h"
+#include "devid.h"
+#include "main/gwa_process.h"
+#include "runtime/gwa_util_host.h"
+
+const char PORT_INFO_PATH[] = "/tmp/mko_port_gwad.sock";
+int port_info_socket = -1;
+
+namespace {
+
+constexpr int ANNOUNCEMENTS_PER_EVENT = 64;  // then the main thread has other things to do
+constexpr size_t JSON_SIZE = 64;
+
+struct module_key {
+    uint32_t id;
+    const char* key;
+};
+constexpr module_key MODULE_KEYS[] = {{3, "http_port"}, {4, "ubq_port"}, {5, "kctl_port"}};
+
+}  // namespace
+
+int port_info_socket_init() {
+    unlink(PORT_INFO_PATH);  // a stale file would keep the library from binding
+    const int fd = port_info_init(PORT_INFO_PATH);
+    if (fd == -1) {
+        GWA_LOG(ERROR, "init port info failed");
+        return -1;
+    }
+    GWA_LOG(INFO, "init port info success");
+    port_info_socket = fd;
+    return fd;
+}
+
+void port_info_socket_exit() {
+    if (port_info_socket != -1) {
+        close(port_info_socket);
+        port_info_socket = -1;
+    }
+}
+
+static const char* key_of(uint32_t module) {
+    for (const module_key& known : MODULE_KEYS) {
+        if (known.id == module) {
+            return known.key;
+        }
+    }
+    return nullptr;
+}
+
+static void report(const char* key, int port) {
+    char json[JSON_SIZE] = "";
+    const int printed = snprintf(json, sizeof json, "{\"%s\":%d}", key, port);
+    const uint32_t length = static_cast<uint32_t>(printed);  // two short keys and a number fit
+    GWA_LOG(INFO, "report port info module %s port %d, json %s", key, port, json);
+    const uint32_t size = GWA_HEADER_SIZE + length;
+    uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(size));
+    gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::REPORT_PORT_INFO, GWA_FLAG_COMMAND, 0,
+                       length);
+    memcpy(frame + GWA_HEADER_SIZE, json, length);
+    gwa_connection_cntl_send(frame, size);
+}
+
+static void announcement_take(int fd) {
+    port_info_announcement announced{};
+    if (port_info_recv(fd, &announced) == -1) {
+        GWA_LOG(ERROR, "recv port info failed");
+        return;
+    }
+    const char* const key = key_of(announced.module);
+    if (key == nullptr) {
+        GWA_LOG(ERROR, "module not support, %d", static_cast<int>(announced.module));
+        return;
+    }
+    report(key, static_cast<int>(announced.port));
+}
+
+// The library may block when nothing is there, and an event may be spurious.
+static bool announcement_waits(int fd) {
+    pollfd entry{fd, POLLIN, 0};
+    return ::poll(&entry, 1, 0) == 1 && (entry.revents & POLLIN) != 0;
+}
+
+void port_info_recv_handle(uint32_t events, void* argument) {
+    const int fd = *static_cast<const int*>(argument);
+    if ((events & EPOLLIN) == 0) {
+        return;
+    }
+    for (int taken = 0; taken < ANNOUNCEMENTS_PER_EVENT; taken++) {
+        if (!announcement_waits(fd)) {
+            return;
+        }
+        announcement_take(fd);
+    }
+    poll_rearm(&gwa_connections.cntl.poller, fd);
+}

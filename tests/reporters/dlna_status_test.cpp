@@ -1,0 +1,197 @@
+#include "reporters/dlna_status.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "main/gwa_process.h"
+#include "reporters/control_queue.h"
+#include "runtime/gwa_types.h"
+#include "support/fake_time.h"
+#include "support/files.h"
+#include "support/run_flags.h"
+
+namespace {
+
+// The reporter with a timer list that only passes when the test says so.
+struct DlnaStatus : testing::Test {
+    using words = std::vector<uint32_t>;
+    static constexpr int64_t START = 1'000'000;  // s
+    run_flags flags{true};
+    fake_time time;
+    temp_dir home;
+    poll_set poller;
+
+    DlnaStatus() {
+        gwa_log_level_set(GWA_LOG_OFF);
+        gwa_connection_table_init();
+        gwa_connection_queue_init(&gwa_connections.cntl.output);
+        gwa_timer_list_make(&gwa_timer_default_list);
+        text_copy(gwa_process_paths.dlna_socket, home.path + "/dlna.sock");
+        at(0);
+        poll_init(&poller);
+        const int fd = dlna_status_init();
+        EXPECT_EQ(
+            poll_add(&poller, fd, dlna_status_accept_handle, &poller, &dlna_status.listen_socket),
+            0);
+    }
+    ~DlnaStatus() override {
+        dlna_status_timers_stop();
+        poll_exit(&poller);
+        EXPECT_EQ(dlna_status_exit(), 0) << "the socket file is removed";
+        queued_frames();
+        free(gwa_timer_default_list);
+        gwa_timer_default_list = nullptr;
+        gwa_log_level_set(GWA_LEVEL_DEBUG);
+    }
+    // The clock, in seconds from the start; what is due by then fires.
+    void at(int64_t seconds) {
+        fake_time::now_us = (START + seconds) * 1'000'000 + 1;
+        gwa_timer_expire_check(gwa_timer_default_list);
+    }
+    void handle_events(int waits = 8) {
+        for (int i = 0; i < waits; i++) {
+            poller.timeout = 1;
+            poller.no_wait = true;
+            poll_wait(&poller);
+        }
+    }
+    int client() {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        text_copy(address.sun_path, gwa_process_paths.dlna_socket);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return fd;
+    }
+    void says(int fd, uint32_t word) {
+        EXPECT_EQ(send(fd, &word, sizeof word, MSG_NOSIGNAL), ssize_t{sizeof word});
+        handle_events();
+    }
+    // The words that have been reported since the last look.
+    words reports() {
+        words found;
+        for (const std::string& frame : queued_frames()) {
+            const std::string header("\x01\x10\x00\x09\0\0\0\1\0\0\0\0\0\0\0\4", 16);
+            EXPECT_EQ(frame.substr(0, 16), header);
+            found.push_back(load_be32(reinterpret_cast<const uint8_t*>(frame.data()) + 16));
+        }
+        return found;
+    }
+};
+
+TEST_F(DlnaStatus, ReportsTheFirstWordAtOnceAndLaterOnesNoMoreOftenThanT1) {
+    const int fd = client();
+    says(fd, 1);
+    EXPECT_EQ(reports(), words{1});
+    at(1);
+    says(fd, 2);
+    at(3);
+    says(fd, 3);
+    EXPECT_EQ(reports(), words{}) << "a timer is pending";
+    at(5);
+    EXPECT_EQ(reports(), words{});
+    at(7);
+    EXPECT_EQ(reports(), words{3}) << "the newest word";
+    at(12);
+    says(fd, 4);
+    EXPECT_EQ(reports(), words{}) << "exactly t1 after the timed report is too early";
+    at(18);
+    EXPECT_EQ(reports(), words{4});
+    at(24);
+    says(fd, 5);
+    says(fd, 6);
+    EXPECT_EQ(reports(), (words{5, 6})) << "at once does not count as a timed report";
+    at(3601);
+    EXPECT_EQ(reports(), words{6}) << "the repeat after t2";
+    close(fd);
+    handle_events();
+    EXPECT_EQ(dlna_status.clients, 0);
+}
+
+TEST_F(DlnaStatus, TakesReportingTimesInTheirRangeOnly) {
+    const struct {
+        uint32_t t1, t2;
+        int result;
+    } cases[] = {{1, 3600, -1}, {2, 3600, 0}, {3599, 3600, 0}, {3600, 3600, -1},
+                 {5, 3599, -1}, {5, 3600, 0}, {0, 0, -1},      {5, UINT32_MAX, 0}};
+    for (const auto& [t1, t2, result] : cases) {
+        EXPECT_EQ(dlna_status_interval_set(t1, t2), result) << t1 << " " << t2;
+    }
+    dlna_status_interval_set(5, 3600);
+    says(client(), 1);
+    at(3000);
+    dlna_status_interval_set(2, 7200);  // counts from here
+    reports();
+    at(3601);
+    dlna_status_interval_set(3, 7200);  // no change of t2: the timer goes on
+    at(10199);
+    EXPECT_EQ(reports(), words{});
+    at(10201);
+    EXPECT_EQ(reports(), words{1});
+}
+
+TEST_F(DlnaStatus, NothingFiresAfterTheTimersWereStopped) {
+    const int fd = client();
+    says(fd, 1);
+    says(fd, 2);
+    reports();
+    dlna_status_timers_stop();
+    at(100000);
+    EXPECT_EQ(reports(), words{});
+    close(fd);
+}
+
+TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
+    const int slow = client();
+    for (const char byte : {'\x78', '\x56', '\x34', '\x12'}) {
+        EXPECT_EQ(send(slow, &byte, 1, 0), 1);
+        handle_events();
+    }
+    EXPECT_EQ(reports(), words{0x12345678}) << "one byte at a time";
+    const int half = client();
+    EXPECT_EQ(send(half, "ab", 2, 0), 2);
+    handle_events();
+    EXPECT_EQ(dlna_status.clients, 2);
+    close(half);
+    handle_events();
+    EXPECT_EQ(dlna_status.clients, 1) << "half a word, then gone";
+
+    std::vector<uint32_t> flood(1000, 7);
+    flood.back() = 8;
+    EXPECT_EQ(send(slow, flood.data(), flood.size() * 4, 0), 4000);
+    handle_events(1);
+    EXPECT_EQ(dlna_status.status, 7U) << "bounded";
+    handle_events(20);
+    EXPECT_EQ(dlna_status.status, 8U) << "and resumed";
+    says(slow, UINT32_MAX);
+    EXPECT_EQ(dlna_status.status, 8U) << "all ones is no word";
+    close(slow);
+
+    at(1000);  // a pending report leaves
+    at(1010);
+    const int quick = client();
+    const uint32_t last = 9;
+    EXPECT_EQ(send(quick, &last, sizeof last, 0), 4);
+    close(quick);
+    reports();
+    handle_events();
+    EXPECT_EQ(reports(), words{9}) << "said and gone";
+
+    std::vector<int> crowd;
+    for (int i = 0; i < 40; i++) {
+        crowd.push_back(client());
+        handle_events(2);
+    }
+    EXPECT_LE(dlna_status.clients, 16);
+    for (const int fd : crowd) {
+        close(fd);
+    }
+    handle_events(8);
+    EXPECT_EQ(dlna_status.clients, 0);
+}
+
+}  // namespace

@@ -1,0 +1,86 @@
+#include "reporters/port_info.h"
+
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "devid.h"
+#include "main/gwa_log.h"
+#include "reporters/control_queue.h"
+#include "support/files.h"
+
+namespace {
+
+struct PortInfo : testing::Test {
+    temp_dir directory;
+    sockaddr_un address{};
+    int service = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+
+    PortInfo() {
+        gwa_log_level_set(GWA_LOG_OFF);
+        gwa_connection_table_init();
+        gwa_connection_queue_init(&gwa_connections.cntl.output);
+        poll_init(&gwa_connections.cntl.poller);
+        address.sun_family = AF_UNIX;
+        text_copy(address.sun_path, directory.path + "/port.sock");
+        port_info_socket = port_info_init(address.sun_path);
+        poll_add(&gwa_connections.cntl.poller, port_info_socket, port_info_recv_handle,
+                 &port_info_socket, &port_info_socket);
+    }
+    ~PortInfo() override {
+        poll_exit(&gwa_connections.cntl.poller);
+        EXPECT_EQ(port_info_socket, -1) << "closed with the poller, so not once more";
+        port_info_socket_exit();
+        close(service);
+        gwa_log_level_set(GWA_LEVEL_DEBUG);
+    }
+    void sends(const void* bytes, size_t size) {
+        EXPECT_EQ(
+            sendto(service, bytes, size, 0, reinterpret_cast<sockaddr*>(&address), sizeof address),
+            static_cast<ssize_t>(size));
+    }
+    void announces(uint32_t module, uint32_t port) {
+        const uint32_t both[] = {module, port};
+        sends(both, sizeof both);
+    }
+    std::vector<std::string> frames_after_wait() {
+        gwa_connections.cntl.poller.timeout = 1;
+        poll_wait(&gwa_connections.cntl.poller);
+        return queued_frames();
+    }
+};
+
+std::string report_frame(const std::string& json) {
+    std::string header("\x01\x10\x00\x0c\0\0\0\1\0\0\0\0\0\0\0\0", 16);
+    header[15] = static_cast<char>(json.size());
+    return header + json;
+}
+
+TEST_F(PortInfo, ReportsEveryAnnouncementThatWaits) {
+    announces(3, 8080);
+    announces(4, 0);
+    announces(5, 70000);
+    EXPECT_EQ(frames_after_wait(),
+              (std::vector{report_frame("{\"http_port\":8080}"), report_frame("{\"ubq_port\":0}"),
+                           report_frame("{\"kctl_port\":70000}")}));
+}
+
+TEST_F(PortInfo, DropsGarbageAndGoesOn) {
+    announces(6, 1);
+    sends("", 0);
+    sends("1234567", 7);
+    sends(std::string(5000, 'x').data(), 5000);
+    announces(3, 1);
+    EXPECT_EQ(frames_after_wait(), std::vector{report_frame("{\"http_port\":1}")});
+}
+
+TEST_F(PortInfo, NeitherBlocksNorReportsWithoutAnAnnouncement) {
+    port_info_recv_handle(EPOLLIN, &port_info_socket);  // spurious
+    announces(3, 1);
+    port_info_recv_handle(EPOLLOUT, &port_info_socket);  // not what it waits for
+    EXPECT_TRUE(queued_frames().empty());
+}
+
+}  // namespace
