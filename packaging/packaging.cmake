@@ -4,6 +4,8 @@
 #   cpack -G DEB --config build/mipsel/CPackConfig.cmake -B build/mipsel/package
 include(GNUInstallDirs)
 
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)  # the programs are enough, without tests and gwrelay
+
 # The init script is where a restarting gwad looks for it, and what it starts is what gets installed.
 configure_file(${CMAKE_CURRENT_LIST_DIR}/gwadsh.in ${CMAKE_BINARY_DIR}/packaging/gwadsh @ONLY)
 cmake_path(GET GWAD_INIT_SCRIPT PARENT_PATH init_folder)
@@ -35,3 +37,16 @@ endif()
 file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles "/etc/default/gwad\n${GWAD_INIT_SCRIPT}\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/conffiles)
 include(CPack)
+
+# The package is of a build that is meant to be shipped, so not of one with sanitizers.
+find_program(DPKG dpkg)
+if(BUILD_TESTING AND DPKG AND NOT CMAKE_CXX_FLAGS MATCHES sanitize)
+    set(package_architecture ${CPACK_DEBIAN_PACKAGE_ARCHITECTURE})
+    if(NOT package_architecture)
+        execute_process(COMMAND ${DPKG} --print-architecture
+                        OUTPUT_VARIABLE package_architecture OUTPUT_STRIP_TRAILING_WHITESPACE)
+    endif()
+    add_test(NAME Package.InstallsIntoAScratchRoot
+             COMMAND tests/packaging/package_test.sh ${CMAKE_BINARY_DIR} ${package_architecture}
+             WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
+endif()
