@@ -69,14 +69,8 @@ TEST(DiscoveryParse, RefusesWithTheWholeReplyInTheLog) {
     }
     EXPECT_NE(parse("HTTP/1.1 200 OK no body").log.find("response format error, [HTTP"),
               std::string::npos);
-}
-
-TEST(DiscoveryParse, DropsShortAndRefusingRepliesSilently) {
-    const std::string silent[] = {"", "12345678901\r\n\r\n12", HEAD,
-                                  HEAD + std::string(R"({"ret":1,"p":"10.0.0.5:80"})")};
-    for (const std::string& reply : silent) {
-        const parsed got = parse(reply);
-        EXPECT_EQ(std::pair(got.result, got.log), std::pair(-1, std::string())) << reply;
+    for (const char* silent : {"", "12345678901\r\n\r\n12", "HTTP/1.1 404\r\n\r\n{\"ret\":1:"}) {
+        EXPECT_EQ(parse(silent).log, "") << silent;
     }
 }
 
@@ -88,17 +82,13 @@ TEST(Discovery, AsksTheNextServerUntilOneAnswersInOnePiece) {
     gwa_login.backup_address = LOOPBACK;
     gwa_login.server_port = listener.port;
     const std::string body = R"({"ret":0,"p":"10.0.0.5:8000"})";
-    std::string requests[3];
     std::thread server([&] {
-        for (std::string& request : requests) {
+        for (const std::string& answer : {std::string(HEAD), std::string(), HEAD + body}) {
             const unique_fd client = listener.accept();
-            request = read_until(client.get(), "\r\n\r\n");
-            if (&request == &requests[0]) {
-                write_all(client.get(), HEAD);  // the body would follow: the client has gone
-                EXPECT_TRUE(closed_by_peer(client.get()));
-            } else if (&request == &requests[2]) {
-                write_all(client.get(), HEAD + body);
-            }  // the second server closes without a word
+            read_until(client.get(), "\r\n\r\n");
+            write_all(client.get(), answer);
+            // The first one's body would follow: the client has gone. The second says nothing.
+            EXPECT_TRUE(answer.empty() || closed_by_peer(client.get()));
         }
     });
     uint32_t address = 1;
@@ -107,22 +97,15 @@ TEST(Discovery, AsksTheNextServerUntilOneAnswersInOnePiece) {
     server.join();
     EXPECT_EQ(address, 0x0a000005u);
     EXPECT_EQ(port, 8000);
-    for (const std::string& request : requests) {
-        EXPECT_EQ(request,
-                  "GET /addrmgr/device_get_proxy?devid=box-1 HTTP/1.1\r\n"
-                  "Host: 127.0.0.1:" +
-                      std::to_string(listener.port) + "\r\nConnection: Close\r\n\r\n");
-    }
 }
 
 TEST(Discovery, LeavesZeroWhenNobodyAnswers) {
     login_settings settings;
-    const uint16_t unused = loopback_listener().port;  // nobody listens there any more
     text_copy(gwa_login.server_name, "");
     text_copy(gwa_login.backup_domain, "localhost");
     gwa_login.backup_address = 0;
     gwa_login.servers[0] = LOOPBACK;
-    gwa_login.server_port = unused;
+    gwa_login.server_port = loopback_listener().port;  // nobody listens there any more
     uint32_t address = 1;
     uint16_t port = 1;
     EXPECT_EQ(gwa_cntrl_ip_get(&address, &port), 0);

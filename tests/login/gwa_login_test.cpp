@@ -1,14 +1,10 @@
 #include "login/gwa_login.h"
 
-#include <cstring>
-#include <fstream>
+#include <algorithm>
 #include <string>
 
 #include "devid.h"
 #include "login_settings.h"
-#include "main/gwa_process.h"
-#include "runtime/gwa_types.h"
-#include "support/files.h"
 
 namespace {
 
@@ -73,19 +69,6 @@ TEST(LoginInit, TakesWhatIsGiven) {
     EXPECT_EQ(gwa_device_id, std::string(47, 'd'));
     gwa_login_exit();
     EXPECT_EQ(gwa_device_id, nullptr);
-}
-
-TEST(LoginDeviceInfo, TakesThreeValuesFromTheFirmwareFile) {
-    temp_dir home;
-    const std::string firmware = home.path + "/firmware";
-    std::ofstream(firmware) << "COMPONENT=camera\nTERMINAL=indoor\r\nCURVER=1.2.3\n";
-    text_copy(gwa_process_paths.firmware_file, firmware);
-    login_settings settings;
-    gwa_process_paths = {};
-    char json[1008];
-    gwa_login_device_info(json, sizeof json);
-    EXPECT_STREQ(strstr(json, R"("fwver")"), R"("fwver":"1.2.3","prover":"0",)"
-                                             R"("component":"camera","terminal":"indoor"})");
 }
 
 TEST(LoginDeviceInfo, StaysInsideItsBuffer) {

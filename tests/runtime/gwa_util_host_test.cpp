@@ -126,20 +126,14 @@ TEST(CloseAllFds, LeavesNoneOpen) {
 }
 
 TEST(Hexdump, PrintsRowsOfSixteen) {
-    const std::string head =
-        "         0  1  2  3  4  5  6  7  8  9  a  b  c  d  e  f\n"
-        "        -- -- -- -- -- -- -- -- -- -- -- -- -- -- -- --\n";
-    const std::pair<std::string, std::string> dumps[] = {
-        {"", "\n"},
-        {"0123456789 \n~\x7f\xff.!",
-         "0x0000  30 31 32 33 34 35 36 37 38 39 20 0a 7e 7f ff 2e  0123456789 .~...\n"
-         "0x0010  21 \n"}};
-    for (const auto& [data, rows] : dumps) {
-        testing::internal::CaptureStdout();
-        gwa_hexdump(data.data(), data.size());
-        fflush(stdout);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), head + rows);
-    }
+    testing::internal::CaptureStdout();
+    gwa_hexdump("0123456789 \n~\x7f\xff.!", 17);
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "         0  1  2  3  4  5  6  7  8  9  a  b  c  d  e  f\n"
+              "        -- -- -- -- -- -- -- -- -- -- -- -- -- -- -- --\n"
+              "0x0000  30 31 32 33 34 35 36 37 38 39 20 0a 7e 7f ff 2e  0123456789 .~...\n"
+              "0x0010  21 \n");
 }
 
 TEST(ThreadCreate, LeavesTheEndingSignalsToItsCreator) {

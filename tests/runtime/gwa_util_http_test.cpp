@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -122,15 +121,9 @@ TEST(HostList, NeedsFiveUsablePairs) {
 TEST(MimeType, FollowsTheExtension) {
     constexpr const char* UNKNOWN = "application/octet-stream";
     const std::pair<std::string_view, const char*> urls[] = {
-        {"/a.rmvb", "application/vnd.rn-realmedia-vbr"},
-        {"/a.b/c.html", "image/html"},
-        {"a.htm", "text/html"},
-        {"/a.JPG", UNKNOWN},
-        {"/a.jpg?x", UNKNOWN},
-        {"/a.", UNKNOWN},
-        {".jpg", UNKNOWN},
-        {"", UNKNOWN},
-        {"/plain", UNKNOWN}};
+        {"/a.b/c.html", "image/html"}, {"a.htm", "text/html"}, {"/a.JPG", UNKNOWN},
+        {"/a.jpg?x", UNKNOWN},         {"/a.", UNKNOWN},       {".jpg", UNKNOWN},
+        {"/plain", UNKNOWN},           {"", UNKNOWN}};
     for (const auto& [url, type] : urls) {
         const std::vector<char> bytes = exactly(url);
         EXPECT_STREQ(gwa_url_mime_get(bytes.data(), bytes.size()), type) << url;
@@ -138,10 +131,8 @@ TEST(MimeType, FollowsTheExtension) {
 }
 
 TEST(PercentDrop, KeepsTheCharacterBehindThePercent) {
-    for (const auto& [text, expected] :
-         {std::pair{"a%20b%", "a20b"}, {"%%123456789", "%1234567"}}) {
-        char out[9] = {};
-        EXPECT_EQ(gwa_url_percent_drop(text, strlen(text), out, 8), strlen(expected));
-        EXPECT_STREQ(out, expected);
-    }
+    char out[9] = {};
+    EXPECT_EQ(gwa_url_percent_drop("a%%b%20%", 8, out, 8), 5U);
+    EXPECT_STREQ(out, "a%b20");
+    EXPECT_EQ(gwa_url_percent_drop("a%%b%20%", 8, out, 2), 2U);
 }

@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include "support/socket_pair.h"
 
@@ -161,22 +159,4 @@ TEST_F(Poll, KeepsARefusedDescriptorCountedButNeverTouchesItsNumber) {
     poll_exit(&set);
     EXPECT_EQ(close(refused), 0) << "closed by somebody else";
     EXPECT_EQ(poll_init(&set), 0);
-}
-
-TEST_F(Poll, BearsChangesFromAnotherThreadWhileItWaits) {
-    ASSERT_EQ(add(one.ours, seen), 0);
-    std::atomic<bool> done{false};
-    std::thread other([&] {
-        for (int i = 0; i < 2000; i++) {
-            EXPECT_EQ(add(two.ours, seen), 0);
-            EXPECT_EQ(poll_del(&set, two.ours), 0);
-        }
-        done = true;
-    });
-    while (!done) {
-        set.no_wait = true;
-        EXPECT_EQ(poll_wait(&set), 0);
-    }
-    other.join();
-    EXPECT_EQ(set.fd_count, 1);
 }
