@@ -29,10 +29,17 @@ gwad_is_new() {
     pid=$(gwad_pid) && [ -n "$pid" ] && [ "$pid" != "$1" ] && on_box "test -d /proc/$pid"
 }
 
-# The daemon has been replaced and the relay sees its five data connections. $1: the old process.
+# Both sides have to say so: for a while the relay may still hold connections of a former gwad.
+is_connected() {
+    local connections
+    connections=$(on_box "netstat -tn | grep -c ' 10.0.2.2:.*ESTABLISHED'") || return 1
+    [ "$connections" -eq $((DATA_CONNECTIONS + 1)) ] && device_is_up
+}
+
+# The daemon has been replaced and the relay sees its connections. $1: the old process.
 comes_back() {
     wait_for "$LOGIN_LIMIT" gwad_is_new "$1" || fail "no new gwad after $LOGIN_LIMIT s" || return 1
-    wait_for "$LOGIN_LIMIT" device_is_up || fail "the device is not up after $LOGIN_LIMIT s"
+    wait_for "$LOGIN_LIMIT" is_connected || fail "the device is not up after $LOGIN_LIMIT s"
 }
 
 # memory_of PID: VmRSS in kB.
