@@ -157,6 +157,13 @@ void gwa_connection_heartbeat_build(gwa_output_node* node, uint8_t* frame, uint3
 }
 
 void gwa_connection_cntl_send(uint8_t* frame, uint32_t size) {
+    std::atomic<uint32_t>& reports = gwa_connections.cntl.reports;
+    if (reports.fetch_add(1, std::memory_order_relaxed) >= GWA_REPORTS_MAX) {
+        reports.fetch_sub(1, std::memory_order_relaxed);
+        GWA_LOG(ERROR, "too many reports wait, one of %u bytes is dropped", size);
+        free(frame);
+        return;
+    }
     gwa_output_node* const node = GWA_NEW(gwa_output_node);
     node->data = frame;
     node->capacity = size;

@@ -93,12 +93,15 @@ struct gwa_connection_cntl {
     uint8_t heartbeat_frame[GWA_HEARTBEAT_SIZE] = {};
     // Takes the reporting times that the server orders, in seconds; null while nobody reports.
     int (*reporting_times)(uint32_t t1, uint32_t t2) = nullptr;
+    std::atomic<uint32_t> reports{0};  // queued by gwa_connection_cntl_send and not yet sent
 };
 
-// ---- The data connections ----
+// While that many wait, the server reads nothing: what local services go on telling is dropped.
+constexpr uint32_t GWA_REPORTS_MAX = 256;
 // Queues a frame of `size` heap bytes on the control connection, which frees it. Any thread.
 void gwa_connection_cntl_send(uint8_t* frame, uint32_t size);
 
+// ---- The data connections ----
 
 struct gwa_stream;  // gwa_stream.h; a connection lists its streams, a stream names its connection
 

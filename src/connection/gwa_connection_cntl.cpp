@@ -97,6 +97,8 @@ static void gwa_connection_cntl_heartbeat_response_wait(gwa_connection_cntl* cnt
 static void node_done(gwa_connection_cntl* cntl, gwa_output_node* node) {
     if (node == &cntl->heartbeat_node) {
         cntl->heartbeat_queued = false;
+    } else {
+        cntl->reports.fetch_sub(1, std::memory_order_relaxed);
     }
     gwa_connection_node_free(node);
 }

@@ -1,13 +1,14 @@
 #include "reporters/dlna_status.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "connection/gwa_connection.h"
 #include "main/gwa_process.h"
@@ -22,8 +23,9 @@ namespace {
 
 constexpr int BACKLOG = 10;
 constexpr int UNLINK_ATTEMPTS = 3;
-constexpr int CLIENTS_MAX = 16;  // a box has one media server; the rest must not eat descriptors
-constexpr int WORDS_PER_EVENT = 64;  // then the main thread has other things to do
+// After as many the main thread has other things to do.
+constexpr int ACCEPTS_PER_EVENT = 64;
+constexpr int WORDS_PER_EVENT = 64;
 constexpr uint32_t NO_WORD = UINT32_MAX;
 constexpr int T1_PAUSE_US = 200000;
 
@@ -69,7 +71,9 @@ static void record_reset() {
     dlna_status.t1 = DLNA_T1_DEFAULT;
     dlna_status.t2 = DLNA_T2_DEFAULT;
     dlna_status.poller = nullptr;
-    dlna_status.clients = 0;
+    for (dlna_client& client : dlna_status.clients) {
+        client = {};  // the poller of the earlier pass has closed them
+    }
 }
 
 // Removes a socket file that an earlier process left. True: there is none any more.
@@ -128,40 +132,51 @@ int dlna_status_exit() {
 // Descriptors travel as the argument itself.
 static void* as_argument(int fd) { return reinterpret_cast<void*>(static_cast<intptr_t>(fd)); }
 
-// Registers one client. False: the handler ends.
-static bool client_begin(poll_set* poller, int fd) {
-    if (dlna_status.clients >= CLIENTS_MAX) {
-        GWA_LOG(ERROR, "too many dlna clients, fd %d is closed", fd);
-        close(fd);
-        return true;
+// The record of a descriptor; -1 finds a free one. Null: there is none.
+static dlna_client* client_find(int fd) {
+    for (dlna_client& client : dlna_status.clients) {
+        if (client.fd == fd) {
+            return &client;
+        }
     }
+    return nullptr;
+}
+
+static void client_end(dlna_client* client) {
+    poll_del(dlna_status.poller, client->fd);
+    close(client->fd);
+    client->fd = -1;
+}
+
+// A free record. Whoever opens connections and leaves them open must neither eat descriptors nor
+// keep the media server out.
+static dlna_client* client_room() {
+    if (dlna_client* const free_one = client_find(-1)) {
+        return free_one;
+    }
+    dlna_client* const silent = std::min_element(
+        std::begin(dlna_status.clients), std::end(dlna_status.clients),
+        [](const dlna_client& a, const dlna_client& b) { return a.heard < b.heard; });
+    GWA_LOG(ERROR, "too many dlna clients, fd %d is closed", silent->fd);
+    client_end(silent);
+    return silent;
+}
+
+// Registers one client. False: the handler ends.
+static bool client_begin(int fd) {
     GWA_LOG(INFO, "new connection accept success, fd %d", fd);
     gwa_socket_nonblock(fd);
-    if (poll_add(poller, fd, dlna_status_recv_handle, as_argument(fd)) != 0) {
+    dlna_client* const client = client_room();
+    if (poll_add(dlna_status.poller, fd, dlna_status_recv_handle, as_argument(fd)) != 0) {
         GWA_LOG(ERROR, "add dlna socket to poll failed");
         close(fd);
         return false;
     }
-    dlna_status.clients++;
+    *client = {.fd = fd, .heard = ++dlna_status.signs};
     return true;
 }
 
-void dlna_status_accept_handle(uint32_t events, void* poller) {
-    if ((events & EPOLLIN) == 0) {
-        return;
-    }
-    GWA_LOG(INFO, "accept connection ...");
-    dlna_status.poller = static_cast<poll_set*>(poller);
-    for (;;) {
-        const int fd = accept4(dlna_status.listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd == -1) {
-            break;
-        }
-        if (!client_begin(dlna_status.poller, fd)) {
-            return;
-        }
-    }
-    const int error = errno;
+static void accept_failed(int error) {
     if (error != EAGAIN) {
         GWA_LOG(ERROR, "accept failed, %s, fd %d", strerror(error), dlna_status.listen_socket);
     }
@@ -170,26 +185,42 @@ void dlna_status_accept_handle(uint32_t events, void* poller) {
     }
 }
 
-// Whether the client will send nothing more: tells half a word for ever from half a word for now.
-static bool client_has_ended(int fd) {
-    pollfd entry{fd, POLLRDHUP, 0};
-    return ::poll(&entry, 1, 0) == 1;
+void dlna_status_accept_handle(uint32_t events, void* poller) {
+    if ((events & EPOLLIN) == 0) {
+        return;
+    }
+    GWA_LOG(INFO, "accept connection ...");
+    dlna_status.poller = static_cast<poll_set*>(poller);
+    for (int accepted = 0; accepted < ACCEPTS_PER_EVENT; accepted++) {
+        const int fd = accept4(dlna_status.listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd == -1) {
+            accept_failed(errno);
+            return;
+        }
+        if (!client_begin(fd)) {
+            return;
+        }
+    }
+    poll_rearm(dlna_status.poller, dlna_status.listen_socket);
 }
 
-// Reads what waits; the last whole word stays in `word`. A word of which only a part is there is
-// left in the socket until the rest has come, so that a client that writes bytes one by one keeps
-// its step.
-static client_read client_words_read(int fd, uint32_t* word) {
+// Reads what waits; the last whole word ends up in `word`. The beginning of a word is kept for the
+// next event, so that a client that writes byte by byte keeps its step.
+static client_read client_words_read(dlna_client* client, uint32_t* word) {
     for (int words = 0; words < WORDS_PER_EVENT; words++) {
-        uint32_t next = 0;
-        const ssize_t there = recv(fd, &next, sizeof next, MSG_PEEK);
-        if (there == -1) {
+        const ssize_t got =
+            recv(client->fd, client->bytes + client->have, sizeof client->bytes - client->have, 0);
+        if (got == -1) {
             return errno == EAGAIN ? client_read::NOTHING : client_read::FAILED;
         }
-        if (there < ssize_t{sizeof next}) {
-            return there == 0 || client_has_ended(fd) ? client_read::CLOSED : client_read::NOTHING;
+        if (got == 0) {
+            return client_read::CLOSED;
         }
-        recv(fd, word, sizeof *word, 0);
+        client->have += static_cast<uint32_t>(got);
+        if (client->have == sizeof client->bytes) {
+            memcpy(word, client->bytes, sizeof *word);
+            client->have = 0;
+        }
     }
     return client_read::MORE;
 }
@@ -285,17 +316,23 @@ void dlna_status_recv_handle(uint32_t events, void* argument) {
         return;
     }
     const int fd = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+    dlna_client* const client = client_find(fd);
+    if (client == nullptr) {
+        return;  // it has given way
+    }
+    client->heard = ++dlna_status.signs;
     uint32_t word = NO_WORD;
-    const client_read result = client_words_read(fd, &word);
+    const client_read result = client_words_read(client, &word);
     switch (result) {
         case client_read::NOTHING: break;
         case client_read::MORE: poll_rearm(dlna_status.poller, fd); break;
-        case client_read::FAILED: GWA_LOG(ERROR, "recv error, %s", strerror(errno)); break;
+        case client_read::FAILED:
+            GWA_LOG(ERROR, "recv error, %s", strerror(errno));
+            client_end(client);  // no event would come for it any more
+            break;
         case client_read::CLOSED:
             GWA_LOG(INFO, "recv return 0, del it from the set");
-            poll_del(dlna_status.poller, fd);
-            close(fd);
-            dlna_status.clients--;
+            client_end(client);
             break;
     }
     if (word != NO_WORD) {

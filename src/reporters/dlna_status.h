@@ -22,6 +22,15 @@ constexpr uint32_t DLNA_T1_MIN = 2;         // s
 constexpr uint32_t DLNA_T1_MAX = 3599;      // s
 constexpr uint32_t DLNA_T2_DEFAULT = 3600;  // s, also the least
 
+constexpr int DLNA_CLIENTS_MAX = 16;  // a box has one media server
+
+struct dlna_client {
+    int fd = -1;            // -1: nobody
+    uint32_t have = 0;      // bytes of the word that has begun
+    uint64_t heard = 0;     // order of the last sign of life
+    uint8_t bytes[4] = {};  // the word, host order
+};
+
 // Process-wide. Atomic is what both threads use; relaxed, since each value stands alone.
 struct dlna_status_record {
     int listen_socket = -1;
@@ -30,8 +39,9 @@ struct dlna_status_record {
     int32_t received = 0;                 // time of the last word
     uint32_t t1 = DLNA_T1_DEFAULT;
     uint32_t t2 = DLNA_T2_DEFAULT;
-    poll_set* poller = nullptr;  // the control poller, where clients are registered
-    int clients = 0;             // connected now
+    poll_set* poller = nullptr;             // the control poller, where clients are registered
+    dlna_client clients[DLNA_CLIENTS_MAX];  // registered with the poller, which closes what is left
+    uint64_t signs = 0;                     // of life, of all clients
     gwa_timer* t1_timer = nullptr;
     std::atomic<int32_t> t1_active{0};  // 1 while the timer is pending
     gwa_timer* t2_timer = nullptr;
@@ -49,6 +59,7 @@ void dlna_status_timers_stop();
 int dlna_status_exit();
 
 // Poller callback of the listening socket; the argument is the poller to register clients with.
+// When there is no room for a client, the one that has been silent the longest gives way.
 void dlna_status_accept_handle(uint32_t events, void* poller);
 // Poller callback of a client; the argument is its descriptor. A client sends words of 4 bytes in
 // host order, and the last of those that wait counts; a word of all ones counts as none.

@@ -59,20 +59,19 @@ static bool message_take(uint16_t type) {
 
 bool gwa_link_walk(const uint8_t* bytes, size_t length) {
     // Signed, so that a length rounded up beyond the end makes the rest negative instead of huge.
-    int64_t left = static_cast<int64_t>(length);
-    while (left >= int64_t{sizeof(nlmsghdr)}) {
+    const int64_t end = static_cast<int64_t>(length);
+    int64_t at = 0;
+    while (end - at >= int64_t{sizeof(nlmsghdr)}) {
         nlmsghdr message;
-        memcpy(&message, bytes, sizeof message);
-        if (message.nlmsg_len < sizeof message || message.nlmsg_len > left ||
+        memcpy(&message, bytes + at, sizeof message);
+        if (message.nlmsg_len < sizeof message || message.nlmsg_len > end - at ||
             message.nlmsg_type == NLMSG_DONE) {
             return false;
         }
         if (message_take(message.nlmsg_type)) {
             return true;
         }
-        const int64_t step = NLMSG_ALIGN(int64_t{message.nlmsg_len});
-        bytes += step;
-        left -= step;
+        at += NLMSG_ALIGN(int64_t{message.nlmsg_len});
     }
     return false;
 }

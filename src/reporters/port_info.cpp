@@ -20,6 +20,11 @@ namespace {
 constexpr int ANNOUNCEMENTS_PER_EVENT = 64;  // then the main thread has other things to do
 constexpr size_t JSON_SIZE = 64;
 
+struct announcement {  // as the library hands it over, host order
+    uint32_t module, port;
+};
+static_assert(sizeof(announcement) == 8);
+
 struct module_key {
     uint32_t id;
     const char* key;
@@ -70,7 +75,7 @@ static void report(const char* key, int port) {
 }
 
 static void announcement_take(int fd) {
-    port_info_announcement announced{};
+    announcement announced{};
     if (port_info_recv(fd, &announced) == -1) {
         GWA_LOG(ERROR, "recv port info failed");
         return;
@@ -89,8 +94,8 @@ static bool announcement_waits(int fd) {
     return ::poll(&entry, 1, 0) == 1 && (entry.revents & POLLIN) != 0;
 }
 
-void port_info_recv_handle(uint32_t events, void* argument) {
-    const int fd = *static_cast<const int*>(argument);
+void port_info_recv_handle(uint32_t events, void*) {
+    const int fd = port_info_socket;
     if ((events & EPOLLIN) == 0) {
         return;
     }

@@ -5,6 +5,7 @@
 
 #include "connection/data_fixture.h"
 #include "connection/gwa_connection_cntl_command.h"
+#include "runtime/gwa_util_host.h"
 
 namespace {
 
@@ -42,6 +43,23 @@ struct control_connection : testing::Test {
         return got > 0 ? static_cast<size_t>(got) : 0;
     }
 };
+
+TEST_F(control_connection, KeepsFewReportsForAServerThatReadsNothing) {
+    const auto report = [] {
+        uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(GWA_HEADER_SIZE));
+        gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::REPORT_STATUS, GWA_FLAG_COMMAND,
+                           0, 0);
+        gwa_connection_cntl_send(frame, GWA_HEADER_SIZE);
+    };
+    for (uint32_t i = 0; i < GWA_REPORTS_MAX + 3; i++) {
+        report();
+    }
+    gwa_connection_cntl_remote_out_handle(cntl);
+    EXPECT_EQ(gwa_counter_get(cntl->traffic.packets_out), GWA_REPORTS_MAX);
+    report();
+    gwa_connection_cntl_remote_out_handle(cntl);
+    EXPECT_EQ(gwa_counter_get(cntl->traffic.packets_out), GWA_REPORTS_MAX + 1);
+}
 
 TEST_F(control_connection, CommandsTakeExactlyTheirLengthAndLeaveTheRest) {
     cntl->reporting_times = [](uint32_t t1, uint32_t t2) {

@@ -59,6 +59,7 @@ struct DlnaStatus : testing::Test {
             poll_wait(&poller);
         }
     }
+    int clients() const { return poller.fd_count - 1; }
     int client() {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
@@ -109,7 +110,7 @@ TEST_F(DlnaStatus, ReportsTheFirstWordAtOnceAndLaterOnesNoMoreOftenThanT1) {
     EXPECT_EQ(reports(), words{6}) << "the repeat after t2";
     close(fd);
     handle_events();
-    EXPECT_EQ(dlna_status.clients, 0);
+    EXPECT_EQ(clients(), 0);
 }
 
 TEST_F(DlnaStatus, TakesReportingTimesInTheirRangeOnly) {
@@ -155,10 +156,10 @@ TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
     const int half = client();
     EXPECT_EQ(send(half, "ab", 2, 0), 2);
     handle_events();
-    EXPECT_EQ(dlna_status.clients, 2);
+    EXPECT_EQ(clients(), 2);
     close(half);
     handle_events();
-    EXPECT_EQ(dlna_status.clients, 1) << "half a word, then gone";
+    EXPECT_EQ(clients(), 1) << "half a word, then gone";
 
     std::vector<uint32_t> flood(1000, 7);
     flood.back() = 8;
@@ -181,17 +182,45 @@ TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
     handle_events();
     EXPECT_EQ(reports(), words{9}) << "said and gone";
 
+    EXPECT_EQ(clients(), 0);
+}
+
+TEST_F(DlnaStatus, SilentClientsKeepNobodyOut) {
+    const int server = client();
     std::vector<int> crowd;
-    for (int i = 0; i < 40; i++) {
+    for (uint32_t i = 0; i < 40; i++) {
         crowd.push_back(client());
         handle_events(2);
+        if (i % 8 == 0) {
+            says(server, i + 1);
+            EXPECT_EQ(dlna_status.status, i + 1) << "who speaks now and then stays";
+        }
     }
-    EXPECT_LE(dlna_status.clients, 16);
+    EXPECT_EQ(clients(), DLNA_CLIENTS_MAX);
+    says(client(), 99);
+    EXPECT_EQ(dlna_status.status, 99U) << "a new one is heard";
     for (const int fd : crowd) {
         close(fd);
     }
-    handle_events(8);
-    EXPECT_EQ(dlna_status.clients, 0);
+    handle_events();
+    EXPECT_EQ(clients(), 2);
+}
+
+TEST_F(DlnaStatus, APassThatBeginsAnewKnowsNothingOfTheOldOne) {
+    const int fd = client();
+    says(fd, 1);
+    says(fd, 2);
+    reports();
+    poll_exit(&poller);
+    poll_init(&poller);
+    EXPECT_EQ(poll_add(&poller, dlna_status_init(), dlna_status_accept_handle, &poller,
+                       &dlna_status.listen_socket),
+              0);
+    at(100000);
+    EXPECT_EQ(reports(), words{}) << "no timer is left";
+    says(client(), 3);
+    EXPECT_EQ(reports(), words{3}) << "the first word of this pass";
+    EXPECT_EQ(clients(), 1);
 }
 
 }  // namespace
