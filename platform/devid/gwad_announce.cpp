@@ -3,6 +3,7 @@
 
 #include <getopt.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -35,16 +36,20 @@ struct module_name {
     const char* name;
     uint32_t id;
 };
+constexpr uint32_t PORT_MAX = 65535;
+constexpr timeval PATIENCE{5, 0};  // a daemon that hangs must not hang the start of a service
+
 constexpr module_name MODULES[] = {{"http", 3}, {"ubq", 4}, {"kctl", 5}};
 
 }  // namespace
 
-static bool number_read(const char* text, uint32_t* out) {
+static bool number_read(const char* text, uint32_t most, uint32_t* out) {
+    const bool hexadecimal = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
     char* end = nullptr;
     errno = 0;
-    const unsigned long long value = strtoull(text, &end, 0);
-    if (end == text || *end != '\0' || text[0] == '-' || errno != 0 || value > UINT32_MAX) {
-        fprintf(stderr, "gwad-announce: not a number: %s\n", text);
+    const unsigned long long value = strtoull(text, &end, hexadecimal ? 16 : 10);
+    if (text[0] < '0' || text[0] > '9' || *end != '\0' || errno != 0 || value > most) {
+        fprintf(stderr, "gwad-announce: not a number from 0 to %u: %s\n", most, text);
         return false;
     }
     *out = static_cast<uint32_t>(value);
@@ -58,7 +63,7 @@ static bool module_read(const char* text, uint32_t* out) {
             return true;
         }
     }
-    return number_read(text, out);
+    return number_read(text, UINT32_MAX, out);
 }
 
 // Sends the bytes to the socket at `path`. The exit status.
@@ -71,7 +76,7 @@ static int deliver(const char* path, int type, const void* bytes, size_t length)
     }
     strcpy(address.sun_path, path);
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    if (fd == -1 ||
+    if (fd == -1 || setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &PATIENCE, sizeof PATIENCE) == -1 ||
         connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 ||
         send(fd, bytes, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length)) {
         fprintf(stderr, "gwad-announce: %s: %s\n", path, strerror(errno));
@@ -97,11 +102,12 @@ int main(int argc, char* argv[]) {
         fputs(USAGE, stderr);
         return 1;
     }
+    const bool dlna = strcmp(argv[optind], "dlna") == 0;
     uint32_t value = 0;
-    if (!number_read(argv[optind + 1], &value)) {
+    if (!number_read(argv[optind + 1], dlna ? UINT32_MAX : PORT_MAX, &value)) {
         return 1;
     }
-    if (strcmp(argv[optind], "dlna") == 0) {
+    if (dlna) {
         return deliver(dlna_socket, SOCK_STREAM, &value, sizeof value);
     }
     port_info_announcement announcement{0, value};
