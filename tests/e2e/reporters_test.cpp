@@ -1,5 +1,7 @@
 // The box speaks for itself: announced ports, the DLNA status, and the restart on a new address.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <filesystem>
 
@@ -20,6 +22,7 @@ struct Reporters : testing::Test {
     static void SetUpTestSuite() {
         if (isolated()) {
             ip({"address", "add", ADDRESS, "dev", "lo"});  // to be removed
+            ip({"link", "add", "veth0", "type", "veth", "peer", "name", "veth1"});
         }
     }
     void SetUp() override {
@@ -61,9 +64,50 @@ TEST_F(Reporters, PortsAndStatusReachTheServer) {
     EXPECT_TRUE(device.logs("set interval to t1 2 t2 7200"));
     EXPECT_EQ(announce("dlna", "2"), 0);
     EXPECT_TRUE(device.logs("start t1 timer success"));
+    EXPECT_EQ(announce("dlna", "3"), 0);
+    expect_report(STATUS, be32(3));  // the newest, t1 later
+    EXPECT_EQ(announce("dlna", "4"), 0);
+    EXPECT_TRUE(device.logs("start t1 timer success", 2));
     // Both timers are pending, and the end is still in order.
     EXPECT_EQ(device.gwad->terminate(), 0);
     EXPECT_FALSE(std::filesystem::exists(dlna_socket));
+}
+
+TEST_F(Reporters, GarbageOnEverySocketEndsNothing) {
+    const auto connected = [](const std::string& path, int type) {
+        unique_fd fd{socket(AF_UNIX, type | SOCK_CLOEXEC, 0)};
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return fd;
+    };
+    uint32_t random = 1;
+    for (int i = 0; i < 50; i++) {
+        const unique_fd port = connected("/tmp/mko_port_gwad.sock", SOCK_DGRAM);
+        const unique_fd status = connected(dlna_socket, SOCK_STREAM);
+        for (int part = 0; part < 20; part++) {
+            random = random * 1664525 + 1013904223;
+            const std::string bytes((random >> 8) % 40, static_cast<char>(random >> 24));
+            send(port.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            send(status.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+    }
+    EXPECT_EQ(announce("ubq", "77"), 0);
+    bool reported = false;
+    for (std::optional<frame> got; !reported && (got = frame_read(control.get()));) {
+        reported = got->payload == "{\"ubq_port\":77}";
+    }
+    EXPECT_TRUE(reported);
+    EXPECT_EQ(device.gwad->terminate(), 0);
+}
+
+TEST_F(Reporters, AChangedLinkRestartsTheDaemon) {
+    if (!isolated() || !ip({"link", "set", "veth0", "up"})) {
+        GTEST_SKIP() << "needs a private network namespace with a link to change";
+    }
+    EXPECT_TRUE(device.logs("detect link up, restart the connection now"));
+    EXPECT_TRUE(device.restarts());
 }
 
 TEST_F(Reporters, ANewAddressRestartsTheDaemonAndARemovedOneDoesNot) {
