@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "login/gwa_login.h"
@@ -22,20 +23,30 @@ constexpr size_t ANSWER_SIZE = REPORT_SIZE - GWA_HEADER_SIZE;  // payload and te
 constexpr int CONNECT_WAIT_S = 10;
 constexpr int ANSWER_WAIT_S = 60;
 
-// What the socket of a login is set to, in this order. The names are part of the log lines.
+// What the socket of a login is set to, in this order, with the lines that say so. A null text: the
+// option is only shown, or only set.
 struct socket_option {
     int number;
-    const char *name, *meaning;
     int wanted;
+    const char *get_failed, *shown;
+    const char *set_failed, *done;
 };
-constexpr int SHOWN_ONLY = -1;
 constexpr socket_option SOCKET_OPTIONS[] = {
-    {SO_SNDBUF, "SO_SNDBUF", "send buffer size", BUFFER_SIZE},
-    {SO_RCVBUF, "SO_RCVBUF", "recv buffer size", BUFFER_SIZE},
-    {SO_SNDLOWAT, "SO_SNDLOWAT", "send low threshold", SHOWN_ONLY},
-    {SO_RCVLOWAT, "SO_RCVLOWAT", "recv low threshold", RECV_LOW},
+    {SO_SNDBUF, BUFFER_SIZE, "getsockopt SO_SNDBUF failed, %s",
+     "system default TCP send buffer size %d", "setsockopt SO_SNDBUF failed, %s",
+     "set TCP send buffer size to %d"},
+    {SO_RCVBUF, BUFFER_SIZE, "getsockopt SO_RCVBUF failed, %s",
+     "system default TCP recv buffer size %d", "setsockopt SO_RCVBUF failed, %s",
+     "set TCP recv buffer size to %d"},
+    {SO_SNDLOWAT, 0, "getsockopt SO_SNDLOWAT failed, %s",
+     "system default TCP send low threshold %d", nullptr, nullptr},
+    {SO_RCVLOWAT, RECV_LOW, "getsockopt SO_RCVLOWAT failed, %s",
+     "system default TCP recv low threshold %d", "setsockopt SO_RCVLOWAT failed, %s",
+     "set TCP recv low threshold to %d"},
+    {SO_KEEPALIVE, 1, nullptr, nullptr, "setsockopt SO_KEEPALIVE failed, %s",
+     "enable the TCP keepalive"},
 };
-constexpr socket_option KEEPALIVE{SO_KEEPALIVE, "SO_KEEPALIVE", "", 1};
+constexpr size_t OPTION_LINE_SIZE = 128;
 
 // What the two kinds of login do differently.
 struct login_kind {
@@ -47,38 +58,33 @@ struct login_kind {
 
 }  // namespace
 
-static void option_show(int fd, const socket_option& option, const char* caller) {
-    int value = 0;
-    socklen_t size = sizeof value;
-    if (getsockopt(fd, SOL_SOCKET, option.number, &value, &size) == -1) {
-        GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, "getsockopt %s failed, %s\n",
-                     option.name, strerror(errno));
+// One line about an option: its failure, with the reason of errno, or its value.
+static void option_log(bool failed, const char* failure, const char* success, int value,
+                       const char* caller) {
+    char line[OPTION_LINE_SIZE];
+    if (failed) {
+        snprintf(line, sizeof line, failure, strerror(errno));
+        GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, "%s\n", line);
     } else {
-        GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, "system default TCP %s %d\n",
-                     option.meaning, value);
+        snprintf(line, sizeof line, success, value);
+        GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, "%s\n", line);
     }
-}
-
-static bool option_set(int fd, const socket_option& option, const char* caller) {
-    if (setsockopt(fd, SOL_SOCKET, option.number, &option.wanted, sizeof option.wanted) == -1) {
-        GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, caller, "setsockopt %s failed, %s\n",
-                     option.name, strerror(errno));
-        return false;
-    }
-    return true;
 }
 
 // A failure is logged and otherwise ignored: the system's default works too, only slower.
 static void socket_options_apply(int fd, const char* caller) {
     for (const socket_option& option : SOCKET_OPTIONS) {
-        option_show(fd, option, caller);
-        if (option.wanted != SHOWN_ONLY && option_set(fd, option, caller)) {
-            GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, "set TCP %s to %d\n",
-                         option.meaning, option.wanted);
+        if (option.shown != nullptr) {
+            int value = 0;
+            socklen_t size = sizeof value;
+            const int result = getsockopt(fd, SOL_SOCKET, option.number, &value, &size);
+            option_log(result == -1, option.get_failed, option.shown, value, caller);
         }
-    }
-    if (option_set(fd, KEEPALIVE, caller)) {
-        GWA_LOG_FROM(INFO, __FILE_NAME__, __LINE__, caller, "enable the TCP keepalive\n");
+        if (option.done != nullptr) {
+            const int result =
+                setsockopt(fd, SOL_SOCKET, option.number, &option.wanted, sizeof option.wanted);
+            option_log(result == -1, option.set_failed, option.done, option.wanted, caller);
+        }
     }
 }
 
