@@ -279,7 +279,7 @@ TEST(GwrelayStream, CarriesTheRequestWithItsParametersInFront) {
          "GET /a%20b?" + who + "&c=d&e" + head + closing},
         {"GET /box/80/?a=1&gwrelay-pri=2&b" + head + "\r\n",
          "GET /?" + who + "&x-qv-pri=2&a=1&b" + head + closing},
-        {"POST http://relay/box/80/p" + head + "Content-Length: 2\r\n\r\nhi",
+        {"POST /box/80/p" + head + "Content-Length: 2\r\n\r\nhi",
          "POST /p?" + who + head + "Content-Length: 2\r\n" + closing + "hi"},
         {"GET /box/80/ws" + head + upgrade, "GET /ws?" + who + head + upgrade},
     };
@@ -463,8 +463,9 @@ TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
     const std::pair<std::string, std::string> cases[] = {
         {"rubbish\r\n\r\n", "400"},
         {"GET /box/80/\r\n\r\n", "400"},
-        {"GET /box/80/ HTTP/1.1\r\nno colon\r\n\r\n", "400"},
-        {"GET /box/80/ HTTP/1.1\r\nContent-Length: x\r\n\r\n", "400"},
+        {"GET box/80/ HTTP/1.1\r\n\r\n", "400"},
+        {"GET /box/80/\t HTTP/1.1\r\n\r\n", "400"},
+        {"GET /box/80/ HTTP/2\r\n\r\n", "400"},
         {"GET /box/80/?gwrelay-pri=x" + http + "\r\n", "400"},
         {"PUT /box/80/" + http + "\r\n", "405"},
         {"GET /box/65535/" + http + "\r\n", "404"},
@@ -505,15 +506,13 @@ TEST(GwrelayPage, ShowsWhatADeviceReports) {
     ASSERT_EQ(read_exact(user.get(), 5), "12345");
     const std::string json = fetch(hub, "GET /status.json HTTP/1.1\r\n\r\n");
     for (const char* part :
-         {R"("id":"<b)"
-          "\xef\xbf\xbd"
-          R"(>","path":"/%3Cb%FF%3E/","control":true)",
-          R"("fwver":"1.2")", R"("ports":{"http_port":8080})", R"("dlna_status":258)",
-          R"("data_connections":1)", R"("open_streams":1)", R"("bytes_from_device":5)"}) {
+         {R"("id":"<b\u00ff>","path":"/%3Cb%FF%3E/","control":true)", R"("fwver":"1.2")",
+          R"("ports":{"http_port":8080})", R"("dlna_status":258)", R"("data_connections":1)",
+          R"("open_streams":1)", R"("bytes_from_device":5)"}) {
         EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
     }
     const std::string html = fetch(hub, "GET / HTTP/1.1\r\n\r\n");
-    for (const char* part : {"&lt;b\xff&gt;", "href=\"/%3Cb%FF%3E/8080/\"", "0x102"}) {
+    for (const char* part : {"&#60;b\xff&#62;", "href=\"/%3Cb%FF%3E/8080/\"", "0x102"}) {
         EXPECT_NE(html.find(part), std::string::npos) << part << " in " << html;
     }
 }

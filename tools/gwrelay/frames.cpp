@@ -29,30 +29,26 @@ const char* command_name(command code) {
     return index < std::size(NAMES) ? NAMES[index] : "Unknown";
 }
 
-void store_be32(char* to, uint32_t value) {
+std::string be32(uint32_t value) {
+    std::string bytes;
     for (int shift = 24; shift >= 0; shift -= 8) {
-        *to++ = static_cast<char>(value >> shift & 0xff);
+        bytes += static_cast<char>(value >> shift & 0xff);
     }
+    return bytes;
 }
 
 uint32_t load_be32(const char* from) {
     return static_cast<uint32_t>(load_be16(from)) << 16 | load_be16(from + 2);
 }
 
-void frame_header_write(char* to, const frame& header, size_t length) {
-    to[0] = static_cast<char>(header.version);
-    to[1] = static_cast<char>(FRAME_HEADER);
-    to[2] = 0;  // every command fits into the low byte
-    to[3] = static_cast<char>(header.code);
-    store_be32(to + 4, header.flag);
-    store_be32(to + 8, header.stream_id);
-    store_be32(to + 12, static_cast<uint32_t>(length));
-}
-
-std::string frame_bytes(const frame& whole) {
-    std::string bytes(FRAME_HEADER, '\0');
-    frame_header_write(bytes.data(), whole, whole.payload.size());
-    return bytes.append(whole.payload);
+void frame_append(std::string& to, const frame& whole) {
+    to += static_cast<char>(whole.version);
+    to += static_cast<char>(FRAME_HEADER);
+    to += '\0';  // every command fits into the low byte
+    to += static_cast<char>(whole.code);
+    to += be32(whole.flag) + be32(whole.stream_id);
+    to += be32(static_cast<uint32_t>(whole.payload.size()));
+    to += whole.payload;
 }
 
 std::span<char> frame_input::room() {

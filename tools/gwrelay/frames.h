@@ -37,11 +37,9 @@ struct frame {
     std::string_view payload = {};  // borrowed
 };
 
-// Writes the 16 header bytes for a payload of this length, which follows or is already in place.
-void frame_header_write(char* to, const frame& header, size_t length);
-std::string frame_bytes(const frame& whole);
+void frame_append(std::string& to, const frame& whole);
 
-void store_be32(char* to, uint32_t value);
+std::string be32(uint32_t value);
 uint32_t load_be32(const char* from);
 
 // Cuts what arrives into frames without copying payloads: they lie in the buffer until the next

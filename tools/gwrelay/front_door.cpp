@@ -1,7 +1,6 @@
 #include "front_door.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "page.h"
 #include "stream.h"
@@ -9,29 +8,9 @@
 namespace {
 
 constexpr size_t HEAD_MAX = 64 * 1024;
-constexpr size_t READ_STEP = 8192;
 constexpr size_t DEVICE_URI_MAX = 4095;  // a device looks at no more of a request's URI
 constexpr uint16_t PORT_MAX = 65534;
 constexpr std::chrono::seconds FAREWELL{2};
-constexpr std::string_view HEAD_END = "\r\n\r\n";
-
-// Where a request goes: to the reply, or to a port of a device.
-struct destination {
-    std::string reply;
-    std::shared_ptr<device> owner;
-    uint16_t port = 0;
-    std::string head;  // as the device gets it
-};
-
-destination answered(std::string reply) { return {std::move(reply), nullptr, 0, {}}; }
-
-template <typename T>
-std::optional<T> number_parse(std::string_view text) {
-    T value{};
-    const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const bool whole = failed == std::errc{} && end == text.data() + text.size();
-    return whole ? std::optional<T>(value) : std::nullopt;
-}
 
 // A path in its three parts: "/<device id>/<second>/<rest>".
 struct path_parts {
@@ -51,27 +30,17 @@ path_parts path_split(std::string_view path) {
     return parts;
 }
 
-std::string target_of(const http_request& request) {
-    return request.query.empty() ? request.path : request.path + "?" + request.query;
-}
-
 // A page of the box may link to "/style.css", which names neither device nor port. The page that
-// asks does: it is in the Referer.
+// asks does: it is in the Referer. Empty when that does not help.
 std::string redirect_by_referer(const relay& hub, const http_request& request) {
-    const std::string* referer = request.find("Referer");
-    const size_t scheme = referer == nullptr ? std::string::npos : referer->find("://");
-    const size_t slash =
-        scheme == std::string::npos ? std::string::npos : referer->find('/', scheme + 3);
-    if (slash == std::string::npos) {
+    const std::string_view referer = http_header(request.headers, "Referer");
+    const size_t host = referer.find("://");
+    const size_t slash = host == referer.npos ? host : referer.find('/', host + 3);
+    const path_parts from = path_split(slash == referer.npos ? "/" : referer.substr(slash));
+    if (!number_parse<uint16_t>(from.second) || !hub.devices.contains(from.id)) {
         return {};
     }
-    const path_parts from = path_split(std::string_view(*referer).substr(slash));
-    const auto port = number_parse<uint16_t>(from.second);
-    if (!port || !hub.devices.contains(from.id)) {
-        return {};
-    }
-    return http_redirect("/" + percent_encode(from.id) + "/" + std::to_string(*port) +
-                         target_of(request));
+    return "/" + percent_encode(from.id) + "/" + std::string(from.second);
 }
 
 std::string answer_report_times(device& owner, const http_request& request) {
@@ -88,178 +57,126 @@ std::string answer_report_times(device& owner, const http_request& request) {
                : http_text_reply(503, "The device has no control connection.");
 }
 
-// The head as the device gets it. Its two parameters come first in the query, where neither a long
-// query nor the user's own parameters can get in their way.
+// The head as the device gets it. Its parameters come first in the query, where neither a long
+// query nor the user's own parameters can get in their way. One request a connection: the device
+// cannot signal where a response ends, so on a connection that stays open a second request would go
+// to whatever service the first one was for.
 std::string head_for_device(const http_request& request, std::string_view target) {
-    std::string head = request.method + " ";
-    head.append(target).append(" ").append(request.version).append("\r\n");
-    // One request a connection: the device cannot signal where a response ends, so on a connection
-    // that stays open a second request would go to whatever service the first one was for.
+    std::string head(request.method);
+    head.append(" ").append(target).append(" ").append(request.version).append("\r\n");
     const bool keeps = request.upgrades();
-    for (const http_header& header : request.headers) {
-        const bool dropped = equal_no_case(header.name, "Connection") ||
-                             equal_no_case(header.name, "Keep-Alive") ||
-                             equal_no_case(header.name, "Proxy-Connection");
-        if (keeps || !dropped) {
-            head.append(header.line).append("\r\n");
+    for (std::string_view rest = request.headers; !rest.empty();) {
+        const std::string_view line = http_line_take(rest);
+        const std::string_view name = line.substr(0, line.find(':'));
+        if (keeps || (!equal_no_case(name, "Connection") && !equal_no_case(name, "Keep-Alive"))) {
+            head.append(line).append("\r\n");
         }
     }
     return head.append(keeps ? "\r\n" : "Connection: close\r\n\r\n");
 }
 
-destination route_to_device(std::shared_ptr<device> owner, uint16_t port, std::string_view rest,
-                            const http_request& request) {
-    const bool relayed =
-        request.method == "GET" || request.method == "POST" || request.method == "HEAD";
-    if (!relayed) {  // a device drops the others without a word
-        return answered(http_reply(405, "text/plain", "Devices take GET, POST and HEAD.\n",
-                                   "Allow: GET, POST, HEAD\r\n"));
+// What the device gets as the request's head goes to `head`; or the result is the user's answer.
+std::string route_to_device(const device& owner, uint16_t port, std::string_view rest,
+                            const http_request& request, std::string& head) {
+    if (request.method != "GET" && request.method != "POST" && request.method != "HEAD") {
+        // a device drops the others without a word
+        return http_reply(405, "text/plain", "Devices take GET, POST and HEAD.\n",
+                          "Allow: GET, POST, HEAD\r\n");
     }
-    const bool sayable = std::all_of(owner->id.begin(), owner->id.end(), [](unsigned char c) {
-        return c > ' ' && c != '&' && c != 0x7f;
-    });
+    const bool sayable = std::ranges::all_of(
+        owner.id, [](unsigned char c) { return c > ' ' && c != '&' && c != 0x7f; });
     if (!sayable) {  // the device compares undecoded text, up to a blank or an ampersand
-        return answered(http_text_reply(502, "This device's id does not fit into a request."));
+        return http_text_reply(502, "This device's id does not fit into a request.");
     }
-    std::string query = request.query;
+    std::string query(request.query);
     std::string target =
-        std::string(rest) + "?x-qv-devid=" + owner->id + "&x-qv-port=" + std::to_string(port);
+        std::string(rest) + "?x-qv-devid=" + owner.id + "&x-qv-port=" + std::to_string(port);
     if (const auto priority = query_take(request.query, "gwrelay-pri", &query)) {
         const auto value = number_parse<int32_t>(*priority);
         if (!value) {
-            return answered(http_text_reply(400, "gwrelay-pri is a number."));
+            return http_text_reply(400, "gwrelay-pri is a number.");
         }
         target += "&x-qv-pri=" + std::to_string(*value);
     }
     if (target.size() > DEVICE_URI_MAX) {
-        return answered(http_text_reply(414, "The device would not see where this is going."));
+        return http_text_reply(414, "The device would not see where this is going.");
     }
-    target.append(query.empty() ? "" : "&").append(query);
-    return {{}, std::move(owner), port, head_for_device(request, target)};
+    head = head_for_device(request, target.append(query.empty() ? "" : "&").append(query));
+    return {};
 }
 
-destination route(relay& hub, const http_request& request) {
+// The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
+std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
     if (request.path == "/") {
-        return answered(http_reply(200, "text/html; charset=utf-8", page_html(hub)));
+        return http_reply(200, "text/html; charset=utf-8", page_html(hub));
     }
     if (request.path == "/status.json") {
-        return answered(http_reply(200, "application/json", page_json(hub)));
+        return http_reply(200, "application/json", page_json(hub));
     }
+    const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
     const path_parts parts = path_split(request.path);
     const auto found = hub.devices.find(parts.id);
     if (found == hub.devices.end()) {
-        std::string redirect = redirect_by_referer(hub, request);
-        return answered(redirect.empty() ? http_text_reply(404, "No such device.") : redirect);
+        const std::string prefix = redirect_by_referer(hub, request);
+        return prefix.empty() ? http_text_reply(404, "No such device.")
+                              : http_redirect(prefix + std::string(request.path) + query);
     }
     if (parts.second == "report-times" && parts.rest.empty()) {
-        return answered(answer_report_times(*found->second, request));
+        return answer_report_times(*found->second, request);
     }
     const auto port = number_parse<uint16_t>(parts.second);
     if (!port || *port == 0 || *port > PORT_MAX) {
-        return answered(http_text_reply(404, "After the device id comes a port, 1 to 65534."));
+        return http_text_reply(404, "After the device id comes a port, 1 to 65534.");
     }
     if (parts.rest.empty()) {  // relative links need the slash
-        const std::string query = request.query.empty() ? "" : "?" + request.query;
-        return answered(http_redirect(request.path + "/" + query));
+        return http_redirect(std::string(request.path) + "/" + query);
     }
-    return route_to_device(found->second, *port, parts.rest, request);
+    user.owner = found->second;
+    user.port = *port;
+    return route_to_device(*user.owner, *port, parts.rest, request, head);
 }
 
-// How much of the request's body is still to come. Nothing: the header makes no sense.
-std::optional<uint64_t> body_left(const http_request& request, size_t received) {
-    if (request.find("Transfer-Encoding") != nullptr) {
-        return UINT64_MAX;  // only the user's end would tell
-    }
-    const std::string* length = request.find("Content-Length");
-    const auto size =
-        length == nullptr ? std::optional<uint64_t>(0) : number_parse<uint64_t>(*length);
-    return size ? std::optional<uint64_t>(*size - std::min<uint64_t>(*size, received)) : size;
-}
-
-// Receives until the head is whole. Its length, or 0 when the user has been answered or has left.
-awaitable<size_t> read_head(std::shared_ptr<user_link> user, std::string& bytes) {
-    for (;;) {
-        const size_t filled = bytes.size();
-        bytes.resize(filled + READ_STEP);
-        const size_t got = co_await connection_receive(*user, std::span(bytes).subspan(filled));
-        bytes.resize(filled + got);
-        const size_t from = filled < HEAD_END.size() ? 0 : filled - HEAD_END.size();
-        const size_t end = bytes.find(HEAD_END, from);
-        if (got == 0) {
-            if (filled > 0) {
-                log_problem("%s: left within a request head", user->name.c_str());
-            }
-            user->user_ended = true;
-            co_return 0;
+awaitable<void> answer(relay& hub, std::shared_ptr<user_link> user, std::string_view bytes,
+                       size_t head_length) {
+    const auto request = http_request_parse(bytes.substr(0, head_length));
+    const bool too_long = head_length == 0 && bytes.size() > HEAD_MAX;
+    if (!request) {
+        if (!bytes.empty()) {
+            log_line(PROBLEM, "%s: not an HTTP request: %s", user->name.c_str(),
+                     log_text(bytes.substr(0, bytes.find('\r'))).c_str());
         }
-        if (end != std::string::npos && end + HEAD_END.size() <= HEAD_MAX) {
-            co_return end + HEAD_END.size();
-        }
-        if (bytes.size() > HEAD_MAX) {
-            log_problem("%s: request head too long", user->name.c_str());
-            user->send(http_text_reply(431, "The request head is longer than 64 KiB."));
-            co_return 0;
-        }
-    }
-}
-
-awaitable<void> serve_request(relay& hub, std::shared_ptr<user_link> user) {
-    std::string bytes;
-    const size_t head_length = co_await read_head(user, bytes);
-    if (head_length == 0) {
+        user->send(too_long ? http_text_reply(431, "The request head is longer than 64 KiB.")
+                            : http_text_reply(400, "This is not an HTTP/1.1 request."));
         co_return;
     }
-    user->deadline = steady::time_point::max();
-    const auto request = http_request_parse(std::string_view(bytes).substr(0, head_length));
-    const auto left = request ? body_left(*request, bytes.size() - head_length) : std::nullopt;
-    if (!left) {
-        log_problem("%s: not HTTP: %s", user->name.c_str(),
-                    log_text(bytes.substr(0, bytes.find('\r'))).c_str());
-        user->send(http_text_reply(400, "This is not an HTTP/1.1 request."));
-        co_return;
-    }
-    destination to = route(hub, *request);
-    if (to.owner == nullptr) {
-        user->send(to.reply);
-        co_return;
-    }
-    user->owner = to.owner;
-    user->port = to.port;
-    user->request_left = *left;
+    user->what = log_text(std::string(request->method) + " " + std::string(request->path));
     if (request->method == "HEAD") {
-        user->response.expect_no_body();
+        user->response = http_tracker(http_tracker::kind::RESPONSE_TO_HEAD);
     }
-    bytes.replace(0, head_length, to.head);
-    co_await stream_run(hub, user, std::move(bytes));
+    std::string head;
+    const std::string reply = route(hub, *user, *request, head);
+    user->send(reply);
+    if (reply.empty()) {
+        co_await stream_open(hub, user, head.append(bytes.substr(head_length)));
+    }
 }
 
 }  // namespace
 
 awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user) {
-    co_await serve_request(hub, user);
-    user->deadline = steady::time_point::max();
-    while (!user->idle() && !user->closed && !stream_user_stalls(hub, *user)) {
-        co_await user->drained.wait();
-    }
-    if (!user->idle()) {
-        user->refuse("takes nothing");
-    }
-    if (user->closed) {
-        co_return;
-    }
+    std::string bytes;
+    const size_t head_length = co_await connection_http_head(*user, bytes, HEAD_MAX);
+    user->deadline = NEVER;
+    co_await answer(hub, user, bytes, head_length);
+    asio::co_spawn(user->socket.get_executor(), stream_upload(user), asio::detached);
+    co_await stream_carry(hub, user);
+    co_await connection_flush(*user);
     // Closing while the user still sends would reset the connection and could cost him the end of
     // the response. So his side goes on for a moment, into the void.
     asio::error_code ignored;
     user->socket.shutdown(tcp::socket::shutdown_send, ignored);
     const auto until = steady::now() + FAREWELL;
-    if (user->port == 0) {  // no stream has been opened, which would receive already
-        asio::co_spawn(user->socket.get_executor(), stream_upload(user), asio::detached);
-    }
     while (!user->user_ended && !user->closed && steady::now() < until) {
         co_await user->changed.wait();
     }
-}
-
-void front_door_ended(relay&, const std::shared_ptr<user_link>& user) {
-    stream_close(*user, "failed");
 }

@@ -9,4 +9,3 @@
 #include "registry.h"
 
 awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user);
-void front_door_ended(relay& hub, const std::shared_ptr<user_link>& user);

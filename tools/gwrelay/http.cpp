@@ -1,14 +1,14 @@
 #include "http.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "text.h"
 
 namespace {
 
-constexpr size_t RESPONSE_HEAD_MAX = 65536;
-constexpr std::string_view LAST_CHUNK = "\r\n0\r\n\r\n";
+constexpr size_t HEAD_MAX = 65536;
+constexpr int SWITCHING_PROTOCOLS = 101, NO_CONTENT = 204, NOT_MODIFIED = 304;
+constexpr std::string_view LINE_END = "\r\n", HEAD_END = "\r\n\r\n";
 
 const char* reason_of(int code) {
     switch (code) {
@@ -17,7 +17,6 @@ const char* reason_of(int code) {
         case 400: return "Bad Request";
         case 404: return "Not Found";
         case 405: return "Method Not Allowed";
-        case 408: return "Request Timeout";
         case 414: return "URI Too Long";
         case 431: return "Request Header Fields Too Large";
         case 502: return "Bad Gateway";
@@ -25,62 +24,6 @@ const char* reason_of(int code) {
         case 504: return "Gateway Timeout";
     }
     return "Error";
-}
-
-std::string_view trimmed(std::string_view text) {
-    const size_t first = text.find_first_not_of(" \t");
-    if (first == text.npos) {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-// Takes the next line off the front of `rest`, without its end.
-std::string_view line_take(std::string_view& rest) {
-    const size_t end = std::min(rest.find("\r\n"), rest.size());
-    const std::string_view line = rest.substr(0, end);
-    rest.remove_prefix(std::min(end + 2, rest.size()));
-    return line;
-}
-
-bool is_token(std::string_view text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return c > ' ' && c < 0x7f &&
-               std::string_view("\"(),/:;<=>?@[\\]{}").find(static_cast<char>(c)) ==
-                   std::string_view::npos;
-    });
-}
-
-bool has_controls(std::string_view text) {
-    return std::any_of(text.begin(), text.end(),
-                       [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7f; });
-}
-
-bool target_parse(std::string_view target, http_request& to) {
-    if (const size_t scheme = target.find("://"); scheme != target.npos && target[0] != '/') {
-        const size_t slash = target.find('/', scheme + 3);
-        target = slash == target.npos ? "/" : target.substr(slash);
-    }
-    if (target.empty() || target[0] != '/' || has_controls(target)) {
-        return false;
-    }
-    const size_t mark = std::min(target.find('?'), target.size());
-    to.path = target.substr(0, mark);
-    to.query = target.substr(std::min(mark + 1, target.size()));
-    return true;
-}
-
-// The value of a header among the lines of a response's head.
-std::string_view response_header(std::string_view head, std::string_view name) {
-    line_take(head);
-    while (!head.empty()) {
-        const std::string_view line = line_take(head);
-        const size_t colon = line.find(':');
-        if (colon != line.npos && equal_no_case(line.substr(0, colon), name)) {
-            return trimmed(line.substr(colon + 1));
-        }
-    }
-    return {};
 }
 
 bool contains_no_case(std::string_view text, std::string_view word) {
@@ -94,51 +37,48 @@ bool contains_no_case(std::string_view text, std::string_view word) {
 
 }  // namespace
 
-const std::string* http_request::find(std::string_view name) const {
-    for (const http_header& header : headers) {
-        if (equal_no_case(header.name, name)) {
-            return &header.value;
+std::string_view http_line_take(std::string_view& rest) {
+    const size_t end = std::min(rest.find(LINE_END), rest.size());
+    const std::string_view line = rest.substr(0, end);
+    rest.remove_prefix(std::min(end + LINE_END.size(), rest.size()));
+    return line;
+}
+
+std::string_view http_header(std::string_view lines, std::string_view name) {
+    while (!lines.empty()) {
+        const std::string_view line = http_line_take(lines);
+        const size_t colon = std::min(line.find(':'), line.size());
+        if (equal_no_case(line.substr(0, colon), name)) {
+            const size_t from = std::min(line.find_first_not_of(" \t", colon + 1), line.size());
+            return line.substr(from, line.find_last_not_of(" \t") + 1 - from);
         }
     }
-    return nullptr;
+    return {};
 }
 
 bool http_request::upgrades() const {
-    const std::string* connection = find("Connection");
-    return find("Upgrade") != nullptr && connection != nullptr &&
-           contains_no_case(*connection, "upgrade");
+    return !http_header(headers, "Upgrade").empty() &&
+           contains_no_case(http_header(headers, "Connection"), "upgrade");
 }
 
 std::optional<http_request> http_request_parse(std::string_view head) {
-    http_request request;
-    const std::string_view first = line_take(head);
-    const size_t method_end = first.find(' ');
-    const size_t target_end = first.rfind(' ');
-    if (method_end == first.npos || target_end <= method_end) {
+    const std::string_view first = http_line_take(head);
+    const size_t method_end = first.find(' '), target_end = first.rfind(' ');
+    if (method_end == target_end) {  // also when there is no blank at all
         return std::nullopt;
     }
     const std::string_view target = first.substr(method_end + 1, target_end - method_end - 1);
-    request.method = first.substr(0, method_end);
-    request.version = first.substr(target_end + 1);
-    const bool known = request.version == "HTTP/1.1" || request.version == "HTTP/1.0";
-    const bool one_word = target.find(' ') == target.npos;
-    if (!known || !one_word || !is_token(request.method) || !target_parse(target, request)) {
-        return std::nullopt;
-    }
-    while (!head.empty()) {
-        const std::string_view line = line_take(head);
-        if (line.empty()) {
-            break;
-        }
-        const size_t colon = line.find(':');
-        if (colon == line.npos || !is_token(line.substr(0, colon)) || has_controls(line)) {
-            return std::nullopt;
-        }
-        request.headers.push_back({std::string(line.substr(0, colon)),
-                                   std::string(trimmed(line.substr(colon + 1))),
-                                   std::string(line)});
-    }
-    return request;
+    const size_t mark = std::min(target.find('?'), target.size());
+    const http_request request{.method = first.substr(0, method_end),
+                               .version = first.substr(target_end + 1),
+                               .path = target.substr(0, mark),
+                               .query = target.substr(std::min(mark + 1, target.size())),
+                               .headers = head.substr(0, head.size() - LINE_END.size())};
+    const bool target_fits = target.starts_with('/') &&
+                             std::all_of(target.begin(), target.end(),
+                                         [](unsigned char c) { return c > ' ' && c != 0x7f; });
+    const bool version_fits = request.version == "HTTP/1.1" || request.version == "HTTP/1.0";
+    return target_fits && version_fits ? std::optional(request) : std::nullopt;
 }
 
 std::optional<std::string> query_take(std::string_view query, std::string_view name,
@@ -178,59 +118,88 @@ std::string http_redirect(std::string_view location) {
     return http_reply(307, "text/plain", "", "Location: " + std::string(location) + "\r\n");
 }
 
-void response_tracker::feed(std::string_view bytes) {
-    fed = true;
-    while (state == phase::HEAD && !bytes.empty()) {
-        const size_t before = text.size();
-        text.append(bytes);
-        const size_t end = text.find("\r\n\r\n", before < 3 ? 0 : before - 3);
-        if (end == text.npos) {
-            state = text.size() > RESPONSE_HEAD_MAX ? phase::UNTIL_CLOSE : phase::HEAD;
-            return;
+void http_tracker::feed(std::string_view bytes) {
+    fed = fed || !bytes.empty();
+    while (!bytes.empty()) {
+        switch (state) {
+            case phase::HEAD:
+                if (take_until(bytes, HEAD_END)) {
+                    state = after_head();
+                    text.clear();
+                }
+                break;
+            case phase::CHUNK_SIZE:
+                if (take_until(bytes, LINE_END)) {
+                    state = after_chunk_size();
+                    text.clear();
+                }
+                break;
+            case phase::TRAILER:
+                if (take_until(bytes, LINE_END)) {
+                    state = text == LINE_END ? phase::COMPLETE : phase::TRAILER;
+                    text.clear();
+                }
+                break;
+            case phase::BODY:
+            case phase::CHUNK: {
+                const size_t used = std::min<uint64_t>(left, bytes.size());
+                bytes.remove_prefix(used);
+                left -= used;
+                if (left == 0) {
+                    state = state == phase::BODY ? phase::COMPLETE : phase::CHUNK_SIZE;
+                }
+                break;
+            }
+            case phase::ENDLESS:
+            case phase::TUNNEL:
+            case phase::COMPLETE: return;
         }
-        bytes.remove_prefix(end + 4 - before);
-        text.resize(end + 4);
-        head_parse();
-    }
-    if (state == phase::LENGTH) {
-        left -= std::min<uint64_t>(left, bytes.size());
-        state = left == 0 ? phase::COMPLETE : phase::LENGTH;
-    } else if (state == phase::CHUNKED) {
-        text.append(bytes.substr(bytes.size() - std::min(bytes.size(), LAST_CHUNK.size())));
-        text.erase(0, text.size() - std::min(text.size(), LAST_CHUNK.size()));
     }
 }
 
-void response_tracker::head_parse() {
-    const std::string_view head = text;
-    int code = 0;
-    if (head.starts_with("HTTP/1.") && head.size() > 12) {
-        std::from_chars(head.data() + 9, head.data() + 12, code);
-    }
-    const std::string_view length = response_header(head, "Content-Length");
-    const auto [end, failed] = std::from_chars(length.data(), length.data() + length.size(), left);
-    const bool sized = !length.empty() && failed == std::errc{} && end == length.end();
-    constexpr int SWITCHING_PROTOCOLS = 101;
-    if (code >= 100 && code < 200 && code != SWITCHING_PROTOCOLS) {
-        state = phase::HEAD;  // an interim answer; the real one follows
-    } else if (code < 200) {
-        state = phase::UNTIL_CLOSE;  // another protocol from here on, or no HTTP at all
-    } else if (bodiless || code == 204 || code == 304) {
-        state = phase::COMPLETE;
-    } else if (contains_no_case(response_header(head, "Transfer-Encoding"), "chunked")) {
-        state = phase::CHUNKED;
-    } else if (sized) {
-        state = left == 0 ? phase::COMPLETE : phase::LENGTH;
-    } else {
-        state = phase::UNTIL_CLOSE;
-    }
-    if (state == phase::CHUNKED) {
-        text.erase(0, text.size() - 2);  // an empty body's last chunk leans on the head's end
-    } else {
+// Moves bytes into `text` until it ends with the mark; false while it does not.
+bool http_tracker::take_until(std::string_view& bytes, std::string_view mark) {
+    do {
+        text += bytes.front();
+        bytes.remove_prefix(1);
+    } while (!bytes.empty() && !text.ends_with(mark));
+    if (text.size() > HEAD_MAX) {
+        state = phase::ENDLESS;
         text.clear();
     }
+    return text.ends_with(mark);
 }
 
-bool response_tracker::looks_complete() const {
-    return complete() || (state == phase::CHUNKED && text == LAST_CHUNK);
+http_tracker::phase http_tracker::after_head() {
+    const bool request = message_kind == kind::REQUEST;
+    if (!request) {
+        const bool http = text.starts_with("HTTP/1.");
+        status = http ? number_parse<int>(std::string_view(text).substr(9, 3)).value_or(0) : 0;
+        if (status < 100 || status == SWITCHING_PROTOCOLS) {  // another protocol, or none at all
+            return status == SWITCHING_PROTOCOLS ? phase::TUNNEL : phase::ENDLESS;
+        }
+        if (status < 200) {
+            return phase::HEAD;  // an interim answer; the real one follows
+        }
+        if (message_kind == kind::RESPONSE_TO_HEAD || status == NO_CONTENT ||
+            status == NOT_MODIFIED) {
+            return phase::COMPLETE;
+        }
+    }
+    if (contains_no_case(http_header(text, "Transfer-Encoding"), "chunked")) {
+        return phase::CHUNK_SIZE;
+    }
+    const auto length = number_parse<uint64_t>(http_header(text, "Content-Length"));
+    left = length.value_or(0);
+    return left > 0 ? phase::BODY : length || request ? phase::COMPLETE : phase::ENDLESS;
+}
+
+http_tracker::phase http_tracker::after_chunk_size() {
+    const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), left, 16);
+    if (failed != std::errc{} || left > UINT64_MAX - LINE_END.size()) {
+        return phase::ENDLESS;
+    }
+    const bool last = left == 0;
+    left += LINE_END.size();  // the chunk's own line end
+    return last ? phase::TRAILER : phase::CHUNK;
 }

@@ -5,24 +5,21 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-struct http_header {
-    std::string name, value;
-    std::string line;  // as the user sent it, without the line's end
-};
+struct http_request {  // borrows from the head that was parsed
+    std::string_view method, version;
+    std::string_view path, query;  // as sent, not decoded; the query without its question mark
+    std::string_view headers;      // lines with their ends, up to the empty line
 
-struct http_request {
-    std::string method, version;
-    std::string path, query;  // as sent, not decoded; the query without its question mark
-    std::vector<http_header> headers;
-
-    const std::string* find(std::string_view name) const;
     bool upgrades() const;  // asks for another protocol on this connection
 };
 
 // Parses a head that ends with its empty line. Nothing: it is not HTTP.
 std::optional<http_request> http_request_parse(std::string_view head);
+// Takes the next line off the front of `rest`, without its end.
+std::string_view http_line_take(std::string_view& rest);
+// A line's value when it is the header of that name, or the first such line's; otherwise nothing.
+std::string_view http_header(std::string_view lines, std::string_view name);
 
 // The value of a query's parameter, decoded. When `rest` is given, the query goes there without
 // the parameter, otherwise untouched.
@@ -35,25 +32,29 @@ std::string http_reply(int code, std::string_view type, std::string_view body,
 std::string http_text_reply(int code, std::string_view text);
 std::string http_redirect(std::string_view location);
 
-// Follows a response that passes by, to learn where it ends: the device cannot say so, because
-// nothing in the protocol carries the end of a stream from a device to the relay.
-class response_tracker {
+// Follows a message that passes by, to learn where it ends: a device cannot say so, because nothing
+// in the protocol carries the end of a stream from a device to the relay.
+class http_tracker {
    public:
-    void expect_no_body() { bodiless = true; }  // the answer to a HEAD
+    enum class kind { REQUEST, RESPONSE, RESPONSE_TO_HEAD };
+
+    explicit http_tracker(kind message) : message_kind(message) {}
     void feed(std::string_view bytes);
     bool started() const { return fed; }
     bool complete() const { return state == phase::COMPLETE; }
-    // Complete, or a chunked body whose last bytes look like the last chunk: too weak a sign to end
-    // a stream by itself, good enough once its user has closed or nothing more comes.
-    bool looks_complete() const;
+    bool endless() const { return state == phase::ENDLESS; }  // only a close would end it
+    int code() const { return status; }                       // of a response; 0 as yet
 
    private:
-    enum class phase { HEAD, LENGTH, CHUNKED, UNTIL_CLOSE, COMPLETE };
-    void head_parse();
+    enum class phase { HEAD, BODY, CHUNK_SIZE, CHUNK, TRAILER, ENDLESS, TUNNEL, COMPLETE };
+    bool take_until(std::string_view& bytes, std::string_view mark);
+    phase after_head();
+    phase after_chunk_size();
 
+    kind message_kind;
     phase state = phase::HEAD;
     bool fed = false;
-    bool bodiless = false;
-    uint64_t left = 0;
-    std::string text;  // the head so far, then the last bytes of a chunked body
+    int status = 0;
+    uint64_t left = 0;  // of the body or the chunk
+    std::string text;   // the head or line so far
 };

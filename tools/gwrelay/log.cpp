@@ -10,10 +10,14 @@ namespace {
 
 constexpr size_t TEXT_MAX = 160;
 constexpr size_t LINE_MAX_BYTES = 1024;
-log_level shown = log_level::EVENTS;
+log_level shown = EVENT;
 
-void write_line(log_level level, const char* format, va_list arguments) {
-    if (!log_shows(level)) {
+}  // namespace
+
+void log_set_level(log_level level) { shown = level; }
+
+void log_line(log_level level, const char* format, ...) {
+    if (level > shown) {
         return;
     }
     timeval now{};
@@ -23,47 +27,23 @@ void write_line(log_level level, const char* format, va_list arguments) {
     char stamp[32];
     strftime(stamp, sizeof stamp, "%F %T", &local);
     char line[LINE_MAX_BYTES];
+    va_list arguments;
+    va_start(arguments, format);
     vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
     fprintf(stderr, "%s.%03ld %s\n", stamp, static_cast<long>(now.tv_usec / 1000), line);
 }
 
-}  // namespace
-
-void log_set_level(log_level level) { shown = level; }
-
-bool log_shows(log_level level) { return level <= shown; }
-
-void log_problem(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    write_line(log_level::PROBLEMS, format, arguments);
-    va_end(arguments);
-}
-
-void log_event(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    write_line(log_level::EVENTS, format, arguments);
-    va_end(arguments);
-}
-
-void log_frame(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    write_line(log_level::FRAMES, format, arguments);
-    va_end(arguments);
-}
-
 std::string log_text(std::string_view text) {
-    std::string shown_text;
+    std::string safe;
     for (const char c : text.substr(0, TEXT_MAX)) {
         if (c >= ' ' && c <= '~') {
-            shown_text += c;
+            safe += c;
         } else {
             char escaped[8];
             snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
-            shown_text += escaped;
+            safe += escaped;
         }
     }
-    return text.size() > TEXT_MAX ? shown_text + "..." : shown_text;
+    return text.size() > TEXT_MAX ? safe + "..." : safe;
 }

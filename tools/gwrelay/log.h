@@ -6,15 +6,15 @@
 #include <string>
 #include <string_view>
 
-enum class log_level { PROBLEMS, EVENTS, FRAMES };
+enum class log_level {
+    PROBLEM,  // refused, failed, dropped
+    EVENT,    // logins, orders, streams
+    FRAME     // every frame header
+};
+using enum log_level;
 
 void log_set_level(log_level level);
-bool log_shows(log_level level);
-
-[[gnu::format(printf, 1, 2)]] void log_problem(const char* format,
-                                               ...);                    // refused, failed, dropped
-[[gnu::format(printf, 1, 2)]] void log_event(const char* format, ...);  // logins, orders, streams
-[[gnu::format(printf, 1, 2)]] void log_frame(const char* format, ...);  // every frame header
+[[gnu::format(printf, 2, 3)]] void log_line(log_level level, const char* format, ...);
 
 // The text with everything but printable ASCII as \xNN, cut to a length that fits a line.
 std::string log_text(std::string_view text);

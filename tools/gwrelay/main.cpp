@@ -1,47 +1,32 @@
-// main.cpp - binds the four ports, runs until SIGINT or SIGTERM, and takes everything down in
-// order.
+// main.cpp - binds the four ports and runs until SIGINT or SIGTERM.
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
-#include "control.h"
-#include "data.h"
+#include "devices.h"
 #include "front_door.h"
-#include "manager.h"
 
 namespace {
 
 constexpr std::chrono::seconds TICK{1};
-constexpr std::chrono::seconds STOP_PATIENCE{3};
-constexpr size_t COMMAND7_MAX = 127;        // a device stops at more
-constexpr size_t LOGIN_PAYLOAD_MAX = 1007;  // and here as well
+constexpr std::chrono::milliseconds ACCEPT_PAUSE{200};
 constexpr int PAIRS = 5;
 
 struct listeners {
     tcp::acceptor manager, control, data, front;
 };
 
+uint16_t port_of(const tcp::acceptor& acceptor) { return acceptor.local_endpoint().port(); }
+
 tcp::acceptor listen_on(asio::io_context& io, const std::string& address, uint16_t port) {
-    asio::error_code failed;
-    const auto ip = asio::ip::make_address(address, failed);
-    tcp::acceptor acceptor(io);
-    const tcp::endpoint endpoint(ip, port);
-    const auto step = [&failed](auto&& operation) {
-        if (!failed) {
-            operation();
-        }
-    };
-    step([&] { acceptor.open(endpoint.protocol(), failed); });
-    step([&] { acceptor.set_option(tcp::acceptor::reuse_address(true), failed); });
-    step([&] { acceptor.bind(endpoint, failed); });
-    step([&] { acceptor.listen(asio::socket_base::max_listen_connections, failed); });
-    if (failed) {
+    try {
+        return {io, tcp::endpoint(asio::ip::make_address(address), port)};
+    } catch (const std::exception& failed) {
         fprintf(stderr, "gwrelay: cannot listen on %s port %u: %s\n", address.c_str(), port,
-                failed.message().c_str());
+                failed.what());
         exit(EXIT_FAILURE);
     }
-    return acceptor;
 }
 
 // A device does not parse JSON: it searches the key, skips it and the one byte behind, and takes
@@ -63,42 +48,52 @@ std::string order_json_for(const std::string& host, const std::string& port) {
 
 void announce(relay& hub, const listeners& ports) {
     const std::string& host = hub.settings.announce;
-    const std::string data_port = std::to_string(ports.data.local_endpoint().port());
-    const std::string control_port = std::to_string(ports.control.local_endpoint().port());
+    const std::string data_port = std::to_string(port_of(ports.data));
+    const std::string control_port = std::to_string(port_of(ports.control));
     hub.manager_body = "{\"ret\":0,\"proxy\":\"" + host + ":" + control_port + "\"}";
     hub.order_json = order_json_for(host, data_port);
     hub.order_text = order_text_for(host, data_port);
-    if (hub.order_text.size() > COMMAND7_MAX || hub.order_json.size() > LOGIN_PAYLOAD_MAX) {
-        fprintf(stderr, "gwrelay: the address %s is too long for an order\n", host.c_str());
-        exit(EXIT_FAILURE);
-    }
 }
 
-awaitable<void> tick(relay& hub, asio::steady_timer& timer, const bool& stopping) {
-    while (!stopping) {
-        asio::error_code cancelled;
-        timer.expires_after(TICK);
-        co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
-        std::erase_if(hub.connections, [](const auto& link) { return link.expired(); });
-        const auto now = steady::now();
-        const auto links = hub.connections;
-        for (const auto& weak : links) {
-            if (const auto link = weak.lock()) {
-                link->tick(now);
-            }
+// Accepts for ever; `serve` is a connection's story. Out of descriptors, it waits instead of
+// spinning.
+template <typename Link>
+awaitable<void> accept_loop(relay& hub, tcp::acceptor& acceptor,
+                            awaitable<void> (*serve)(relay&, std::shared_ptr<Link>)) {
+    const auto executor = acceptor.get_executor();
+    asio::steady_timer pause(executor);
+    for (;;) {
+        asio::error_code failed;
+        tcp::socket socket =
+            co_await acceptor.async_accept(asio::redirect_error(asio::use_awaitable, failed));
+        if (failed) {
+            log_line(PROBLEM, "accept failed: %s", failed.message().c_str());
+            pause.expires_after(ACCEPT_PAUSE);
+            co_await pause.async_wait(asio::use_awaitable);
+            continue;
         }
+        const auto link = std::make_shared<Link>(std::move(socket));
+        hub.connections.push_back(link);
+        link->patience = hub.settings.stall_timeout;
+        link->expect_within(hub.settings.login_timeout, "said nothing useful in time");
+        asio::co_spawn(executor, connection_pump(link), asio::detached);
+        asio::co_spawn(executor, serve(hub, link), [link](const std::exception_ptr&) {
+            link->ended();
+            link->close();
+        });
     }
 }
 
-void stop(relay& hub, listeners& ports) {
-    asio::error_code ignored;
-    for (tcp::acceptor* acceptor : {&ports.manager, &ports.control, &ports.data, &ports.front}) {
-        acceptor->close(ignored);
-    }
-    const auto links = hub.connections;
-    for (const auto& weak : links) {
-        if (const auto link = weak.lock()) {
-            link->close();
+awaitable<void> tick(relay& hub) {
+    asio::steady_timer timer(co_await asio::this_coro::executor);
+    for (;;) {
+        timer.expires_after(TICK);
+        co_await timer.async_wait(asio::use_awaitable);
+        std::erase_if(hub.connections, [](const auto& link) { return link.expired(); });
+        for (const auto& weak : hub.connections) {
+            if (const auto link = weak.lock()) {
+                link->tick(steady::now());
+            }
         }
     }
 }
@@ -112,45 +107,29 @@ void run(const options& settings) {
                     listen_on(io, settings.listen, settings.front_port)};
     announce(hub, ports);
     using asio::co_spawn, asio::detached;
-    co_spawn(io, connection_accept_loop(hub, ports.manager, manager_serve, manager_ended),
-             detached);
-    co_spawn(io, connection_accept_loop(hub, ports.control, control_serve, control_ended),
-             detached);
-    co_spawn(io, connection_accept_loop(hub, ports.data, data_serve, data_ended), detached);
-    co_spawn(io, connection_accept_loop(hub, ports.front, front_door_serve, front_door_ended),
-             detached);
-    bool stopping = false;
-    asio::steady_timer timer(io);
-    co_spawn(io, tick(hub, timer, stopping), detached);
+    co_spawn(io, accept_loop(hub, ports.manager, manager_serve), detached);
+    co_spawn(io, accept_loop(hub, ports.control, control_serve), detached);
+    co_spawn(io, accept_loop(hub, ports.data, data_serve), detached);
+    co_spawn(io, accept_loop(hub, ports.front, front_door_serve), detached);
+    co_spawn(io, tick(hub), detached);
     asio::signal_set signals(io, SIGINT, SIGTERM);
-    signals.async_wait([&](asio::error_code, int number) {
-        log_event("signal %d, stopping", number);
-        stopping = true;
-        timer.cancel();
-        stop(hub, ports);
-        io.stop();  // the wait below goes on with what is left to do
+    signals.async_wait([](asio::error_code, int number) {
+        log_line(EVENT, "signal %d, stopping", number);
+        exit(EXIT_SUCCESS);  // the kernel closes every connection as close() would
     });
-    printf("ready manager=%u control=%u data=%u front=%u\n", ports.manager.local_endpoint().port(),
-           ports.control.local_endpoint().port(), ports.data.local_endpoint().port(),
-           ports.front.local_endpoint().port());
+    printf("ready manager=%u control=%u data=%u front=%u\n", port_of(ports.manager),
+           port_of(ports.control), port_of(ports.data), port_of(ports.front));
     fflush(stdout);
-    log_event("front page: http://%s:%u/", settings.listen.c_str(),
-              ports.front.local_endpoint().port());
+    log_line(EVENT, "front page: http://%s:%u/", settings.listen.c_str(), port_of(ports.front));
     io.run();
-    io.restart();
-    io.run_for(STOP_PATIENCE);
-    if (!io.stopped()) {  // never seen; but asked to end, the relay ends
-        log_problem("connections are left at the end");
-        std::quick_exit(EXIT_SUCCESS);
-    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     options settings;
-    if (const auto status = options_parse(argc, argv, settings)) {
-        return *status;
+    if (!options_parse(argc, argv, settings)) {
+        return EXIT_FAILURE;
     }
     log_set_level(settings.level);
     signal(SIGPIPE, SIG_IGN);

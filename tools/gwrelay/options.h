@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "log.h"
 
@@ -12,7 +13,7 @@
 struct report_times {
     uint32_t t1, t2;
 };
-std::optional<report_times> report_times_parse(const std::string& t1, const std::string& t2);
+std::optional<report_times> report_times_parse(std::string_view t1, std::string_view t2);
 
 struct options {
     std::string listen = "127.0.0.1";
@@ -21,14 +22,14 @@ struct options {
     bool command7 = false;  // order the data connections by command 7, not in the login answer
     bool dead_port_guard = true;
     std::optional<report_times> times;  // sent to every device after its login
-    log_level level = log_level::EVENTS;
+    log_level level = EVENT;
 
     std::chrono::seconds login_timeout{60};     // for a login, and for a user's request head
     std::chrono::seconds silence_timeout{300};  // a device's heartbeats come every minute
     std::chrono::seconds stall_timeout{60};     // a user who takes none of what waits for him
     std::chrono::seconds answer_timeout{120};   // a request that nothing on the device answers
-    std::chrono::seconds linger_timeout{5};     // silence after a user has closed his sending side
+    std::chrono::seconds linger_timeout{5};     // silence that ends what has no end of its own
 };
 
-// Fills `to`. A value: end the program with that exit status; help or the error has been printed.
-std::optional<int> options_parse(int argc, char** argv, options& to);
+// Fills `to`. False: it makes no sense, and the error has been printed. Help ends the program.
+bool options_parse(int argc, char** argv, options& to);

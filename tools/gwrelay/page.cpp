@@ -7,26 +7,26 @@ namespace {
 constexpr char HTML_HEAD[] =
     "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><meta http-equiv=\"refresh\" "
     "content=\"5\"><title>gwrelay</title><style>body{font-family:sans-serif;margin:2em}"
-    "table{border-collapse:collapse;margin-bottom:2em}td,th{border:1px solid #ccc;padding:.3em "
-    ".7em;text-align:left;font-weight:normal}th{background:#f3f3f3}</style></head><body>\n"
-    "<h1>gwrelay</h1>\n";
+    "table{border-collapse:collapse;margin-bottom:1em}td,th{border:1px solid #ccc;padding:.3em "
+    ".7em;text-align:left;font-weight:normal}th{background:#f3f3f3}.down{color:#b00}"
+    "</style></head><body>\n<h1>gwrelay</h1>\n";
 constexpr char HTML_END[] =
-    "<p>A request to a port of a device: /&lt;device id&gt;/&lt;port&gt;/&lt;path&gt;. "
+    "<p>A request to a port of a device: /DEVICE/PORT/PATH. "
     "The same as JSON: <a href=\"/status.json\">/status.json</a>.</p>\n</body></html>\n";
 
-struct device_totals {
-    size_t streams = 0;
-    uint64_t in, out;
-};
-
-device_totals totals_of(const device& box) {
-    device_totals totals{0, box.bytes_in, box.bytes_out};
-    for (const auto& link : box.data) {
-        totals.streams += link->streams.size();
-        totals.in += link->bytes_in;
-        totals.out += link->bytes_out;
+std::string bytes_text(uint64_t bytes) {
+    constexpr uint64_t STEP = 1024;
+    char text[32];
+    if (bytes < STEP) {
+        return std::to_string(bytes) + " B";
     }
-    return totals;
+    auto scaled = static_cast<double>(bytes) / STEP;
+    const char* unit = "KMGTPE";
+    for (; scaled >= STEP; scaled /= STEP) {
+        ++unit;
+    }
+    snprintf(text, sizeof text, "%.1f %ciB", scaled, *unit);
+    return text;
 }
 
 std::string status_word(const device& box) {
@@ -41,67 +41,98 @@ std::string row(std::string_view name, std::string_view html) {
     return std::string("<tr><th>").append(name).append("</th><td>").append(html) + "</td></tr>\n";
 }
 
-std::string device_html(const device& box) {
-    const device_totals totals = totals_of(box);
-    std::string html = "<h2>" + html_escape(box.id) + "</h2>\n<table>\n";
-    html += row("control connection", box.control != nullptr ? "up" : "down");
-    html += row("data connections", std::to_string(box.data.size()) + " up");
-    html += row("open streams", std::to_string(totals.streams));
-    html += row("bytes from the device", std::to_string(totals.in));
-    html += row("bytes to the device", std::to_string(totals.out));
-    html += row("DLNA status", status_word(box));
-    for (const auto& [key, port] : box.ports) {
-        const std::string path = "/" + percent_encode(box.id) + "/" + std::to_string(port) + "/";
-        html += row(html_escape(key), "<a href=\"" + path + "\">" + std::to_string(port) + "</a>");
+std::string cells(const char* kind, std::initializer_list<std::string> texts) {
+    std::string html = "<tr>";
+    for (const std::string& text : texts) {
+        html += std::string("<") + kind + ">" + text + "</" + kind + ">";
     }
-    for (const auto& [key, value] : box.info) {
-        html += row(html_escape(key), html_escape(value));
+    return html + "</tr>\n";
+}
+
+// Its connections, each with its streams below.
+std::string connections_html(const device& box) {
+    std::string html = "<table>\n" + cells("th", {"data connection", "stream", "port", "request",
+                                                  "from the device", "to the device"});
+    for (const auto& link : box.data) {
+        html += cells("td", {link->name.substr(0, link->name.find(' ')),
+                             std::to_string(link->streams.size()) + " open", "",
+                             link->held_back ? "held back by a slow user" : "",
+                             bytes_text(link->bytes_in), bytes_text(link->bytes_out)});
+        for (const auto& [id, user] : link->streams) {
+            html += cells(
+                "td", {"", std::to_string(id), std::to_string(user->port), html_escape(user->what),
+                       bytes_text(user->from_device), bytes_text(user->to_device)});
+        }
     }
     return html + "</table>\n";
 }
 
-std::string streams_json(const data_link& link) {
-    std::string json;
-    for (const auto& [id, user] : link.streams) {
-        json += (json.empty() ? "" : ",") + ("{\"id\":" + std::to_string(id)) +
-                ",\"port\":" + std::to_string(user->port) +
-                ",\"bytes_from_device\":" + std::to_string(user->from_device) +
-                ",\"bytes_to_device\":" + std::to_string(user->to_device) + "}";
+std::string device_html(const device& box) {
+    const std::string path = "/" + percent_encode(box.id) + "/";
+    std::string html = "<h2>" + html_escape(box.id) + "</h2>\n<table>\n";
+    html += row("control connection", box.control != nullptr ? "up" : "<b class=\"down\">down</b>");
+    html += row("DLNA status", status_word(box));
+    for (const auto& [key, port] : box.ports) {
+        const std::string link = path + std::to_string(port) + "/";
+        html += row(html_escape(key), "<a href=\"" + link + "\">" + std::to_string(port) + "</a>");
     }
-    return "[" + json + "]";
+    html += row("the daemon itself", "<a href=\"" + path + "10010/?x-qv-gwad-opt=echo\">echo</a>");
+    for (const auto& [key, value] : box.info) {
+        html += row(html_escape(key), html_escape(value));
+    }
+    return html + "</table>\n" + connections_html(box);
 }
 
-std::string connections_json(const device& box) {
+std::string counts_json(uint64_t in, uint64_t out) {
+    return "\"bytes_from_device\":" + std::to_string(in) +
+           ",\"bytes_to_device\":" + std::to_string(out);
+}
+
+// One after the other, what `element` makes of each.
+template <typename Elements, typename Function>
+std::string joined(const Elements& elements, Function element) {
     std::string json;
-    for (const auto& link : box.data) {
-        json += json.empty() ? "" : ",";
-        json += std::string("{\"held_back\":") + (link->held_back ? "true" : "false") +
-                ",\"bytes_from_device\":" + std::to_string(link->bytes_in) +
-                ",\"bytes_to_device\":" + std::to_string(link->bytes_out) +
-                ",\"streams\":" + streams_json(*link) + "}";
+    for (const auto& each : elements) {
+        json += (json.empty() ? "" : ",") + element(each);
     }
-    return "[" + json + "]";
+    return json;
+}
+
+std::string connection_json(const data_link& link) {
+    const auto stream = [](const auto& entry) {
+        const user_link& user = *entry.second;
+        return "{\"id\":" + std::to_string(entry.first) + ",\"port\":" + std::to_string(user.port) +
+               ",\"request\":" + json_quote(user.what) + "," +
+               counts_json(user.from_device, user.to_device) + "}";
+    };
+    return std::string("{\"held_back\":") + (link.held_back ? "true" : "false") + "," +
+           counts_json(link.bytes_in, link.bytes_out) + ",\"streams\":[" +
+           joined(link.streams, stream) + "]}";
 }
 
 std::string device_json(const device& box) {
-    const device_totals totals = totals_of(box);
-    std::string info, ports;
-    for (const auto& [key, value] : box.info) {
-        info += (info.empty() ? "" : ",") + json_quote(key) + ":" + json_quote(value);
+    size_t streams = 0;
+    uint64_t in = box.bytes_in, out = box.bytes_out;
+    for (const auto& link : box.data) {
+        streams += link->streams.size();
+        in += link->bytes_in;
+        out += link->bytes_out;
     }
-    for (const auto& [key, port] : box.ports) {
-        ports += (ports.empty() ? "" : ",") + json_quote(key) + ":" + std::to_string(port);
-    }
+    const auto text = [](const auto& pair) {
+        return json_quote(pair.first) + ":" + json_quote(pair.second);
+    };
+    const auto port = [](const auto& pair) {
+        return json_quote(pair.first) + ":" + std::to_string(pair.second);
+    };
+    const auto link = [](const auto& each) { return connection_json(*each); };
     return "{\"id\":" + json_quote(box.id) +
            ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
-           ",\"control\":" + (box.control != nullptr ? "true" : "false") + ",\"info\":{" + info +
-           "},\"ports\":{" + ports +
+           ",\"control\":" + (box.control != nullptr ? "true" : "false") + ",\"info\":{" +
+           joined(box.info, text) + "},\"ports\":{" + joined(box.ports, port) +
            "},\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
            ",\"data_connections\":" + std::to_string(box.data.size()) +
-           ",\"open_streams\":" + std::to_string(totals.streams) +
-           ",\"bytes_from_device\":" + std::to_string(totals.in) +
-           ",\"bytes_to_device\":" + std::to_string(totals.out) +
-           ",\"connections\":" + connections_json(box) + "}";
+           ",\"open_streams\":" + std::to_string(streams) + "," + counts_json(in, out) +
+           ",\"connections\":[" + joined(box.data, link) + "]}";
 }
 
 }  // namespace
@@ -118,9 +149,6 @@ std::string page_html(const relay& hub) {
 }
 
 std::string page_json(const relay& hub) {
-    std::string json;
-    for (const auto& [id, box] : hub.devices) {
-        json += (json.empty() ? "" : ",") + device_json(*box);
-    }
-    return "{\"devices\":[" + json + "]}\n";
+    const auto box = [](const auto& entry) { return device_json(*entry.second); };
+    return "{\"devices\":[" + joined(hub.devices, box) + "]}\n";
 }

@@ -17,37 +17,31 @@ struct data_link;
 struct control_link : connection {
     using connection::connection;
     std::shared_ptr<device> owner;  // null until the login
+    void ended() override;
 };
 
 struct user_link : connection {
+    using connection::connection;
     std::shared_ptr<device> owner;     // set with the stream, stays for the log
     std::shared_ptr<data_link> route;  // carries the stream; null before it opens and once it ended
-    uint32_t stream_id = 0;
+    uint32_t stream_id = 0;            // 0 while there is no stream
     uint16_t port = 0;
-    response_tracker response;
-    uint64_t request_left = 0;  // bytes of the request's body that have not come yet
+    std::string what;  // method and path, safe to log
+    http_tracker request{http_tracker::kind::REQUEST}, response{http_tracker::kind::RESPONSE};
     uint64_t to_device = 0, from_device = 0;
     bool user_ended = false;                        // he sends no more; he may still read
     steady::time_point last_moved = steady::now();  // a byte, in either direction
-    event changed;                                  // something that may end the stream
-
-    explicit user_link(tcp::socket accepted)
-        : connection(std::move(accepted)), changed(socket.get_executor()) {}
-    void tick(steady::time_point now) override;
-    void close() override;
+    void ended() override;
 };
 
 struct data_link : connection {
     using connection::connection;
     std::shared_ptr<device> owner;  // null until the login
-    uint32_t order = 0;             // the control login that it answers
     bool held_back = false;         // not read at present: one of its users takes too little
+    steady::time_point last_nudge = steady::now();
     std::unordered_map<uint32_t, std::shared_ptr<user_link>> streams;
     uint64_t bytes_in = 0, bytes_out = 0;  // stream payload
-
-    void tick(steady::time_point now) override;
-    // With a reset: a device takes a plain end of a data connection for a pause.
-    void close() override;
+    void ended() override;
 };
 
 struct device {
@@ -56,7 +50,6 @@ struct device {
     text_pairs info;
     std::shared_ptr<control_link> control;  // null while the device is away
     std::vector<std::shared_ptr<data_link>> data;
-    uint32_t orders = 0;  // control logins so far
     uint32_t last_stream_id = 0;
     std::optional<uint32_t> dlna_status;
     std::map<std::string, uint16_t> ports;  // as announced; kept while the device is away
@@ -75,10 +68,6 @@ struct relay {
     std::string order_text;                              // the order by command 7
 };
 
-constexpr size_t DEVICE_ID_MAX = 47;
-
-// The payload of a login: its pairs when they name a usable device id.
-std::optional<text_pairs> device_info_parse(std::string_view json);
 // The device of that id, made when it is new. Devices that are away stay known, up to a limit.
 std::shared_ptr<device> device_get(relay& hub, const std::string& id);
 // A stream id that none of the device's open streams has; never 0.
@@ -87,4 +76,4 @@ uint32_t device_new_stream_id(device& owner);
 std::shared_ptr<data_link> device_pick_data(const device& owner);
 
 // Sends the reporting times; false when the device has no control connection.
-bool device_send_times(device& owner, report_times times);
+bool device_send_times(const device& owner, report_times times);
