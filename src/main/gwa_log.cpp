@@ -73,27 +73,50 @@ static bool log_ready() {
     return !log_stuck;
 }
 
-int gwa_log_write(const char* format, ...) {
+static void stamp_write() {
     char stamp[STAMP_SIZE] = {};
     const time_t now = time(nullptr);
     tm local{};
     localtime_r(&now, &local);
     strftime(stamp, sizeof stamp, "<%Y-%m-%d %H:%M:%S> ", &local);
+    fputs(stamp, log_stream);
+}
 
+// Writes what follows stamp and place, which may have taken the last room. The lock is held.
+static void text_write(const char* format, va_list arguments) {
+    fflush(log_stream);
+    if (log_ready()) {
+        vfprintf(log_stream, format, arguments);
+        fflush(log_stream);  // at once, so that the line survives a kill
+    }
+}
+
+int gwa_log_write(const char* format, ...) {
     pthread_mutex_lock(&log_lock);
     if (log_stream != nullptr && log_ready()) {
-        fputs(stamp, log_stream);
-        fflush(log_stream);
-        if (log_ready()) {  // the stamp may have taken the last room
-            va_list arguments;
-            va_start(arguments, format);
-            vfprintf(log_stream, format, arguments);
-            va_end(arguments);
-            fflush(log_stream);  // at once, so that the line survives a kill
-        }
+        stamp_write();
+        va_list arguments;
+        va_start(arguments, format);
+        text_write(format, arguments);
+        va_end(arguments);
     }
     pthread_mutex_unlock(&log_lock);
     return 0;
+}
+
+void gwa_log_from(const char* file, int line_and_level, const char* function, const char* format,
+                  ...) {
+    pthread_mutex_lock(&log_lock);
+    if (log_stream != nullptr && log_ready()) {
+        stamp_write();
+        fprintf(log_stream, "[gwad] %s %d %s() <%d> ", file, line_and_level / GWA_LOG_LEVELS,
+                function, line_and_level % GWA_LOG_LEVELS);
+        va_list arguments;
+        va_start(arguments, format);
+        text_write(format, arguments);
+        va_end(arguments);
+    }
+    pthread_mutex_unlock(&log_lock);
 }
 
 void gwa_log_close() {

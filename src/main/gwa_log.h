@@ -11,7 +11,7 @@
 #include <atomic>
 #include <cstdint>
 
-// Levels, most severe first. They are bare digits because each one is part of its line's text.
+// Levels, most severe first.
 #define GWA_LEVEL_FATAL 0     // fatal, or a step in the life of the process
 #define GWA_LEVEL_PROGRESS 1  // connection progress
 #define GWA_LEVEL_RESULT 2    // important results
@@ -21,9 +21,7 @@
 #define GWA_LEVEL_INFO 6      // settings, sizes
 #define GWA_LEVEL_DEBUG 7     // traces
 
-#define GWA_STRING_OF(text) #text
-#define GWA_STRING(text) GWA_STRING_OF(text)
-
+constexpr int GWA_LOG_LEVELS = 8;
 constexpr int GWA_LOG_OFF = -1;  // as a level: writes nothing
 
 // Whether anything is written, and up to which level. Relaxed: each stands alone, and a line more
@@ -44,12 +42,12 @@ inline bool gwa_log_enabled(int level) {
     GWA_LOG_FROM(level, __FILE_NAME__, __LINE__, __func__, text __VA_OPT__(, ) __VA_ARGS__)
 
 // The same on behalf of a caller, for helpers that report where they were called from.
-#define GWA_LOG_FROM(level, file, line, function, text, ...)                                   \
-    do {                                                                                       \
-        if (gwa_log_enabled(GWA_LEVEL_##level)) {                                              \
-            gwa_log_write("[gwad] %s %d %s() <" GWA_STRING(GWA_LEVEL_##level) "> " text, file, \
-                          line, function __VA_OPT__(, ) __VA_ARGS__);                          \
-        }                                                                                      \
+#define GWA_LOG_FROM(level, file, line, function, text, ...)                        \
+    do {                                                                            \
+        if (gwa_log_enabled(GWA_LEVEL_##level)) {                                   \
+            gwa_log_from(file, (line)*GWA_LOG_LEVELS + GWA_LEVEL_##level, function, \
+                         text __VA_OPT__(, ) __VA_ARGS__);                          \
+        }                                                                           \
     } while (0)
 
 // Chooses the stream. No path: standard error, or "/tmp/gwad.log" in background mode; otherwise the
@@ -60,8 +58,13 @@ int gwa_log_init(const char* path, bool background);
 int gwa_log_level_set(int level);
 // Stores the level, or -1 while logging is off. -1: `out` is null.
 int gwa_log_level_get(int* out);
-// Writes the time stamp and one formatted line and flushes. Always 0. Use GWA_LOG instead.
+// Writes the time stamp and one formatted line and flushes. Always 0.
 int gwa_log_write(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// The same with the place in front of the line, "[gwad] file line function() <level> ". One number
+// for line and level, and no such text in every format: with hundreds of calls that is what keeps
+// the program small. Use GWA_LOG instead.
+void gwa_log_from(const char* file, int line_and_level, const char* function, const char* format,
+                  ...) __attribute__((format(printf, 4, 5)));
 // Closes the stream, standard error included, unless it is standard output. Later lines are
 // dropped.
 void gwa_log_close();

@@ -1,0 +1,12 @@
+// What std::string_view calls when a position is beyond the end, which is a mistake of ours: the
+// position is checked before wherever it comes from outside. libstdc++'s own function throws, and for
+// that alone the box would have to carry the whole library.
+
+#include "main/gwa_process.h"
+
+namespace std {
+[[noreturn]] void __throw_out_of_range_fmt(const char* format, ...);
+void __throw_out_of_range_fmt(const char*, ...) {
+    gwa_process_abort(__FILE_NAME__, __LINE__, __func__);
+}
+}  // namespace std
