@@ -245,7 +245,7 @@ TEST(GwrelayFrames, BadOnesCloseTheirConnectionAndNothingElse) {
         {false, login(2, info("box")) + frame(1, 1, 0, 0, "no stream")},
         {false, login(2, info("box")) + "\1\20\0\1\0\0\0\0\0\0\0\1\0\0\x1f\xf1"s},
         {true, login(3, info("box")) + frame(1, 1, 0, 1, "data")},
-        {true, login(3, info("box")) + frame(1, 12, 1, 0, "{\"http_port\":70000}")},
+        {true, login(3, info("box")) + frame(1, 12, 1, 0, "{\"http_port\":8080")},
     };
     for (const auto& [control, bytes] : cases) {
         const unique_fd fd = loopback_connect(control ? hub.control : hub.data);
@@ -499,7 +499,8 @@ TEST(GwrelayPage, ShowsWhatADeviceReports) {
     const unique_fd data = data_login(hub, "<b\xff>");
     write_all(control.get(), frame(1, 9, 1, 0, be32(0x102)));
     write_all(control.get(), frame(1, 12, 1, 0, R"({"http_port":8080})"));
-    ASSERT_TRUE(still_echoes(control));  // so both reports have been taken
+    write_all(control.get(), frame(1, 12, 1, 0, R"({"ubq_port":70000})"));  // not kept
+    ASSERT_TRUE(still_echoes(control));  // so the reports have been taken
     const unique_fd user = user_sends(hub, "GET /%3Cb%ff%3E/8080/ HTTP/1.1\r\n\r\n");
     ASSERT_FALSE(read_frame(data).empty());
     write_all(data.get(), frame(1, 1, 0, 1, "12345"));

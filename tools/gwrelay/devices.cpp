@@ -88,13 +88,16 @@ std::string session_id_make() {
     return id;
 }
 
-// The announced ports: {"http_port":8080} and the like.
+// The announced ports: {"http_port":8080} and the like. A device passes on what its services say,
+// so what is no port says nothing against the device and is only not kept.
 bool control_take_ports(device& owner, std::string_view json) {
     const auto pairs = json_flat_object(json);
     for (const auto& [key, value] : pairs.value_or(text_pairs{})) {
         const auto port = number_parse<uint16_t>(value);
         if (!port || (!owner.ports.contains(key) && owner.ports.size() == PORTS_MAX)) {
-            return false;
+            log_line(EVENT, "device %s: no port, or one too many: %s", owner.name.c_str(),
+                     log_text(json).c_str());
+            continue;
         }
         owner.ports[key] = *port;
         log_line(EVENT, "device %s: %s is %u", owner.name.c_str(), log_text(key).c_str(), *port);
