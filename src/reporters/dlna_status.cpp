@@ -23,8 +23,9 @@ namespace {
 
 constexpr int BACKLOG = 10;
 constexpr int UNLINK_ATTEMPTS = 3;
-// After as many the main thread has other things to do.
-constexpr int ACCEPTS_PER_EVENT = 64;
+// After as many the main thread has other things to do. No more accepts than there is room for, so
+// that each client is listened to once before it may have to give way.
+constexpr int ACCEPTS_PER_EVENT = DLNA_CLIENTS_MAX;
 constexpr int WORDS_PER_EVENT = 64;
 constexpr uint32_t NO_WORD = UINT32_MAX;
 constexpr int T1_PAUSE_US = 200000;
@@ -76,6 +77,14 @@ static void record_reset() {
     }
 }
 
+// A path that is too long is cut, and then the cut one is the socket's file everywhere.
+static sockaddr_un socket_address() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    text_copy(address.sun_path, gwa_process_paths.dlna_socket);
+    return address;
+}
+
 // Removes a socket file that an earlier process left. True: there is none any more.
 static bool stale_file_remove(const char* path) {
     for (int attempt = 0; attempt < UNLINK_ATTEMPTS; attempt++) {
@@ -96,8 +105,8 @@ static bool stale_file_remove(const char* path) {
 
 int dlna_status_init() {
     record_reset();
-    const char* const path = gwa_process_paths.dlna_socket;
-    if (!stale_file_remove(path)) {
+    const sockaddr_un address = socket_address();
+    if (!stale_file_remove(address.sun_path)) {
         return -1;
     }
     scoped_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -105,9 +114,6 @@ int dlna_status_init() {
         GWA_LOG(ERROR, "socket failed, %s", strerror(errno));
         return -1;
     }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    text_copy(address.sun_path, path);
     GWA_LOG(INFO, "sun path = %s", address.sun_path);
     if (bind(fd.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
         GWA_LOG(ERROR, "bind failed, %s", strerror(errno));
@@ -126,7 +132,7 @@ int dlna_status_init() {
 int dlna_status_exit() {
     listen_socket_close();
     dlna_status_timers_stop();
-    return unlink(gwa_process_paths.dlna_socket);
+    return unlink(socket_address().sun_path);
 }
 
 // Descriptors travel as the argument itself.
@@ -225,8 +231,8 @@ static client_read client_words_read(dlna_client* client, uint32_t* word) {
     return client_read::MORE;
 }
 
-static int report_timer_start(void (*callback)(void*), uint32_t interval, uint32_t mode,
-                              gwa_timer** timer) {
+static int report_timer_make(void (*callback)(void*), uint32_t interval, uint32_t mode,
+                             gwa_timer** timer) {
     if (gwa_timer_init(callback, nullptr, interval, mode, nullptr, timer) != 0) {
         GWA_LOG(ERROR, "init timer failed");
         return -1;
@@ -260,8 +266,8 @@ static void dlna_status_timer_t1_start() {
     GWA_LOG(DEBUG, "now t1 is stopped");
     timer_end(&dlna_status.t1_timer);
     GWA_LOG(INFO, "create a t1 timer");
-    if (report_timer_start(dlna_status_timer_t1_handle, dlna_status.t1, GWA_TIMER_ONCE,
-                           &dlna_status.t1_timer) != 0) {
+    if (report_timer_make(dlna_status_timer_t1_handle, dlna_status.t1, GWA_TIMER_ONCE,
+                          &dlna_status.t1_timer) != 0) {
         return;
     }
     GWA_LOG(INFO, "start a t1 timer");
@@ -280,8 +286,8 @@ static int dlna_status_timer_t2_start() {
         dlna_status.t2_active = 0;
     }
     GWA_LOG(INFO, "create a t2 timer");
-    if (report_timer_start(dlna_status_timer_t2_handle, dlna_status.t2, GWA_TIMER_PERIODIC,
-                           &dlna_status.t2_timer) != 0) {
+    if (report_timer_make(dlna_status_timer_t2_handle, dlna_status.t2, GWA_TIMER_PERIODIC,
+                          &dlna_status.t2_timer) != 0) {
         return -1;
     }
     GWA_LOG(INFO, "start a t2 timer");

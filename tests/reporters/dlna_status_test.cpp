@@ -223,4 +223,12 @@ TEST_F(DlnaStatus, APassThatBeginsAnewKnowsNothingOfTheOldOne) {
     EXPECT_EQ(clients(), 1);
 }
 
+TEST_F(DlnaStatus, APathThatIsTooLongStillComesUpAgainAfterAKill) {
+    poll_exit(&poller);
+    poll_init(&poller);
+    text_copy(gwa_process_paths.dlna_socket, home.path + "/" + std::string(100, 's'));
+    EXPECT_NE(dlna_status_init(), -1);
+    EXPECT_NE(dlna_status_init(), -1) << "in place of the file that is left";
+}
+
 }  // namespace
