@@ -204,12 +204,16 @@ TEST(GwrelayControl, AnswersHeartbeatsAndHandsOutASessionId) {
     EXPECT_TRUE(still_echoes(fd));
 }
 
-TEST(GwrelayControl, ANewLoginReplacesTheOldOne) {
+TEST(GwrelayControl, ANewLoginEndsWhatTheDeviceHadBefore) {
     relay hub;
-    const unique_fd old_one = control_login(hub, "box");
-    const unique_fd new_one = control_login(hub, "box");
-    EXPECT_TRUE(closed_by_peer(old_one.get()));
-    EXPECT_TRUE(still_echoes(new_one));
+    const unique_fd old_control = control_login(hub, "box"), old_data = data_login(hub, "box");
+    const unique_fd other_data = data_login(hub, "other");
+    const unique_fd control = control_login(hub, "box"), data = data_login(hub, "box");
+    EXPECT_TRUE(closed_by_peer(old_control.get()));
+    EXPECT_TRUE(closed_by_peer(old_data.get()));
+    for (const unique_fd* fd : {&control, &data, &other_data}) {
+        EXPECT_TRUE(still_echoes(*fd));
+    }
 }
 
 TEST(GwrelayFrames, BadOnesCloseTheirConnectionAndNothingElse) {
@@ -305,6 +309,9 @@ TEST(GwrelayStream, EndsWhereTheResponseEnds) {
         {"GET", {"HTTP/1.1 100 Continue\r\n\r\n" + ok + "Content-Length: 1\r\n\r\nx"}},
         {"HEAD", {ok + "Content-Length: 5\r\n\r\n"}},
         {"GET", {ok + "Transfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r", "\n\r\n"}},
+        {"GET",
+         {ok + "transfer-encoding: Chunked\r\n\r\n1", "0;a\r\n0123\r\n0\r\n\r\n4567\r",
+          "\nA\r\n0123456789\r\n0\r\nTrailer: ", "0\r\n\r", "\n"}},
     };
     relay hub(NO_GUARD);
     const unique_fd data = data_login(hub, "box");
@@ -344,6 +351,48 @@ TEST(GwrelayStream, MendsTheHeadOfADiagnostic) {
     const std::string bad = "HTTP/1.1 200" + be32(8177);
     write_all(data.get(), frame(1, 1, 0, ++stream, "") + bad);
     EXPECT_EQ(read_to_end(data.get()), "");
+}
+
+TEST(GwrelayStream, LastsUntilTheRequestIsWholeToo) {
+    relay hub(NO_GUARD);
+    const unique_fd data = data_login(hub, "box");
+    const std::string head = "POST /box/80/ HTTP/1.1\r\nContent-Length: 4\r\n\r\n";
+    const unique_fd user = user_sends(hub, head);
+    read_frame(data);
+    write_all(data.get(), frame(1, 1, 0, 1, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx"));
+    EXPECT_TRUE(read_until(user.get(), "\r\n\r\nx").ends_with("x"));
+    write_all(user.get(), "body");
+    EXPECT_EQ(read_frame(data), frame(1, 1, 0, 1, "body"));
+    EXPECT_EQ(read_frame(data), frame(1, 4, 1, 1, ""));
+}
+
+TEST(GwrelayStream, SilenceEndsAResponseWithoutAnEndButNotATunnel) {
+    relay hub({"--no-dead-port-guard", "--linger-timeout=1"});
+    const unique_fd data = data_login(hub, "box");
+    const unique_fd tunnel = user_sends(hub, GET_BOX), endless = user_sends(hub, GET_BOX);
+    read_frame(data);
+    read_frame(data);
+    write_all(data.get(), frame(1, 1, 0, 1, "HTTP/1.1 101 Switching\r\n\r\n") +
+                              frame(1, 1, 0, 2, "HTTP/1.0 200 OK\r\n\r\nsome"));
+    EXPECT_EQ(read_to_end(endless.get()), "HTTP/1.0 200 OK\r\n\r\nsome");
+    EXPECT_EQ(read_frame(data), frame(1, 4, 1, 2, ""));
+    write_all(tunnel.get(), "more");
+    EXPECT_EQ(read_frame(data), frame(1, 1, 0, 1, "more"));
+}
+
+TEST(GwrelayStream, IsForgottenWhenItIsIdleForLong) {
+    relay hub({"--no-dead-port-guard", "--silence-timeout=1"});
+    const unique_fd data = data_login(hub, "box");
+    const unique_fd user = user_sends(hub, GET_BOX);
+    read_frame(data);
+    write_all(data.get(), frame(1, 1, 0, 1, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n"));
+    read_until(user.get(), "\r\n\r\n");
+    int beats = 0;
+    while (!closed_by_peer(user.get(), A_MOMENT) && ++beats < 20) {
+        write_all(data.get(), frame(2, 2, 1, 0, "beat"));  // the connection itself is not silent
+    }
+    EXPECT_EQ(read_frame(data), frame(2, 2, 1, 0, "beat"));
+    EXPECT_LT(beats, 20);
 }
 
 TEST(GwrelayStream, AHalfClosedUserGetsHisResponseAndSilenceEndsIt) {
@@ -414,7 +463,7 @@ TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
 }
 
 TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
-    relay hub({"--no-dead-port-guard", "--stall-timeout=2"});
+    relay hub({"--no-dead-port-guard", "--stall-timeout=2", "--silence-timeout=5"});
     const unique_fd slow = data_login(hub, "box");
     const unique_fd quick = data_login(hub, "box");
     const unique_fd reader = user_sends(hub, GET_BOX, SMALL_BUFFER);
@@ -432,10 +481,29 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
         write_all(quick.get(), frame(1, 1, 0, stream, "answer"));
         EXPECT_EQ(read_exact(others.back().get(), 6), "answer");
     }
-    // Taking nothing at all costs him the stream: then the connection is read again.
-    EXPECT_EQ(read_frame(slow), frame(1, 4, 1, 1, ""));
+    // The device hears from the relay all the while. Taking nothing at all costs the reader his
+    // stream: then the connection is read again.
+    EXPECT_EQ(read_frame(slow), frame(1, 5, 1, 0, ""));
+    read_until(slow.get(), frame(1, 4, 1, 1, ""));
     EXPECT_TRUE(write_all(slow.get(), std::string_view(flood).substr(sent)));
-    EXPECT_TRUE(still_echoes(slow));
+    write_all(slow.get(), frame(2, 2, 1, 0, "beat"));
+    EXPECT_TRUE(read_until(slow.get(), "beat").ends_with("beat"));
+}
+
+TEST(GwrelayStream, AReaderWhoTakesLittleAtATimeIsNotDropped) {
+    relay hub({"--no-dead-port-guard", "--stall-timeout=1"});
+    const unique_fd data = data_login(hub, "box");
+    const unique_fd reader = user_sends(hub, GET_BOX, SMALL_BUFFER);
+    read_frame(data);
+    std::string flood;
+    while (flood.size() < MANY_BYTES) {
+        flood += frame(1, 1, 0, 1, std::string(8176, 'x'));
+    }
+    ASSERT_LT(write_until_held_back(data, flood), flood.size());
+    for (test_duration time{}; time < 3 * test_duration{1000}; time += A_MOMENT) {
+        read_exact(reader.get(), SMALL_BUFFER);
+        EXPECT_TRUE(stays_silent(data.get(), A_MOMENT)) << "closed after " << time.count();
+    }
 }
 
 TEST(GwrelayStream, StreamsAreSpreadAndDieWithTheirConnection) {

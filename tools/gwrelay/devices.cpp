@@ -10,7 +10,7 @@ constexpr size_t CONTROL_INPUT = 2 * FRAME_MAX, DATA_INPUT = 256 * 1024;
 constexpr uint8_t CONTROL_LOGIN_VERSION = 3, DATA_LOGIN_VERSION = 2;
 constexpr size_t DEVICE_ID_MAX = 47;
 constexpr size_t PORTS_MAX = 16;
-constexpr int SESSION_ID_WORDS = 4;  // of eight hex digits: 32 bytes of text
+constexpr size_t SESSION_ID_SIZE = 32;
 constexpr size_t WORD = 4;
 constexpr int NUDGES_IN_SILENCE = 5;
 
@@ -24,12 +24,12 @@ std::string frame_text(const frame& got) {
 std::shared_ptr<device> login(relay& hub, connection& link, const frame& got, uint8_t version) {
     const bool fits = got.code == command::DEVICE_INFO && got.version == version;
     auto info = fits ? json_flat_object(got.payload) : std::nullopt;
-    const std::string* id = info ? pairs_find(*info, "deviceid") : nullptr;
-    if (id == nullptr || id->empty() || id->size() > DEVICE_ID_MAX) {
+    const std::string id = info ? (*info)["deviceid"] : "";
+    if (id.empty() || id.size() > DEVICE_ID_MAX) {
         link.refuse("not a login: " + frame_text(got));
         return nullptr;
     }
-    auto owner = device_get(hub, *id);
+    auto owner = device_get(hub, id);
     owner->info = std::move(*info);
     link.patience = hub.settings.silence_timeout;
     return owner;
@@ -77,17 +77,6 @@ void control_login(relay& hub, const std::shared_ptr<control_link>& link, const 
     }
 }
 
-std::string session_id_make() {
-    std::random_device random;
-    std::string id;
-    for (int i = 0; i < SESSION_ID_WORDS; ++i) {
-        char word[9];
-        snprintf(word, sizeof word, "%08x", static_cast<uint32_t>(random()));
-        id += word;
-    }
-    return id;
-}
-
 // The announced ports: {"http_port":8080} and the like. A device passes on what its services say,
 // so what is no port says nothing against the device and is only not kept.
 bool control_take_ports(device& owner, std::string_view json) {
@@ -109,9 +98,11 @@ bool control_take_ports(device& owner, std::string_view json) {
 bool control_take(control_link& link, const frame& got) {
     device& owner = *link.owner;
     if (got.code == command::SESSION_ID && got.payload.empty()) {
-        const std::string id = session_id_make();
+        std::random_device random;
+        char id[SESSION_ID_SIZE + 1];
+        snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
         link.send_frame({.code = command::SESSION_ID, .payload = id});
-        log_line(EVENT, "device %s: session id %s", owner.name.c_str(), id.c_str());
+        log_line(EVENT, "device %s: session id %s", owner.name.c_str(), id);
         return true;
     }
     if (got.code == command::STATUS && got.payload.size() == WORD) {
@@ -140,7 +131,7 @@ void data_login(relay& hub, const std::shared_ptr<data_link>& link, const frame&
 // users read slowly its heartbeats wait behind their data, so it gets what it skips instead.
 void data_nudge(const relay& hub, data_link& link) {
     const auto now = steady::now();
-    if (now - link.last_nudge >= hub.settings.silence_timeout / NUDGES_IN_SILENCE) {
+    if ((now - link.last_nudge) * NUDGES_IN_SILENCE >= hub.settings.silence_timeout) {
         link.last_nudge = now;
         link.send_frame({.code = command::LOGIN_ANSWER});
     }

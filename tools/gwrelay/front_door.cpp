@@ -33,7 +33,7 @@ path_parts path_split(std::string_view path) {
 // A page of the box may link to "/style.css", which names neither device nor port. The page that
 // asks does: it is in the Referer. Empty when that does not help.
 std::string redirect_by_referer(const relay& hub, const http_request& request) {
-    const std::string_view referer = http_header(request.headers, "Referer");
+    const std::string_view referer = http_header(request.headers, "referer");
     const size_t host = referer.find("://");
     const size_t slash = host == referer.npos ? host : referer.find('/', host + 3);
     const path_parts from = path_split(slash == referer.npos ? "/" : referer.substr(slash));
@@ -67,8 +67,8 @@ std::string head_for_device(const http_request& request, std::string_view target
     const bool keeps = request.upgrades();
     for (std::string_view rest = request.headers; !rest.empty();) {
         const std::string_view line = http_line_take(rest);
-        const std::string_view name = line.substr(0, line.find(':'));
-        if (keeps || (!equal_no_case(name, "Connection") && !equal_no_case(name, "Keep-Alive"))) {
+        const std::string name = lower_case(line.substr(0, line.find(':')));
+        if (keeps || (name != "connection" && name != "keep-alive")) {
             head.append(line).append("\r\n");
         }
     }

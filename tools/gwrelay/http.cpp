@@ -26,15 +26,6 @@ const char* reason_of(int code) {
     return "Error";
 }
 
-bool contains_no_case(std::string_view text, std::string_view word) {
-    for (size_t at = 0; at + word.size() <= text.size(); ++at) {
-        if (equal_no_case(text.substr(at, word.size()), word)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 }  // namespace
 
 std::string_view http_line_take(std::string_view& rest) {
@@ -48,7 +39,7 @@ std::string_view http_header(std::string_view lines, std::string_view name) {
     while (!lines.empty()) {
         const std::string_view line = http_line_take(lines);
         const size_t colon = std::min(line.find(':'), line.size());
-        if (equal_no_case(line.substr(0, colon), name)) {
+        if (lower_case(line.substr(0, colon)) == name) {
             const size_t from = std::min(line.find_first_not_of(" \t", colon + 1), line.size());
             return line.substr(from, line.find_last_not_of(" \t") + 1 - from);
         }
@@ -57,8 +48,8 @@ std::string_view http_header(std::string_view lines, std::string_view name) {
 }
 
 bool http_request::upgrades() const {
-    return !http_header(headers, "Upgrade").empty() &&
-           contains_no_case(http_header(headers, "Connection"), "upgrade");
+    return !http_header(headers, "upgrade").empty() &&
+           lower_case(http_header(headers, "connection")).find("upgrade") != std::string::npos;
 }
 
 std::optional<http_request> http_request_parse(std::string_view head) {
@@ -186,10 +177,11 @@ http_tracker::phase http_tracker::after_head() {
             return phase::COMPLETE;
         }
     }
-    if (contains_no_case(http_header(text, "Transfer-Encoding"), "chunked")) {
+    const std::string encoding = lower_case(http_header(text, "transfer-encoding"));
+    if (encoding.find("chunked") != std::string::npos) {
         return phase::CHUNK_SIZE;
     }
-    const auto length = number_parse<uint64_t>(http_header(text, "Content-Length"));
+    const auto length = number_parse<uint64_t>(http_header(text, "content-length"));
     left = length.value_or(0);
     return left > 0 ? phase::BODY : length || request ? phase::COMPLETE : phase::ENDLESS;
 }

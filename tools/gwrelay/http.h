@@ -18,7 +18,7 @@ struct http_request {  // borrows from the head that was parsed
 std::optional<http_request> http_request_parse(std::string_view head);
 // Takes the next line off the front of `rest`, without its end.
 std::string_view http_line_take(std::string_view& rest);
-// A line's value when it is the header of that name, or the first such line's; otherwise nothing.
+// The value of the first header line of that name, which is given in lower case; or nothing.
 std::string_view http_header(std::string_view lines, std::string_view name);
 
 // The value of a query's parameter, decoded. When `rest` is given, the query goes there without

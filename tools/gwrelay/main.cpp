@@ -11,7 +11,6 @@ namespace {
 
 constexpr std::chrono::seconds TICK{1};
 constexpr std::chrono::milliseconds ACCEPT_PAUSE{200};
-constexpr int PAIRS = 5;
 
 struct listeners {
     tcp::acceptor manager, control, data, front;
@@ -29,30 +28,22 @@ tcp::acceptor listen_on(asio::io_context& io, const std::string& address, uint16
     }
 }
 
-// A device does not parse JSON: it searches the key, skips it and the one byte behind, and takes
-// the text between the next two double quotes. So keys that mean the same value can share it, which
-// is how ten pairs fit into a command 7.
-std::string order_text_for(const std::string& host, const std::string& port) {
-    return "host1host2host3host4host5 \"" + host + "\" port1port2port3port4port5 \"" + port + "\"";
-}
-
-std::string order_json_for(const std::string& host, const std::string& port) {
-    std::string json;
-    for (int i = 1; i <= PAIRS; ++i) {
-        const std::string number = std::to_string(i);
-        json += (json.empty() ? "" : ",") + ("\"host" + number) + "\":\"" + host + "\",\"port" +
-                number + "\":\"" + port + "\"";
-    }
-    return "{" + json + "}";
-}
-
 void announce(relay& hub, const listeners& ports) {
     const std::string& host = hub.settings.announce;
-    const std::string data_port = std::to_string(port_of(ports.data));
-    const std::string control_port = std::to_string(port_of(ports.control));
-    hub.manager_body = "{\"ret\":0,\"proxy\":\"" + host + ":" + control_port + "\"}";
-    hub.order_json = order_json_for(host, data_port);
-    hub.order_text = order_text_for(host, data_port);
+    const std::string port = std::to_string(port_of(ports.data));
+    hub.manager_body =
+        "{\"ret\":0,\"proxy\":\"" + host + ":" + std::to_string(port_of(ports.control)) + "\"}";
+    for (const char number : {'1', '2', '3', '4', '5'}) {
+        hub.order_json += hub.order_json.empty() ? "{" : ",";
+        hub.order_json += std::string("\"host") + number + "\":\"" + host + "\",\"port" + number +
+                          "\":\"" + port + "\"";
+    }
+    hub.order_json += "}";
+    // A device does not parse JSON: it searches the key, skips it and the one byte behind, and
+    // takes the text between the next two double quotes. So keys that mean the same value can share
+    // it, which is how ten pairs fit into a command 7.
+    hub.order_text =
+        "host1host2host3host4host5 \"" + host + "\" port1port2port3port4port5 \"" + port + "\"";
 }
 
 // Accepts for ever; `serve` is a connection's story. Out of descriptors, it waits instead of

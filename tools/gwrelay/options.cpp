@@ -21,9 +21,9 @@ struct option_spec {
     bool (*set)(options& to, const char* value);  // false: the value is no good
 };
 
-template <auto Member>
-bool set_flag(options& to, const char*) {
-    to.*Member = !(to.*Member);
+template <auto Member, auto Value>
+bool set_fixed(options& to, const char*) {
+    to.*Member = Value;
     return true;
 }
 
@@ -55,16 +55,6 @@ bool set_times(options& to, const char* value) {
     return to.times.has_value();
 }
 
-bool set_quiet(options& to, const char*) {
-    to.level = PROBLEM;
-    return true;
-}
-
-bool set_verbose(options& to, const char*) {
-    to.level = FRAME;
-    return true;
-}
-
 bool show_help(options& to, const char*);
 
 constexpr option_spec OPTIONS[] = {
@@ -78,11 +68,11 @@ constexpr option_spec OPTIONS[] = {
     {"data-port", "PORT", "data connections (9997)", set_port<&options::data_port>},
     {"front-port", "PORT", "front door (8080)", set_port<&options::front_port>},
     {"command7", nullptr, "order data connections by command 7, not in the login answer",
-     set_flag<&options::command7>},
+     set_fixed<&options::command7, true>},
     {"report-times", "T1,T2", "send these reporting times (s) to every device after its login",
      set_times},
     {"no-dead-port-guard", nullptr, "let a device whose port is dead throw away live frames",
-     set_flag<&options::dead_port_guard>},
+     set_fixed<&options::dead_port_guard, false>},
     {"login-timeout", "S", "for a device's login and a user's request head (60)",
      set_timeout<&options::login_timeout>},
     {"silence-timeout", "S", "ends a device that sends nothing, and an idle stream (300)",
@@ -93,8 +83,8 @@ constexpr option_spec OPTIONS[] = {
      set_timeout<&options::answer_timeout>},
     {"linger-timeout", "S", "silence that ends a response of no known length (5)",
      set_timeout<&options::linger_timeout>},
-    {"quiet", nullptr, "log problems only (-q)", set_quiet},
-    {"verbose", nullptr, "log every frame header as well (-v)", set_verbose},
+    {"quiet", nullptr, "log problems only (-q)", set_fixed<&options::level, PROBLEM>},
+    {"verbose", nullptr, "log every frame header as well (-v)", set_fixed<&options::level, FRAME>},
     {"help", nullptr, "show this text (-h)", show_help},
 };
 

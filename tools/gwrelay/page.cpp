@@ -29,14 +29,6 @@ std::string bytes_text(uint64_t bytes) {
     return text;
 }
 
-std::string status_word(const device& box) {
-    char word[16] = "none yet";
-    if (box.dlna_status) {
-        snprintf(word, sizeof word, "0x%x", *box.dlna_status);
-    }
-    return word;
-}
-
 std::string row(std::string_view name, std::string_view html) {
     return std::string("<tr><th>").append(name).append("</th><td>").append(html) + "</td></tr>\n";
 }
@@ -71,7 +63,11 @@ std::string device_html(const device& box) {
     const std::string path = "/" + percent_encode(box.id) + "/";
     std::string html = "<h2>" + html_escape(box.id) + "</h2>\n<table>\n";
     html += row("control connection", box.control != nullptr ? "up" : "<b class=\"down\">down</b>");
-    html += row("DLNA status", status_word(box));
+    if (box.dlna_status) {
+        char word[16];
+        snprintf(word, sizeof word, "0x%x", *box.dlna_status);
+        html += row("DLNA status", word);
+    }
     for (const auto& [key, port] : box.ports) {
         const std::string link = path + std::to_string(port) + "/";
         html += row(html_escape(key), "<a href=\"" + link + "\">" + std::to_string(port) + "</a>");

@@ -28,17 +28,6 @@ std::shared_ptr<device> device_get(relay& hub, const std::string& id) {
     return hub.devices[id] = made;
 }
 
-uint32_t device_new_stream_id(device& owner) {
-    const auto used = [&owner](uint32_t id) {
-        return std::ranges::any_of(owner.data,
-                                   [id](const auto& link) { return link->streams.contains(id); });
-    };
-    do {
-        ++owner.last_stream_id;
-    } while (owner.last_stream_id == 0 || used(owner.last_stream_id));
-    return owner.last_stream_id;
-}
-
 std::shared_ptr<data_link> device_pick_data(const device& owner) {
     const auto rank = [](const auto& link) {
         return std::tuple(link->closed, link->held_back || link->full(), link->streams.size());

@@ -70,8 +70,6 @@ struct relay {
 
 // The device of that id, made when it is new. Devices that are away stay known, up to a limit.
 std::shared_ptr<device> device_get(relay& hub, const std::string& id);
-// A stream id that none of the device's open streams has; never 0.
-uint32_t device_new_stream_id(device& owner);
 // The connection for a new stream, or null: not held back first, then the fewest streams.
 std::shared_ptr<data_link> device_pick_data(const device& owner);
 

@@ -7,28 +7,17 @@ namespace {
 constexpr size_t UPLOAD_MAX = 8 * FRAME_PAYLOAD_MAX;  // received at once
 constexpr char NO_ANSWER[] = "no answer";
 
-void send_part(user_link& user, std::string_view part) {
-    user.route->send_frame(
-        {.code = command::DATA, .flag = 0, .stream_id = user.stream_id, .payload = part});
-}
-
 void send_to_device(user_link& user, std::string_view bytes) {
     user.to_device += bytes.size();
     user.route->bytes_out += bytes.size();
     user.request.feed(bytes);
     user.last_moved = steady::now();
-    while (!bytes.empty()) {
-        send_part(user, bytes.substr(0, FRAME_PAYLOAD_MAX));
-        bytes.remove_prefix(std::min(bytes.size(), FRAME_PAYLOAD_MAX));
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(bytes.size(), FRAME_PAYLOAD_MAX))) {
+        user.route->send_frame({.code = command::DATA,
+                                .flag = 0,
+                                .stream_id = user.stream_id,
+                                .payload = bytes.substr(0, FRAME_PAYLOAD_MAX)});
     }
-}
-
-// When nothing listens on the port, the device throws away as many bytes of this connection as the
-// opening frame carried. It may have these: a login answer of that size, which it skips when the
-// port is alive. Without them it would eat other users' frames.
-void send_guard(data_link& route, size_t size) {
-    const std::string nothing(size - FRAME_HEADER, '\0');
-    route.send_frame({.code = command::LOGIN_ANSWER, .payload = nothing});
 }
 
 // Why the stream is over, or null while it goes on.
@@ -89,15 +78,20 @@ awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, s
         co_return;
     }
     user->route = route;
-    user->stream_id = device_new_stream_id(*user->owner);
+    uint32_t& last_id = user->owner->last_stream_id;
+    user->stream_id = last_id = last_id == UINT32_MAX ? 1 : last_id + 1;
     route->streams[user->stream_id] = user;
     log_line(EVENT, "device %s: stream %u to port %u opened on %s for %s: %s",
              user->owner->name.c_str(), user->stream_id, user->port, route->name.c_str(),
              user->name.c_str(), user->what.c_str());
     const size_t opening = std::min(bytes.size(), FRAME_PAYLOAD_MAX);
     send_to_device(*user, std::string_view(bytes).substr(0, opening));
+    // When nothing listens on the port, the device throws away as many bytes of this connection as
+    // the opening frame carried. It may have these: a login answer of that size, which it skips
+    // when the port is alive. Without them it would eat other users' frames.
     if (hub.settings.dead_port_guard) {
-        send_guard(*route, opening);
+        const std::string nothing(opening - FRAME_HEADER, '\0');
+        route->send_frame({.code = command::LOGIN_ANSWER, .payload = nothing});
     }
     send_to_device(*user, std::string_view(bytes).substr(opening));
 }
@@ -135,13 +129,12 @@ awaitable<void> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
         reason = end_reason(hub, *user);
     }
     stream_close(*user, reason);
-    if (!user->response.started()) {
-        user->send(reason == NO_ANSWER
-                       ? http_text_reply(504,
-                                         "The device does not answer. Does anything listen on "
-                                         "port " +
-                                             std::to_string(user->port) + "?")
-                       : http_text_reply(502, std::string("No answer: ") + reason));
+    if (!user->response.started() && reason != NO_ANSWER) {
+        user->send(http_text_reply(502, std::string("No answer: ") + reason));
+    } else if (!user->response.started()) {
+        user->send(
+            http_text_reply(504, "The device does not answer. Does anything listen on port " +
+                                     std::to_string(user->port) + "?"));
     }
 }
 

@@ -26,6 +26,7 @@ struct json_reader {
     }
 
     bool string(std::string& to) {
+        to.clear();
         if (!character('"')) {
             return false;
         }
@@ -102,8 +103,8 @@ std::optional<text_pairs> json_flat_object(std::string_view text) {
     }
     if (!reader.character('}')) {
         do {
-            auto& [key, value] = pairs.emplace_back();
-            if (!reader.string(key) || !reader.character(':') || !reader.value(value)) {
+            std::string key;
+            if (!reader.string(key) || !reader.character(':') || !reader.value(pairs[key])) {
                 return std::nullopt;
             }
         } while (reader.character(','));
@@ -115,17 +116,8 @@ std::optional<text_pairs> json_flat_object(std::string_view text) {
     return ended ? std::optional(pairs) : std::nullopt;
 }
 
-const std::string* pairs_find(const text_pairs& pairs, std::string_view key) {
-    for (const auto& [name, value] : pairs) {
-        if (name == key) {
-            return &value;
-        }
-    }
-    return nullptr;
-}
-
-bool equal_no_case(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return tolower(static_cast<unsigned char>(x)) == tolower(static_cast<unsigned char>(y));
-    });
+std::string lower_case(std::string_view text) {
+    std::string lower(text);
+    std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return tolower(c); });
+    return lower;
 }
