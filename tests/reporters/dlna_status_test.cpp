@@ -135,17 +135,6 @@ TEST_F(DlnaStatus, TakesReportingTimesInTheirRangeOnly) {
     EXPECT_EQ(reports(), words{1});
 }
 
-TEST_F(DlnaStatus, NothingFiresAfterTheTimersWereStopped) {
-    const int fd = client();
-    says(fd, 1);
-    says(fd, 2);
-    reports();
-    dlna_status_timers_stop();
-    at(100000);
-    EXPECT_EQ(reports(), words{});
-    close(fd);
-}
-
 TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
     const int slow = client();
     for (const char byte : {'\x78', '\x56', '\x34', '\x12'}) {
