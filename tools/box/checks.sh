@@ -4,7 +4,7 @@
 
 LOGIN_LIMIT=120        # s for a start, five logins and what went wrong in between
 MEMORY_LIMIT_KB=2048   # of the idle daemon, beyond a program that uses nothing but the C library
-MEMORY_GROWTH_KB=256   # between two loads of the same kind: what the allocator keeps may vary
+MEMORY_GROWTH_KB=512   # between two equal loads: what the allocator keeps varies
 DESCRIPTOR_GROWTH=1
 LOAD_ROUNDS=20
 LOAD_PARALLEL=10
@@ -45,6 +45,10 @@ comes_back() {
 # memory_of PID: VmRSS in kB.
 memory_of() { on_box "sed -n 's/^VmRSS:[^0-9]*\([0-9]*\) kB/\1/p' /proc/$1/status"; }
 descriptors_of() { on_box "ls /proc/$1/fd | wc -l"; }
+# deepest_stack_of PID: kB that the thread with the deepest stack has touched, of 256 with the guard.
+deepest_stack_of() {
+    on_box "awk '/^Size:/ { size = \$2 } /^Rss:/ && size >= 240 && size <= 256 && \$2 > most { most = \$2 } END { print most }' /proc/$1/smaps"
+}
 speed_of() { awk -v time="$1" -v bytes="$2" 'BEGIN { printf "%.1f MB/s", bytes / time / 1000000 }'; }
 
 check_pages() {
@@ -56,19 +60,19 @@ check_pages() {
 }
 
 check_download() {
-    local seconds
-    seconds=$(fetch "$box_url/80/big.bin" "$work/big" -w '%{time_total}') || return 1
-    cmp "$work/big" "$box_dir/root/www/big.bin" || return 1
+    local seconds file=$work/big.${1-}
+    seconds=$(fetch "$box_url/80/big.bin" "$file" -w '%{time_total}') || return 1
+    cmp "$file" "$box_dir/root/www/big.bin" || return 1
     say "    download: $(speed_of "$seconds" "$BIG_FILE_BYTES")"
 }
 
 check_upload() {
-    local seconds expected
+    local seconds expected file=$work/digest.${1-}
     expected=$(sha256sum <"$box_dir/root/www/big.bin")
-    seconds=$(fetch "$box_url/80/cgi-bin/digest" "$work/digest" -w '%{time_total}' \
+    seconds=$(fetch "$box_url/80/cgi-bin/digest" "$file" -w '%{time_total}' \
         -H 'Content-Type: application/octet-stream' -H 'Expect:' \
         --data-binary "@$box_dir/root/www/big.bin") || return 1
-    [ "$(cat "$work/digest")" = "$expected" ] || fail "the box got other bytes" || return 1
+    [ "$(cat "$file")" = "$expected" ] || fail "the box got other bytes" || return 1
     say "    upload: $(speed_of "$seconds" "$BIG_FILE_BYTES")"
 }
 
@@ -109,19 +113,30 @@ check_killed() {
     comes_back "$pid" && on_box "/etc/init.d/gwadsh status" >/dev/null && check_pages
 }
 
-load() {
-    local round worker workers
-    for round in $(seq "$LOAD_ROUNDS"); do
-        workers=()
-        for worker in $(seq "$LOAD_PARALLEL"); do
-            fetch "$box_url/80/index.html" "$work/load.$worker" &
-            workers+=($!)
-        done
-        for worker in "${workers[@]}"; do
-            wait "$worker" || fail "round $round" || return 1
-        done
+# at_once COUNT COMMAND: runs it so many times together, with a number as its argument.
+at_once() {
+    local worker workers=() status=0
+    for worker in $(seq "$1"); do
+        "$2" "$worker" >/dev/null &
+        workers+=($!)
     done
-    check_download >/dev/null && check_upload >/dev/null
+    for worker in "${workers[@]}"; do
+        wait "$worker" || status=1
+    done
+    return "$status"
+}
+
+load_page() { fetch "$box_url/80/index.html" "$work/load.$1"; }
+
+# Pages, then the large file both ways on every data connection at once: the allocator keeps some
+# memory for each thread that has once needed it.
+load() {
+    local round
+    for round in $(seq "$LOAD_ROUNDS"); do
+        at_once "$LOAD_PARALLEL" load_page || fail "pages, round $round" || return 1
+    done
+    at_once "$DATA_CONNECTIONS" check_download || fail "downloads" || return 1
+    at_once "$DATA_CONNECTIONS" check_upload || fail "uploads" || return 1
     sleep 2 # for the last streams to be closed
 }
 
@@ -146,6 +161,7 @@ check_load() {
         memory+=("$(memory_of "$pid")") descriptors+=("$(descriptors_of "$pid")")
     done
     say "    resident kB, idle and after each load: ${memory[*]}; descriptors: ${descriptors[*]}"
+    say "    deepest stack of a thread: $(deepest_stack_of "$pid") kB"
     [ "$(gwad_pid)" = "$pid" ] || fail "gwad has restarted meanwhile" || return 1
     [ $((memory[2] - memory[1])) -le "$MEMORY_GROWTH_KB" ] || fail "memory grows" || return 1
     [ $((descriptors[2] - descriptors[0])) -le "$DESCRIPTOR_GROWTH" ] || fail "descriptors leak"
