@@ -1,6 +1,6 @@
 // What std::string_view calls when a position is beyond the end, which is a mistake of ours: the
-// position is checked before wherever it comes from outside. libstdc++'s own function throws, and for
-// that alone the box would have to carry the whole library.
+// position is checked before wherever it comes from outside. libstdc++'s own function throws, and
+// for that alone the box would have to carry the whole library.
 
 #include "main/gwa_process.h"
 
