@@ -26,7 +26,7 @@ struct options {
 
     std::chrono::seconds login_timeout{60};     // for a login, and for a user's request head
     std::chrono::seconds silence_timeout{300};  // a device's heartbeats come every minute
-    std::chrono::seconds stall_timeout{60};     // a user who takes none of what waits for him
+    std::chrono::seconds stall_timeout{120};    // a user who takes none of what waits for him
     std::chrono::seconds answer_timeout{120};   // a request that nothing on the device answers
     std::chrono::seconds linger_timeout{5};     // silence that ends what has no end of its own
 };
