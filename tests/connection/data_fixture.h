@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <setjmp.h>
 
-#include <functional>
 #include <new>
 #include <string>
 
@@ -14,21 +13,12 @@
 #include "login/gwa_login.h"
 #include "runtime/gwa_timer.h"
 #include "support/fake_time.h"
+#include "support/frames.h"
 #include "support/run_flags.h"
 #include "support/socket_pair.h"
 
-inline std::string frame(gwa_command command, uint32_t stream_id, const std::string& payload,
-                         uint32_t flag = GWA_FLAG_STREAM) {
-    uint8_t header[GWA_HEADER_SIZE];
-    gwa_protocol_build(header, GWA_VERSION_PLAIN, command, flag, stream_id,
-                       static_cast<uint32_t>(payload.size()));
-    return std::string(reinterpret_cast<char*>(header), sizeof header) + payload;
-}
-
-inline std::string heartbeat(uint32_t sequence) {
-    uint8_t bytes[GWA_HEARTBEAT_SIZE];
-    gwa_protocol_build_heartbeat(bytes, sequence);
-    return std::string(reinterpret_cast<char*>(bytes), sizeof bytes);
+inline std::string request(int port, const std::string& more = "") {
+    return "GET /?x-qv-devid=box&x-qv-port=" + std::to_string(port) + more + " HTTP/1.1\r\n\r\n";
 }
 
 struct data_connection : testing::Test {
@@ -44,11 +34,7 @@ struct data_connection : testing::Test {
         gwa_connection_table_init();
         gwa_device_id = id;
         gwa_login.local_address = INADDR_LOOPBACK;
-        EXPECT_EQ(gwa_connection_data_init2(conn), GWA_OK);
-        conn->socket = dup(sockets.ours);
-        EXPECT_EQ(poll_add(&conn->poller, conn->socket, gwa_connection_data_remote_handle, conn,
-                           &conn->socket),
-                  GWA_OK);
+        connect();
         set_clock(START);
         conn->last_out_time = conn->last_in_time = conn->last_check_time = START;
     }
@@ -59,6 +45,13 @@ struct data_connection : testing::Test {
         EXPECT_EQ(conn->stream_count, 0);
         gwa_device_id = nullptr;
         gwa_log_level_set(GWA_LEVEL_DEBUG);
+    }
+    void connect() {
+        EXPECT_EQ(gwa_connection_data_init2(conn), GWA_OK);
+        conn->socket = dup(sockets.ours);
+        EXPECT_EQ(poll_add(&conn->poller, conn->socket, gwa_connection_data_remote_handle, conn,
+                           &conn->socket),
+                  GWA_OK);
     }
     void set_clock(int32_t seconds) {
         gwa_now = seconds;
@@ -78,17 +71,6 @@ struct data_connection : testing::Test {
     }
     void rounds(int count = 3) { EXPECT_FALSE(closes_in(count)); }
     // What has been sent to the server so far.
-    std::string sent() {
-        std::string all;
-        char buffer[GWA_FRAME_MAX];
-        for (ssize_t got; (got = recv(sockets.peer, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) {
-            all.append(buffer, static_cast<size_t>(got));
-        }
-        return all;
-    }
-    std::string request(int port, const std::string& more = "") {
-        return "GET /?x-qv-devid=box&x-qv-port=" + std::to_string(port) + more +
-               " HTTP/1.1\r\n\r\n";
-    }
+    std::string sent() { return sockets.peer_hears(); }
     void server_sends(const std::string& bytes) { EXPECT_TRUE(sockets.peer_says(bytes)); }
 };

@@ -1,11 +1,9 @@
 #include "connection/gwa_connection_cntl.h"
 
-#include <fstream>
-#include <sstream>
-
 #include "connection/data_fixture.h"
 #include "connection/gwa_connection_cntl_command.h"
 #include "runtime/gwa_util_host.h"
+#include "support/files.h"
 
 namespace {
 
@@ -37,11 +35,7 @@ struct control_connection : testing::Test {
                            static_cast<uint32_t>(payload.size()));
         return gwa_connection_cntl_proto_handle(cntl, bytes);
     }
-    size_t unread() {
-        char buffer[GWA_FRAME_MAX];
-        const ssize_t got = recv(cntl->socket, buffer, sizeof buffer, MSG_DONTWAIT);
-        return got > 0 ? static_cast<size_t>(got) : 0;
-    }
+    size_t unread() { return read_to_end(cntl->socket, test_duration{0}).size(); }
 };
 
 TEST_F(control_connection, KeepsFewReportsForAServerThatReadsNothing) {
@@ -100,15 +94,13 @@ TEST_F(control_connection, CommandsTakeExactlyTheirLengthAndLeaveTheRest) {
 }
 
 TEST_F(control_connection, TheSessionIdReplacesTheFile) {
-    char name[] = "/tmp/session_XXXXXX";
-    close(mkstemp(name));
-    text_copy(gwa_process_paths.session_id_file, name);
+    const temp_dir home;
+    const std::string file = home.path + "/session.id";
+    text_copy(gwa_process_paths.session_id_file, file);
+    file_write(file, "what was there before, and longer than a session id");
     const std::string id = "0123456789abcdef0123456789abcdef";
     EXPECT_EQ(handle(gwa_command::ALLOC_SESSION_ID, id), 0);
-    std::stringstream content;
-    content << std::ifstream(name).rdbuf();
-    EXPECT_EQ(content.str(), id);
-    unlink(name);
+    EXPECT_EQ(file_read(file), id);
 }
 
 TEST_F(control_connection, AnOrderReachesEveryWorkerASecondApart) {
@@ -143,7 +135,7 @@ TEST_F(control_connection, HeartbeatsFollowTheClockAndWaitForTheirAnswer) {
         gwa_now = START;
         cntl->last_in_time = START + silent_out - silent_in;
         // The loop's first pause lets the silence pass and the answer come, its second one ends it.
-        const std::string answer = beats ? heartbeat(sequence) : "";
+        const std::string answer = beats ? heartbeat_frame(sequence) : "";
         fake_time::event = [&, pauses = 0]() mutable {
             if (pauses++ == 0) {
                 gwa_now = START + silent_out;
@@ -153,10 +145,7 @@ TEST_F(control_connection, HeartbeatsFollowTheClockAndWaitForTheirAnswer) {
             }
         };
         EXPECT_EQ(gwa_connection_cntl_manage(), GWA_JUMP_NONE);
-        char bytes[GWA_HEARTBEAT_SIZE] = "";
-        const ssize_t got = recv(sockets.peer, bytes, sizeof bytes, MSG_DONTWAIT);
-        EXPECT_EQ(got > 0 ? std::string(bytes, static_cast<size_t>(got)) : "", answer)
-            << silent_out << " s out, " << silent_in << " s in";
+        EXPECT_EQ(sockets.peer_hears(), answer) << silent_out << " s out, " << silent_in << " s in";
         sequence += beats ? 1 : 0;
     }
     EXPECT_EQ(cntl->heartbeat_misses, 0);
@@ -170,7 +159,7 @@ TEST_F(control_connection, WrongAnswersAddUpUntilARightOneComes) {
         int32_t misses;
     } cases[] = {{42, 1}, {40, 2}, {41, 0}, {7, 1}, {7, 2}, {7, 0}};
     for (const auto& [answer, misses] : cases) {
-        handle(gwa_command::HEARTBEAT, heartbeat(answer).substr(GWA_HEADER_SIZE));
+        handle(gwa_command::HEARTBEAT, be32(answer));
         EXPECT_EQ(cntl->heartbeat_misses, misses) << answer;
     }
 }

@@ -7,26 +7,31 @@
 
 namespace {
 
-const std::string ECHO_ANSWER =
-    "HTTP/1.1 200 OK\r\nContent-Type:text/plain\r\nContent-Length:4\r\n\r\necho";
+std::string echo_request(uint32_t stream) {
+    return frame_bytes(DATA, stream, request(10010, "&x-qv-gwad-opt=echo"));
+}
+
+std::string echo_answer(uint32_t stream) {
+    return frame_bytes(
+        DATA, stream, "HTTP/1.1 200 OK\r\nContent-Type:text/plain\r\nContent-Length:4\r\n\r\necho");
+}
 
 TEST_F(data_connection, AFrameMayBeSplitAnywhereAndTheNextOneStaysInStep) {
-    const std::string asked = frame(gwa_command::DATA, 9, request(10010, "&x-qv-gwad-opt=echo"));
+    const std::string asked = echo_request(9);
     for (size_t split = 1; split < asked.size(); split++) {
         server_sends(asked.substr(0, split));
         rounds();
         EXPECT_EQ(sent(), "") << split;
         server_sends(asked.substr(split) + asked);
         rounds();
-        const std::string answer = frame(gwa_command::DATA, 9, ECHO_ANSWER);
-        EXPECT_EQ(sent(), answer + answer) << "split at " << split;
+        EXPECT_EQ(sent(), echo_answer(9) + echo_answer(9)) << "split at " << split;
     }
     EXPECT_EQ(gwa_connection_memory(conn), 0);
     EXPECT_EQ(fake_time::now_us / 1'000'000, START) << "no split costs more than the short pauses";
 }
 
 TEST_F(data_connection, AFrameThatStopsHalfWayHasItsLimit) {
-    const std::string asked = frame(gwa_command::DATA, 9, request(10010));
+    const std::string asked = frame_bytes(DATA, 9, request(10010));
     const struct {
         size_t begun;
         int32_t limit;  // s
@@ -42,11 +47,7 @@ TEST_F(data_connection, AFrameThatStopsHalfWayHasItsLimit) {
         set_clock(START - 1000 + limit);
         EXPECT_TRUE(closes_in(2)) << begun;
         EXPECT_EQ(gwa_connection_memory(conn), 0);
-
-        ASSERT_EQ(gwa_connection_data_init2(conn), GWA_OK);
-        conn->socket = dup(sockets.ours);
-        poll_add(&conn->poller, conn->socket, gwa_connection_data_remote_handle, conn,
-                 &conn->socket);
+        connect();
     }
 }
 
@@ -57,14 +58,14 @@ TEST_F(data_connection, HeartbeatsFollowTheClockOneAtATime) {
     EXPECT_EQ(sent(), "");
     set_clock(START + 61);
     rounds();
-    EXPECT_EQ(sent(), heartbeat(41));
+    EXPECT_EQ(sent(), heartbeat_frame(41));
     set_clock(START + 200);  // not answered: no further one
     rounds();
     EXPECT_EQ(sent(), "");
-    server_sends(heartbeat(41));
+    server_sends(heartbeat_frame(41));
     rounds();
-    EXPECT_EQ(sent(), heartbeat(42)) << "answered, and still silent for a minute";
-    server_sends(heartbeat(41));
+    EXPECT_EQ(sent(), heartbeat_frame(42)) << "answered, and still silent for a minute";
+    server_sends(heartbeat_frame(41));
     EXPECT_TRUE(closes_in(2)) << "a wrong number starts the connection over";
 }
 
@@ -72,9 +73,9 @@ TEST_F(data_connection, AKeepaliveGoesFirstAndComesAgainAMinuteLater) {
     set_clock(START + 241);
     conn->last_out_time = START + 241;  // busy sending, nothing comes in
     rounds();
-    EXPECT_EQ(sent(), heartbeat(0));
+    EXPECT_EQ(sent(), heartbeat_frame(0));
     EXPECT_EQ(conn->last_in_time, START + 61);
-    server_sends(heartbeat(0));
+    server_sends(heartbeat_frame(0));
     rounds();
     EXPECT_EQ(conn->heartbeat_resp, conn->heartbeat_seq);
 }
@@ -91,17 +92,17 @@ TEST_F(data_connection, NothingFreesTheHeartbeatFrameOrUsesItTwice) {
     gwa_connection_data_heartbeat_handle(conn);
     EXPECT_EQ(conn->heartbeat_seq, 1U);
     rounds(1);
-    EXPECT_EQ(sent(), heartbeat(0));
+    EXPECT_EQ(sent(), heartbeat_frame(0));
     EXPECT_EQ(conn->output.nodes.first(), nullptr);
 }
 
 TEST_F(data_connection, AHeartbeatThatFindsTheQueueBusyTakesItsNumberBack) {
-    server_sends(frame(gwa_command::DATA, 3, request(10010, "&x-qv-gwad-opt=echo")));
+    server_sends(echo_request(3));
     gwa_connection_data_remote_handle(EPOLLIN, conn);
     gwa_connection_data_heartbeat_handle(conn);
     EXPECT_EQ(conn->heartbeat_seq, 0U);
     rounds();
-    EXPECT_EQ(sent(), frame(gwa_command::DATA, 3, ECHO_ANSWER));
+    EXPECT_EQ(sent(), echo_answer(3));
 }
 
 TEST_F(data_connection, StaleFramesAreDroppedButNotAPartlySentOne) {
@@ -126,19 +127,18 @@ TEST_F(data_connection, StaleFramesAreDroppedButNotAPartlySentOne) {
 }
 
 TEST_F(data_connection, CommandsThatEndItAndCommandsThatDoNot) {
-    server_sends(frame(gwa_command::RESPONSE_DEVICE_INFO, 0, std::string(5000, 'x')) +
-                 frame(gwa_command::HEARTBEAT, 0, "abc") + frame(gwa_command::DATA, 8, "") +
-                 frame(gwa_command::CLOSE_STREAM, 77, "") +
-                 frame(gwa_command::DATA, 9, request(10010, "&x-qv-gwad-opt=echo")));
+    server_sends(frame_bytes(LOGIN_ANSWER, 0, std::string(5000, 'x')) +
+                 frame_bytes(HEARTBEAT, 0, "abc") + frame_bytes(DATA, 8) +
+                 frame_bytes(CLOSE_STREAM, 77) + echo_request(9));
     rounds(5);
-    EXPECT_EQ(sent(), frame(gwa_command::DATA, 9, ECHO_ANSWER));
+    EXPECT_EQ(sent(), echo_answer(9));
     EXPECT_EQ(gwa_counter_get(conn->traffic.packets_in), 5U);
-    server_sends(frame(gwa_command::CLOSE_CONNECTION, 0, ""));
+    server_sends(frame_bytes(CLOSE_CONNECTION, 0));
     EXPECT_TRUE(closes_in(2));
 }
 
 TEST_F(data_connection, AnOrderlyCloseEndsNothingButANewOrderDoes) {
-    shutdown(sockets.peer, SHUT_WR);
+    shutdown(sockets.peer.get(), SHUT_WR);
     EXPECT_FALSE(closes_in(3));
     const char domain[GWA_HOST_SIZE] = "relay.example.com";
     gwa_connection_order(conn, domain, 1);
@@ -153,45 +153,40 @@ TEST_F(data_connection, ABadHeaderEndsIt) {
 }
 
 // A service on the box: a listening socket that the connection's streams reach.
-struct local_service : data_connection {
-    loopback_port port{16};
-    int accepted = -1;
+struct local_stream : data_connection {
+    loopback_listener listener;
+    unique_fd accepted;
+    const std::string TAG = be32(0xabcd);
     void open(uint32_t stream_id, const std::string& more = "") {
-        server_sends(frame(gwa_command::DATA, stream_id,
-                           request(ntohs(port.address.sin_port), more), 0xabcd));
+        server_sends(frame_bytes(DATA, stream_id, request(listener.port, more)).replace(4, 4, TAG));
         rounds();
-        accepted = accept(port.fd, nullptr, nullptr);
+        accepted = listener.accept();
     }
-    ~local_service() override { close(accepted); }
 };
 
-TEST_F(local_service, BytesFlowBothWaysUnderTheStreamsId) {
+TEST_F(local_stream, BytesFlowBothWaysUnderTheStreamsId) {
     open(5, "&x-qv-pri=2");
     gwa_stream* const stream = gwa_stream_find_by_id(&conn->streams, 5);
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->priority, 2U);
     EXPECT_EQ(stream->tag, 0xabcdU);
-    char buffer[200] = "";
-    const std::string asked = request(ntohs(port.address.sin_port), "&x-qv-pri=2");
-    EXPECT_EQ(read(accepted, buffer, sizeof buffer), static_cast<ssize_t>(asked.size()));
-    EXPECT_EQ(std::string(buffer), asked);
+    EXPECT_EQ(read_until(accepted.get(), "\r\n\r\n"), request(listener.port, "&x-qv-pri=2"));
 
     const std::string page(GWA_PAYLOAD_MAX + 10, 'p');
-    EXPECT_EQ(write(accepted, page.data(), page.size()), static_cast<ssize_t>(page.size()));
+    EXPECT_TRUE(write_all(accepted.get(), page));
     rounds();
-    EXPECT_EQ(sent(), frame(gwa_command::DATA, 5, page.substr(10)) +
-                          frame(gwa_command::DATA, 5, page.substr(0, 10)));
-    close(accepted);
-    accepted = -1;
+    EXPECT_EQ(sent(),
+              frame_bytes(DATA, 5, page.substr(10)) + frame_bytes(DATA, 5, page.substr(0, 10)));
+    accepted.reset();
     rounds();
     EXPECT_EQ(conn->stream_count, 1) << "a close by the service ends nothing";
-    server_sends(frame(gwa_command::CLOSE_STREAM, 5, ""));
+    server_sends(frame_bytes(CLOSE_STREAM, 5));
     rounds();
     EXPECT_EQ(conn->stream_count, 0);
     EXPECT_EQ(gwa_connection_memory(conn), 0);
 }
 
-TEST_F(local_service, ShortMemoryStopsEveryStreamButPriorityZero) {
+TEST_F(local_stream, ShortMemoryStopsEveryStreamButPriorityZero) {
     const struct {
         const char* priority;
         uint32_t memory;
@@ -202,23 +197,23 @@ TEST_F(local_service, ShortMemoryStopsEveryStreamButPriorityZero) {
     uint32_t stream = 1;
     for (const auto& [priority, memory, reads] : cases) {
         open(stream, priority);
-        EXPECT_EQ(write(accepted, "x", 1), 1);
+        EXPECT_TRUE(write_all(accepted.get(), "x"));
         const uint32_t before = gwa_connection_memory(conn);
         conn->memory = memory;
         gwa_stream_local_in_handle(gwa_stream_find_by_id(&conn->streams, stream));
         EXPECT_EQ(conn->queue_count, reads ? 1U : 0U) << priority << " at " << memory;
         conn->memory = conn->memory - memory + before;
         rounds();
-        EXPECT_EQ(sent(), frame(gwa_command::DATA, stream, "x")) << "once memory is there again";
+        EXPECT_EQ(sent(), frame_bytes(DATA, stream, "x")) << "once memory is there again";
         stream++;
     }
 }
 
-TEST_F(local_service, TheNextWaitReturnsAtOnceWhileThereIsWorkAndOnlyThen) {
+TEST_F(local_stream, TheNextWaitReturnsAtOnceWhileThereIsWorkAndOnlyThen) {
     open(1);
     EXPECT_FALSE(gwa_connection_data_has_more(conn));
     const std::string page(2 * GWA_PAYLOAD_MAX + 10, 'p');
-    EXPECT_EQ(write(accepted, page.data(), page.size()), static_cast<ssize_t>(page.size()));
+    EXPECT_TRUE(write_all(accepted.get(), page));
     rounds(1);
     EXPECT_TRUE(gwa_connection_data_has_more(conn)) << "frames that nothing keeps back";
     rounds(1);
@@ -229,12 +224,12 @@ TEST_F(local_service, TheNextWaitReturnsAtOnceWhileThereIsWorkAndOnlyThen) {
     EXPECT_FALSE(gwa_connection_data_has_more(conn)) << "local data, but no memory";
     conn->memory = conn->memory - GWA_MEMORY_LIMIT - 1;
     EXPECT_TRUE(gwa_connection_data_has_more(conn));
-    server_sends(frame(gwa_command::CLOSE_STREAM, 1, ""));
+    server_sends(frame_bytes(CLOSE_STREAM, 1));
     gwa_connection_data_remote_handle(EPOLLIN, conn);
     EXPECT_FALSE(gwa_connection_data_has_more(conn)) << "the mark outlives the stream";
 }
 
-TEST_F(local_service, IdleStreamsAreFreed) {
+TEST_F(local_stream, IdleStreamsAreFreed) {
     open(1);
     set_clock(START + 300);
     gwa_connection_data_stream_idle_check(conn);
@@ -245,26 +240,26 @@ TEST_F(local_service, IdleStreamsAreFreed) {
 }
 
 TEST_F(data_connection, RefusedRequestsAreSilentAndCostNothing) {
-    const loopback_port closed{-1};
+    const loopback_listener closed{-1};
     const std::string ports[] = {"0", "65535", "99999999999", "", "x"};
     for (const std::string& port : ports) {
-        server_sends(frame(gwa_command::DATA, 1,
-                           "GET /?x-qv-devid=box&x-qv-port=" + port + " HTTP/1.1\r\n\r\n"));
+        server_sends(
+            frame_bytes(DATA, 1, "GET /?x-qv-devid=box&x-qv-port=" + port + " HTTP/1.1\r\n\r\n"));
     }
-    server_sends(frame(gwa_command::DATA, 1, "GET /?x-qv-devid=boy&x-qv-port=80 HTTP/1.1\r\n\r\n"));
-    server_sends(frame(gwa_command::DATA, 1, "GET /?x-qv-port=80 HTTP/1.1 and more\r\n\r\n"));
-    server_sends(frame(gwa_command::DATA, 1, "short"));
+    server_sends(frame_bytes(DATA, 1, "GET /?x-qv-devid=boy&x-qv-port=80 HTTP/1.1\r\n\r\n"));
+    server_sends(frame_bytes(DATA, 1, "GET /?x-qv-port=80 HTTP/1.1 and more\r\n\r\n"));
+    server_sends(frame_bytes(DATA, 1, "PUT /?x-qv-devid=box&x-qv-port=80 HTTP/1.1\r\n\r\n"));
+    server_sends(frame_bytes(DATA, 1, "short"));
     rounds();
     EXPECT_EQ(gwa_connection_memory(conn), 0);
 
     // A service that is not there: as many bytes again are dropped, without holding up the round.
-    const std::string asked = frame(gwa_command::DATA, 1, request(ntohs(closed.address.sin_port)));
+    const std::string asked = frame_bytes(DATA, 1, request(closed.port));
     server_sends(asked);
     rounds();
-    server_sends(std::string(asked.size() - GWA_HEADER_SIZE, '?') +
-                 frame(gwa_command::DATA, 2, request(10010, "&x-qv-gwad-opt=echo")));
+    server_sends(std::string(asked.size() - GWA_HEADER_SIZE, '?') + echo_request(2));
     rounds();
-    EXPECT_EQ(sent(), frame(gwa_command::DATA, 2, ECHO_ANSWER));
+    EXPECT_EQ(sent(), echo_answer(2));
     EXPECT_EQ(gwa_connection_memory(conn), 0);
 }
 

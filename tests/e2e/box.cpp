@@ -1,7 +1,6 @@
 #include "box.h"
 
 #include <filesystem>
-#include <fstream>
 
 namespace fs = std::filesystem;
 
@@ -13,10 +12,9 @@ box::box(uint16_t manager_port, const char* verbose) {
         fs::create_directories(home.path + folder);
     }
     file_write(home.path + "/etc/firmware", "CURVER=1.2.3\r\nCOMPONENT=c7\nTERMINAL=t9\n");
-    const std::vector<std::string> arguments = {
-        GWAD_PATH, "-r", "localhost", "-p", std::to_string(manager_port), "-i", "lo",   "-I",
-        DEVICE_ID, "-H", home.path,   "-l", home.path + "/log",           "-V", verbose};
-    gwad = std::make_unique<child>(arguments, std::vector<std::string>{RESOLVER});
+    gwad = std::make_unique<child>(std::vector<std::string>{
+        "/usr/bin/env", RESOLVER, GWAD_PATH, "-r", "localhost", "-p", std::to_string(manager_port),
+        "-i", "lo", "-I", DEVICE_ID, "-H", home.path, "-l", home.path + "/log", "-V", verbose});
 }
 
 bool box::logs(std::string_view text, int times) const {
@@ -38,11 +36,4 @@ int text_count(std::string_view text, std::string_view part) {
         ++count;
     }
     return count;
-}
-
-void file_write(const std::string& path, std::string_view bytes, bool executable) {
-    std::ofstream(path, std::ios::binary).write(bytes.data(), std::ssize(bytes));
-    if (executable) {
-        fs::permissions(path, fs::perms::owner_all);
-    }
 }

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "support/child.h"
-#include "support/eventually.h"
 
 constexpr char DEVICE_ID[] = "test-box";
 constexpr char RESTART_LINE[] = "!!!! restart the process !!!!";
@@ -30,4 +29,3 @@ struct box {
 };
 
 int text_count(std::string_view text, std::string_view part);
-void file_write(const std::string& path, std::string_view bytes, bool executable = false);

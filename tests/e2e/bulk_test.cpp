@@ -3,9 +3,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <random>
 
-#include "box.h"
 #include "peer.h"
 #include "support/service.h"
 
@@ -17,15 +15,6 @@ constexpr uint32_t DOWN = 1, UP = 2, FIRST_ECHO = 10;
 constexpr std::chrono::seconds BULK_PATIENCE{60};
 // A pause of the poll time-out for every read would make it 400 s.
 constexpr std::chrono::seconds QUICK{40};
-
-std::string noise(uint32_t seed) {
-    std::string bytes(BULK, '\0');
-    std::mt19937 random(seed);
-    for (char& byte : bytes) {
-        byte = static_cast<char>(random());
-    }
-    return bytes;
-}
 
 constexpr uint32_t ECHOES = 16;
 
@@ -45,7 +34,7 @@ void upload_write(int data, const std::string& bytes, std::atomic<steady::time_p
 }  // namespace
 
 TEST(BulkTransfer, GoesBothWaysWhileTheMaintenancePortAnswers) {
-    const std::string down = noise(1), up = noise(2);
+    const std::string down = noise(BULK, 1), up = noise(BULK, 2);
     std::string uploaded;
     local_service sender([&](int fd) {
         read_until(fd, "\r\n\r\n");
@@ -56,11 +45,9 @@ TEST(BulkTransfer, GoesBothWaysWhileTheMaintenancePortAnswers) {
         read_until(fd, "\r\n\r\n");
         uploaded = read_exact(fd, BULK, BULK_PATIENCE);
     });
-    peer server;
-    peer::session session;
-    box device(server.manager.port, "3");
-    session = server.relay();
-    const int data = session.data.get();
+    session link("3");
+    ASSERT_TRUE(link.relay());
+    const int data = link.data.get();
     const int buffer = 1 << 17;  // or a request would wait behind megabytes of our own
     setsockopt(data, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
 
@@ -73,16 +60,15 @@ TEST(BulkTransfer, GoesBothWaysWhileTheMaintenancePortAnswers) {
     uint32_t answered = 0;
     std::chrono::duration<double> longest{};
     while (downloaded.size() < BULK || answered < ECHOES) {
-        const std::optional<frame> next = frame_read(data, BULK_PATIENCE);
-        if (!next) {
+        const std::string next = frame_read(data, BULK_PATIENCE);
+        if (next.empty()) {
             break;
         }
-        if (next->stream == DOWN) {
-            downloaded += next->payload;
-        } else if (next->stream >= FIRST_ECHO) {
-            longest =
-                std::max(longest, std::chrono::duration<double>(
-                                      steady::now() - asked[next->stream - FIRST_ECHO].load()));
+        if (const uint32_t stream = frame_stream(next); stream == DOWN) {
+            downloaded.append(next, HEADER_SIZE);
+        } else if (stream >= FIRST_ECHO) {
+            longest = std::max(longest, std::chrono::duration<double>(
+                                            steady::now() - asked[stream - FIRST_ECHO].load()));
             ++answered;
         }
     }

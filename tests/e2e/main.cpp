@@ -3,9 +3,8 @@
 
 #include "support/isolation.h"
 
-static int tests_run() { return RUN_ALL_TESTS(); }
-
 int main(int argc, char** argv) {
+    isolate(argc, argv);
     testing::InitGoogleTest(&argc, argv);
-    return GTEST_FLAG_GET(list_tests) ? tests_run() : isolated_run(tests_run);
+    return RUN_ALL_TESTS();
 }

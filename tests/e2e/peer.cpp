@@ -3,58 +3,14 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
-namespace {
-
-constexpr std::string_view PLAIN_ANSWER{"\1\x10\0\5\0\0\0\1\0\0\0\0\0\0\0\0", HEADER_SIZE};
-
-uint32_t number(std::string_view bytes) {
-    uint32_t value = 0;
-    for (const char byte : bytes) {
-        value = value << 8 | static_cast<uint8_t>(byte);
-    }
-    return value;
-}
-
-}  // namespace
-
-std::string be32(uint32_t value) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        bytes += static_cast<char>(value >> shift);
-    }
-    return bytes;
-}
-
-std::string frame_bytes(command code, uint32_t stream, std::string_view payload, uint8_t version) {
-    std::string bytes{static_cast<char>(version), HEADER_SIZE, 0, static_cast<char>(code)};
-    bytes += be32(code == DATA ? 0 : 1) + be32(stream);
-    return (bytes += be32(static_cast<uint32_t>(payload.size()))).append(payload);
-}
-
-std::optional<frame> frame_read(int fd, test_duration patience) {
-    const std::string head = read_exact(fd, HEADER_SIZE, patience);
-    if (head.size() < HEADER_SIZE) {
-        return std::nullopt;
-    }
-    const std::string_view view = head;
-    const uint32_t length = number(view.substr(12));
-    frame read{static_cast<uint8_t>(head[0]),
-               static_cast<uint8_t>(head[1]),
-               static_cast<uint16_t>(number(view.substr(2, 2))),
-               number(view.substr(4, 4)),
-               number(view.substr(8, 4)),
-               read_exact(fd, length, patience)};
-    return read.payload.size() == length ? std::optional(std::move(read)) : std::nullopt;
-}
-
 std::map<uint32_t, std::string> streams_read(int fd, uint32_t last, size_t size) {
     std::map<uint32_t, std::string> streams;
     while (streams[last].size() < size) {
-        const std::optional<frame> next = frame_read(fd);
-        if (!next || next->command != DATA) {
+        const std::string next = frame_read(fd);
+        if (next.size() <= HEADER_SIZE) {
             break;
         }
-        streams[next->stream] += next->payload;
+        streams[frame_stream(next)] += frame_payload(next);
     }
     return streams;
 }
@@ -81,8 +37,7 @@ std::string debug_answer(std::string_view status, std::string_view body) {
 
 bool echoes(int data_fd, uint32_t stream) {
     write_all(data_fd, debug_frame(stream, "echo"));
-    const std::optional<frame> answer = frame_read(data_fd);
-    return answer && answer->stream == stream && answer->payload == debug_answer("200 OK", "echo");
+    return frame_read(data_fd) == frame_bytes(DATA, stream, debug_answer("200 OK", "echo"));
 }
 
 std::string peer::order() const {
@@ -94,12 +49,11 @@ std::string peer::order() const {
     return text;
 }
 
-std::string peer::discover(std::string_view body) const {
+std::string peer::discover() const {
     const unique_fd fd = manager.accept();
     std::string request = read_until(fd.get(), "\r\n\r\n");
-    const std::string proxy =
-        R"({"ret":0,"proxy":"127.0.0.1:)" + std::to_string(control.port) + "\"}";
-    write_all(fd.get(), "HTTP/1.1 200 OK\r\n\r\n" + (body.empty() ? proxy : std::string(body)));
+    write_all(fd.get(), "HTTP/1.1 200 OK\r\n\r\n{\"ret\":0,\"proxy\":\"127.0.0.1:" +
+                            std::to_string(control.port) + "\"}");
     return request;
 }
 
@@ -107,7 +61,7 @@ unique_fd peer::login(std::string_view answer) const {
     discover();
     unique_fd fd = control.accept();
     frame_read(fd.get());
-    write_all(fd.get(), answer.empty() ? PLAIN_ANSWER : answer);
+    write_all(fd.get(), answer);
     read_exact(fd.get(), HEADER_SIZE);
     return fd;
 }
@@ -117,20 +71,24 @@ unique_fd peer::data_login() const {
     const int at_once = 1;  // what is written apart arrives apart
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
     frame_read(fd.get());
-    write_all(fd.get(), PLAIN_ANSWER);
+    write_all(fd.get(), frame_bytes(LOGIN_ANSWER));
     return fd;
 }
 
-peer::session peer::relay() const {
-    session both;
-    both.control = login();
-    heartbeat_answer(both.control.get(), 0);
-    write_all(both.control.get(), frame_bytes(DATA_ORDER, 0, order()));
-    both.data = data_login();
-    return both;
+bool heartbeat_answer(int control_fd, uint32_t sequence) {
+    const std::string beat = heartbeat_frame(sequence);
+    return read_exact(control_fd, beat.size()) == beat && write_all(control_fd, beat);
 }
 
-bool heartbeat_answer(int control_fd, uint32_t sequence) {
-    const std::string beat = frame_bytes(HEARTBEAT, 0, be32(sequence), 2);
-    return read_exact(control_fd, beat.size()) == beat && write_all(control_fd, beat);
+bool session::log_in() {
+    control = server.login();
+    return heartbeat_answer(control.get(), 0);
+}
+
+bool session::relay() {
+    if (!log_in() || !write_all(control.get(), frame_bytes(DATA_ORDER, 0, server.order()))) {
+        return false;
+    }
+    data = server.data_login();
+    return static_cast<bool>(data);
 }

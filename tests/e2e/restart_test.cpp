@@ -1,7 +1,6 @@
 // How the daemon comes back: through the box's init script, or by itself where there is none.
 #include <gtest/gtest.h>
 
-#include "box.h"
 #include "peer.h"
 #include "support/isolation.h"
 
@@ -9,18 +8,12 @@ namespace {
 
 constexpr char INIT_SCRIPT[] = "/etc/init.d/gwadsh";  // on a file system of the test's own
 
-struct Restart : testing::Test {
-    peer server;
-    std::unique_ptr<box> device;
-    unique_fd control;
-
+struct Restart : testing::Test, session {
     void SetUp() override {
         if (!isolated()) {
             GTEST_SKIP() << "needs a private mount namespace for the init script";
         }
-        device = std::make_unique<box>(server.manager.port);
-        control = server.login();
-        ASSERT_TRUE(heartbeat_answer(control.get(), 0));
+        ASSERT_TRUE(log_in());
     }
     void TearDown() override { remove(INIT_SCRIPT); }
 };
@@ -28,27 +21,26 @@ struct Restart : testing::Test {
 }  // namespace
 
 TEST_F(Restart, RunsTheInitScript) {
-    const std::string mark = device->home.path + "/started";
+    const std::string mark = device.home.path + "/started";
     // The script gets no open descriptor; the mark appears whole.
     file_write(INIT_SCRIPT,
                "#!/bin/sh\necho \"$0 $*\" >" + mark + ".part; mv " + mark + ".part " + mark, true);
     control.reset();
-    EXPECT_TRUE(device->restarts());
+    EXPECT_TRUE(device.restarts());
     EXPECT_TRUE(eventually([&] { return file_read(mark) == "/etc/init.d/gwadsh start\n"; }))
         << file_read(mark);
-    EXPECT_EQ(text_count(device->log(), "gwad start"), 1);
+    EXPECT_EQ(text_count(device.log(), "gwad start"), 1);
 }
 
 TEST_F(Restart, RunsItselfAgainWithoutAnInitScript) {
-    const pid_t before = device->pid();
+    const pid_t before = device.pid();
     control.reset();
-    EXPECT_TRUE(device->restarts());
-    control = server.login();
-    EXPECT_TRUE(heartbeat_answer(control.get(), 0));
-    const pid_t after = device->pid();
+    EXPECT_TRUE(device.restarts());
+    EXPECT_TRUE(log_in());
+    const pid_t after = device.pid();
     EXPECT_NE(after, before);
-    EXPECT_EQ(text_count(device->log(), "gwad start"), 2);
+    EXPECT_EQ(text_count(device.log(), "gwad start"), 2);
     // The successor is as good as the first: it ends in order.
     kill(after, SIGTERM);
-    EXPECT_TRUE(device->logs("login exit success"));
+    EXPECT_TRUE(device.logs("login exit success"));
 }

@@ -1,11 +1,9 @@
 // SIGTERM ends the daemon in order and soon, whatever it waits for.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <list>
 
-#include "box.h"
 #include "peer.h"
 #include "support/service.h"
 
@@ -14,47 +12,34 @@ namespace {
 constexpr test_duration SOON{5000};
 
 // One daemon on its way into a state, with what must stay open meanwhile.
-struct scene {
-    peer server;
-    box device{server.manager.port};
+struct scene : session {
     std::list<unique_fd> open;
     std::unique_ptr<local_service> service;
 
     int keep(unique_fd fd) { return open.emplace_back(std::move(fd)).get(); }
-    // A control connection after its first heartbeat; the order for data connections is optional.
-    int control(bool ordered = false) {
-        const int fd = keep(server.login());
-        heartbeat_answer(fd, 0);
-        write_all(fd, ordered ? frame_bytes(DATA_ORDER, 0, server.order()) : "");
-        return fd;
-    }
-    int data() {
-        control(true);
-        return keep(server.data_login());
-    }
+    bool to_control(std::string_view bytes) { return log_in() && write_all(control.get(), bytes); }
+    bool to_data(std::string_view bytes) { return relay() && write_all(data.get(), bytes); }
+    bool order() { return to_control(frame_bytes(DATA_ORDER, 0, server.order())); }
 };
 
 // Leaves no room in the listener's backlog, so that the next connect hangs.
 void backlog_fill(scene& at, const loopback_listener& listener) {
     constexpr int CONNECTIONS = 4;
     listen(listener.fd.get(), 0);
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    getsockname(listener.fd.get(), reinterpret_cast<sockaddr*>(&address), &size);
     for (int i = 0; i < CONNECTIONS; ++i) {
         const int fd = at.keep(unique_fd{socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)});
-        connect(fd, reinterpret_cast<const sockaddr*>(&address), size);
+        connect(fd, reinterpret_cast<const sockaddr*>(&listener.address), sizeof listener.address);
     }
 }
 
 // True once the daemon can neither send nor take more: it has nothing left to say in the log.
-bool endless_stream(scene& at, int data) {
+bool endless_stream(scene& at) {
     constexpr test_duration QUIET{300};
     at.service = std::make_unique<local_service>([](int fd) {
         while (write_all(fd, std::string(PAYLOAD_MAX, 'e'))) {
         }
     });
-    return write_all(data, request_frame(1, at.service->port())) &&
+    return at.to_data(request_frame(1, at.service->port())) &&
            at.device.logs("recv local server data", 20) && eventually([&] {
                const size_t before = at.device.log().size();
                std::this_thread::sleep_for(QUIET);
@@ -80,7 +65,7 @@ const struct {
     {"control login waits for its answer",
      [](scene& at) {
          at.server.discover();
-         return frame_read(at.keep(at.server.control.accept())).has_value();
+         return !frame_read(at.keep(at.server.control.accept())).empty();
      }},
     {"pause after a failed control login",
      [](scene& at) {
@@ -93,43 +78,40 @@ const struct {
          at.keep(at.server.login());
          return at.device.logs("wait heartbeat response");
      }},
-    {"idle, workers wait for an address", [](scene& at) { return at.control() >= 0; }},
+    {"idle, workers wait for an address", [](scene& at) { return at.log_in(); }},
     {"control header half received",
-     [](scene& at) { return write_all(at.control(), frame_bytes(PRIVACY).substr(0, 7)); }},
+     [](scene& at) { return at.to_control(frame_bytes(PRIVACY).substr(0, 7)); }},
     {"control payload half received",
      [](scene& at) {
          const std::string whole = frame_bytes(PRIVACY, 0, std::string(900, 'x'));
-         return write_all(at.control(), whole.substr(0, 500)) &&
-                at.device.logs("ignore set privacy data");
+         return at.to_control(whole.substr(0, 500)) && at.device.logs("ignore set privacy data");
      }},
     {"data connect in progress",
      [](scene& at) {
          backlog_fill(at, at.server.data[0]);
-         at.control(true);
-         return at.device.logs("connecting in progress", 3);
+         return at.order() && at.device.logs("connecting in progress", 3);
      }},
     {"data login waits for its answer",
      [](scene& at) {
-         at.control(true);
-         return frame_read(at.keep(at.server.data[0].accept())).has_value();
+         return at.order() && !frame_read(at.keep(at.server.data[0].accept())).empty();
      }},
-    {"data connection relays", [](scene& at) { return echoes(at.data(), 1); }},
+    {"data connection relays", [](scene& at) { return at.relay() && echoes(at.data.get(), 1); }},
     {"data header half received",
-     [](scene& at) { return write_all(at.data(), debug_frame(1, "echo").substr(0, 9)); }},
+     [](scene& at) { return at.to_data(debug_frame(1, "echo").substr(0, 9)); }},
     {"data payload half received",
-     [](scene& at) { return write_all(at.data(), debug_frame(1, "echo").substr(0, 50)); }},
+     [](scene& at) { return at.to_data(debug_frame(1, "echo").substr(0, 50)); }},
     {"discard after a dead local port",
      [](scene& at) {
          const uint16_t dead = loopback_listener().port;
-         return write_all(at.data(), request_frame(1, dead)) && at.device.logs("connect failed");
+         return at.to_data(request_frame(1, dead)) && at.device.logs("connect failed");
      }},
-    {"a server that reads nothing", [](scene& at) { return endless_stream(at, at.data()); }},
+    {"a server that reads nothing", endless_stream},
     {"diagnostic script runs",
      [](scene& at) {
          const std::string mark = at.device.home.path + "/diag";
          file_write(at.device.home.path + "/bin/diag.sh",
                     "#!/bin/sh\necho >" + mark + "\nexec sleep 60\n", true);
-         return write_all(at.data(), debug_frame(1, "diag")) &&
+         return at.to_data(debug_frame(1, "diag")) &&
                 eventually([&] { return !file_read(mark).empty(); });
      }},
 };

@@ -7,6 +7,7 @@
 
 #include "login_settings.h"
 #include "runtime/gwa_types.h"
+#include "support/log_of.h"
 #include "support/sockets.h"
 
 namespace {
@@ -24,9 +25,9 @@ struct parsed {
 parsed parse(const std::string& reply) {
     std::vector<char> buffer(reply.c_str(), reply.c_str() + reply.size() + 1);
     parsed out;
-    testing::internal::CaptureStderr();
-    out.result = gwa_cntrl_ip_parse(buffer.data(), reply.size(), &out.address, &out.port);
-    out.log = testing::internal::GetCapturedStderr();
+    out.log = log_of([&] {
+        out.result = gwa_cntrl_ip_parse(buffer.data(), reply.size(), &out.address, &out.port);
+    });
     return out;
 }
 

@@ -3,10 +3,11 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <future>
 #include <string>
-#include <thread>
 
 #include "login_settings.h"
+#include "support/frames.h"
 #include "support/run_flags.h"
 #include "support/sockets.h"
 
@@ -26,43 +27,29 @@ gwa_login_sink sink_for(gwa_traffic& traffic) {
             }};
 }
 
-// A frame header by hand, so that the daemon's own builder is checked rather than trusted.
-std::string header(int version, int head_size, int command, size_t length) {
-    std::string bytes = "\0\0\0\0\0\0\0\1\0\0\0\0\0\0"s;
-    bytes[0] = static_cast<char>(version);
-    bytes[1] = static_cast<char>(head_size);
-    bytes[3] = static_cast<char>(command);
-    return bytes + static_cast<char>(length >> 8) + static_cast<char>(length);
+// The header says a length, whatever follows it.
+std::string answer_header(uint8_t version, size_t length) {
+    return frame_bytes(LOGIN_ANSWER, 0, std::string(length, 'x'), version).substr(0, HEADER_SIZE);
 }
 
-std::string report(int version) {
-    const std::string json = BOX_REPORT;
-    return header(version, 16, 3, json.size()) + json;
-}
+std::string report(uint8_t version) { return frame_bytes(DEVICE_INFO, 0, BOX_REPORT, version); }
 
-const std::string SESSION_REQUEST = header(1, 16, 8, 0);
+struct exchange {  // what the box has sent: its report, and what followed the answer
+    std::string report, rest;
+};
 
-// The server's side of one login: takes the report, answers, keeps what else the box sends.
+// The server's side of one login.
 struct scripted_server {
     loopback_listener listener;
-    std::string answer, report, rest;
-    std::thread thread;
+    std::future<exchange> seen;
 
-    explicit scripted_server(std::string bytes, bool leaves = false) : answer(std::move(bytes)) {
-        thread = std::thread([this, leaves] {
+    explicit scripted_server(const std::string& answer, bool leaves = false) {
+        seen = std::async(std::launch::async, [=, this] {
             const unique_fd client = listener.accept();
-            report = read_exact(client.get(), ::report(3).size());
+            const std::string got = read_exact(client.get(), report(3).size());
             write_all(client.get(), answer);
-            if (!leaves) {
-                rest = read_to_end(client.get());
-            }
+            return exchange{got, leaves ? "" : read_to_end(client.get())};
         });
-    }
-    ~scripted_server() { finish(); }
-    void finish() {
-        if (thread.joinable()) {
-            thread.join();
-        }
     }
 };
 
@@ -86,14 +73,14 @@ TEST(LoginControl, ExchangesExactlyTheFramesOfTheHandshake) {
         std::string payload;  // that reaches the sink
         uint64_t bytes_in;
     } const cases[] = {
-        {"no payload", header(2, 16, 5, 0), true, "", 16},
-        {"one byte, below the low-water mark", header(2, 16, 5, 1) + "{", true, "{", 17},
-        {"the longest payload", header(2, 16, 5, 1007) + longest, true, longest, 1023},
-        {"version 1 has no payload", header(1, 16, 5, 9), true, "", 16},
-        {"version 3 has no payload", header(3, 16, 5, 9), true, "", 16},
-        {"another command", header(2, 16, 2, 0), false, "", 0},
-        {"bad head size", header(2, 15, 5, 0), false, "", 0},
-        {"bad version", header(4, 16, 5, 0), false, "", 0},
+        {"no payload", answer_header(2, 0), true, "", 16},
+        {"one byte, below the low-water mark", answer_header(2, 1) + "{", true, "{", 17},
+        {"the longest payload", answer_header(2, 1007) + longest, true, longest, 1023},
+        {"version 1 has no payload", answer_header(1, 9), true, "", 16},
+        {"version 3 has no payload", answer_header(3, 9), true, "", 16},
+        {"another command", heartbeat_frame(0), false, "", 0},
+        {"bad head size", answer_header(2, 0).replace(1, 1, 1, 15), false, "", 0},
+        {"bad version", answer_header(4, 0), false, "", 0},
     };
     login_settings settings;
     const std::string out = report(3);
@@ -104,9 +91,9 @@ TEST(LoginControl, ExchangesExactlyTheFramesOfTheHandshake) {
         unique_fd fd(gwa_login_control(LOOPBACK, server.listener.port, sink_for(traffic)));
         EXPECT_EQ(is_prepared(fd.get()), accepted);
         fd.reset();
-        server.finish();
-        EXPECT_EQ(server.report, out);
-        EXPECT_EQ(server.rest, accepted ? SESSION_REQUEST : "");
+        const exchange seen = server.seen.get();
+        EXPECT_EQ(seen.report, out);
+        EXPECT_EQ(seen.rest, accepted ? frame_bytes(SESSION_ID) : "");
         EXPECT_EQ(text_seen, payload);
         EXPECT_EQ(answers_seen, payload.empty() ? 0 : 1);
         EXPECT_EQ(gwa_counter_get(traffic.bytes_in), bytes_in);
@@ -123,7 +110,7 @@ TEST(LoginControl, FailsWhenTheServerIsGone) {
     const uint16_t unused = loopback_listener().port;  // nobody listens there any more
     EXPECT_EQ(gwa_login_control(LOOPBACK, unused, sink), -1);
     for (const std::string& answer :
-         {""s, header(2, 16, 5, 3).substr(0, 9), header(2, 16, 5, 3) + "ab"}) {
+         {""s, answer_header(2, 3).substr(0, 9), answer_header(2, 3) + "ab"}) {
         scripted_server server(answer, true);
         EXPECT_EQ(gwa_login_control(LOOPBACK, server.listener.port, sink), -1) << answer.size();
         EXPECT_EQ(answers_seen, 0);
@@ -134,7 +121,7 @@ TEST(LoginControlDeathTest, AnOverLongAnswerEndsTheProcess) {
     login_settings settings;
     EXPECT_EXIT(
         {
-            scripted_server server(header(2, 16, 5, 1008));
+            scripted_server server(answer_header(2, 1008));
             gwa_traffic traffic;
             gwa_login_control(LOOPBACK, server.listener.port, sink_for(traffic));
         },
@@ -143,7 +130,7 @@ TEST(LoginControlDeathTest, AnOverLongAnswerEndsTheProcess) {
 
 TEST(LoginData, ReportsItsVersionAndAsksForNothingElse) {
     login_settings settings;
-    scripted_server server(header(2, 16, 5, 3) + "abc");
+    scripted_server server(answer_header(2, 3) + "abc");
     // Not wanted yet: it fails at the send, unconnected, so the server sees the second login only.
     EXPECT_EQ(gwa_login_data(LOOPBACK, server.listener.port), -1);
     const run_flags wanted(true, true);
@@ -151,7 +138,7 @@ TEST(LoginData, ReportsItsVersionAndAsksForNothingElse) {
     EXPECT_TRUE(fd);
     EXPECT_TRUE(stays_silent(fd.get(), test_duration(0))) << "the payload was dropped";
     fd.reset();
-    server.finish();
-    EXPECT_EQ(server.report, report(2));
-    EXPECT_EQ(server.rest, "");
+    const exchange seen = server.seen.get();
+    EXPECT_EQ(seen.report, report(2));
+    EXPECT_EQ(seen.rest, "");
 }

@@ -5,6 +5,7 @@
 
 #include "devid.h"
 #include "login_settings.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -14,12 +15,11 @@ struct init_arguments {
 
 // Runs one initialisation and returns what it logged.
 std::string log_of_init(const init_arguments& given, int expected) {
-    testing::internal::CaptureStderr();
-    const int result = gwa_login_init(given.name, given.address, given.port, given.local,
-                                      given.interface, given.id);
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(result, expected) << log;
-    return log;
+    return log_of([&] {
+        EXPECT_EQ(gwa_login_init(given.name, given.address, given.port, given.local,
+                                 given.interface, given.id),
+                  expected);
+    });
 }
 
 }  // namespace

@@ -2,12 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <fstream>
 #include <string>
 
-#include "forked.h"
-#include "support/eventually.h"
+#include "support/child.h"
 
 namespace {
 
@@ -15,7 +14,7 @@ using texts = std::vector<std::string>;
 
 void parse(texts arguments) {
     arguments.insert(arguments.begin(), "gwad");
-    call_with(args_parse, arguments);
+    args_parse(static_cast<int>(arguments.size()), argument_list(arguments).data());
 }
 
 class Arguments : public testing::Test {  // port 0 ends a start that got as far as the login
@@ -52,13 +51,13 @@ TEST_F(Arguments, ThatOnlyPrintOrCannotBeTaken) {
          "log level is invalid 4294967296\n"},
     };
     for (const auto& with : cases) {
-        forked child([&] { parse(with.arguments); });
-        EXPECT_EQ(child.wait(), with.status);
+        child program([&] { parse(with.arguments); });
+        EXPECT_EQ(program.wait(), with.status);
         const size_t shown = with.output.ends_with(usage) ? with.output.size() : std::string::npos;
-        EXPECT_EQ(child.output().substr(0, shown), with.output);
-        EXPECT_EQ(child.errors(), with.errors);
+        EXPECT_EQ(program.output().substr(0, shown), with.output);
+        EXPECT_EQ(program.errors(), with.errors);
     }
-    forked version([] { parse({"-v"}); });
+    child version([] { parse({"-v"}); });
     EXPECT_EQ(version.wait(), 0);
     EXPECT_EQ(version.output().find("version : 0.1, git commit : "), 0U);
 }
@@ -66,7 +65,7 @@ TEST_F(Arguments, ThatOnlyPrintOrCannotBeTaken) {
 TEST_F(Arguments, SetTheLevelBeforeTheBanner) {
     for (const char* level : {"-1", "word"}) {
         bad_port.insert(bad_port.end(), {"-V", level});
-        EXPECT_EQ(forked([&] { parse(bad_port); }).wait(), 1);
+        EXPECT_EQ(child([&] { parse(bad_port); }).wait(), 1);
         const std::string text = file_read(log);
         const bool quiet = level == std::string("-1");
         EXPECT_EQ(text.find("<0> <<<<<<<<  gwad start, git commit [") == text.npos, quiet);
@@ -76,37 +75,37 @@ TEST_F(Arguments, SetTheLevelBeforeTheBanner) {
 }
 
 TEST_F(Arguments, ReplaceThePidFileAndWhoIsNamedThere) {
-    forked victim([] { pause(); });
-    std::ofstream(pid_file) << victim.pid << "\n";
-    forked child([&] { parse(bad_port); });
-    EXPECT_EQ(child.wait(), 1);
-    EXPECT_EQ(victim.wait(), FORKED_SIGNALLED + SIGKILL);
-    EXPECT_EQ(file_read(pid_file), std::to_string(child.pid));
+    child victim([] { pause(); });
+    file_write(pid_file, std::to_string(victim.pid()) + "\n");
+    child program([&] { parse(bad_port); });
+    EXPECT_EQ(program.wait(), 1);
+    EXPECT_EQ(victim.wait(), child::SIGNALLED + SIGKILL);
+    EXPECT_EQ(file_read(pid_file), std::to_string(program.pid()));
 }
 
 TEST_F(Arguments, SurviveAnyPidFile) {
     const std::string contents[] = {"", "word", "0", "own", std::string(1000, '9')};
     for (const std::string& content : contents) {
-        forked child([&] {
-            std::ofstream(pid_file) << (content == "own" ? std::to_string(getpid()) : content);
+        child program([&] {
+            file_write(pid_file, content == "own" ? std::to_string(getpid()) : content);
             parse(bad_port);
         });
-        EXPECT_EQ(child.wait(), 1) << content;
-        EXPECT_EQ(file_read(pid_file), std::to_string(child.pid));
+        EXPECT_EQ(program.wait(), 1) << content;
+        EXPECT_EQ(file_read(pid_file), std::to_string(program.pid()));
     }
     unlink(pid_file.c_str());
     ASSERT_EQ(mkfifo(pid_file.c_str(), 0600), 0);  // which nobody reads or writes
-    forked child([&] { parse(bad_port); });
-    EXPECT_EQ(child.wait(), 1);
-    EXPECT_EQ(child.errors(), "open pid file " + pid_file + " failed\n");
+    child program([&] { parse(bad_port); });
+    EXPECT_EQ(program.wait(), 1);
+    EXPECT_EQ(program.errors(), "open pid file " + pid_file + " failed\n");
 }
 
 TEST_F(Arguments, GoToTheBackgroundWithOneMessage) {
     texts arguments = bad_port;
     arguments.emplace_back("-b");
-    forked child([&] { parse(arguments); });
+    child program([&] { parse(arguments); });
     EXPECT_TRUE(eventually([&] { return file_read(log).find("exit from") != std::string::npos; }));
-    EXPECT_EQ(child.wait(), 0);
-    EXPECT_EQ(child.output(), "the home dir is " + home.path + "\n");
-    EXPECT_NE(file_read(pid_file), std::to_string(child.pid)) << "written before the fork";
+    EXPECT_EQ(program.wait(), 0);
+    EXPECT_EQ(program.output(), "the home dir is " + home.path + "\n");
+    EXPECT_NE(file_read(pid_file), std::to_string(program.pid())) << "written before the fork";
 }

@@ -1,12 +1,14 @@
 #include "main/gwa_log.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <regex>
 #include <string>
 
-#include "forked.h"
+#include "support/child.h"
 
 namespace {
 
@@ -69,18 +71,18 @@ TEST(Log, GoesToItsFixedFileInTheBackground) {
     if (!std::ofstream(FIXED, std::ios::app)) {
         GTEST_SKIP() << FIXED << " belongs to another user";
     }
-    forked background([] {
+    child background([] {
         gwa_log_init("", true);
         GWA_LOG(FATAL, "from process %d", getpid());
     });
-    EXPECT_EQ(background.wait(), FORKED_RETURNED);
+    EXPECT_EQ(background.wait(), child::RETURNED);
     EXPECT_EQ(background.errors(), "");
-    const std::string line = "from process " + std::to_string(background.pid);
+    const std::string line = "from process " + std::to_string(background.pid());
     EXPECT_NE(file_read(FIXED).find(line), std::string::npos);
 }
 
 TEST(Log, DropsWhatNobodyReadsUntilSomebodyDoes) {
-    forked child([] {
+    child program([] {
         int both[2];
         EXPECT_EQ(pipe2(both, O_NONBLOCK), 0);
         fcntl(both[1], F_SETFL, 0);  // a write to a full pipe blocks
@@ -95,7 +97,7 @@ TEST(Log, DropsWhatNobodyReadsUntilSomebodyDoes) {
         text[std::max<ssize_t>(read(both[0], text, sizeof text - 1), 0)] = '\0';
         _exit(std::string(text).find("<0> again\n") == std::string::npos);
     });
-    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(program.wait(), 0);
 }
 
 TEST(Log, DropsLinesWhenThereIsNoStream) {

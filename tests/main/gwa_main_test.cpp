@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
-#include "forked.h"
 #include "main/gwa_process.h"
 #include "runtime/gwa_util_time.h"
-#include "support/eventually.h"
+#include "support/child.h"
 
 namespace {
 
@@ -22,19 +22,21 @@ class Daemon : public testing::Test {  // in a network namespace of its own: no 
     Daemon() { mkdir((home.path + "/tmp").c_str(), 0700); }
 
     void run(const char* option, const char* value) const {
-        call_with(gwa_main, {"gwad", "-H", home.path, "-l", log, "-r", "127.0.0.1", "-i", "lo",
-                             "-I", "box", option, value});
+        std::vector<std::string> arguments{"gwad", "-H",        home.path, "-l", log,
+                                           "-r",   "127.0.0.1", "-i",      "lo", "-I",
+                                           "box",  option,      value};
+        gwa_main(static_cast<int>(arguments.size()), argument_list(arguments).data());
     }
 };
 
 }  // namespace
 
 TEST_F(Daemon, KeepsItsMessagesOutOfItsLogWhenStartedWithDescriptorsClosed) {
-    forked child([&] {
+    child program([&] {
         close(STDERR_FILENO);  // the log would get its number
         run("-V", "9");
     });
-    EXPECT_EQ(child.wait(), 1);
+    EXPECT_EQ(program.wait(), 1);
     const std::string text = file_read(log);
     EXPECT_NE(text.find("exit from func"), std::string::npos) << text;
     EXPECT_EQ(text.find("log level is invalid"), std::string::npos) << text;
@@ -53,7 +55,7 @@ TEST_F(Daemon, TakesUpTheJumpThatItIsAskedFor) {
         {GWA_JUMP_RESTART, "<7> unknown jump code 2\n", false, 255},
     };
     for (const auto& with : cases) {
-        forked child([&] {
+        child program([&] {
             if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
                 _exit(NO_NAMESPACE);
             }
@@ -67,14 +69,14 @@ TEST_F(Daemon, TakesUpTheJumpThatItIsAskedFor) {
         });
         const auto logged = [&] { return file_read(log).find(with.line) != std::string::npos; };
         if (with.goes_on && eventually(logged)) {
-            kill(child.pid, SIGTERM);
+            kill(program.pid(), SIGTERM);
         }
-        if (child.wait() == NO_NAMESPACE) {
+        if (program.wait() == NO_NAMESPACE) {
             GTEST_SKIP() << "this machine allows no private network namespace";
         }
-        EXPECT_EQ(child.wait(), with.status);
+        EXPECT_EQ(program.wait(), with.status);
         EXPECT_TRUE(logged()) << file_read(log);
-        EXPECT_EQ(child.output().find("recv signal 15\n") != std::string::npos, with.goes_on);
+        EXPECT_EQ(program.output().find("recv signal 15\n") != std::string::npos, with.goes_on);
         unlink(log.c_str());
     }
 }

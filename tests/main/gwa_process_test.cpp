@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "forked.h"
+#include "support/child.h"
 
 TEST(ProcessPaths, LieUnderTheHomeDirectoryAndAreCutWithIt) {
     const std::string homes[] = {"", "/data/box", std::string(110, 'h'), std::string(300, 'h')};
@@ -20,14 +20,14 @@ TEST(ProcessPaths, LieUnderTheHomeDirectoryAndAreCutWithIt) {
 }
 
 TEST(ProcessEnd, FlushesWithoutRunningExitHandlers) {
-    forked child([] {
+    child program([] {
         atexit([] { puts("handler"); });
         printf("kept");
         GWA_EXIT(3);
     });
-    EXPECT_EQ(child.wait(), 3);
-    EXPECT_EQ(child.output(), "kept");
-    EXPECT_NE(child.errors().find("<0> exit from func operator(), line gwa_process_test.cpp : "),
+    EXPECT_EQ(program.wait(), 3);
+    EXPECT_EQ(program.output(), "kept");
+    EXPECT_NE(program.errors().find("<0> exit from func operator(), line gwa_process_test.cpp : "),
               std::string::npos)
-        << child.errors();
+        << program.errors();
 }

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "connection/gwa_connection.h"
-#include "forked.h"
 #include "main/gwa_process.h"
+#include "support/child.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ void checks_run(int runs, int silent) {
 TEST(Status, WritesTheTable) {
     temp_dir home;
     mkdir((home.path + "/tmp").c_str(), 0700);
-    forked child([&] {
+    child program([&] {
         gwa_process_paths_init(home.path.c_str());
         gwa_connection_table_init();
         gwa_log_level_set(GWA_LEVEL_PROGRESS);
@@ -51,7 +51,7 @@ TEST(Status, WritesTheTable) {
         last.stream_count.store(3);
         gwa_status_check(nullptr);
     });
-    EXPECT_EQ(child.wait(), FORKED_RETURNED);
+    EXPECT_EQ(program.wait(), child::RETURNED);
     const std::string separator =
         "+----+----------+----------+----------+----------+------+--------+--------+--------+\n";
     const std::string first =
@@ -72,7 +72,7 @@ TEST(Status, WritesTheTable) {
     EXPECT_EQ(written.substr(written.size() - last.size()), last);
     const std::string logged =
         "<1> offset = " + std::to_string(written.size()) + ", \n" + written + "\n";
-    EXPECT_NE(child.errors().find(logged), std::string::npos) << child.errors();
+    EXPECT_NE(program.errors().find(logged), std::string::npos) << program.errors();
 }
 
 TEST(Status, RestartsOnTheTwelfthRunWhenAnyConnectionIsSilent) {
@@ -80,23 +80,23 @@ TEST(Status, RestartsOnTheTwelfthRunWhenAnyConnectionIsSilent) {
         int runs, silent, running, status;
         const char* logged;
     } cases[] = {
-        {25, NOBODY, 1, FORKED_RETURNED, ""},
-        {11, -1, 1, FORKED_RETURNED, ""},
-        {25, -1, 0, FORKED_RETURNED, ""},  // told to stop: silence is as it should be
+        {25, NOBODY, 1, child::RETURNED, ""},
+        {11, -1, 1, child::RETURNED, ""},
+        {25, -1, 0, child::RETURNED, ""},  // told to stop: silence is as it should be
         {12, -1, 1, 0, "<0> in pkts not update too long, conn cntl\n"},
         {12, 0, 1, 0, "<0> in pkts not update too long, conn 0\n"},
         {12, 4, 1, 0, "<0> in pkts not update too long, conn 4\n"},
     };
     for (const auto& with : cases) {
-        forked child([&] {
+        child program([&] {
             gwa_connection_table_init();
             gwa_log_level_set(GWA_LEVEL_FATAL);
             gwa_process_paths_init("/no/home");  // without its file the check runs all the same
             gwa_process_run.store(with.running);
             checks_run(with.runs, with.silent);
         });
-        EXPECT_EQ(child.wait(), with.status);
-        const std::string errors = child.errors();
+        EXPECT_EQ(program.wait(), with.status);
+        const std::string errors = program.errors();
         EXPECT_NE(errors.find(with.logged), std::string::npos) << errors;
         EXPECT_EQ(errors.find("<0>  !!!! restart the process !!!!\n") != std::string::npos,
                   with.status == 0);

@@ -12,6 +12,7 @@
 #include "runtime/gwa_types.h"
 #include "support/fake_time.h"
 #include "support/files.h"
+#include "support/frames.h"
 #include "support/run_flags.h"
 
 namespace {
@@ -76,9 +77,8 @@ struct DlnaStatus : testing::Test {
     words reports() {
         words found;
         for (const std::string& frame : queued_frames()) {
-            const std::string header("\x01\x10\x00\x09\0\0\0\1\0\0\0\0\0\0\0\4", 16);
-            EXPECT_EQ(frame.substr(0, 16), header);
             found.push_back(load_be32(reinterpret_cast<const uint8_t*>(frame.data()) + 16));
+            EXPECT_EQ(frame, frame_bytes(STATUS, 0, be32(found.back())));
         }
         return found;
     }

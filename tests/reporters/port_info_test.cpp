@@ -10,6 +10,7 @@
 #include "main/gwa_log.h"
 #include "reporters/control_queue.h"
 #include "support/files.h"
+#include "support/frames.h"
 
 namespace {
 
@@ -52,11 +53,7 @@ struct PortInfo : testing::Test {
     }
 };
 
-std::string report_frame(const std::string& json) {
-    std::string header("\x01\x10\x00\x0c\0\0\0\1\0\0\0\0\0\0\0\0", 16);
-    header[15] = static_cast<char>(json.size());
-    return header + json;
-}
+std::string report_frame(const std::string& json) { return frame_bytes(PORT_INFO, 0, json); }
 
 TEST_F(PortInfo, ReportsEveryAnnouncementThatWaits) {
     announces(3, 8080);

@@ -7,7 +7,9 @@
 #include <functional>
 #include <string>
 
+#include "support/eventually.h"
 #include "support/fake_time.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -135,11 +137,11 @@ TEST_F(TimerWalk, LetsACallbackChangeItsList) {
 TEST_F(TimerWalk, StartRunsWhatIsAlreadyDueAtOnce) {
     fake_time::tick_us = 1;
     b.action = [&] { destroy(b); };
-    testing::internal::CaptureStderr();
-    start(a, 0, GWA_TIMER_PERIODIC | GWA_TIMER_FREE_SELF);
-    start(b, 0);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("is expired before start\n"),
-              std::string::npos);
+    const std::string log = log_of([&] {
+        start(a, 0, GWA_TIMER_PERIODIC | GWA_TIMER_FREE_SELF);
+        start(b, 0);
+    });
+    EXPECT_NE(log.find("is expired before start\n"), std::string::npos);
     EXPECT_EQ(fired, "ab");
     EXPECT_EQ(pass(9 * SECOND), "") << "it is not pending";
     // Its mode did not count, so it is still there.
@@ -164,29 +166,14 @@ TEST_F(TimerWalk, FreesByModeWhenFiredOnceAndWhenDestroyed) {
     }
 }
 
-namespace {
-
-// For the list's own thread: a clock that the test moves, and sleeps so short that nobody waits,
-// but for the test's own, which leave the thread time to end.
-struct thread_time {
-    static inline std::atomic<int32_t> now_s;
-    static inline const pthread_t test_thread = pthread_self();
-    gwa_time_source saved = gwa_time;
-    thread_time() {
-        now_s = 0;
-        gwa_time = {
-            [] { return now_s * SECOND; },
-            [](int64_t) { usleep(pthread_equal(pthread_self(), test_thread) ? 100000 : 500); }};
-    }
-    ~thread_time() { gwa_time = saved; }
-};
-
-}  // namespace
-
 TEST(TimerThread, RunsTheDefaultListAndEndsOnRequest) {
-    const thread_time time;
-    static std::atomic<int> state;
-    state = 0;
+    // A clock that the test moves, and sleeps so short that nobody waits, but for the test's own,
+    // which leave the thread time to end.
+    static std::atomic<int32_t> now_s = 0, state = 0;
+    static const pthread_t test_thread = pthread_self();
+    const fake_time restored;
+    gwa_time = {[] { return now_s * SECOND; },
+                [](int64_t) { usleep(pthread_equal(pthread_self(), test_thread) ? 100000 : 500); }};
     ASSERT_EQ(gwa_timer_default_init(), 0);
     gwa_timer *timer = nullptr, *pending = nullptr;
     const auto slow = [](void*) {
@@ -198,18 +185,15 @@ TEST(TimerThread, RunsTheDefaultListAndEndsOnRequest) {
     ASSERT_EQ(gwa_timer_init(slow, nullptr, 9999, GWA_TIMER_ONCE, nullptr, &pending), 0);
     ASSERT_EQ(gwa_timer_start(pending), 0);
     ASSERT_EQ(gwa_timer_start(timer), 0);
-    thread_time::now_s = 77;
-    for (int i = 0; state == 0 && i < 50000; i++) {
-        usleep(100);
-    }
+    now_s = 77;
+    EXPECT_TRUE(eventually([] { return state != 0; }));
     EXPECT_EQ(gwa_timer_stop(timer), 0);
     EXPECT_EQ(state, 2) << "stop returned while the callback was running";
     free(timer);
 
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(gwa_timer_default_exit(), 0);  // frees what is still pending
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("main thread have exited\n"),
-              std::string::npos);
+    // Frees what is still pending.
+    const std::string log = log_of([] { EXPECT_EQ(gwa_timer_default_exit(), 0); });
+    EXPECT_NE(log.find("main thread have exited\n"), std::string::npos);
     EXPECT_EQ(gwa_timer_default_list, nullptr);
     EXPECT_EQ(gwa_now_get(), 77);
 }

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,21 +11,7 @@
 
 #include "main/gwa_process.h"
 #include "runtime/gwa_types.h"
-
-namespace {
-
-struct firmware_file {  // the one that gwa_fwver_get reads; removed when it goes
-    explicit firmware_file(const std::string& content) {
-        char path[] = "/tmp/gwad_firmware_XXXXXX";
-        close(mkstemp(path));
-        text_copy(gwa_process_paths.firmware_file, path);
-        EXPECT_EQ(gwa_file_write(path, content.data(), content.size()), 0);
-    }
-    firmware_file(firmware_file&&) = delete;
-    ~firmware_file() { unlink(gwa_process_paths.firmware_file); }
-};
-
-}  // namespace
+#include "support/child.h"
 
 TEST(RoundUp, GivesPowersOfTwoUpTo8192) {
     const std::pair<int, int> sizes[] = {{-1, 0},      {0, 0},       {1, 32},      {32, 32},
@@ -75,9 +60,12 @@ TEST(FirmwareVersion, TakesThreeKeys) {
         {std::string(126, '-') + "CURVER=1\nCOMPONENT=c\nTERMINAL=ab", 0, "1", "c", "ab"},
         {std::string(125, '-') + "CURVER=1\nCOMPONENT=c\nTERMINAL=ab", -1, "?", "c", "ab"},
     };
+    const temp_dir home;
+    const std::string firmware = home.path + "/firmware";
+    text_copy(gwa_process_paths.firmware_file, firmware);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content);
-        const firmware_file file{c.content};
+        file_write(firmware, c.content);
         gwa_firmware_value version = "?", component = "?", terminal = "?";
         EXPECT_EQ(gwa_fwver_get(version, component, terminal), c.result);
         EXPECT_EQ(version, c.version);
@@ -112,14 +100,11 @@ TEST(Interface, TellsAddressesOfTheLoopback) {
 
 TEST(CloseAllFds, LeavesNoneOpen) {
     const int high = fcntl(STDERR_FILENO, F_DUPFD, 200);
-    const pid_t child = fork();
-    if (child == 0) {
+    child closer([high] {
         gwa_close_all_fds();
         _exit(fcntl(0, F_GETFD) == -1 && fcntl(high, F_GETFD) == -1 ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    });
+    EXPECT_EQ(closer.wait(), 0);
     close(high);
 }
 

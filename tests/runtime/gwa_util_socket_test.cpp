@@ -11,6 +11,7 @@
 
 #include "runtime/gwa_types.h"
 #include "support/fake_time.h"
+#include "support/log_of.h"
 #include "support/run_flags.h"
 #include "support/socket_pair.h"
 
@@ -64,7 +65,7 @@ TEST(ExactRead, EndsWhenThePeerClosesOrTheProcessStops) {
         ASSERT_TRUE(sockets.peer_says("abc"));
         EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), read.cut_short);
         ASSERT_TRUE(sockets.peer_says("abc"));
-        sockets.peer_close();
+        sockets.peer.reset();
         EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), GWA_FAILED);
     }
 }
@@ -87,9 +88,8 @@ TEST(RecvnTimeout, TellsARunOutWaitFromALateStart) {
         socket_pair sockets;
         time.tick_us = tick_us;
         char buffer[8];
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, 1), result);
-        const std::string log = testing::internal::GetCapturedStderr();
+        const std::string log = log_of(
+            [&] { EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, 1), result); });
         EXPECT_EQ(log.find("<3> recv timeout in 1 second\n") != log.npos, result == GWA_TIMED_OUT);
         EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, 0), GWA_FAILED);
     }
@@ -138,7 +138,7 @@ TEST(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
     EXPECT_EQ(receive(1), 3);
     time.tick_us = ALMOST_A_SECOND_US;
     EXPECT_EQ(receive(1), GWA_TIMED_OUT);
-    sockets.peer_close();
+    sockets.peer.reset();
     EXPECT_EQ(receive(1), 0);
     close(HIGH_FD);
     EXPECT_EQ(receive(1), GWA_FAILED);
@@ -148,7 +148,7 @@ TEST(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
 TEST(RecvTimeout, OutlastsASignal) {
     static int peer;
     socket_pair sockets;
-    peer = sockets.peer;
+    peer = sockets.peer.get();
     struct sigaction action {};  // restarts no call
     action.sa_handler = [](int) { send(peer, "x", 1, 0); };
     sigaction(SIGALRM, &action, nullptr);
@@ -171,12 +171,11 @@ TEST(RecvDiscard, DropsExactlyTheCount) {
 
 TEST(Connect, SucceedsFailsTimesOutOrStopsWithTheProcess) {
     fake_time time;
-    const loopback_port open{1}, unused{-1}, full{0};
-    const auto attempt = [](const loopback_port& port, int seconds) {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        const int result = gwa_connect_timeout(fd, port.get(), sizeof port.address, seconds);
-        close(fd);
-        return result;
+    const loopback_listener open, unused{-1}, full{0};
+    const auto attempt = [](const loopback_listener& port, int seconds) {
+        const unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        return gwa_connect_timeout(fd.get(), reinterpret_cast<const sockaddr*>(&port.address),
+                                   sizeof port.address, seconds);
     };
     EXPECT_EQ(attempt(open, 0), GWA_FAILED);
     EXPECT_EQ(attempt(open, 10), GWA_OK);
@@ -197,10 +196,7 @@ TEST(Sendn, SendsEverythingInPieces) {
         text += std::to_string(text.size());
     }
     time.event = [&] {  // the peer takes what is there whenever the code looks at the clock
-        char piece[977];
-        for (ssize_t n; (n = recv(sockets.peer, piece, sizeof piece, MSG_DONTWAIT)) > 0;) {
-            copy.append(piece, static_cast<size_t>(n));
-        }
+        copy += sockets.peer_hears();
     };
     const int length = static_cast<int>(text.size());
     EXPECT_EQ(gwa_sendn(sockets.ours, text.data(), length), length);
@@ -217,7 +213,7 @@ TEST(Sendn, ComesUpShortWhenItCannotGoOn) {
     const int sent = gwa_sendn(sockets.ours, text.data(), 4 << 20);
     EXPECT_GT(sent, 0) << "what fits still leaves";
     EXPECT_LT(sent, 4 << 20);
-    sockets.peer_close();
+    sockets.peer.reset();
     EXPECT_EQ(gwa_sendn(sockets.ours, text.data(), 1), 0) << "and no SIGPIPE";
 }
 
@@ -243,9 +239,7 @@ TEST(SendBufferWait, EndsWhenDrainedOrAtTheLimit) {
     EXPECT_EQ(level, 5);
     EXPECT_EQ(time.now_us, SECOND_US) << "in pauses of 5 ms";
     int looks = 0;
-    time.event = [&] {
-        ++looks == 9 && recv(sockets.peer, text.data(), text.size(), MSG_DONTWAIT);
-    };
+    time.event = [&] { ++looks == 9 && !sockets.peer_hears().empty(); };
     EXPECT_EQ(wait(sockets.ours), GWA_OK);
     EXPECT_EQ(level, 0);
     EXPECT_LT(time.now_us, 2 * SECOND_US);

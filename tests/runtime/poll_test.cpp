@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 
+#include "support/log_of.h"
 #include "support/socket_pair.h"
 
 namespace {
@@ -47,16 +48,10 @@ class Poll : public testing::Test {
     poll_set set;
 };
 
-std::string log_of(const std::function<int()>& call, int expected) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(call(), expected);
-    return testing::internal::GetCapturedStderr();
-}
-
 }  // namespace
 
 TEST_F(Poll, TellsAnEmptySetFromADescriptorThatIsNotThere) {
-    const std::string log = log_of([&] { return poll_wait(&set); }, -1);
+    const std::string log = log_of([&] { EXPECT_EQ(poll_wait(&set), -1); });
     EXPECT_NE(log.find("poll_wait() <3> no fd in set\n"), std::string::npos);
     EXPECT_EQ(poll_del(&set, 999), 0);
     EXPECT_EQ(poll_rearm(&set, 999), -1);
@@ -77,7 +72,7 @@ TEST_F(Poll, ReportsAnEdgeOnceAndAgainAfterRearm) {
     EXPECT_EQ(seen.calls, 2);
     // A hang-up that comes with data is the callback's.
     ASSERT_TRUE(one.peer_says("x"));
-    one.peer_close();
+    one.peer.reset();
     EXPECT_EQ(poll_wait(&set), 0);
     EXPECT_EQ(seen.events, uint32_t{EPOLLIN | EPOLLOUT | EPOLLHUP});
 }
@@ -88,7 +83,7 @@ TEST_F(Poll, ChecksItsTimeout) {
          {std::pair{0, true}, {1, false}, {60000, false}, {60001, true}}) {
         set.timeout = timeout;
         EXPECT_EQ(poll_rearm(&set, one.ours), 0);
-        const std::string log = log_of([&] { return poll_wait(&set); }, 0);
+        const std::string log = log_of([&] { EXPECT_EQ(poll_wait(&set), 0); });
         const std::string text = "<3> timeout error " + std::to_string(timeout) + ", use default\n";
         EXPECT_EQ(log.find(text) != std::string::npos, complains) << timeout;
     }
@@ -100,7 +95,7 @@ TEST_F(Poll, EndsTheLoopOnlyForAHangUpOfTheFirstDescriptor) {
     ASSERT_EQ(add(number, seen), 0);
     ASSERT_EQ(add(other.both[0], seen), 0);
     other.hang_up();
-    const std::string log = log_of([&] { return poll_wait(&set); }, 0);
+    const std::string log = log_of([&] { EXPECT_EQ(poll_wait(&set), 0); });
     EXPECT_NE(
         log.find("<3> epoll event error, fd " + std::to_string(other.both[0]) + ", event 0x10\n"),
         std::string::npos);
@@ -146,7 +141,7 @@ TEST_F(Poll, EndsTheBatchWhenACallbackClosesTheSet) {
 TEST_F(Poll, KeepsARefusedDescriptorCountedButNeverTouchesItsNumber) {
     ASSERT_EQ(add(one.ours, seen), 0);
     int refused = open("/dev/null", O_RDONLY | O_CLOEXEC);  // epoll takes no such file
-    const std::string log = log_of([&] { return add(refused, seen_too); }, -1);
+    const std::string log = log_of([&] { EXPECT_EQ(add(refused, seen_too), -1); });
     EXPECT_NE(log.find("poll_add() <3> add fd "), std::string::npos);
     EXPECT_EQ(set.fd_count, 2);
 

@@ -1,22 +1,25 @@
 #include "child.h"
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <stdexcept>
-#include <thread>
+#include <cstdio>
 
 namespace {
 
-using steady = std::chrono::steady_clock;
-constexpr test_duration CHECK_EVERY{2};
-constexpr int SIGNAL_BASE = 128;  // as a shell reports an ending by signal
-constexpr mode_t PRIVATE_FILE = 0600;
+void redirect(int descriptor, const std::string& path) {
+    constexpr mode_t PRIVATE_FILE = 0600;
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, PRIVATE_FILE);
+    dup2(fd, descriptor);
+    close(fd);
+}
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
+}  // namespace
+
+std::vector<char*> argument_list(std::vector<std::string>& texts) {
     std::vector<char*> list;
     for (std::string& text : texts) {
         list.push_back(text.data());
@@ -25,31 +28,28 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
     return list;
 }
 
-}  // namespace
-
-child::child(std::vector<std::string> arguments, std::vector<std::string> environment) {
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        environment.emplace_back(*entry);  // after the extra ones: getenv takes the first it finds
+child::child(const std::function<void()>& body) {
+    fflush(nullptr);
+    process = fork();
+    if (process == 0) {
+        setpgid(0, 0);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        redirect(STDIN_FILENO, "/dev/null");
+        redirect(STDOUT_FILENO, files.path + "/out");
+        redirect(STDERR_FILENO, files.path + "/err");
+        body();
+        fflush(stdout);
+        _exit(RETURNED);
     }
-    const std::string out = files.path + "/out";
-    const std::string err = files.path + "/err";
-    constexpr int WRITE_NEW = O_WRONLY | O_CREAT | O_APPEND;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), WRITE_NEW, PRIVATE_FILE);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), WRITE_NEW, PRIVATE_FILE);
-    const int failed = posix_spawn(&process, arguments.at(0).c_str(), &actions, nullptr,
-                                   pointers(arguments).data(), pointers(environment).data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) {
-        throw std::runtime_error("cannot start " + arguments[0]);
-    }
+    setpgid(process, process);
 }
 
+child::child(std::vector<std::string> arguments)
+    : child([list = argument_list(arguments)] { execv(list[0], list.data()); }) {}
+
 child::~child() {
+    kill(-process, SIGKILL);
     if (running()) {
-        signal(SIGKILL);
         waitpid(process, nullptr, 0);
     }
 }
@@ -57,7 +57,7 @@ child::~child() {
 bool child::running() {
     int status = 0;
     if (!result && waitpid(process, &status, WNOHANG) == process) {
-        result = WIFEXITED(status) ? WEXITSTATUS(status) : SIGNAL_BASE + WTERMSIG(status);
+        result = WIFEXITED(status) ? WEXITSTATUS(status) : SIGNALLED + WTERMSIG(status);
     }
     return !result;
 }
@@ -69,10 +69,7 @@ void child::signal(int number) const {
 }
 
 std::optional<int> child::wait(test_duration patience) {
-    const auto deadline = steady::now() + patience;
-    while (running() && steady::now() < deadline) {
-        std::this_thread::sleep_for(CHECK_EVERY);
-    }
+    eventually([this] { return !running(); }, patience);
     return result;
 }
 
@@ -85,24 +82,7 @@ std::string child::output() const { return file_read(files.path + "/out"); }
 
 std::string child::errors() const { return file_read(files.path + "/err"); }
 
-bool child::output_contains(std::string_view text, test_duration patience) {
-    return shows(files.path + "/out", text, patience);
-}
-
-bool child::errors_contain(std::string_view text, test_duration patience) {
-    return shows(files.path + "/err", text, patience);
-}
-
-bool child::shows(const std::string& path, std::string_view text, test_duration patience) {
-    const auto deadline = steady::now() + patience;
-    for (;;) {
-        const bool last_look = !running() || steady::now() >= deadline;
-        if (file_read(path).find(text) != std::string::npos) {
-            return true;
-        }
-        if (last_look) {
-            return false;
-        }
-        std::this_thread::sleep_for(CHECK_EVERY);
-    }
+bool child::output_contains(std::string_view text) {
+    const auto shown = [&] { return output().find(text) != std::string::npos; };
+    return eventually([&] { return shown() || !running(); }) && shown();
 }

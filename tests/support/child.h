@@ -1,30 +1,36 @@
-// child.h - a program that runs beside the test and cannot outlive it.
+// child.h - a program, or a piece of the test, that runs beside the test and cannot outlive it.
 //
 // Standard output and standard error go to files of the child's own, so that a talkative program
-// never blocks on a full pipe. Standard input is /dev/null.
+// never blocks on a full pipe. What the child starts itself (its process group) goes with it.
 #pragma once
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "eventually.h"
 #include "files.h"
-#include "sockets.h"
 
 class child {
    public:
-    // The first argument is the program's path. Extra variables are given as "NAME=value".
-    explicit child(std::vector<std::string> arguments, std::vector<std::string> environment = {});
+    static constexpr int RETURNED = 42;    // the status of a body that came to its end
+    static constexpr int SIGNALLED = 128;  // and the number of the signal
+
+    // Runs the body in a copy of this process.
+    explicit child(const std::function<void()>& body);
+    // Runs a program; the first argument is its path.
+    explicit child(std::vector<std::string> arguments);
     child(child&&) = delete;
     ~child();  // kills what still runs, and waits for it
 
     pid_t pid() const { return process; }
     bool running();
     void signal(int number) const;
-    // The exit status, or 128 + the signal that ended it; nothing when it still runs after that.
+    // The exit status, or SIGNALLED + the signal; nothing when it still runs after that.
     std::optional<int> wait(test_duration patience = TEST_PATIENCE);
     // SIGTERM, then wait.
     std::optional<int> terminate(test_duration patience = TEST_PATIENCE);
@@ -32,13 +38,13 @@ class child {
     std::string output() const;  // standard output so far
     std::string errors() const;  // standard error so far
     // True as soon as the text shows up; false at the deadline or when the program ended without.
-    bool output_contains(std::string_view text, test_duration patience = TEST_PATIENCE);
-    bool errors_contain(std::string_view text, test_duration patience = TEST_PATIENCE);
+    bool output_contains(std::string_view text);
 
    private:
-    bool shows(const std::string& path, std::string_view text, test_duration patience);
-
     temp_dir files;
     pid_t process = -1;
     std::optional<int> result;
 };
+
+// The arguments as a program gets them; they point into the texts.
+std::vector<char*> argument_list(std::vector<std::string>& texts);

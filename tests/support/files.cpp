@@ -6,8 +6,9 @@
 #include <iterator>
 #include <stdexcept>
 
-temp_dir::temp_dir()
-    : path((std::filesystem::temp_directory_path() / "gwad-test-XXXXXX").string()) {
+namespace fs = std::filesystem;
+
+temp_dir::temp_dir() : path((fs::temp_directory_path() / "gwad-test-XXXXXX").string()) {
     if (mkdtemp(path.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed for " + path);
     }
@@ -15,10 +16,26 @@ temp_dir::temp_dir()
 
 temp_dir::~temp_dir() {
     std::error_code ignored;  // a file that a child still writes must not end the test run
-    std::filesystem::remove_all(path, ignored);
+    fs::remove_all(path, ignored);
 }
 
 std::string file_read(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void file_write(const std::string& path, std::string_view bytes, bool executable) {
+    std::ofstream(path, std::ios::binary).write(bytes.data(), std::ssize(bytes));
+    if (executable) {
+        fs::permissions(path, fs::perms::owner_all);
+    }
+}
+
+std::string noise(size_t size, uint32_t seed) {
+    std::string bytes(size, '\0');
+    for (char& byte : bytes) {
+        seed = seed * 1664525 + 1013904223;
+        byte = static_cast<char>(seed >> 24);
+    }
+    return bytes;
 }

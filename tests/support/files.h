@@ -1,7 +1,9 @@
-// files.h - a directory that lives as long as the test that needs it, and whole-file reads.
+// files.h - a directory that lives as long as the test that needs it, and whole files.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 
 struct temp_dir {  // made under the system's directory for such things, removed with what is in it
     std::string path;
@@ -13,3 +15,7 @@ struct temp_dir {  // made under the system's directory for such things, removed
 
 // The file's bytes; empty when it cannot be read.
 std::string file_read(const std::string& path);
+void file_write(const std::string& path, std::string_view bytes, bool executable = false);
+
+// Bytes that look random and are the same for the same seed.
+std::string noise(size_t size, uint32_t seed);

@@ -4,9 +4,9 @@
 // are out of reach, and whatever a test leaves running ends with it.
 #pragma once
 
-// Runs `tests` in private namespaces and returns its result; where the machine does not allow
-// them, says so on standard error and runs it as it stands. Called once, before any thread starts.
-int isolated_run(int (*tests)());
+// Starts this program anew in private namespaces. Comes back in there, and where the machine does
+// not allow them, which it says on standard error. Called first of all.
+void isolate(int argc, char** argv);
 
-// True within isolated_run, when the machine allowed it.
+// True in there.
 bool isolated();

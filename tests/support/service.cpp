@@ -12,34 +12,20 @@ local_service::~local_service() {
     stopping = true;
     shutdown(listener.fd.get(), SHUT_RDWR);  // ends the accept
     acceptor.join();
-    {
-        const std::lock_guard guard(lock);
-        for (const int fd : open) {
-            shutdown(fd, SHUT_RDWR);
-        }
-    }
-    for (std::thread& one : stories) {
-        one.join();
+    for (size_t i = 0; i < stories.size(); ++i) {
+        shutdown(connections[i].get(), SHUT_RDWR);
+        stories[i].join();
     }
 }
 
 void local_service::accept_all() {
     while (!stopping) {
-        unique_fd fd = listener.accept();
-        if (!fd) {
-            continue;
+        if (unique_fd fd = listener.accept()) {
+            stories.emplace_back([this, number = fd.get()] {
+                serve(number);
+                ++stories_ended;
+            });
+            connections.push_back(std::move(fd));
         }
-        ++connections;
-        {
-            const std::lock_guard guard(lock);
-            open.push_back(fd.get());
-        }
-        stories.emplace_back([this, fd = std::move(fd)]() mutable {
-            serve(fd.get());
-            const std::lock_guard guard(lock);
-            std::erase(open, fd.get());
-            fd.reset();
-            ++stories_ended;
-        });
     }
 }

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -11,14 +10,13 @@
 
 class local_service {
    public:
-    using story = std::function<void(int fd)>;  // serves one connection, which is closed after it
+    using story = std::function<void(int fd)>;  // serves one connection
 
     explicit local_service(story serve_one);
     local_service(local_service&&) = delete;
-    ~local_service();  // shuts every connection down and waits for the stories to end
+    ~local_service();  // ends every connection, and waits for the stories to end
 
     uint16_t port() const { return listener.port; }
-    int accepted() const { return connections; }
     int ended() const { return stories_ended; }
 
    private:
@@ -27,9 +25,8 @@ class local_service {
     story serve;
     loopback_listener listener;
     std::atomic<bool> stopping{false};
-    std::atomic<int> connections{0}, stories_ended{0};
-    std::mutex lock;  // guards `open`
-    std::vector<int> open;
-    std::vector<std::thread> stories;  // the accepting thread's, until it has ended
+    std::atomic<int> stories_ended{0};
+    std::vector<unique_fd> connections;  // with their stories the acceptor's, until it has ended
+    std::vector<std::thread> stories;
     std::thread acceptor;
 };

@@ -1,8 +1,5 @@
 #include "sockets.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,9 +30,23 @@ bool wait_for(int fd, short events, steady::time_point deadline) {
     return poll(&entry, 1, static_cast<int>(std::max<int64_t>(left, 0))) == 1;
 }
 
-// Bytes taken, 0 at the end, -1 after an error or when time ran out.
-ssize_t read_some(int fd, char* to, size_t size, steady::time_point deadline) {
-    return wait_for(fd, POLLIN, deadline) ? recv(fd, to, size, MSG_DONTWAIT) : -1;
+// Reads until `wanted` says, of what has come so far, that no more bytes are.
+template <typename Wanted>
+std::string read_while(int fd, test_duration patience, Wanted wanted) {
+    const auto deadline = steady::now() + patience;
+    std::string bytes;
+    while (const size_t step = std::min(wanted(bytes), READ_STEP)) {
+        const size_t filled = bytes.size();
+        bytes.resize(filled + step);
+        const ssize_t got = wait_for(fd, POLLIN, deadline)
+                                ? recv(fd, bytes.data() + filled, step, MSG_DONTWAIT)
+                                : -1;
+        bytes.resize(filled + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        if (got <= 0) {
+            break;
+        }
+    }
+    return bytes;
 }
 
 }  // namespace
@@ -56,13 +67,14 @@ void unique_fd::reset() {
     }
 }
 
-loopback_listener::loopback_listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = loopback_address(0);
+loopback_listener::loopback_listener(int backlog)
+    : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), address(loopback_address(0)) {
     socklen_t size = sizeof address;
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-        listen(fd.get(), SOMAXCONN) == 0 &&
-        getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size) == 0) {
-        port = ntohs(address.sin_port);
+    bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size);
+    port = ntohs(address.sin_port);
+    if (backlog >= 0) {
+        listen(fd.get(), backlog);
     }
 }
 
@@ -101,42 +113,17 @@ bool write_all(int fd, std::string_view bytes, test_duration patience) {
 }
 
 std::string read_exact(int fd, size_t size, test_duration patience) {
-    const auto deadline = steady::now() + patience;
-    std::string bytes(size, '\0');
-    size_t filled = 0;
-    while (filled < size) {
-        const ssize_t got = read_some(fd, bytes.data() + filled, size - filled, deadline);
-        if (got <= 0) {
-            break;
-        }
-        filled += static_cast<size_t>(got);
-    }
-    bytes.resize(filled);
-    return bytes;
+    return read_while(fd, patience, [&](const std::string& bytes) { return size - bytes.size(); });
 }
 
 std::string read_until(int fd, std::string_view mark, test_duration patience) {
-    const auto deadline = steady::now() + patience;
-    std::string bytes;
-    char next = 0;
-    while (!std::string_view(bytes).ends_with(mark) && read_some(fd, &next, 1, deadline) == 1) {
-        bytes += next;
-    }
-    return bytes;
+    return read_while(fd, patience, [&](const std::string& bytes) {
+        return bytes.ends_with(mark) ? size_t{0} : size_t{1};
+    });
 }
 
 std::string read_to_end(int fd, test_duration patience) {
-    const auto deadline = steady::now() + patience;
-    std::string bytes;
-    for (;;) {
-        const size_t filled = bytes.size();
-        bytes.resize(filled + READ_STEP);
-        const ssize_t got = read_some(fd, bytes.data() + filled, READ_STEP, deadline);
-        bytes.resize(filled + static_cast<size_t>(std::max<ssize_t>(got, 0)));
-        if (got <= 0) {
-            return bytes;
-        }
-    }
+    return read_while(fd, patience, [](const std::string&) { return READ_STEP; });
 }
 
 bool closed_by_peer(int fd, test_duration patience) {

@@ -4,15 +4,12 @@
 // expectation shows the bytes that did arrive. Nothing here throws or logs.
 #pragma once
 
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
+#include <netinet/in.h>
+
 #include <string>
 #include <string_view>
 
-using test_duration = std::chrono::milliseconds;
-// Long enough for a loaded machine under a sanitizer; only a failing test ever waits for it.
-constexpr test_duration TEST_PATIENCE{10000};
+#include "eventually.h"
 
 class unique_fd {  // closes what it holds
    public:
@@ -32,9 +29,10 @@ class unique_fd {  // closes what it holds
 
 struct loopback_listener {  // on a port of the kernel's choice
     unique_fd fd;
-    uint16_t port = 0;
+    sockaddr_in address;
+    uint16_t port;
 
-    loopback_listener();
+    explicit loopback_listener(int backlog = SOMAXCONN);  // below 0: refuses connections
     // Empty when nobody connected before the deadline.
     unique_fd accept(test_duration patience = TEST_PATIENCE) const;
 };

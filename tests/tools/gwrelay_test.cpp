@@ -7,8 +7,9 @@
 #include <csignal>
 #include <thread>
 
-#include "child.h"
-#include "sockets.h"
+#include "support/frames.h"
+#include "support/relay_program.h"
+#include "support/sockets.h"
 
 namespace {
 
@@ -18,58 +19,14 @@ constexpr test_duration A_MOMENT{200};
 constexpr int SMALL_BUFFER = 4096;
 constexpr size_t MANY_BYTES = 32 * 1024 * 1024;  // more than all kernel buffers on the way
 
-struct relay {
-    child process;
-    uint16_t manager = 0, control = 0, data = 0, front = 0;
-
-    explicit relay(const strings& extra = {}) : process(command_line(extra)) {
-        process.output_contains("\n");
-        unsigned ports[4] = {};
-        sscanf(process.output().c_str(), "ready manager=%u control=%u data=%u front=%u\n",
-               &ports[0], &ports[1], &ports[2], &ports[3]);
-        manager = static_cast<uint16_t>(ports[0]);
-        control = static_cast<uint16_t>(ports[1]);
-        data = static_cast<uint16_t>(ports[2]);
-        front = static_cast<uint16_t>(ports[3]);
-    }
-
-    static strings command_line(const strings& extra) {
-        strings all = {GWRELAY_PATH,    "--manager-port=0", "--control-port=0",
-                       "--data-port=0", "--front-port=0",   "-v"};
-        all.insert(all.end(), extra.begin(), extra.end());
-        return all;
-    }
-};
-
-std::string be32(uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16 & 0xff),
-            static_cast<char>(value >> 8 & 0xff), static_cast<char>(value & 0xff)};
-}
-
-std::string frame(int version, int command, uint32_t flag, uint32_t stream,
-                  const std::string& payload) {
-    return std::string{static_cast<char>(version), 16, 0, static_cast<char>(command)} + be32(flag) +
-           be32(stream) + be32(static_cast<uint32_t>(payload.size())) + payload;
-}
-
-std::string read_frame(const unique_fd& fd) {
-    std::string whole = read_exact(fd.get(), 16);
-    if (whole.size() == 16) {
-        uint32_t length = 0;
-        for (size_t i = 12; i < 16; ++i) {
-            length = length << 8 | static_cast<unsigned char>(whole[i]);
-        }
-        whole += read_exact(fd.get(), length);
-    }
-    return whole;
-}
+using relay = relay_program;
 
 std::string info(const std::string& id) { return R"({"deviceid":")" + id + R"(","fwver":"1.2"})"; }
 
 unique_fd control_login(const relay& hub, const std::string& id, std::string* answer = nullptr) {
     unique_fd fd = loopback_connect(hub.control);
-    write_all(fd.get(), frame(3, 3, 1, 0, info(id)));
-    std::string got = read_frame(fd);
+    write_all(fd.get(), frame_bytes(DEVICE_INFO, 0, info(id), 3));
+    std::string got = frame_read(fd.get());
     if (answer != nullptr) {
         *answer = std::move(got);
     }
@@ -78,8 +35,8 @@ unique_fd control_login(const relay& hub, const std::string& id, std::string* an
 
 unique_fd data_login(const relay& hub, const std::string& id, int receive_buffer = 0) {
     unique_fd fd = loopback_connect(hub.data, receive_buffer);
-    write_all(fd.get(), frame(2, 3, 1, 0, info(id)));
-    EXPECT_EQ(read_frame(fd), frame(1, 5, 1, 0, ""));
+    write_all(fd.get(), frame_bytes(DEVICE_INFO, 0, info(id), 2));
+    EXPECT_EQ(frame_read(fd.get()), frame_bytes(LOGIN_ANSWER));
     return fd;
 }
 
@@ -94,8 +51,8 @@ std::string fetch(const relay& hub, const std::string& request) {
 }
 
 bool still_echoes(const unique_fd& fd) {
-    write_all(fd.get(), frame(2, 2, 1, 0, "\1\2\3\4"));
-    return read_frame(fd) == frame(2, 2, 1, 0, "\1\2\3\4");
+    write_all(fd.get(), heartbeat_frame(0x01020304));
+    return frame_read(fd.get()) == heartbeat_frame(0x01020304);
 }
 
 // Sends until nothing more is taken for a moment. The number of bytes that went out.
@@ -113,10 +70,33 @@ size_t write_until_held_back(const unique_fd& fd, std::string_view bytes) {
     return sent;
 }
 
-const strings NO_GUARD = {"--no-dead-port-guard"};
+std::string flood_of_stream_1() {
+    std::string flood;
+    while (flood.size() < MANY_BYTES) {
+        flood += frame_bytes(DATA, 1, std::string(PAYLOAD_MAX, 'x'));
+    }
+    return flood;
+}
+
+const char NO_GUARD[] = "--no-dead-port-guard";
 const std::string GET_BOX = "GET /box/80/ HTTP/1.1\r\n\r\n";
 const std::string GET_BOX_SENT =
     "GET /?x-qv-devid=box&x-qv-port=80 HTTP/1.1\r\nConnection: close\r\n\r\n";
+
+// A device with one data connection and a user whose request has reached it as stream 1.
+struct one_stream {
+    relay hub;
+    unique_fd data, user;
+    explicit one_stream(const char* option = "-v", const std::string& request = GET_BOX,
+                        int buffer = 0)
+        : hub({NO_GUARD, option}),
+          data(data_login(hub, "box")),
+          user(user_sends(hub, request, buffer)) {
+        EXPECT_EQ(frame_stream(frame_read(data.get())), 1U);
+    }
+    bool device_says(const std::string& frames) const { return write_all(data.get(), frames); }
+    std::string device_hears() const { return frame_read(data.get()); }
+};
 
 TEST(GwrelayOptions, BadOnesAreNamedAndEndWithStatusOne) {
     const std::pair<strings, const char*> cases[] = {
@@ -144,7 +124,7 @@ TEST(GwrelayProcess, EndsInOrderOnASignalWithConnectionsOfEveryKind) {
         const unique_fd data = data_login(hub, "box");
         const unique_fd user = user_sends(hub, GET_BOX);
         const unique_fd silent = loopback_connect(hub.manager);
-        ASSERT_FALSE(read_frame(data).empty());
+        ASSERT_FALSE(frame_read(data.get()).empty());
         hub.process.signal(number);
         EXPECT_EQ(hub.process.wait(), 0) << hub.process.errors();
     }
@@ -179,27 +159,28 @@ TEST(GwrelayControl, OrdersTheDataConnectionsInTheLoginAnswer) {
         json += "\"host"s + number + "\":\"127.0.0.1\",\"port" + number + "\":\"" +
                 std::to_string(hub.data) + "\"";
     }
-    EXPECT_EQ(answer, frame(2, 5, 1, 0, json + "}"));
+    EXPECT_EQ(answer, frame_bytes(LOGIN_ANSWER, 0, json + "}", 2));
 }
 
 TEST(GwrelayControl, OrdersByCommandSevenAndSetsTimesWhenAsked) {
     relay hub({"--command7", "--report-times=5,7200"});
     std::string answer;
     const unique_fd fd = control_login(hub, "box", &answer);
-    EXPECT_EQ(answer, frame(1, 5, 1, 0, ""));
-    EXPECT_EQ(read_frame(fd), frame(1, 7, 1, 0,
-                                    "host1host2host3host4host5 \"127.0.0.1\" "
-                                    "port1port2port3port4port5 \"" +
-                                        std::to_string(hub.data) + "\""));
-    EXPECT_EQ(read_frame(fd), frame(1, 10, 1, 0, be32(5) + be32(7200)));
+    EXPECT_EQ(answer, frame_bytes(LOGIN_ANSWER));
+    EXPECT_EQ(frame_read(fd.get()), frame_bytes(DATA_ORDER, 0,
+                                                "host1host2host3host4host5 \"127.0.0.1\" "
+                                                "port1port2port3port4port5 \"" +
+                                                    std::to_string(hub.data) + "\""));
+    EXPECT_EQ(frame_read(fd.get()), frame_bytes(REPORT_TIMES, 0, be32(5) + be32(7200)));
 }
 
 TEST(GwrelayControl, AnswersHeartbeatsAndHandsOutASessionId) {
     relay hub;
     const unique_fd fd = control_login(hub, "box");
-    write_all(fd.get(), frame(1, 8, 1, 0, ""));
-    const std::string session = read_frame(fd);
-    EXPECT_EQ(session.substr(0, 16), frame(1, 8, 1, 0, std::string(32, ' ')).substr(0, 16));
+    write_all(fd.get(), frame_bytes(SESSION_ID));
+    const std::string session = frame_read(fd.get());
+    EXPECT_EQ(session.substr(0, 16),
+              frame_bytes(SESSION_ID, 0, std::string(32, ' ')).substr(0, 16));
     EXPECT_EQ(session.find_first_not_of("0123456789abcdef", 16), std::string::npos);
     EXPECT_TRUE(still_echoes(fd));
 }
@@ -218,14 +199,14 @@ TEST(GwrelayControl, ANewLoginEndsWhatTheDeviceHadBefore) {
 
 TEST(GwrelayFrames, BadOnesCloseTheirConnectionAndNothingElse) {
     relay hub;
-    const std::string beat = frame(2, 2, 1, 0, "1234");
+    const std::string beat = frame_bytes(HEARTBEAT, 0, "1234", 2);
     const auto with = [&beat](size_t at, char value) {
         std::string bytes = beat;
         bytes[at] = value;
         return bytes;
     };
-    const auto login = [](int version, const std::string& json) {
-        return frame(version, 3, 1, 0, json);
+    const auto login = [](uint8_t version, const std::string& json) {
+        return frame_bytes(DEVICE_INFO, 0, json, version);
     };
     struct {
         bool control;
@@ -246,10 +227,10 @@ TEST(GwrelayFrames, BadOnesCloseTheirConnectionAndNothingElse) {
         {true, login(3, info("box")) + with(3, 13)},
         {true, login(3, info("box")) + with(2, 1)},
         {true, login(3, info("box")) + with(15, 3)},
-        {false, login(2, info("box")) + frame(1, 1, 0, 0, "no stream")},
+        {false, login(2, info("box")) + frame_bytes(DATA, 0, "no stream")},
         {false, login(2, info("box")) + "\1\20\0\1\0\0\0\0\0\0\0\1\0\0\x1f\xf1"s},
-        {true, login(3, info("box")) + frame(1, 1, 0, 1, "data")},
-        {true, login(3, info("box")) + frame(1, 12, 1, 0, "{\"http_port\":8080")},
+        {true, login(3, info("box")) + frame_bytes(DATA, 1, "data")},
+        {true, login(3, info("box")) + frame_bytes(PORT_INFO, 0, "{\"http_port\":8080")},
     };
     for (const auto& [control, bytes] : cases) {
         const unique_fd fd = loopback_connect(control ? hub.control : hub.data);
@@ -292,12 +273,12 @@ TEST(GwrelayStream, CarriesTheRequestWithItsParametersInFront) {
     uint32_t stream = 0;
     for (const auto& [sent, expected] : cases) {
         const unique_fd user = user_sends(hub, sent);
-        EXPECT_EQ(read_frame(data), frame(1, 1, 0, ++stream, expected));
+        EXPECT_EQ(frame_read(data.get()), frame_bytes(DATA, ++stream, expected));
         // What a device with a dead port may throw away instead of the next user's frames.
-        EXPECT_EQ(read_frame(data).size(), expected.size());
-        write_all(data.get(), frame(1, 1, 0, stream, "HTTP/1.1 204 None\r\n\r\n"));
+        EXPECT_EQ(frame_read(data.get()).size(), expected.size());
+        write_all(data.get(), frame_bytes(DATA, stream, "HTTP/1.1 204 None\r\n\r\n"));
         EXPECT_EQ(read_to_end(user.get()), "HTTP/1.1 204 None\r\n\r\n");
-        EXPECT_EQ(read_frame(data), frame(1, 4, 1, stream, "")) << sent;
+        EXPECT_EQ(frame_read(data.get()), frame_bytes(CLOSE_STREAM, stream)) << sent;
     }
 }
 
@@ -313,116 +294,102 @@ TEST(GwrelayStream, EndsWhereTheResponseEnds) {
          {ok + "transfer-encoding: Chunked\r\n\r\n1", "0;a\r\n0123\r\n0\r\n\r\n4567\r",
           "\nA\r\n0123456789\r\n0\r\nTrailer: ", "0\r\n\r", "\n"}},
     };
-    relay hub(NO_GUARD);
+    relay hub({NO_GUARD});
     const unique_fd data = data_login(hub, "box");
     uint32_t stream = 0;
     for (const auto& [method, parts] : cases) {
         const unique_fd user = user_sends(hub, method + " /box/80/ HTTP/1.1\r\n\r\n"s);
-        read_frame(data);
+        frame_read(data.get());
         ++stream;
         std::string whole;
         for (const std::string& part : parts) {
             whole += part;
-            write_all(data.get(), frame(1, 1, 0, stream, part));
+            write_all(data.get(), frame_bytes(DATA, stream, part));
         }
         EXPECT_EQ(read_to_end(user.get()), whole);
-        EXPECT_EQ(read_frame(data), frame(1, 4, 1, stream, ""));
+        EXPECT_EQ(frame_read(data.get()), frame_bytes(CLOSE_STREAM, stream));
     }
 }
 
 // A device's diagnostic has a head whose frame says length 0 and whose text contains the length.
 TEST(GwrelayStream, MendsTheHeadOfADiagnostic) {
     const char* reasons[] = {"200 OK", "404 File Not Found", "503 Gateway Internal Error"};
-    relay hub(NO_GUARD);
+    relay hub({NO_GUARD});
     const unique_fd data = data_login(hub, "box");
     uint32_t stream = 0;
     for (const std::string reason : reasons) {
         const unique_fd user = user_sends(hub, "GET /box/10010/ HTTP/1.1\r\n\r\n");
-        read_frame(data);
+        frame_read(data.get());
         const std::string head = "HTTP/1.1 " + reason + "\r\nContent-Length:3\r\n\r\n";
         std::string sent = head;
         sent.replace(12, 4, be32(static_cast<uint32_t>(head.size())));
         ++stream;
-        write_all(data.get(), frame(1, 1, 0, stream, "") + sent.substr(0, 20));
-        write_all(data.get(), sent.substr(20) + frame(1, 1, 0, stream, "abc"));
+        write_all(data.get(), frame_bytes(DATA, stream) + sent.substr(0, 20));
+        write_all(data.get(), sent.substr(20) + frame_bytes(DATA, stream, "abc"));
         EXPECT_EQ(read_to_end(user.get()), head + "abc");
-        EXPECT_EQ(read_frame(data), frame(1, 4, 1, stream, ""));
+        EXPECT_EQ(frame_read(data.get()), frame_bytes(CLOSE_STREAM, stream));
     }
     const std::string bad = "HTTP/1.1 200" + be32(8177);
-    write_all(data.get(), frame(1, 1, 0, ++stream, "") + bad);
+    write_all(data.get(), frame_bytes(DATA, ++stream) + bad);
     EXPECT_EQ(read_to_end(data.get()), "");
 }
 
 TEST(GwrelayStream, LastsUntilTheRequestIsWholeToo) {
-    relay hub(NO_GUARD);
-    const unique_fd data = data_login(hub, "box");
-    const std::string head = "POST /box/80/ HTTP/1.1\r\nContent-Length: 4\r\n\r\n";
-    const unique_fd user = user_sends(hub, head);
-    read_frame(data);
-    write_all(data.get(), frame(1, 1, 0, 1, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx"));
-    EXPECT_TRUE(read_until(user.get(), "\r\n\r\nx").ends_with("x"));
-    write_all(user.get(), "body");
-    EXPECT_EQ(read_frame(data), frame(1, 1, 0, 1, "body"));
-    EXPECT_EQ(read_frame(data), frame(1, 4, 1, 1, ""));
+    const one_stream stream("-v", "POST /box/80/ HTTP/1.1\r\nContent-Length: 4\r\n\r\n");
+    stream.device_says(frame_bytes(DATA, 1, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx"));
+    EXPECT_TRUE(read_until(stream.user.get(), "\r\n\r\nx").ends_with("x"));
+    write_all(stream.user.get(), "body");
+    EXPECT_EQ(stream.device_hears(), frame_bytes(DATA, 1, "body"));
+    EXPECT_EQ(stream.device_hears(), frame_bytes(CLOSE_STREAM, 1));
 }
 
 TEST(GwrelayStream, SilenceEndsAResponseWithoutAnEndButNotATunnel) {
-    relay hub({"--no-dead-port-guard", "--linger-timeout=1"});
-    const unique_fd data = data_login(hub, "box");
-    const unique_fd tunnel = user_sends(hub, GET_BOX), endless = user_sends(hub, GET_BOX);
-    read_frame(data);
-    read_frame(data);
-    write_all(data.get(), frame(1, 1, 0, 1, "HTTP/1.1 101 Switching\r\n\r\n") +
-                              frame(1, 1, 0, 2, "HTTP/1.0 200 OK\r\n\r\nsome"));
+    const one_stream tunnel("--linger-timeout=1");
+    const unique_fd endless = user_sends(tunnel.hub, GET_BOX);
+    tunnel.device_hears();
+    tunnel.device_says(frame_bytes(DATA, 1, "HTTP/1.1 101 Switching\r\n\r\n") +
+                       frame_bytes(DATA, 2, "HTTP/1.0 200 OK\r\n\r\nsome"));
     EXPECT_EQ(read_to_end(endless.get()), "HTTP/1.0 200 OK\r\n\r\nsome");
-    EXPECT_EQ(read_frame(data), frame(1, 4, 1, 2, ""));
-    write_all(tunnel.get(), "more");
-    EXPECT_EQ(read_frame(data), frame(1, 1, 0, 1, "more"));
+    EXPECT_EQ(tunnel.device_hears(), frame_bytes(CLOSE_STREAM, 2));
+    write_all(tunnel.user.get(), "more");
+    EXPECT_EQ(tunnel.device_hears(), frame_bytes(DATA, 1, "more"));
 }
 
 TEST(GwrelayStream, IsForgottenWhenItIsIdleForLong) {
-    relay hub({"--no-dead-port-guard", "--silence-timeout=1"});
-    const unique_fd data = data_login(hub, "box");
-    const unique_fd user = user_sends(hub, GET_BOX);
-    read_frame(data);
-    write_all(data.get(), frame(1, 1, 0, 1, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n"));
-    read_until(user.get(), "\r\n\r\n");
+    const one_stream stream("--silence-timeout=1");
+    stream.device_says(frame_bytes(DATA, 1, "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n"));
+    read_until(stream.user.get(), "\r\n\r\n");
+    const std::string beat = heartbeat_frame(1);
     int beats = 0;
-    while (!closed_by_peer(user.get(), A_MOMENT) && ++beats < 20) {
-        write_all(data.get(), frame(2, 2, 1, 0, "beat"));  // the connection itself is not silent
+    while (!closed_by_peer(stream.user.get(), A_MOMENT) && ++beats < 20) {
+        stream.device_says(beat);  // the connection itself is not silent
     }
-    EXPECT_EQ(read_frame(data), frame(2, 2, 1, 0, "beat"));
+    EXPECT_EQ(stream.device_hears(), beat);
     EXPECT_LT(beats, 20);
 }
 
 TEST(GwrelayStream, AHalfClosedUserGetsHisResponseAndSilenceEndsIt) {
-    relay hub({"--no-dead-port-guard", "--linger-timeout=1"});
-    const unique_fd data = data_login(hub, "box");
-    const unique_fd user = user_sends(hub, GET_BOX);
-    shutdown(user.get(), SHUT_WR);
-    EXPECT_EQ(read_frame(data), frame(1, 1, 0, 1, GET_BOX_SENT));
-    write_all(data.get(), frame(1, 1, 0, 1, "without any length"));
-    EXPECT_EQ(read_to_end(user.get()), "without any length");
-    EXPECT_EQ(read_frame(data), frame(1, 4, 1, 1, ""));
+    const one_stream stream("--linger-timeout=1");
+    shutdown(stream.user.get(), SHUT_WR);
+    stream.device_says(frame_bytes(DATA, 1, "without any length"));
+    EXPECT_EQ(read_to_end(stream.user.get()), "without any length");
+    EXPECT_EQ(stream.device_hears(), frame_bytes(CLOSE_STREAM, 1));
 }
 
 TEST(GwrelayStream, AUserWhoLeavesIsForgottenAndLateDataIsDropped) {
-    relay hub(NO_GUARD);
-    const unique_fd data = data_login(hub, "box");
-    unique_fd user = user_sends(hub, GET_BOX);
-    EXPECT_EQ(read_frame(data), frame(1, 1, 0, 1, GET_BOX_SENT));
+    one_stream stream;
     const linger at_once{1, 0};
-    setsockopt(user.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-    user.reset();
-    EXPECT_EQ(read_frame(data), frame(1, 4, 1, 1, ""));
-    write_all(data.get(), frame(1, 1, 0, 1, "late"));
-    EXPECT_TRUE(still_echoes(data));
-    const std::string status = fetch(hub, "GET /status.json HTTP/1.1\r\n\r\n");
+    setsockopt(stream.user.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    stream.user.reset();
+    EXPECT_EQ(stream.device_hears(), frame_bytes(CLOSE_STREAM, 1));
+    stream.device_says(frame_bytes(DATA, 1, "late"));
+    EXPECT_TRUE(still_echoes(stream.data));
+    const std::string status = fetch(stream.hub, "GET /status.json HTTP/1.1\r\n\r\n");
     EXPECT_NE(status.find("\"open_streams\":0,"), std::string::npos) << status;
 }
 
 TEST(GwrelayStream, EveryUserIsAnsweredWhenTheDeviceCannot) {
-    relay hub({"--no-dead-port-guard", "--answer-timeout=1"});
+    relay hub({NO_GUARD, "--answer-timeout=1"});
     EXPECT_TRUE(fetch(hub, GET_BOX).starts_with("HTTP/1.1 404 "));
     const unique_fd control = control_login(hub, "box");
     EXPECT_TRUE(fetch(hub, GET_BOX).starts_with("HTTP/1.1 503 "));
@@ -430,95 +397,79 @@ TEST(GwrelayStream, EveryUserIsAnsweredWhenTheDeviceCannot) {
     EXPECT_TRUE(fetch(hub, GET_BOX).starts_with("HTTP/1.1 504 "));
     const unique_fd user = user_sends(hub, GET_BOX);
     for (int frames = 0; frames < 3; ++frames) {  // opened, closed, opened
-        read_frame(data);
+        frame_read(data.get());
     }
     data.reset();
     EXPECT_TRUE(read_to_end(user.get()).starts_with("HTTP/1.1 502 "));
 }
 
 TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
-    relay hub(NO_GUARD);
-    const unique_fd data = data_login(hub, "box");
-    const unique_fd user =
-        user_sends(hub, "POST /box/80/ HTTP/1.1\r\nContent-Length: " + std::to_string(MANY_BYTES) +
-                            "\r\n\r\n");
-    std::string body(MANY_BYTES, '\0');
-    for (size_t i = 0; i < body.size(); ++i) {
-        body[i] = static_cast<char>(i * 2654435761U >> 24);
-    }
-    const size_t sent = write_until_held_back(user, body);
+    const one_stream stream("-v", "POST /box/80/ HTTP/1.1\r\nContent-Length: " +
+                                      std::to_string(MANY_BYTES) + "\r\n\r\n");
+    const std::string body = noise(MANY_BYTES, 1);
+    const size_t sent = write_until_held_back(stream.user, body);
     ASSERT_LT(sent, body.size()) << "the relay keeps it all in memory";
-    read_frame(data);  // the head
-    std::thread rest([&] { write_all(user.get(), std::string_view(body).substr(sent)); });
+    std::thread rest([&] { write_all(stream.user.get(), std::string_view(body).substr(sent)); });
     std::string arrived;
     while (arrived.size() < body.size()) {
-        const std::string next = read_frame(data);
-        if (next.size() <= 16) {
+        const std::string next = stream.device_hears();
+        if (next.size() <= HEADER_SIZE) {
             break;
         }
-        arrived.append(next, 16);
+        arrived.append(next, HEADER_SIZE);
     }
     rest.join();
     EXPECT_TRUE(arrived == body);
 }
 
 TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
-    relay hub({"--no-dead-port-guard", "--stall-timeout=2", "--silence-timeout=5"});
+    relay hub({NO_GUARD, "--stall-timeout=2", "--silence-timeout=5"});
     const unique_fd slow = data_login(hub, "box");
     const unique_fd quick = data_login(hub, "box");
     const unique_fd reader = user_sends(hub, GET_BOX, SMALL_BUFFER);
-    EXPECT_EQ(read_frame(slow), frame(1, 1, 0, 1, GET_BOX_SENT));
-    std::string flood;
-    while (flood.size() < MANY_BYTES) {
-        flood += frame(1, 1, 0, 1, std::string(8176, 'x'));
-    }
+    EXPECT_EQ(frame_read(slow.get()), frame_bytes(DATA, 1, GET_BOX_SENT));
+    const std::string flood = flood_of_stream_1();
     const size_t sent = write_until_held_back(slow, flood);
     ASSERT_LT(sent, flood.size()) << "the relay keeps it all in memory";
     std::vector<unique_fd> others;
     for (uint32_t stream = 2; stream < 5; ++stream) {  // all on the one that is not held back
         others.push_back(user_sends(hub, GET_BOX));
-        EXPECT_EQ(read_frame(quick), frame(1, 1, 0, stream, GET_BOX_SENT));
-        write_all(quick.get(), frame(1, 1, 0, stream, "answer"));
+        EXPECT_EQ(frame_read(quick.get()), frame_bytes(DATA, stream, GET_BOX_SENT));
+        write_all(quick.get(), frame_bytes(DATA, stream, "answer"));
         EXPECT_EQ(read_exact(others.back().get(), 6), "answer");
     }
     // The device hears from the relay all the while. Taking nothing at all costs the reader his
     // stream: then the connection is read again.
-    EXPECT_EQ(read_frame(slow), frame(1, 5, 1, 0, ""));
-    read_until(slow.get(), frame(1, 4, 1, 1, ""));
+    EXPECT_EQ(frame_read(slow.get()), frame_bytes(LOGIN_ANSWER));
+    read_until(slow.get(), frame_bytes(CLOSE_STREAM, 1));
     EXPECT_TRUE(write_all(slow.get(), std::string_view(flood).substr(sent)));
-    write_all(slow.get(), frame(2, 2, 1, 0, "beat"));
+    write_all(slow.get(), frame_bytes(HEARTBEAT, 0, "beat", 2));
     EXPECT_TRUE(read_until(slow.get(), "beat").ends_with("beat"));
 }
 
 TEST(GwrelayStream, AReaderWhoTakesLittleAtATimeIsNotDropped) {
-    relay hub({"--no-dead-port-guard", "--stall-timeout=1"});
-    const unique_fd data = data_login(hub, "box");
-    const unique_fd reader = user_sends(hub, GET_BOX, SMALL_BUFFER);
-    read_frame(data);
-    std::string flood;
-    while (flood.size() < MANY_BYTES) {
-        flood += frame(1, 1, 0, 1, std::string(8176, 'x'));
-    }
-    ASSERT_LT(write_until_held_back(data, flood), flood.size());
+    const one_stream stream("--stall-timeout=1", GET_BOX, SMALL_BUFFER);
+    const std::string flood = flood_of_stream_1();
+    ASSERT_LT(write_until_held_back(stream.data, flood), flood.size());
     for (test_duration time{}; time < 3 * test_duration{1000}; time += A_MOMENT) {
-        read_exact(reader.get(), SMALL_BUFFER);
-        EXPECT_TRUE(stays_silent(data.get(), A_MOMENT)) << "closed after " << time.count();
+        read_exact(stream.user.get(), SMALL_BUFFER);
+        EXPECT_TRUE(stays_silent(stream.data.get(), A_MOMENT)) << "closed after " << time.count();
     }
 }
 
 TEST(GwrelayStream, StreamsAreSpreadAndDieWithTheirConnection) {
-    relay hub(NO_GUARD);
+    relay hub({NO_GUARD});
     unique_fd first = data_login(hub, "box");
     const unique_fd second = data_login(hub, "box");
     const unique_fd one = user_sends(hub, GET_BOX);
-    EXPECT_EQ(read_frame(first), frame(1, 1, 0, 1, GET_BOX_SENT));
+    EXPECT_EQ(frame_read(first.get()), frame_bytes(DATA, 1, GET_BOX_SENT));
     const unique_fd two = user_sends(hub, GET_BOX);
-    EXPECT_EQ(read_frame(second), frame(1, 1, 0, 2, GET_BOX_SENT));
-    write_all(first.get(), frame(1, 1, 0, 1, "begun"));
+    EXPECT_EQ(frame_read(second.get()), frame_bytes(DATA, 2, GET_BOX_SENT));
+    write_all(first.get(), frame_bytes(DATA, 1, "begun"));
     EXPECT_EQ(read_exact(one.get(), 5), "begun");
     first.reset();
     EXPECT_TRUE(closed_by_peer(one.get()));
-    write_all(second.get(), frame(1, 1, 0, 2, "whole"));
+    write_all(second.get(), frame_bytes(DATA, 2, "whole"));
     EXPECT_EQ(read_exact(two.get(), 5), "whole");
 }
 
@@ -558,20 +509,20 @@ TEST(GwrelayFrontDoor, SendsReportTimesOnRequest) {
     const unique_fd control = control_login(hub, "box");
     const std::string reply = fetch(hub, "POST /box/report-times?t1=2&t2=3600 HTTP/1.1\r\n\r\n");
     EXPECT_TRUE(reply.starts_with("HTTP/1.1 200 ")) << reply;
-    EXPECT_EQ(read_frame(control), frame(1, 10, 1, 0, be32(2) + be32(3600)));
+    EXPECT_EQ(frame_read(control.get()), frame_bytes(REPORT_TIMES, 0, be32(2) + be32(3600)));
 }
 
 TEST(GwrelayPage, ShowsWhatADeviceReports) {
-    relay hub(NO_GUARD);
+    relay hub({NO_GUARD});
     const unique_fd control = control_login(hub, "<b\xff>");
     const unique_fd data = data_login(hub, "<b\xff>");
-    write_all(control.get(), frame(1, 9, 1, 0, be32(0x102)));
-    write_all(control.get(), frame(1, 12, 1, 0, R"({"http_port":8080})"));
-    write_all(control.get(), frame(1, 12, 1, 0, R"({"ubq_port":70000})"));  // not kept
+    write_all(control.get(), frame_bytes(STATUS, 0, be32(0x102)));
+    write_all(control.get(), frame_bytes(PORT_INFO, 0, R"({"http_port":8080})"));
+    write_all(control.get(), frame_bytes(PORT_INFO, 0, R"({"ubq_port":70000})"));  // not kept
     ASSERT_TRUE(still_echoes(control));  // so the reports have been taken
     const unique_fd user = user_sends(hub, "GET /%3Cb%ff%3E/8080/ HTTP/1.1\r\n\r\n");
-    ASSERT_FALSE(read_frame(data).empty());
-    write_all(data.get(), frame(1, 1, 0, 1, "12345"));
+    ASSERT_FALSE(frame_read(data.get()).empty());
+    write_all(data.get(), frame_bytes(DATA, 1, "12345"));
     ASSERT_EQ(read_exact(user.get(), 5), "12345");
     const std::string json = fetch(hub, "GET /status.json HTTP/1.1\r\n\r\n");
     for (const char* part :

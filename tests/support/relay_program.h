@@ -1,0 +1,25 @@
+// relay_program.h - gwrelay as a child process, ready for devices and users.
+#pragma once
+
+#include <cstdio>
+
+#include "child.h"
+
+struct relay_program {
+    child process;
+    uint16_t manager = 0, control = 0, data = 0, front = 0;
+
+    // On ports of the kernel's choice unless the arguments say others.
+    explicit relay_program(const std::vector<std::string>& arguments = {})
+        : process(command_line(arguments)) {
+        process.output_contains("\n");
+        sscanf(process.output().c_str(), "ready manager=%hu control=%hu data=%hu front=%hu",
+               &manager, &control, &data, &front);
+    }
+    static std::vector<std::string> command_line(const std::vector<std::string>& arguments) {
+        std::vector<std::string> all = {GWRELAY_PATH,    "--manager-port=0", "--control-port=0",
+                                        "--data-port=0", "--front-port=0",   "-v"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return all;
+    }
+};
