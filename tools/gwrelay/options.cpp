@@ -16,7 +16,7 @@ constexpr int TIMEOUT_MAX_S = 86400;
 // The device keeps a host in 64 bytes, and knows IPv4 addresses and names only.
 constexpr size_t HOST_MAX = 63;
 
-struct option_spec {
+struct option_row {
     const char *name, *value, *help;
     bool (*set)(options& to, const char* value);  // false: the value is no good
 };
@@ -57,7 +57,7 @@ bool set_times(options& to, const char* value) {
 
 bool show_help(options& to, const char*);
 
-constexpr option_spec OPTIONS[] = {
+constexpr option_row OPTIONS[] = {
     {"listen", "ADDRESS", "address that everything listens on (127.0.0.1)",
      set_text<&options::listen>},
     {"announce", "ADDRESS", "address or name that devices are told to connect to (as --listen)",
@@ -96,9 +96,9 @@ bool show_help(options&, const char*) {
         "an HTTP front door for users at http://127.0.0.1:8080/ with a page that lists them.\n"
         "/DEVICE/PORT/PATH there is a port of a device; ?gwrelay-pri=N sets a priority, and\n"
         "POST /DEVICE/report-times?t1=S&t2=S sets its reporting times.\n");
-    for (const option_spec& spec : OPTIONS) {
-        const std::string name = spec.name + std::string(" ") + (spec.value ? spec.value : "");
-        printf("  --%-21s %s\n", name.c_str(), spec.help);
+    for (const option_row& row : OPTIONS) {
+        const std::string name = row.name + std::string(" ") + (row.value ? row.value : "");
+        printf("  --%-21s %s\n", name.c_str(), row.help);
     }
     puts(
         "\nOnce it listens, it prints one line on standard output:\n"
@@ -126,10 +126,10 @@ std::optional<report_times> report_times_parse(std::string_view t1, std::string_
 
 bool options_parse(int argc, char** argv, options& to) {
     std::vector<option> names;
-    for (const option_spec& spec : OPTIONS) {  // a short name is the long one's first letter
-        const bool has_short = std::string_view("qvh").find(spec.name[0]) != std::string_view::npos;
-        names.push_back({spec.name, spec.value ? required_argument : no_argument, nullptr,
-                         has_short ? spec.name[0] : 0});
+    for (const option_row& row : OPTIONS) {  // a short name is the long one's first letter
+        const bool has_short = std::string_view("qvh").find(row.name[0]) != std::string_view::npos;
+        names.push_back({row.name, row.value ? required_argument : no_argument, nullptr,
+                         has_short ? row.name[0] : 0});
     }
     names.push_back({});
     int index = 0;
@@ -138,11 +138,11 @@ bool options_parse(int argc, char** argv, options& to) {
             fputs("gwrelay: try --help\n", stderr);
             return false;
         }
-        const option_spec* spec =
+        const option_row* row =
             code == 0 ? &OPTIONS[index]
                       : std::ranges::find(OPTIONS, code, [](const auto& s) { return s.name[0]; });
-        if (!spec->set(to, optarg)) {
-            fprintf(stderr, "gwrelay: bad value for --%s: %s\n", spec->name, optarg);
+        if (!row->set(to, optarg)) {
+            fprintf(stderr, "gwrelay: bad value for --%s: %s\n", row->name, optarg);
             return false;
         }
     }
