@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -14,6 +12,7 @@
 #include "support/files.h"
 #include "support/frames.h"
 #include "support/run_flags.h"
+#include "support/sockets.h"
 
 namespace {
 
@@ -61,16 +60,13 @@ struct DlnaStatus : testing::Test {
         }
     }
     int clients() const { return poller.fd_count - 1; }
-    int client() {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        text_copy(address.sun_path, gwa_process_paths.dlna_socket);
-        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    unique_fd client() {
+        unique_fd fd = unix_connect(gwa_process_paths.dlna_socket, SOCK_STREAM);
+        EXPECT_TRUE(fd);
         return fd;
     }
-    void says(int fd, uint32_t word) {
-        EXPECT_EQ(send(fd, &word, sizeof word, MSG_NOSIGNAL), ssize_t{sizeof word});
+    void says(const unique_fd& fd, uint32_t word) {
+        EXPECT_EQ(send(fd.get(), &word, sizeof word, MSG_NOSIGNAL), ssize_t{sizeof word});
         handle_events();
     }
     // The words that have been reported since the last look.
@@ -85,7 +81,7 @@ struct DlnaStatus : testing::Test {
 };
 
 TEST_F(DlnaStatus, ReportsTheFirstWordAtOnceAndLaterOnesNoMoreOftenThanT1) {
-    const int fd = client();
+    unique_fd fd = client();
     says(fd, 1);
     EXPECT_EQ(reports(), words{1});
     at(1);
@@ -108,7 +104,7 @@ TEST_F(DlnaStatus, ReportsTheFirstWordAtOnceAndLaterOnesNoMoreOftenThanT1) {
     EXPECT_EQ(reports(), (words{5, 6})) << "at once does not count as a timed report";
     at(3601);
     EXPECT_EQ(reports(), words{6}) << "the repeat after t2";
-    close(fd);
+    fd.reset();
     handle_events();
     EXPECT_EQ(clients(), 0);
 }
@@ -123,7 +119,8 @@ TEST_F(DlnaStatus, TakesReportingTimesInTheirRangeOnly) {
         EXPECT_EQ(dlna_status_interval_set(t1, t2), result) << t1 << " " << t2;
     }
     dlna_status_interval_set(5, 3600);
-    says(client(), 1);
+    const unique_fd service = client();
+    says(service, 1);
     at(3000);
     dlna_status_interval_set(2, 7200);  // counts from here
     reports();
@@ -136,37 +133,37 @@ TEST_F(DlnaStatus, TakesReportingTimesInTheirRangeOnly) {
 }
 
 TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
-    const int slow = client();
+    unique_fd slow = client();
     for (const char byte : {'\x78', '\x56', '\x34', '\x12'}) {
-        EXPECT_EQ(send(slow, &byte, 1, 0), 1);
+        EXPECT_EQ(send(slow.get(), &byte, 1, 0), 1);
         handle_events();
     }
     EXPECT_EQ(reports(), words{0x12345678}) << "one byte at a time";
-    const int half = client();
-    EXPECT_EQ(send(half, "ab", 2, 0), 2);
+    unique_fd half = client();
+    EXPECT_EQ(send(half.get(), "ab", 2, 0), 2);
     handle_events();
     EXPECT_EQ(clients(), 2);
-    close(half);
+    half.reset();
     handle_events();
     EXPECT_EQ(clients(), 1) << "half a word, then gone";
 
     std::vector<uint32_t> flood(1000, 7);
     flood.back() = 8;
-    EXPECT_EQ(send(slow, flood.data(), flood.size() * 4, 0), 4000);
+    EXPECT_EQ(send(slow.get(), flood.data(), flood.size() * 4, 0), 4000);
     handle_events(1);
     EXPECT_EQ(dlna_status.status, 7U) << "bounded";
     handle_events(20);
     EXPECT_EQ(dlna_status.status, 8U) << "and resumed";
     says(slow, UINT32_MAX);
     EXPECT_EQ(dlna_status.status, 8U) << "all ones is no word";
-    close(slow);
+    slow.reset();
 
     at(1000);  // a pending report leaves
     at(1010);
-    const int quick = client();
+    unique_fd quick = client();
     const uint32_t last = 9;
-    EXPECT_EQ(send(quick, &last, sizeof last, 0), 4);
-    close(quick);
+    EXPECT_EQ(send(quick.get(), &last, sizeof last, 0), 4);
+    quick.reset();
     reports();
     handle_events();
     EXPECT_EQ(reports(), words{9}) << "said and gone";
@@ -175,8 +172,8 @@ TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
 }
 
 TEST_F(DlnaStatus, SilentClientsKeepNobodyOut) {
-    const int server = client();
-    std::vector<int> crowd;
+    const unique_fd server = client();
+    std::vector<unique_fd> crowd;
     for (uint32_t i = 0; i < 40; i++) {
         crowd.push_back(client());
         handle_events(2);
@@ -186,17 +183,16 @@ TEST_F(DlnaStatus, SilentClientsKeepNobodyOut) {
         }
     }
     EXPECT_EQ(clients(), DLNA_CLIENTS_MAX);
-    says(client(), 99);
+    const unique_fd newest = client();
+    says(newest, 99);
     EXPECT_EQ(dlna_status.status, 99U) << "a new one is heard";
-    for (const int fd : crowd) {
-        close(fd);
-    }
+    crowd.clear();
     handle_events();
     EXPECT_EQ(clients(), 2);
 }
 
 TEST_F(DlnaStatus, APassThatBeginsAnewKnowsNothingOfTheOldOne) {
-    const int fd = client();
+    unique_fd fd = client();
     says(fd, 1);
     says(fd, 2);
     reports();
@@ -207,7 +203,8 @@ TEST_F(DlnaStatus, APassThatBeginsAnewKnowsNothingOfTheOldOne) {
               0);
     at(100000);
     EXPECT_EQ(reports(), words{}) << "no timer is left";
-    says(client(), 3);
+    const unique_fd anew = client();
+    says(anew, 3);
     EXPECT_EQ(reports(), words{3}) << "the first word of this pass";
     EXPECT_EQ(clients(), 1);
 }

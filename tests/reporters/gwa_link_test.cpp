@@ -50,8 +50,7 @@ TEST(LinkWalk, FindsWhatAsksForARestartAndStopsAtWhatIsNotWhole) {
     gwa_log_level_set(GWA_LOG_OFF);
     for (const auto& [what, datagram, restart] : cases) {
         for (size_t shift = 0; shift < 4; shift++) {  // of exactly this size, at any address
-            const std::vector<uint8_t> bytes(shift + datagram.size());
-            std::vector<uint8_t> exact = bytes;
+            std::vector<uint8_t> exact(shift + datagram.size());
             std::copy(datagram.begin(), datagram.end(), exact.begin() + static_cast<long>(shift));
             EXPECT_EQ(gwa_link_walk(exact.data() + shift, datagram.size()), restart) << what;
         }

@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -62,19 +61,15 @@ bool child::running() {
     return !result;
 }
 
-void child::signal(int number) const {
-    if (!result) {  // a pid that was waited for may belong to somebody else by now
-        kill(process, number);
-    }
-}
-
 std::optional<int> child::wait(test_duration patience) {
     eventually([this] { return !running(); }, patience);
     return result;
 }
 
-std::optional<int> child::terminate(test_duration patience) {
-    signal(SIGTERM);
+std::optional<int> child::terminate(test_duration patience, int signal) {
+    if (!result) {  // a pid that was waited for may belong to somebody else by now
+        kill(process, signal);
+    }
     return wait(patience);
 }
 

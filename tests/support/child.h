@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <functional>
 #include <optional>
 #include <string>
@@ -29,11 +30,10 @@ class child {
 
     pid_t pid() const { return process; }
     bool running();
-    void signal(int number) const;
     // The exit status, or SIGNALLED + the signal; nothing when it still runs after that.
     std::optional<int> wait(test_duration patience = TEST_PATIENCE);
-    // SIGTERM, then wait.
-    std::optional<int> terminate(test_duration patience = TEST_PATIENCE);
+    // The signal, then wait.
+    std::optional<int> terminate(test_duration patience = TEST_PATIENCE, int signal = SIGTERM);
 
     std::string output() const;  // standard output so far
     std::string errors() const;  // standard error so far

@@ -6,6 +6,8 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "child.h"
+
 namespace fs = std::filesystem;
 
 temp_dir::temp_dir() : path((fs::temp_directory_path() / "gwad-test-XXXXXX").string()) {
@@ -27,7 +29,12 @@ std::string file_read(const std::string& path) {
 void file_write(const std::string& path, std::string_view bytes, bool executable) {
     std::ofstream(path, std::ios::binary).write(bytes.data(), std::ssize(bytes));
     if (executable) {
+        // What runs is a copy that this process never had open: the child of another thread may
+        // hold on to the file, and what is open for writing cannot be run.
+        const std::string copy = path + ".copy";
         fs::permissions(path, fs::perms::owner_all);
+        child({"/bin/cp", path, copy}).wait();
+        fs::rename(copy, path);
     }
 }
 

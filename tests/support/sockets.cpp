@@ -2,10 +2,9 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
+#include <sys/un.h>
 
 #include <algorithm>
-#include <utility>
 
 namespace {
 
@@ -51,22 +50,6 @@ std::string read_while(int fd, test_duration patience, Wanted wanted) {
 
 }  // namespace
 
-unique_fd& unique_fd::operator=(unique_fd&& other) noexcept {
-    if (this != &other) {
-        reset();
-        fd = other.release();
-    }
-    return *this;
-}
-
-int unique_fd::release() { return std::exchange(fd, -1); }
-
-void unique_fd::reset() {
-    if (fd >= 0) {
-        close(release());
-    }
-}
-
 loopback_listener::loopback_listener(int backlog)
     : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), address(loopback_address(0)) {
     socklen_t size = sizeof address;
@@ -92,6 +75,17 @@ unique_fd loopback_connect(uint16_t port, int receive_buffer) {
     }
     const sockaddr_in address = loopback_address(port);
     if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        fd.reset();
+    }
+    return fd;
+}
+
+unique_fd unix_connect(const std::string& path, int type) {
+    unique_fd fd{socket(AF_UNIX, type | SOCK_CLOEXEC, 0)};
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         fd.reset();
     }
     return fd;

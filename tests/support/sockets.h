@@ -5,9 +5,11 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "eventually.h"
 
@@ -15,13 +17,20 @@ class unique_fd {  // closes what it holds
    public:
     explicit unique_fd(int descriptor = -1) : fd(descriptor) {}
     unique_fd(unique_fd&& other) noexcept : fd(other.release()) {}
-    unique_fd& operator=(unique_fd&& other) noexcept;
-    ~unique_fd() { reset(); }
+    unique_fd& operator=(unique_fd other) noexcept {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    ~unique_fd() {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
 
     int get() const { return fd; }
     explicit operator bool() const { return fd >= 0; }
-    int release();
-    void reset();
+    int release() { return std::exchange(fd, -1); }
+    void reset() { *this = unique_fd(); }
 
    private:
     int fd;
@@ -39,6 +48,9 @@ struct loopback_listener {  // on a port of the kernel's choice
 
 // Empty when nobody listens there. A receive buffer (bytes) makes a reader that takes little.
 unique_fd loopback_connect(uint16_t port, int receive_buffer = 0);
+
+// To the local socket of that path.
+unique_fd unix_connect(const std::string& path, int type);
 
 bool write_all(int fd, std::string_view bytes, test_duration patience = TEST_PATIENCE);
 std::string read_exact(int fd, size_t size, test_duration patience = TEST_PATIENCE);

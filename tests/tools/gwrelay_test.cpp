@@ -80,8 +80,6 @@ std::string flood_of_stream_1() {
 
 const char NO_GUARD[] = "--no-dead-port-guard";
 const std::string GET_BOX = "GET /box/80/ HTTP/1.1\r\n\r\n";
-const std::string GET_BOX_SENT =
-    "GET /?x-qv-devid=box&x-qv-port=80 HTTP/1.1\r\nConnection: close\r\n\r\n";
 
 // A device with one data connection and a user whose request has reached it as stream 1.
 struct one_stream {
@@ -125,8 +123,7 @@ TEST(GwrelayProcess, EndsInOrderOnASignalWithConnectionsOfEveryKind) {
         const unique_fd user = user_sends(hub, GET_BOX);
         const unique_fd silent = loopback_connect(hub.manager);
         ASSERT_FALSE(frame_read(data.get()).empty());
-        hub.process.signal(number);
-        EXPECT_EQ(hub.process.wait(), 0) << hub.process.errors();
+        EXPECT_EQ(hub.process.terminate(TEST_PATIENCE, number), 0) << hub.process.errors();
     }
 }
 
@@ -427,14 +424,14 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     const unique_fd slow = data_login(hub, "box");
     const unique_fd quick = data_login(hub, "box");
     const unique_fd reader = user_sends(hub, GET_BOX, SMALL_BUFFER);
-    EXPECT_EQ(frame_read(slow.get()), frame_bytes(DATA, 1, GET_BOX_SENT));
+    EXPECT_EQ(frame_stream(frame_read(slow.get())), 1U);
     const std::string flood = flood_of_stream_1();
     const size_t sent = write_until_held_back(slow, flood);
     ASSERT_LT(sent, flood.size()) << "the relay keeps it all in memory";
     std::vector<unique_fd> others;
     for (uint32_t stream = 2; stream < 5; ++stream) {  // all on the one that is not held back
         others.push_back(user_sends(hub, GET_BOX));
-        EXPECT_EQ(frame_read(quick.get()), frame_bytes(DATA, stream, GET_BOX_SENT));
+        EXPECT_EQ(frame_stream(frame_read(quick.get())), stream);
         write_all(quick.get(), frame_bytes(DATA, stream, "answer"));
         EXPECT_EQ(read_exact(others.back().get(), 6), "answer");
     }
@@ -458,19 +455,16 @@ TEST(GwrelayStream, AReaderWhoTakesLittleAtATimeIsNotDropped) {
 }
 
 TEST(GwrelayStream, StreamsAreSpreadAndDieWithTheirConnection) {
-    relay hub({NO_GUARD});
-    unique_fd first = data_login(hub, "box");
-    const unique_fd second = data_login(hub, "box");
-    const unique_fd one = user_sends(hub, GET_BOX);
-    EXPECT_EQ(frame_read(first.get()), frame_bytes(DATA, 1, GET_BOX_SENT));
-    const unique_fd two = user_sends(hub, GET_BOX);
-    EXPECT_EQ(frame_read(second.get()), frame_bytes(DATA, 2, GET_BOX_SENT));
-    write_all(first.get(), frame_bytes(DATA, 1, "begun"));
-    EXPECT_EQ(read_exact(one.get(), 5), "begun");
-    first.reset();
-    EXPECT_TRUE(closed_by_peer(one.get()));
+    one_stream first;
+    const unique_fd second = data_login(first.hub, "box");
+    const unique_fd other_user = user_sends(first.hub, GET_BOX);
+    EXPECT_EQ(frame_stream(frame_read(second.get())), 2U);
+    first.device_says(frame_bytes(DATA, 1, "begun"));
+    EXPECT_EQ(read_exact(first.user.get(), 5), "begun");
+    first.data.reset();
+    EXPECT_TRUE(closed_by_peer(first.user.get()));
     write_all(second.get(), frame_bytes(DATA, 2, "whole"));
-    EXPECT_EQ(read_exact(two.get(), 5), "whole");
+    EXPECT_EQ(read_exact(other_user.get(), 5), "whole");
 }
 
 TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
