@@ -14,8 +14,7 @@ struct box {
     temp_dir home;
     std::unique_ptr<child> gwad;
 
-    // Starts the daemon; it asks the address manager at localhost and this port. Declared after
-    // the connections that serve it: it must end before them, as it restarts when they do.
+    // Starts the daemon; it asks the address manager at localhost and this port.
     explicit box(uint16_t manager_port, const char* verbose = "7");
 
     std::string log() const { return file_read(home.path + "/log"); }

@@ -91,7 +91,9 @@ TEST(ControlConnectionEnd, RestartsTheDaemon) {
         control_link link;
         ASSERT_TRUE(link.ready && link.sends(survived) && link.in_step('s'));
         ASSERT_TRUE(link.sends(fatal));
-        shutdown(link.control.get(), SHUT_WR);
+        if (fatal.size() < HEADER_SIZE) {
+            shutdown(link.control.get(), SHUT_WR);
+        }
         EXPECT_TRUE(link.device.restarts());
         EXPECT_TRUE(link.device.logs(line));
     }

@@ -117,5 +117,6 @@ TEST_F(DataConnection, LogsInAnewAfterWhatEndsIt) {
         data = server.data_login();
         EXPECT_TRUE(echoes(data.get(), ++stream));
     }
-    EXPECT_TRUE(device.gwad->running());
+    EXPECT_EQ(device.gwad->terminate(), 0);
+    EXPECT_TRUE(device.gwad->output_contains("78 78 78")) << "the bad header is shown";
 }

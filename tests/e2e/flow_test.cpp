@@ -65,10 +65,6 @@ struct Flow : testing::Test {
             },
             TRANSFER_PATIENCE);
     }
-    std::string url(uint16_t port, const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(relay->front) + "/" + DEVICE_ID + "/" +
-               std::to_string(port) + "/" + path;
-    }
     // A set of transfers as curl's own configuration; what curl says. Empty: it failed.
     std::string curl(const std::string& config) const {
         file_write(downloads.path + "/config", config);
@@ -77,20 +73,17 @@ struct Flow : testing::Test {
         return run.output();
     }
     std::string curl_url(uint16_t port, const std::string& path) const {
-        return "url = \"" + url(port, path) + "\"\n";
+        return "url = \"http://127.0.0.1:" + std::to_string(relay->front) + "/" + DEVICE_ID + "/" +
+               std::to_string(port) + "/" + path + "\"\n";
     }
 };
 
 }  // namespace
 
-TEST_F(Flow, CarriesPagesAndFilesBothWays) {
-    const std::string page = "<html>a page</html>", file = noise(10 << 20, 1);
-    const std::string upload = noise(10 << 20, 2);
-    file_write(web.path("index.html"), page);
+TEST_F(Flow, CarriesFilesBothWays) {
+    const std::string file = noise(10 << 20, 1), upload = noise(10 << 20, 2);
     file_write(web.path("file.bin"), file);
-    EXPECT_EQ(curl(curl_url(web.port, "")), page);
     EXPECT_TRUE(curl(curl_url(web.port, "file.bin")) == file);
-
     std::atomic<bool> arrived = false;
     local_service taker([&](int fd) {
         read_until(fd, "\r\n\r\n");

@@ -8,7 +8,6 @@ namespace {
 constexpr char DEVICE_JSON[] =
     R"({"deviceid":"test-box","mac":"00:00:00:00:00:00","ip":"127.0.0.1","fwver":"1.2.3",)"
     R"("prover":"0","component":"c7","terminal":"t9"})";
-constexpr size_t ANSWER_MAX = 1007;
 
 }  // namespace
 
@@ -36,13 +35,4 @@ TEST(Login, IsExactToTheByteOnBothKindsOfConnection) {
     EXPECT_EQ(frame_read(data.get()), frame_bytes(DEVICE_INFO, 0, DEVICE_JSON, 2));
     ASSERT_TRUE(write_all(data.get(), frame_bytes(LOGIN_ANSWER)));
     EXPECT_TRUE(echoes(data.get(), 1));
-}
-
-TEST(Login, TakesTheOrderFromItsAnswer) {
-    session link;
-    std::string order = link.server.order();
-    order.resize(ANSWER_MAX, ' ');
-    link.control = link.server.login(frame_bytes(LOGIN_ANSWER, 0, order, 2));
-    EXPECT_TRUE(link.server.data_login());
-    EXPECT_TRUE(heartbeat_answer(link.control.get(), 0));
 }

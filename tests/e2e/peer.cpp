@@ -57,11 +57,11 @@ std::string peer::discover() const {
     return request;
 }
 
-unique_fd peer::login(std::string_view answer) const {
+unique_fd peer::login() const {
     discover();
     unique_fd fd = control.accept();
     frame_read(fd.get());
-    write_all(fd.get(), answer);
+    write_all(fd.get(), frame_bytes(LOGIN_ANSWER));
     read_exact(fd.get(), HEADER_SIZE);
     return fd;
 }

@@ -34,7 +34,7 @@ struct peer {
     // Answers one discovery with the control port. Hands back the request.
     std::string discover() const;
     // Discovery, then the login up to the session id request.
-    unique_fd login(std::string_view answer = frame_bytes(LOGIN_ANSWER)) const;
+    unique_fd login() const;
     // Data connection 0 as it logs in; the other four get no answer.
     unique_fd data_login() const;
 };

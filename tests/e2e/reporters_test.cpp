@@ -1,7 +1,6 @@
 // The box speaks for itself: announced ports, the DLNA status, and the restart on a new address.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <filesystem>
 
@@ -64,23 +63,14 @@ TEST_F(Reporters, PortsAndStatusReachTheServer) {
 }
 
 TEST_F(Reporters, GarbageOnEverySocketEndsNothing) {
-    const auto connected = [](const std::string& path, int type) {
-        unique_fd fd{socket(AF_UNIX, type | SOCK_CLOEXEC, 0)};
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        return fd;
-    };
-    uint32_t random = 1;
-    for (int i = 0; i < 50; i++) {
-        const unique_fd port = connected("/tmp/mko_port_gwad.sock", SOCK_DGRAM);
-        const unique_fd status = connected(dlna_socket, SOCK_STREAM);
-        for (int part = 0; part < 20; part++) {
-            random = random * 1664525 + 1013904223;
-            const std::string bytes((random >> 8) % 40, static_cast<char>(random >> 24));
-            send(port.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-            send(status.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const std::string garbage = noise(1000, 1);
+    for (size_t i = 0; i < garbage.size(); i += 20) {
+        const unique_fd port = unix_connect("/tmp/mko_port_gwad.sock", SOCK_DGRAM);
+        const unique_fd status = unix_connect(dlna_socket, SOCK_STREAM);
+        EXPECT_TRUE(port && status);
+        for (size_t size = 0; size < 20; size++) {
+            send(port.get(), &garbage[i], size, MSG_NOSIGNAL | MSG_DONTWAIT);
+            send(status.get(), &garbage[i], size, MSG_NOSIGNAL | MSG_DONTWAIT);
         }
     }
     EXPECT_EQ(announce("ubq", "77"), 0);
