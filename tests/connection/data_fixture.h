@@ -21,17 +21,26 @@ inline std::string request(int port, const std::string& more = "") {
     return "GET /?x-qv-devid=box&x-qv-port=" + std::to_string(port) + more + " HTTP/1.1\r\n\r\n";
 }
 
-struct data_connection : testing::Test {
+// What both kinds of connection start from: a silent log, fresh tables, a clock that stands still.
+struct connection_test : testing::Test {
     static constexpr int32_t START = 1'000'000;  // s
-    run_flags flags{true};
+    run_flags flags;
     fake_time time;
     socket_pair sockets;
+
+    explicit connection_test(bool data_wanted) : flags(true, data_wanted) {
+        gwa_log_level_set(GWA_LOG_OFF);
+        gwa_connection_table_init();
+        gwa_now = START;
+    }
+    ~connection_test() override { gwa_log_level_set(GWA_LEVEL_DEBUG); }
+};
+
+struct data_connection : connection_test {
     gwa_connection_data* conn = &gwa_connections.data[0];
     char id[GWA_DEVICE_ID_SIZE] = "box";
 
-    data_connection() {
-        gwa_log_level_set(GWA_LOG_OFF);
-        gwa_connection_table_init();
+    data_connection() : connection_test(true) {
         gwa_device_id = id;
         gwa_login.local_address = INADDR_LOOPBACK;
         connect();
@@ -44,7 +53,6 @@ struct data_connection : testing::Test {
         EXPECT_EQ(conn->queue_count, 0U);
         EXPECT_EQ(conn->stream_count, 0);
         gwa_device_id = nullptr;
-        gwa_log_level_set(GWA_LEVEL_DEBUG);
     }
     void connect() {
         EXPECT_EQ(gwa_connection_data_init2(conn), GWA_OK);

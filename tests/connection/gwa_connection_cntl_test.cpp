@@ -9,23 +9,15 @@ namespace {
 
 uint32_t times_taken[2];
 
-struct control_connection : testing::Test {
-    static constexpr int32_t START = 1'000'000;
-    run_flags flags{true, false};
-    fake_time time;
-    socket_pair sockets;
+struct control_connection : connection_test {
     gwa_connection_cntl* cntl = &gwa_connections.cntl;
 
-    control_connection() {
-        gwa_log_level_set(GWA_LOG_OFF);
-        gwa_connection_table_init();
-        gwa_now = START;
+    control_connection() : connection_test(false) {
         EXPECT_EQ(gwa_connection_cntl_init(dup(sockets.ours)), GWA_OK);
     }
     ~control_connection() override {
         gwa_connection_cntl_exit();
         EXPECT_EQ(cntl->socket, -1);
-        gwa_log_level_set(GWA_LEVEL_DEBUG);
     }
     // What the handler answers to one frame, of which the header has been read.
     int handle(gwa_command command, const std::string& payload) {

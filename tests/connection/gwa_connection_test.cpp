@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "runtime/gwa_util_host.h"
-
 namespace {
 
 struct entry {
@@ -93,16 +91,6 @@ TEST(OutputQueue, AnEmptiedQueueForgetsItsHighestPriority) {
     named.insert({'C', 3, 3});
     named.insert({'D', 2, 4});
     EXPECT_EQ(named.order(), "BCD");
-}
-
-TEST(OutputNode, FreeingAStaticOneMakesItReadyAgain) {
-    uint8_t bytes[GWA_HEARTBEAT_SIZE];
-    gwa_output_node node;
-    gwa_connection_heartbeat_build(&node, bytes, 7);
-    node.flags |= GWA_NODE_PARTLY_SENT;
-    gwa_connection_node_free(&node);
-    EXPECT_EQ(node.flags, GWA_NODE_HEARTBEAT);
-    EXPECT_EQ(load_be32(bytes + GWA_HEADER_SIZE), 7U);
 }
 
 }  // namespace
