@@ -1,6 +1,5 @@
 #include "login/gwa_login_discovery.h"
 
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>

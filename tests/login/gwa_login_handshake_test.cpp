@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <future>
-#include <string>
 
 #include "login_settings.h"
 #include "support/frames.h"

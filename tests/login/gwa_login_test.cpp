@@ -1,7 +1,6 @@
 #include "login/gwa_login.h"
 
 #include <algorithm>
-#include <string>
 
 #include "devid.h"
 #include "login_settings.h"

@@ -6,7 +6,6 @@
 
 #include <fstream>
 #include <regex>
-#include <string>
 
 #include "support/child.h"
 

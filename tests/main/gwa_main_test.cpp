@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "main/gwa_process.h"
 #include "runtime/gwa_util_time.h"
 #include "support/child.h"

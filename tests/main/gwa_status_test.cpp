@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <string>
-
 #include "connection/gwa_connection.h"
 #include "main/gwa_process.h"
 #include "support/child.h"

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <functional>
-#include <string>
 
 #include "support/eventually.h"
 #include "support/fake_time.h"

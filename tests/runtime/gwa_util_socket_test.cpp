@@ -7,10 +7,10 @@
 #include <atomic>
 #include <csignal>
 #include <functional>
-#include <string>
 
 #include "runtime/gwa_types.h"
 #include "support/fake_time.h"
+#include "support/files.h"
 #include "support/log_of.h"
 #include "support/run_flags.h"
 #include "support/socket_pair.h"
@@ -34,6 +34,18 @@ const exact_read EXACT_READS[] = {
     {"recvn_timeout_fast",
      [](int f, void* b, size_t n) { return gwa_recvn_timeout_fast(f, b, n, 9); }, 8, 3},
 };
+
+struct Sockets : testing::Test {
+    fake_time time;
+    socket_pair sockets;
+    char buffer[9] = "";
+    static constexpr size_t SIZE = 8;
+};
+using RecvnTimeoutFast = Sockets;
+using RecvTimeout = Sockets;
+using RecvDiscard = Sockets;
+using Sendn = Sockets;
+using SendBufferWait = Sockets;
 
 }  // namespace
 
@@ -107,31 +119,25 @@ TEST(RecvnTimeout, FindsARemainderBelowTheLowWaterMark) {
     EXPECT_STREQ(buffer, "hello");
 }
 
-TEST(RecvnTimeoutFast, ReturnsWhatCameBeforeTheDeadline) {
-    fake_time time;
-    socket_pair sockets;
-    char buffer[8];
-    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, sizeof buffer, 10), 0);
+TEST_F(RecvnTimeoutFast, ReturnsWhatCameBeforeTheDeadline) {
+    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, SIZE, 10), 0);
     EXPECT_EQ(time.now_us, 10 * SECOND_US);
     ASSERT_TRUE(sockets.peer_says("abc"));
     int looks = 0;
     time.event = [&] { time.now_us -= ++looks == 9 ? 3600 * SECOND_US : 0; };
-    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, sizeof buffer, 10), 3);
+    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, SIZE, 10), 3);
     EXPECT_EQ(time.now_us, -3580 * SECOND_US) << "a clock set back prolongs nothing";
 }
 
-TEST(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
-    fake_time time;
+TEST_F(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    socket_pair sockets;
     constexpr int HIGH_FD = 1500;  // a descriptor set of select ends at 1024
     ASSERT_EQ(dup2(sockets.ours, HIGH_FD), HIGH_FD);
-    char buffer[8];
     const auto receive = [&](int seconds) {
-        return gwa_recv_timeout(HIGH_FD, buffer, sizeof buffer, seconds);
+        return gwa_recv_timeout(HIGH_FD, buffer, SIZE, seconds);
     };
     ASSERT_TRUE(sockets.peer_says("abc"));
     EXPECT_EQ(receive(0), GWA_FAILED);
@@ -142,25 +148,21 @@ TEST(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
     EXPECT_EQ(receive(1), 0);
     close(HIGH_FD);
     EXPECT_EQ(receive(1), GWA_FAILED);
-    EXPECT_EQ(gwa_recv_timeout(-1, buffer, sizeof buffer, 1), GWA_FAILED);
+    EXPECT_EQ(gwa_recv_timeout(-1, buffer, SIZE, 1), GWA_FAILED);
 }
 
-TEST(RecvTimeout, OutlastsASignal) {
+TEST_F(RecvTimeout, OutlastsASignal) {
     static int peer;
-    socket_pair sockets;
     peer = sockets.peer.get();
     struct sigaction action {};  // restarts no call
     action.sa_handler = [](int) { send(peer, "x", 1, 0); };
     sigaction(SIGALRM, &action, nullptr);
     const itimerval soon{{0, 0}, {0, 5000}};
     setitimer(ITIMER_REAL, &soon, nullptr);
-    char buffer[8];
-    EXPECT_EQ(gwa_recv_timeout(sockets.ours, buffer, sizeof buffer, 10), 1);
+    EXPECT_EQ(gwa_recv_timeout(sockets.ours, buffer, SIZE, 10), 1);
 }
 
-TEST(RecvDiscard, DropsExactlyTheCount) {
-    fake_time time;
-    socket_pair sockets;
+TEST_F(RecvDiscard, DropsExactlyTheCount) {
     ASSERT_TRUE(sockets.peer_says(std::string(8192, 'x') + "rest"));
     const std::pair<int, int> counts[] = {{0, 0}, {-5, 0}, {8193, -1}, {8192, 0}, {5, -1}};
     for (const auto& [count, result] : counts) {
@@ -188,24 +190,17 @@ TEST(Connect, SucceedsFailsTimesOutOrStopsWithTheProcess) {
     EXPECT_EQ(attempt(full, 100), GWA_FAILED);
 }
 
-TEST(Sendn, SendsEverythingInPieces) {
-    fake_time time;
-    socket_pair sockets;
-    std::string text, copy;
-    while (text.size() < 500000) {
-        text += std::to_string(text.size());
-    }
-    time.event = [&] {  // the peer takes what is there whenever the code looks at the clock
-        copy += sockets.peer_hears();
-    };
+TEST_F(Sendn, SendsEverythingInPieces) {
+    const std::string text = noise(500000, 1);
+    std::string copy;
+    time.event = [&] { copy += sockets.peer_hears(); };  // whenever the code looks at the clock
     const int length = static_cast<int>(text.size());
     EXPECT_EQ(gwa_sendn(sockets.ours, text.data(), length), length);
     time.event();
     EXPECT_TRUE(copy == text);
 }
 
-TEST(Sendn, ComesUpShortWhenItCannotGoOn) {
-    socket_pair sockets;
+TEST_F(Sendn, ComesUpShortWhenItCannotGoOn) {
     const std::string text(4 << 20, 'x');
     EXPECT_EQ(gwa_sendn(sockets.ours, text.data(), 0), 0);
     EXPECT_EQ(gwa_sendn(-1, text.data(), 1), 0);
@@ -225,10 +220,8 @@ TEST(SendBufferLevel, FollowsTheQuarterMarks) {
     }
 }
 
-TEST(SendBufferWait, EndsWhenDrainedOrAtTheLimit) {
-    fake_time time;
+TEST_F(SendBufferWait, EndsWhenDrainedOrAtTheLimit) {
     run_flags running{true};
-    socket_pair sockets;
     int level = 9;
     const auto wait = [&](int fd) { return gwa_socket_send_buffer_wait(fd, 1000, 0, &level, 1); };
     EXPECT_EQ(wait(sockets.ours), GWA_OK);

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <functional>
-#include <string>
 
 #include "support/log_of.h"
 #include "support/socket_pair.h"
