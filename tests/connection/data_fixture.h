@@ -78,7 +78,6 @@ struct data_connection : connection_test {
         return false;
     }
     void rounds(int count = 3) { EXPECT_FALSE(closes_in(count)); }
-    // What has been sent to the server so far.
     std::string sent() { return sockets.peer_hears(); }
     void server_sends(const std::string& bytes) { EXPECT_TRUE(sockets.peer_says(bytes)); }
 };

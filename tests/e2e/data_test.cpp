@@ -24,9 +24,8 @@ TEST_F(DataConnection, AnswersItsMaintenancePort) {
     };
     uint32_t stream = 0;
     for (const auto& [query, expected] : cases) {
-        SCOPED_TRACE(query);
         ASSERT_TRUE(sends(request_frame(++stream, 10010, "&" + std::string(query))));
-        EXPECT_EQ(frame_read(data.get()), frame_bytes(DATA, stream, expected));
+        EXPECT_EQ(frame_read(data.get()), frame_bytes(DATA, stream, expected)) << query;
     }
 }
 

@@ -52,9 +52,9 @@ struct Flow : testing::Test {
     // The session id comes last: the daemon takes the order before it looks at anything else.
     void SetUp() override {
         ASSERT_TRUE(status_shows("\"data_connections\":5,")) << relay->process.errors();
-        ASSERT_TRUE(eventually([&] { return !file_read(session_id()).empty(); }));
+        ASSERT_TRUE(
+            eventually([&] { return !file_read(device.home.path + "/tmp/session.id").empty(); }));
     }
-    std::string session_id() const { return device.home.path + "/tmp/session.id"; }
 
     bool status_shows(std::string_view text) const {
         return eventually(

@@ -22,7 +22,6 @@ struct Restart : testing::Test, session {
 
 TEST_F(Restart, RunsTheInitScript) {
     const std::string mark = device.home.path + "/started";
-    // The script gets no open descriptor; the mark appears whole.
     file_write(INIT_SCRIPT,
                "#!/bin/sh\necho \"$0 $*\" >" + mark + ".part; mv " + mark + ".part " + mark, true);
     control.reset();
