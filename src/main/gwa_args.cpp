@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <getopt.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include "gwad_commit.h"
 #include "login/gwa_login.h"
 #include "main/gwa_log.h"
+#include "main/gwa_print.h"
 #include "main/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_host.h"
@@ -83,6 +83,12 @@ static void usage_print(const char* program) {
     puts("  -H --home                 the home directory, default is /");
 }
 
+// Ends as a command that has printed what it was asked for.
+[[noreturn]] static void printed_exit(int status) {
+    fflush(stdout);
+    gwa_process_exit(status);
+}
+
 // Takes one option; what only prints something ends the process here.
 static void option_take(options& to, int letter, const char* program) {
     switch (letter) {
@@ -96,12 +102,12 @@ static void option_take(options& to, int letter, const char* program) {
         case 'I': to.device_id = optarg; return;
         case 'H': to.home = optarg; return;
         case 'b': to.background = true; return;
-        case 'v': printf("version : 0.1, git commit : %s\n", GWAD_COMMIT); gwa_process_exit(0);
-        case 'h': usage_print(program); gwa_process_exit(0);
+        case 'v': printf("version : 0.1, git commit : %s\n", GWAD_COMMIT); printed_exit(0);
+        case 'h': usage_print(program); printed_exit(0);
         default:
             printf("?? getopt returned character '%c' code 0x%x, %d\n", letter,
                    static_cast<unsigned>(letter), optind);
-            gwa_process_exit(1);
+            printed_exit(1);
     }
 }
 
@@ -115,7 +121,7 @@ static options options_read(int argc, char* argv[]) {
     if (optind != argc) {
         printf("@err: Non-option arguments on the command line (%d, %d)!\n", optind, argc);
         usage_print(argv[0]);
-        gwa_process_exit(1);
+        printed_exit(1);
     }
     return read;
 }
@@ -127,10 +133,10 @@ static void home_init(const char* home) {
     }
     gwa_process_paths_init(home);
     printf("the home dir is %s\n", gwa_process_paths.home);
+    fflush(stdout);  // nothing is printed by these means from here on, nor flushed
 }
 
 static void background_enter() {
-    fflush(stdout);  // or what was printed would go to /dev/null with the daemon's descriptors
     if (daemon(0, 0) != 0) {
         fprintf(stderr, "daemon failed, %s\n", strerror(errno));
         gwa_process_exit(1);
@@ -160,8 +166,7 @@ static void pid_file_replace(const char* path) {
     dprintf(file.fd, "%d", own);
 }
 
-// May interrupt any code of the main thread, so it formats by hand and makes one write, and only
-// where that cannot block: the daemon's end must not depend on who reads its output.
+// May interrupt any code of the main thread, so it formats by hand and makes one write.
 static void signal_handle(int number) {
     const int saved_errno = errno;
     if (number == SIGINT || number == SIGTERM) {
@@ -175,11 +180,7 @@ static void signal_handle(int number) {
     }
     *digit++ = static_cast<char>('0' + number % DECIMAL);
     *digit++ = '\n';
-    pollfd output{STDOUT_FILENO, POLLOUT, 0};
-    if (poll(&output, 1, 0) == 1) {
-        [[maybe_unused]] const ssize_t written =
-            write(STDOUT_FILENO, text, static_cast<size_t>(digit - text));
-    }
+    gwa_print_signal_safe(text, static_cast<size_t>(digit - text));
     errno = saved_errno;
 }
 
@@ -218,6 +219,7 @@ void args_parse(int argc, char* argv[]) {
     if (given.background) {
         background_enter();
     }
+    gwa_print_init();                              // after daemon, which replaces standard output
     pid_file_replace(gwa_process_paths.pid_file);  // after daemon, which gives us a new number
     signals_install();
     log_start(given);

@@ -1,12 +1,13 @@
 #include "main/gwa_log.h"
 
-#include <poll.h>
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <ctime>
+
+#include "runtime/gwa_util_line.h"
 
 std::atomic<int32_t> gwa_log_on{1};
 std::atomic<int32_t> gwa_log_level{GWA_LEVEL_DEBUG};
@@ -15,26 +16,38 @@ namespace {
 
 constexpr char BACKGROUND_LOG[] = "/tmp/gwad.log";  // fixed, not under the home directory
 constexpr size_t STAMP_SIZE = 64;
-constexpr int STUCK_WAIT_MS = 200;  // what a slow reader of the log is given to catch up
+constexpr mode_t FOR_EVERYBODY = 0666;  // less what the process's mask takes away
 
-pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;  // guards log_stream and its lines
-FILE* log_stream = stderr;                             // null: unset or closed
-bool log_stuck = false;                                // guarded too: nobody takes what is written
+char line[8192];  // holds every line but one that quotes an endless option
+pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;  // guards the sink and its line
+gwa_line_sink log_sink{.fd = STDERR_FILENO, .buffer = line};
+bool to_standard_error = true;  // guarded too
 
 }  // namespace
 
+// A file of our own, whatever it is: it neither blocks nor becomes the terminal that controls us.
+static int log_file_open(const char* path) {
+    return open(path, O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                FOR_EVERYBODY);
+}
+
 int gwa_log_init(const char* path, bool background) {
-    FILE* chosen = stderr;
     if (path == nullptr || path[0] == '\0') {
         path = background ? BACKGROUND_LOG : nullptr;
     }
-    if (path != nullptr) {
-        chosen = fopen(path, "a+e");
-    }
     pthread_mutex_lock(&log_lock);
-    log_stream = chosen;
+    gwa_line_close(&log_sink);
+    to_standard_error = path == nullptr;
+    if (to_standard_error) {
+        gwa_line_open(&log_sink, STDERR_FILENO);
+    } else {
+        log_sink.way = gwa_line_way::WRITE;
+        log_sink.fd = log_file_open(path);
+        log_sink.own = true;
+    }
+    const bool open = log_sink.fd != -1;
     pthread_mutex_unlock(&log_lock);
-    return chosen == nullptr ? -1 : 0;
+    return open ? 0 : -1;
 }
 
 int gwa_log_level_set(int level) {
@@ -60,45 +73,28 @@ int gwa_log_level_get(int* out) {
     return 0;
 }
 
-// True when a write will not block. The log may be a pipe or a terminal that somebody has stopped
-// reading: lines are lost then, rather than the relay and its end by a signal. Only the first line
-// waits, so that the others do not hold up their threads. The lock is held.
-static bool log_ready() {
-    pollfd entry{fileno(log_stream), POLLOUT, 0};
-    int ready = 0;
-    do {
-        ready = poll(&entry, 1, log_stuck ? 0 : STUCK_WAIT_MS);
-    } while (ready == -1 && errno == EINTR);
-    log_stuck = ready == 0;
-    return !log_stuck;
-}
-
-static void stamp_write() {
-    char stamp[STAMP_SIZE] = {};
+// Begins a line with its time stamp. The lock is held. False: the line is lost.
+static bool stamped_line_begin() {
+    if (!gwa_line_begin(&log_sink)) {
+        return false;
+    }
+    char stamp[STAMP_SIZE] = "";
     const time_t now = time(nullptr);
     tm local{};
     localtime_r(&now, &local);
     strftime(stamp, sizeof stamp, "<%Y-%m-%d %H:%M:%S> ", &local);
-    fputs(stamp, log_stream);
-}
-
-// Writes what follows stamp and place, which may have taken the last room. The lock is held.
-static void text_write(const char* format, va_list arguments) {
-    fflush(log_stream);
-    if (log_ready()) {
-        vfprintf(log_stream, format, arguments);
-        fflush(log_stream);  // at once, so that the line survives a kill
-    }
+    gwa_line_add(&log_sink, "%s", stamp);
+    return true;
 }
 
 int gwa_log_write(const char* format, ...) {
     pthread_mutex_lock(&log_lock);
-    if (log_stream != nullptr && log_ready()) {
-        stamp_write();
+    if (stamped_line_begin()) {
         va_list arguments;
         va_start(arguments, format);
-        text_write(format, arguments);
+        gwa_line_add_list(&log_sink, format, arguments);
         va_end(arguments);
+        gwa_line_end(&log_sink);
     }
     pthread_mutex_unlock(&log_lock);
     return 0;
@@ -107,23 +103,24 @@ int gwa_log_write(const char* format, ...) {
 void gwa_log_from(const char* file, int line_and_level, const char* function, const char* format,
                   ...) {
     pthread_mutex_lock(&log_lock);
-    if (log_stream != nullptr && log_ready()) {
-        stamp_write();
-        fprintf(log_stream, "[gwad] %s %d %s() <%d> ", file, line_and_level / GWA_LOG_LEVELS,
-                function, line_and_level % GWA_LOG_LEVELS);
+    if (stamped_line_begin()) {
+        gwa_line_add(&log_sink, "[gwad] %s %d %s() <%d> ", file, line_and_level / GWA_LOG_LEVELS,
+                     function, line_and_level % GWA_LOG_LEVELS);
         va_list arguments;
         va_start(arguments, format);
-        text_write(format, arguments);
+        gwa_line_add_list(&log_sink, format, arguments);
         va_end(arguments);
+        gwa_line_end(&log_sink);
     }
     pthread_mutex_unlock(&log_lock);
 }
 
 void gwa_log_close() {
     pthread_mutex_lock(&log_lock);
-    if (log_stream != nullptr && log_stream != stdout) {
-        fclose(log_stream);  // standard error too, intended
+    gwa_line_close(&log_sink);
+    if (to_standard_error) {
+        close(STDERR_FILENO);  // oddity
+        to_standard_error = false;
     }
-    log_stream = nullptr;
     pthread_mutex_unlock(&log_lock);
 }

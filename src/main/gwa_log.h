@@ -5,7 +5,7 @@
 // Results: 0, or -1 where a function can fail.
 //
 // There is no rotation and no size limit: the file grows until the box clears it. Lines for which a
-// pipe or a terminal has no room are dropped: nobody who stops reading may stop the daemon.
+// pipe or a terminal has no room are dropped whole: nobody who stops reading may stop the daemon.
 #pragma once
 
 #include <atomic>
@@ -34,14 +34,28 @@ inline bool gwa_log_enabled(int level) {
            gwa_log_level.load(std::memory_order_relaxed) >= level;
 }
 
+// The name of a source file without its folders. GCC has it from version 12 on.
+#ifdef __FILE_NAME__
+#define GWA_FILE_NAME __FILE_NAME__
+#else
+consteval const char* gwa_log_file_name(const char* path) {
+    const char* name = path;
+    for (const char* at = path; *at != '\0'; ++at) {
+        name = *at == '/' ? at + 1 : name;
+    }
+    return name;
+}
+#define GWA_FILE_NAME gwa_log_file_name(__FILE__)
+#endif
+
 // Writes one line; the level is tested before the arguments are formatted.
 #define GWA_LOG(level, text, ...) GWA_LOG_UNENDED(level, text "\n" __VA_OPT__(, ) __VA_ARGS__)
 
 // The same without the line end, for the texts that have none.
 #define GWA_LOG_UNENDED(level, text, ...) \
-    GWA_LOG_FROM(level, __FILE_NAME__, __LINE__, __func__, text __VA_OPT__(, ) __VA_ARGS__)
+    GWA_LOG_FROM(level, GWA_FILE_NAME, __LINE__, __func__, text __VA_OPT__(, ) __VA_ARGS__)
 
-// The same on behalf of a caller, for helpers that report where they were called from.
+// The same on behalf of a caller: for the lines about socket options, which name the login.
 #define GWA_LOG_FROM(level, file, line, function, text, ...)                        \
     do {                                                                            \
         if (gwa_log_enabled(GWA_LEVEL_##level)) {                                   \
@@ -58,7 +72,7 @@ int gwa_log_init(const char* path, bool background);
 int gwa_log_level_set(int level);
 // Stores the level, or -1 while logging is off. -1: `out` is null.
 int gwa_log_level_get(int* out);
-// Writes the time stamp and one formatted line and flushes. Always 0.
+// Writes the time stamp and one formatted line at once, so that it survives a kill. Always 0.
 int gwa_log_write(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // The same with the place in front of the line, "[gwad] file line function() <level> ". One number
 // for line and level, and no such text in every format: with hundreds of calls that is what keeps

@@ -52,19 +52,23 @@ extern gwa_paths gwa_process_paths;
 // Copies the home directory (null: empty) and derives the five paths from it.
 void gwa_process_paths_init(const char* home);
 
-// The one exit while threads may run: flushes standard output and ends the process at once, without
-// the destructors and exit handlers that other threads could still need.
+// The one exit while threads may run: ends the process at once, without the destructors and exit
+// handlers that other threads could still need, and without a flush that could block.
 [[noreturn]] void gwa_process_exit(int status);
 
 // Ends the process with SIGABRT after naming the broken rule on standard error. An explicit call,
 // so that no build flag removes it. Use GWA_BROKEN_RULE.
 [[noreturn]] void gwa_process_abort(const char* file, int line, const char* function);
 
-// Logs the fatal line (function, file, line: the words "line %s" show the file name) and exits.
-#define GWA_EXIT(status)                                                                      \
-    do {                                                                                      \
-        GWA_LOG(FATAL, "exit from func %s, line %s : %d", __func__, __FILE_NAME__, __LINE__); \
-        gwa_process_exit(status);                                                             \
+// Logs the fatal line: function, file, line, so that the words "line %s" show the file name.
+#define GWA_EXIT_LOG() \
+    GWA_LOG(FATAL, "exit from func %s, line %s : %d", __func__, GWA_FILE_NAME, __LINE__)
+
+// Logs the fatal line and exits.
+#define GWA_EXIT(status)          \
+    do {                          \
+        GWA_EXIT_LOG();           \
+        gwa_process_exit(status); \
     } while (0)
 
-#define GWA_BROKEN_RULE() gwa_process_abort(__FILE_NAME__, __LINE__, __func__)
+#define GWA_BROKEN_RULE() gwa_process_abort(GWA_FILE_NAME, __LINE__, __func__)

@@ -7,6 +7,6 @@
 namespace std {
 [[noreturn]] void __throw_out_of_range_fmt(const char* format, ...);
 void __throw_out_of_range_fmt(const char*, ...) {
-    gwa_process_abort(__FILE_NAME__, __LINE__, __func__);
+    gwa_process_abort(GWA_FILE_NAME, __LINE__, __func__);
 }
 }  // namespace std

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "main/gwa_print.h"
 #include "main/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_types.h"
@@ -39,6 +40,7 @@ constexpr rlim_t FD_LIMIT_UNLIMITED = 0x7fffffff;
 constexpr rlim_t FD_LIMIT_MAX = 65536;
 
 constexpr size_t HEX_ROW = 16;
+constexpr size_t HEX_ROW_TEXT_SIZE = 96;  // offset, 16 times "00 ", 16 characters, the ends
 constexpr size_t SIZE_TEXT_MIN = 16;
 
 // The sanitizers put red zones and shadow frames on the stack.
@@ -148,25 +150,25 @@ int gwa_interface_mac_get(const char* name, uint8_t (*mac)[6]) {
 
 int gwa_interface_addr_get(const char* name, uint8_t (*address)[4]) {
     if (name == nullptr || name[0] == '\0') {
-        puts("ifname == NULL");
+        gwa_print("ifname == NULL\n");
         return GWA_FAILED;
     }
     if (address == nullptr) {
-        puts("addr == NULL");
+        gwa_print("addr == NULL\n");
         return GWA_FAILED;
     }
     ifreq answer{};
     switch (interface_query(name, SIOCGIFADDR, &answer)) {
         case interface_result::ANSWERED: break;
         case interface_result::NO_SOCKET:
-            printf("socket error %s\n", strerror(errno));
+            gwa_print("socket error %s\n", strerror(errno));
             return GWA_FAILED;
         case interface_result::NO_ANSWER:
             if (errno != EADDRNOTAVAIL) {
-                printf("ioctl SIOCGIFADDR error %s\n", strerror(errno));
+                gwa_print("ioctl SIOCGIFADDR error %s\n", strerror(errno));
                 return GWA_FAILED;
             }
-            printf("interface %s not assign IP address\n", name);
+            gwa_print("interface %s not assign IP address\n", name);
             memset(*address, 0, sizeof *address);
             return GWA_OK;
     }
@@ -272,24 +274,34 @@ int gwa_close_all_fds() {
     return 0;
 }
 
+// One row: its offset, the bytes and, if they fill it, the same as characters.
+static void hexdump_row(const unsigned char* bytes, size_t at, size_t count) {
+    char row[HEX_ROW_TEXT_SIZE];
+    size_t length =
+        static_cast<size_t>(snprintf(row, sizeof row, "0x%04x  ", static_cast<unsigned>(at)));
+    for (size_t i = 0; i < count; ++i) {
+        length += static_cast<size_t>(
+            snprintf(row + length, sizeof row - length, "%02x ", bytes[at + i]));
+    }
+    if (count == HEX_ROW) {
+        row[length++] = ' ';
+        for (size_t i = 0; i < count; ++i) {
+            row[length++] = isprint(bytes[at + i]) != 0 ? static_cast<char>(bytes[at + i]) : '.';
+        }
+        row[length++] = '\n';
+    }
+    row[length] = '\0';
+    gwa_print("%s", row);
+}
+
 void gwa_hexdump(const void* data, size_t length) {
     const auto* bytes = static_cast<const unsigned char*>(data);
-    puts("         0  1  2  3  4  5  6  7  8  9  a  b  c  d  e  f");
-    puts("        -- -- -- -- -- -- -- -- -- -- -- -- -- -- -- --");
-    for (size_t i = 0; i < length; ++i) {
-        if (i % HEX_ROW == 0) {
-            printf("0x%04x  ", static_cast<unsigned>(i));
-        }
-        printf("%02x ", bytes[i]);
-        if (i % HEX_ROW == HEX_ROW - 1) {
-            putchar(' ');
-            for (size_t k = i + 1 - HEX_ROW; k <= i; ++k) {
-                putchar(isprint(bytes[k]) != 0 ? bytes[k] : '.');
-            }
-            putchar('\n');
-        }
+    gwa_print("         0  1  2  3  4  5  6  7  8  9  a  b  c  d  e  f\n");
+    gwa_print("        -- -- -- -- -- -- -- -- -- -- -- -- -- -- -- --\n");
+    for (size_t at = 0; at < length; at += HEX_ROW) {
+        hexdump_row(bytes, at, std::min(length - at, HEX_ROW));
     }
-    putchar('\n');
+    gwa_print("\n");
 }
 
 const char* gwa_size_format(uint64_t value, char* buffer, size_t size) {

@@ -15,7 +15,7 @@
 // null: when there is no memory it logs and ends the process with status 1. A size below 1 is a bug
 // of the caller and ends the process. Use GWA_MALLOC and GWA_NEW, which name the caller.
 void* gwa_malloc(int size, const char* file, int line, const char* function);
-#define GWA_MALLOC(size) gwa_malloc(static_cast<int>(size), __FILE_NAME__, __LINE__, __func__)
+#define GWA_MALLOC(size) gwa_malloc(static_cast<int>(size), GWA_FILE_NAME, __LINE__, __func__)
 // A default-made record on the heap; trivially destructible, so free() releases it.
 #define GWA_NEW(type) (new (GWA_MALLOC(sizeof(type))) type{})
 

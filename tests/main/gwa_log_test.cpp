@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <regex>
 
+#include "main/gwa_print.h"
+#include "main/gwa_process.h"
 #include "support/child.h"
 
 namespace {
@@ -80,23 +83,38 @@ TEST(Log, GoesToItsFixedFileInTheBackground) {
     EXPECT_NE(file_read(FIXED).find(line), std::string::npos);
 }
 
-TEST(Log, DropsWhatNobodyReadsUntilSomebodyDoes) {
+// Nor does what is printed, or the end of the process.
+TEST(Log, DoesNotHangOnATerminalThatNobodyReads) {
     child program([] {
-        int both[2];
-        EXPECT_EQ(pipe2(both, O_NONBLOCK), 0);
-        fcntl(both[1], F_SETFL, 0);  // a write to a full pipe blocks
-        dup2(both[1], STDERR_FILENO);
+        const int master = posix_openpt(O_RDWR | O_NOCTTY);
+        EXPECT_EQ(grantpt(master) | unlockpt(master), 0);
+        const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
+        dup2(slave, STDOUT_FILENO);
+        dup2(slave, STDERR_FILENO);
+        gwa_log_init(nullptr, false);
+        gwa_print_init();
         for (int line = 0; line < 2000; ++line) {
             GWA_LOG(FATAL, "%0100d", line);
+            gwa_print("%0100d\n", line);
+            gwa_print_signal_safe("recv signal 15\n", 15);
         }
-        char text[4096];
-        while (read(both[0], text, sizeof text) > 0) {
-        }
-        GWA_LOG(FATAL, "again");
-        text[std::max<ssize_t>(read(both[0], text, sizeof text - 1), 0)] = '\0';
-        _exit(std::string(text).find("<0> again\n") == std::string::npos);
+        GWA_EXIT(7);
     });
-    EXPECT_EQ(program.wait(), 0);
+    EXPECT_EQ(program.wait(), 7);
+}
+
+// 32-bit offsets end there.
+TEST(Log, GrowsBeyondTwoGigabytes) {
+    log_to_file log;
+    constexpr off64_t SIZE = (int64_t{1} << 31) + 5;  // a hole, which takes no room
+    ASSERT_EQ(truncate64(log.path.c_str(), SIZE), 0);
+    ASSERT_EQ(gwa_log_init(log.path.c_str(), false), 0);
+    GWA_LOG(FATAL, "text");
+    const int fd = open64(log.path.c_str(), O_RDONLY | O_CLOEXEC);
+    char text[256] = "";
+    EXPECT_GT(pread64(fd, text, sizeof text - 1, SIZE), 0);
+    close(fd);
+    EXPECT_TRUE(std::string(text).ends_with("<0> text\n")) << text;
 }
 
 TEST(Log, DropsLinesWhenThereIsNoStream) {

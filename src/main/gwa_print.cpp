@@ -1,0 +1,34 @@
+#include "main/gwa_print.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdarg>
+
+#include "runtime/gwa_util_line.h"
+
+namespace {
+
+char line[512];
+pthread_mutex_t print_lock = PTHREAD_MUTEX_INITIALIZER;  // guards the sink and its line
+gwa_line_sink output{.fd = STDOUT_FILENO, .buffer = line};
+
+}  // namespace
+
+void gwa_print_init() { gwa_line_open(&output, STDOUT_FILENO); }
+
+void gwa_print(const char* format, ...) {
+    pthread_mutex_lock(&print_lock);
+    if (gwa_line_begin(&output)) {
+        va_list arguments;
+        va_start(arguments, format);
+        gwa_line_add_list(&output, format, arguments);
+        va_end(arguments);
+        gwa_line_end(&output);
+    }
+    pthread_mutex_unlock(&print_lock);
+}
+
+void gwa_print_signal_safe(const char* bytes, size_t size) {
+    [[maybe_unused]] const ptrdiff_t written = gwa_line_write_now(&output, bytes, size);
+}
