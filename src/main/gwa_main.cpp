@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 
 #include "connection/gwa_connection.h"
@@ -64,7 +63,7 @@ static void check_timer_start() {
                        &check_timer) != 0) {
         GWA_LOG(ERROR, "init check timer failed");
     }
-    gwa_now.store(static_cast<int32_t>(gwa_time_seconds()), std::memory_order_relaxed);
+    gwa_now_refresh();
     if (check_timer != nullptr && gwa_timer_start(check_timer) != 0) {
         GWA_LOG(ERROR, "start check timer failed");
     }
@@ -223,7 +222,6 @@ static bool supervise() {
 int gwa_main(int argc, char* argv[]) {
     standard_descriptors_open();
     memory_pools_limit();
-    setvbuf(stdout, nullptr, _IOLBF, 0);  // in order with what the signal handler writes
     gwa_restart_init(argv);
     args_parse(argc, argv);
     srand(static_cast<unsigned>(gwa_time_seconds()));

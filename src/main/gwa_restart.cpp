@@ -1,6 +1,7 @@
 #include "main/gwa_restart.h"
 
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -88,5 +89,12 @@ void gwa_restart() {
         GWA_LOG(FATAL, "fork failed");
         GWA_EXIT(1);
     }
-    GWA_EXIT(0);
+    GWA_EXIT_LOG();
+    if (!gwa_process_running()) {
+        // A signal has come since the fork: the child still sleeps, and is taken back.
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        return;
+    }
+    gwa_process_exit(0);
 }

@@ -8,7 +8,6 @@
 #include "runtime/gwa_util_host.h"
 #include "runtime/gwa_util_time.h"
 
-std::atomic<int32_t> gwa_now{0};
 gwa_timer_list* gwa_timer_default_list = nullptr;
 
 namespace {
@@ -57,25 +56,23 @@ static void free_by_mode(gwa_timer* timer) {
     }
 }
 
-// Locks the list of a timer in the name of the operation that asks. Null: there is none to lock.
-static gwa_timer_list* lock_list_of(gwa_timer* timer, int line = __builtin_LINE(),
-                                    const char* function = __builtin_FUNCTION()) {
+// Locks the list of a timer. Null: there is none to lock.
+static gwa_timer_list* lock_list_of(gwa_timer* timer) {
     if (timer == nullptr || timer->list == nullptr) {
-        GWA_LOG_FROM(ERROR, __FILE_NAME__, line, function, "timer is inited\n");
+        GWA_LOG(ERROR, "timer is inited");
         return nullptr;
     }
     if (pthread_mutex_lock(&timer->list->mutex) != 0) {
-        GWA_LOG_FROM(DEBUG, __FILE_NAME__, line, function, "lock failed\n");
+        GWA_LOG(DEBUG, "lock failed");
         return nullptr;
     }
     return timer->list;
 }
 
 // The result of the operation.
-static int unlock_list(gwa_timer_list* list, int line = __builtin_LINE(),
-                       const char* function = __builtin_FUNCTION()) {
+static int unlock_list(gwa_timer_list* list) {
     if (pthread_mutex_unlock(&list->mutex) != 0) {
-        GWA_LOG_FROM(DEBUG, __FILE_NAME__, line, function, "unlock failed\n");
+        GWA_LOG(DEBUG, "unlock failed");
         return -1;
     }
     return 0;
@@ -162,7 +159,7 @@ static void* gwa_timer_loop(void* argument) {
     pthread_detach(pthread_self());
     while (gwa_timer_expire_check(list) == 0) {
         if (gwa_sleep(1) == 0) {
-            gwa_now.store(static_cast<int32_t>(gwa_time_seconds()), std::memory_order_relaxed);
+            gwa_now_refresh();
         } else {
             GWA_LOG(DEBUG, "gwa_sleep failed");
         }
@@ -346,9 +343,8 @@ int gwa_timer_expire_modify(gwa_timer* timer, uint32_t interval) {
 
 static void show_timer(const list_link* link) {
     const auto* timer = static_cast<const gwa_timer*>(link);
-    GWA_LOG_FROM(DEBUG, __FILE_NAME__, __LINE__, "gwa_timer_list_show",
-                 "timer %p, expire %u, callback %p\n", static_cast<const void*>(timer),
-                 timer->interval, reinterpret_cast<void*>(timer->callback));
+    GWA_LOG(DEBUG, "timer %p, expire %u, callback %p", static_cast<const void*>(timer),
+            timer->interval, reinterpret_cast<void*>(timer->callback));
 }
 
 void gwa_timer_list_show(gwa_timer_list* list) {

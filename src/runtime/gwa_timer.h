@@ -1,5 +1,5 @@
-// gwa_timer.h - one-second timers on sorted lists, each served by a thread of its own, and the
-// coarse clock.
+// gwa_timer.h - one-second timers on sorted lists, each served by a thread of its own, which keeps
+// the coarse clock (gwa_util_time.h) as well.
 //
 // Owner:   a list belongs to whoever made it, a timer to its creator unless its mode says
 //          otherwise. Owners destroy their timers before the list.
@@ -22,11 +22,6 @@
 #include <cstdint>
 
 #include "runtime/gwa_list.h"
-
-// The coarse clock: seconds from time(2), set at start and once a second by the default list's
-// thread. Being a second late harms nobody: relaxed.
-extern std::atomic<int32_t> gwa_now;
-inline int32_t gwa_now_get() { return gwa_now.load(std::memory_order_relaxed); }
 
 using gwa_timer_callback = void (*)(void* argument);
 

@@ -24,33 +24,34 @@ constexpr int DISCARD_MAX = 8192;
 constexpr int DISCARD_TIMEOUT_S = 120;
 constexpr int SEND_BUFFER_LOW_LEVEL = 2;  // below it less than a quarter is queued
 
-// A time limit in both measures: the clock's, and what the waits have really used up. A box sets
-// its clock by hours soon after it starts; set back, it must not prolong a wait.
+constexpr int64_t NEVER_US = INT64_MAX / 2;  // half: sums with it must not overflow
+
+// When a wait is over, by both clocks. A box sets its wall clock by hours soon after it starts: set
+// back, it must not prolong a wait.
 struct time_limit {
-    int64_t deadline_us;
-    int64_t unspent_us;
+    int64_t wall_us;
+    int64_t steady_us;
 };
 
-constexpr int64_t NEVER_US = INT64_MAX / 2;  // half: sums with it must not overflow
 constexpr time_limit NO_LIMIT{NEVER_US, NEVER_US};
 
 }  // namespace
 
 static time_limit limit_start(int seconds) {
     const int64_t span_us = int64_t{seconds} * US_PER_SECOND;
-    return {gwa_time.now_us() + span_us, span_us};
+    return {gwa_time.now_us() + span_us, gwa_time.steady_us() + span_us};
 }
 
 static int64_t limit_left_us(const time_limit& limit) {
-    return std::min(limit.deadline_us - gwa_time.now_us(), limit.unspent_us);
+    return std::min(limit.wall_us - gwa_time.now_us(), limit.steady_us - gwa_time.steady_us());
 }
 
 enum class wait_result : uint8_t { READY, RAN_OUT, STOPPED, FAILED };
 
-// Waits for one slice of the limit. RAN_OUT: look at the limit and wait on, also after a signal,
+// Waits for one slice of what is left. RAN_OUT: look at the limit and wait on, also after a signal,
 // which must not fail a login needlessly. STOPPED: the process run flag is clear; what is ready by
 // then is still taken, but nothing is waited for. FAILED: errno says why.
-static wait_result wait_slice(int fd, short events, time_limit& limit, int slice_ms) {
+static wait_result wait_slice(int fd, short events, const time_limit& limit, int slice_ms) {
     if (fd < 0) {
         errno = EBADF;  // poll(2) would skip the entry and report a time-out
         return wait_result::FAILED;
@@ -58,7 +59,7 @@ static wait_result wait_slice(int fd, short events, time_limit& limit, int slice
     const int64_t left_ms = (limit_left_us(limit) + US_PER_MS - 1) / US_PER_MS;
     const auto wait_ms = static_cast<int>(std::clamp<int64_t>(left_ms, 0, slice_ms));
     pollfd entry{fd, events, 0};
-    const int count = poll(&entry, 1, gwa_process_running() ? wait_ms : 0);
+    const int count = gwa_time.poll(&entry, 1, gwa_process_running() ? wait_ms : 0);
     if (count > 0 && (entry.revents & POLLNVAL) != 0) {
         errno = EBADF;
         return wait_result::FAILED;
@@ -69,15 +70,12 @@ static wait_result wait_slice(int fd, short events, time_limit& limit, int slice
     if (count < 0 && errno != EINTR) {
         return wait_result::FAILED;
     }
-    if (count == 0) {
-        limit.unspent_us -= wait_ms * US_PER_MS;
-    }
     return gwa_process_running() ? wait_result::RAN_OUT : wait_result::STOPPED;
 }
 
-// Waits up to `seconds`; the clock starts here.
+// Waits up to `seconds`, however the wall clock is set meanwhile.
 static wait_result wait_seconds(int fd, short events, int seconds) {
-    time_limit limit = limit_start(seconds);
+    const time_limit limit{NEVER_US, gwa_time.steady_us() + int64_t{seconds} * US_PER_SECOND};
     for (;;) {
         const wait_result result = wait_slice(fd, events, limit, WAIT_SLICE_MS);
         if (result != wait_result::RAN_OUT || limit_left_us(limit) <= 0) {
@@ -157,6 +155,10 @@ int gwa_connect_timeout(int fd, const sockaddr* address, socklen_t length, int s
     return GWA_FAILED;
 }
 
+void gwa_socket_readable_wait(int fd, int milliseconds) {
+    wait_slice(fd, POLLIN, NO_LIMIT, milliseconds);
+}
+
 // The receive that follows a wait: it does not block, should the readiness have been an error.
 static int recv_ready(int fd, void* buffer, size_t length) {
     const ssize_t count = recv(fd, buffer, length, MSG_DONTWAIT);
@@ -183,7 +185,7 @@ int gwa_recvn_timeout(int fd, void* buffer, size_t length, int seconds) {
     if (seconds <= 0) {
         return GWA_FAILED;
     }
-    time_limit limit = limit_start(seconds);
+    const time_limit limit = limit_start(seconds);
     bool waited = false;  // the last thing that happened was a wait without result
     for (size_t received = 0; received < length;) {
         const ssize_t count =
@@ -220,7 +222,6 @@ int gwa_recvn_timeout(int fd, void* buffer, size_t length, int seconds) {
 }
 
 int gwa_recvn(int fd, void* buffer, size_t length) {
-    time_limit no_limit = NO_LIMIT;
     size_t received = 0;
     do {
         const ssize_t count =
@@ -231,7 +232,7 @@ int gwa_recvn(int fd, void* buffer, size_t length) {
         if (count == 0) {
             // Not a look every 100 us: a server that is silent for minutes would cost the box a
             // good part of its processor.
-            wait_slice(fd, POLLIN, no_limit, RECVN_SLICE_MS);
+            wait_slice(fd, POLLIN, NO_LIMIT, RECVN_SLICE_MS);
         }
         received += static_cast<size_t>(count);
     } while (received < length);
@@ -239,7 +240,7 @@ int gwa_recvn(int fd, void* buffer, size_t length) {
 }
 
 int gwa_recvn_timeout_fast(int fd, void* buffer, size_t length, int seconds) {
-    time_limit limit = limit_start(seconds);
+    const time_limit limit = limit_start(seconds);
     size_t received = 0;
     do {
         const ssize_t count =
@@ -255,7 +256,6 @@ int gwa_recvn_timeout_fast(int fd, void* buffer, size_t length, int seconds) {
             break;
         }
         gwa_usleep(RECVN_FAST_POLL_US);
-        limit.unspent_us -= RECVN_FAST_POLL_US;
         if (limit_left_us(limit) <= 0) {
             GWA_LOG(ERROR, "recv timeout...");
             break;
@@ -278,10 +278,9 @@ int gwa_recv_discard(int fd, int count) {
 }
 
 int gwa_sendn(int fd, const void* buffer, int length) {
-    time_limit no_limit = NO_LIMIT;
     int sent = 0;
     while (sent < length) {
-        const wait_result result = wait_slice(fd, POLLOUT, no_limit, WAIT_SLICE_MS);
+        const wait_result result = wait_slice(fd, POLLOUT, NO_LIMIT, WAIT_SLICE_MS);
         if (result == wait_result::RAN_OUT) {
             continue;
         }
@@ -346,7 +345,7 @@ int gwa_socket_send_buffer_status(int fd, int limit) {
 }
 
 int gwa_socket_send_buffer_wait(int fd, int limit, int32_t /*ignored*/, int* level, int seconds) {
-    time_limit wait_limit = limit_start(seconds);
+    const time_limit wait_limit = limit_start(seconds);
     while (gwa_connection_running()) {
         *level = gwa_socket_send_buffer_status(fd, limit);
         if (*level < 0) {
@@ -358,9 +357,7 @@ int gwa_socket_send_buffer_wait(int fd, int limit, int32_t /*ignored*/, int* lev
         if (limit_left_us(wait_limit) <= 0) {
             return GWA_TIMED_OUT;
         }
-        const int pause_us = *level * static_cast<int>(US_PER_MS);  // the fuller, the longer
-        gwa_usleep(pause_us);
-        wait_limit.unspent_us -= pause_us;
+        gwa_usleep(*level * static_cast<int>(US_PER_MS));  // the fuller, the longer
     }
     *level = -1;
     return GWA_FAILED;

@@ -30,6 +30,9 @@ int gwa_socket_nonblock(int fd);
 // Connects a non-blocking socket. 0 connected, -1 failed, -2 time ran out.
 int gwa_connect_timeout(int fd, const sockaddr* address, socklen_t length, int seconds);
 
+// Waits at most `milliseconds` for something to receive; whether it came, the next receive tells.
+void gwa_socket_readable_wait(int fd, int milliseconds);
+
 // One receive after one wait. The count (0: the peer has closed), -1 or -2.
 int gwa_recv_timeout(int fd, void* buffer, size_t length, int seconds);
 

@@ -2,6 +2,7 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "main/gwa_process.h"
@@ -18,6 +19,12 @@ int64_t wall_clock_us() {
     return int64_t{now.tv_sec} * US_PER_SECOND + now.tv_usec;
 }
 
+int64_t steady_clock_us() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * US_PER_SECOND + now.tv_nsec / NS_PER_US;
+}
+
 void sleep_once(int64_t us) {
     timespec span{};
     span.tv_sec = static_cast<time_t>(us / US_PER_SECOND);
@@ -27,9 +34,20 @@ void sleep_once(int64_t us) {
 
 }  // namespace
 
-gwa_time_source gwa_time = {wall_clock_us, sleep_once};
+gwa_time_source gwa_time = {wall_clock_us, steady_clock_us, sleep_once, poll, epoll_wait};
+std::atomic<int32_t> gwa_now{0};
 
 int64_t gwa_time_seconds() { return gwa_time.now_us() / US_PER_SECOND; }
+
+void gwa_now_refresh() {
+    gwa_now.store(static_cast<int32_t>(gwa_time_seconds()), std::memory_order_relaxed);
+}
+
+int32_t gwa_moment_never() {
+    const int32_t now = gwa_now_get();
+    const uint32_t age = std::min<uint32_t>(static_cast<uint32_t>(now), INT32_MAX);
+    return gwa_moment_before(now, static_cast<int32_t>(age));
+}
 
 int gwa_sleep(int seconds) {
     if (seconds < 0) {

@@ -1,21 +1,48 @@
-// gwa_util_time.h - the clock and the sleeps, behind one replaceable source.
+// gwa_util_time.h - the clocks, the sleeps and the waits, behind one replaceable source.
 //
 // Threads: any thread sleeps and reads; only tests replace the source, before they start threads.
 #pragma once
 
+#include <poll.h>
+#include <sys/epoll.h>
+
+#include <atomic>
 #include <cstdint>
 
-// Where time comes from. The default is gettimeofday and one nanosleep; a test puts in a clock that
-// stands still until the code sleeps.
+// Where time comes from and where it passes. The default is gettimeofday, CLOCK_MONOTONIC, one
+// nanosleep and the system's own waits; a test puts in a clock that stands still until the code
+// sleeps or waits in vain.
 struct gwa_time_source {
-    int64_t (*now_us)();           // wall clock, microseconds since the epoch
+    int64_t (*now_us)();           // wall clock, microseconds since the epoch; may be set
+    int64_t (*steady_us)();        // microseconds since some moment; nobody can set it
     void (*sleep_us)(int64_t us);  // once, not resumed when a signal interrupts it
+    int (*poll)(pollfd* entries, nfds_t count, int timeout_ms);                   // poll(2)
+    int (*epoll_wait)(int epfd, epoll_event* events, int count, int timeout_ms);  // epoll_wait(2)
 };
 extern gwa_time_source gwa_time;
 
 // The wall clock in whole seconds, as time(2) has it; 64 bits, so that sums with limits cannot
 // wrap.
 int64_t gwa_time_seconds();
+
+// The coarse clock: seconds from time(2), set at start and once a second by the timer thread. Being
+// a second late harms nobody: relaxed. 32 bits, which is what the box can share between threads:
+// it wraps in January 2038, so moments are compared by their difference only.
+extern std::atomic<int32_t> gwa_now;
+inline int32_t gwa_now_get() { return gwa_now.load(std::memory_order_relaxed); }
+void gwa_now_refresh();
+
+// A moment of the coarse clock, `seconds` before `moment`.
+inline int32_t gwa_moment_before(int32_t moment, int32_t seconds) {
+    return static_cast<int32_t>(static_cast<uint32_t>(moment) - static_cast<uint32_t>(seconds));
+}
+// Seconds from `moment` until now; negative while the clock is set back before it.
+inline int32_t gwa_seconds_since(int32_t moment) {
+    return gwa_moment_before(gwa_now_get(), moment);
+}
+// A moment as long ago as the coarse clock can tell: what has never happened happened then. 0, the
+// epoch, until 2038.
+int32_t gwa_moment_never();
 
 // Sleeps whole seconds, in steps of one, and returns early when the process run flag is cleared, so
 // that no pause holds up an orderly end; a single second is always slept. 0, or -1 for a negative

@@ -9,6 +9,7 @@
 
 #include "main/gwa_log.h"
 #include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_time.h"
 
 namespace {
 
@@ -18,21 +19,18 @@ constexpr uint32_t INTEREST = EPOLLIN | EPOLLOUT | EPOLLET;
 
 }  // namespace
 
-// The lock's failures are reported in the name of the operation that needed it.
-static bool set_lock(poll_set* set, int line = __builtin_LINE(),
-                     const char* function = __builtin_FUNCTION()) {
+static bool set_lock(poll_set* set) {
     const int error = pthread_rwlock_wrlock(&set->rwlock);
     if (error != 0) {
-        GWA_LOG_FROM(ERROR, __FILE_NAME__, line, function, "wrlock failed %s\n", strerror(error));
+        GWA_LOG(ERROR, "wrlock failed %s", strerror(error));
     }
     return error == 0;
 }
 
-static bool set_unlock(poll_set* set, int line = __builtin_LINE(),
-                       const char* function = __builtin_FUNCTION()) {
+static bool set_unlock(poll_set* set) {
     const int error = pthread_rwlock_unlock(&set->rwlock);
     if (error != 0) {
-        GWA_LOG_FROM(ERROR, __FILE_NAME__, line, function, "unlock failed %s\n", strerror(error));
+        GWA_LOG(ERROR, "unlock failed %s", strerror(error));
     }
     return error == 0;
 }
@@ -240,8 +238,7 @@ static int wait_timeout(poll_set* set) {
         return 0;
     }
     if (set->timeout < POLL_TIMEOUT_MIN || set->timeout > POLL_TIMEOUT_MAX) {
-        GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, "poll_wait", "timeout error %d, use default\n",
-                     set->timeout);
+        GWA_LOG(ERROR, "timeout error %d, use default", set->timeout);
         return TIMEOUT_DEFAULT;
     }
     return set->timeout;
@@ -258,6 +255,7 @@ static bool dispatch(poll_set* set, epoll_event event) {
     const int fd = entry->fd;
     const poll_callback callback = entry->callback;
     void* argument = entry->argument;
+    const bool is_first = fd == set->first_fd;
     if (!set_unlock(set)) {
         return false;
     }
@@ -270,9 +268,8 @@ static bool dispatch(poll_set* set, epoll_event event) {
         return set->generation == generation;  // else the rest of the batch names freed entries
     }
     if ((event.events & (EPOLLERR | EPOLLHUP)) != 0) {
-        GWA_LOG_FROM(ERROR, __FILE_NAME__, __LINE__, "poll_wait",
-                     "epoll event error, fd %d, event 0x%x\n", fd, event.events);
-        if (fd == set->first_fd) {
+        GWA_LOG(ERROR, "epoll event error, fd %d, event 0x%x", fd, event.events);
+        if (is_first) {
             return false;
         }
         poll_del(set, fd);
@@ -289,7 +286,7 @@ int poll_wait(poll_set* set) {
         GWA_LOG(ERROR, "no fd in set");
         return -1;
     }
-    const int count = epoll_wait(set->epfd, set->events, POLL_BATCH, wait_timeout(set));
+    const int count = gwa_time.epoll_wait(set->epfd, set->events, POLL_BATCH, wait_timeout(set));
     if (count == -1) {
         if (errno == EINTR) {
             return 0;

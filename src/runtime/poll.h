@@ -41,7 +41,8 @@ struct poll_set {
     int fd_count = 0;
     list<poll_entry> fd_list;  // guarded by rwlock; newest first
     list<poll_entry> removed;  // guarded by rwlock; freed when no batch can name them any more
-    int first_fd = -1;         // the owner's main socket: a hang-up on it ends the owner's loop
+    int first_fd = -1;         // guarded by rwlock; the owner's main socket: a hang-up on it ends
+                               // the owner's loop
     pthread_rwlock_t rwlock = PTHREAD_RWLOCK_INITIALIZER;
     int timeout = 0;          // ms, 1 to 60000; the owner sets it before each wait
     bool no_wait = false;     // the owner knows of more work: the next wait returns at once

@@ -8,6 +8,8 @@
 #include "main/gwa_process.h"
 #include "runtime/gwa_util_time.h"
 #include "support/child.h"
+#include "support/frames.h"
+#include "support/sockets.h"
 
 namespace {
 
@@ -48,7 +50,6 @@ TEST_F(Daemon, TakesUpTheJumpThatItIsAskedFor) {
         int status;
     } cases[] = {
         {GWA_JUMP_NONE, "<1> set jump here\n", true, 0},
-        {GWA_JUMP_REINIT, "<0> reinit now\n", true, 0},
         {GWA_JUMP_EXIT, "<0> exit process now\n", false, 0},
         {GWA_JUMP_RESTART, "<7> unknown jump code 2\n", false, 255},
     };
@@ -77,4 +78,45 @@ TEST_F(Daemon, TakesUpTheJumpThatItIsAskedFor) {
         EXPECT_EQ(program.output().find("recv signal 15\n") != std::string::npos, with.goes_on);
         unlink(log.c_str());
     }
+}
+
+// The connection that there was is released, and the next one is as good.
+TEST_F(Daemon, ReleasesItsConnectionWhenAskedToStartOver) {
+    const loopback_listener manager, control;
+    child program([&] {
+        gwa_time.sleep_us = [](int64_t us) {  // the first pause of the control loop asks
+            static std::atomic<bool> asked{false};
+            if (us == 100'000 && !asked.exchange(true)) {
+                gwa_process_jump = GWA_JUMP_REINIT;
+            }
+            usleep(1000);
+        };
+        run("-p", std::to_string(manager.port).c_str());
+    });
+    unique_fd before;
+    for (uint32_t sequence = 0; sequence < 2; sequence++) {
+        SCOPED_TRACE(sequence);
+        const unique_fd asking = manager.accept();
+        read_until(asking.get(), "\r\n\r\n");
+        write_all(asking.get(), "HTTP/1.1 200 OK\r\n\r\n{\"ret\":0,\"to\":\"127.0.0.1:" +
+                                    std::to_string(control.port) + "\"}");
+        unique_fd server = control.accept();
+        EXPECT_EQ(frame_read(server.get()).substr(0, 4),
+                  frame_bytes(DEVICE_INFO, 0, "", 3).substr(0, 4));
+        write_all(server.get(), frame_bytes(LOGIN_ANSWER));
+        EXPECT_EQ(frame_read(server.get()), frame_bytes(SESSION_ID));
+        // The first one is due at once; the second connection has heard something not long ago.
+        if (sequence == 0) {
+            EXPECT_EQ(frame_read(server.get()), heartbeat_frame(0));
+            write_all(server.get(), heartbeat_frame(0));
+            EXPECT_TRUE(closed_by_peer(server.get()));
+        }
+        before = std::move(server);
+    }
+    EXPECT_EQ(program.terminate(), 0);
+    const std::string text = file_read(log);
+    const size_t released = text.find("connection cntl exit success");
+    EXPECT_LT(text.find("<1> long jump from 1 here"), released);
+    EXPECT_LT(text.find("<0> reinit now"), released);
+    EXPECT_NE(text.find("connection cntl init success", released), std::string::npos) << text;
 }

@@ -16,12 +16,13 @@ gwa_counter& bytes_in(int connection) {  // -1: the control connection
 
 constexpr int NOBODY = GWA_DATA_CONNECTIONS;
 
-// Runs the check as often as said, with traffic on all connections but one.
-void checks_run(int runs, int silent) {
-    for (int run = 0; run < runs; ++run) {
+// Runs the check as often as said, with traffic on all connections but one, which falls silent
+// after the run of that number.
+void checks_run(int runs, int silent, int last_heard) {
+    for (int run = 1; run <= runs; ++run) {
         gwa_status_check(nullptr);
         for (int id = -1; id < GWA_DATA_CONNECTIONS; ++id) {
-            gwa_counter_add(bytes_in(id), id == silent ? 0 : 16);
+            gwa_counter_add(bytes_in(id), id == silent && run >= last_heard ? 0 : 16);
         }
     }
 }
@@ -73,17 +74,23 @@ TEST(Status, WritesTheTable) {
     EXPECT_NE(program.errors().find(logged), std::string::npos) << program.errors();
 }
 
-TEST(Status, RestartsOnTheTwelfthRunWhenAnyConnectionIsSilent) {
+TEST(Status, RestartsOnEveryEleventhRunWhenAnyConnectionIsSilent) {
     const struct {
-        int runs, silent, running, status;
+        int runs, silent, last_heard, running, status;
         const char* logged;
     } cases[] = {
-        {25, NOBODY, 1, child::RETURNED, ""},
-        {11, -1, 1, child::RETURNED, ""},
-        {25, -1, 0, child::RETURNED, ""},  // told to stop: silence is as it should be
-        {12, -1, 1, 0, "<0> in pkts not update too long, conn cntl\n"},
-        {12, 0, 1, 0, "<0> in pkts not update too long, conn 0\n"},
-        {12, 4, 1, 0, "<0> in pkts not update too long, conn 4\n"},
+        {25, NOBODY, 0, 1, child::RETURNED, ""},
+        {11, -1, 0, 1, child::RETURNED, ""},
+        {25, -1, 0, 0, child::RETURNED, ""},  // told to stop: silence is as it should be
+        {12, -1, 0, 1, 0, "<0> in pkts not update too long, conn cntl\n"},
+        {12, 0, 0, 1, 0, "<0> in pkts not update too long, conn 0\n"},
+        {12, 4, 0, 1, 0, "<0> in pkts not update too long, conn 4\n"},
+        // Heard until the comparison of run 12: the next one is that of run 23.
+        {22, 2, 12, 1, child::RETURNED, ""},
+        {23, 2, 12, 1, 0, "<0> in pkts not update too long, conn 2\n"},
+        {23, -1, 12, 1, 0, "<0> in pkts not update too long, conn cntl\n"},
+        {33, 2, 13, 1, child::RETURNED, ""},
+        {34, 2, 13, 1, 0, "<0> in pkts not update too long, conn 2\n"},
     };
     for (const auto& with : cases) {
         child program([&] {
@@ -91,7 +98,7 @@ TEST(Status, RestartsOnTheTwelfthRunWhenAnyConnectionIsSilent) {
             gwa_log_level_set(GWA_LEVEL_FATAL);
             gwa_process_paths_init("/no/home");  // without its file the check runs all the same
             gwa_process_run.store(with.running);
-            checks_run(with.runs, with.silent);
+            checks_run(with.runs, with.silent, with.last_heard);
         });
         EXPECT_EQ(program.wait(), with.status);
         const std::string errors = program.errors();

@@ -171,8 +171,11 @@ TEST(TimerThread, RunsTheDefaultListAndEndsOnRequest) {
     static std::atomic<int32_t> now_s = 0, state = 0;
     static const pthread_t test_thread = pthread_self();
     const fake_time restored;
-    gwa_time = {[] { return now_s * SECOND; },
-                [](int64_t) { usleep(pthread_equal(pthread_self(), test_thread) ? 100000 : 500); }};
+    gwa_time = restored.saved;
+    gwa_time.now_us = [] { return now_s * SECOND; };
+    gwa_time.sleep_us = [](int64_t) {
+        usleep(pthread_equal(pthread_self(), test_thread) ? 100000 : 500);
+    };
     ASSERT_EQ(gwa_timer_default_init(), 0);
     gwa_timer *timer = nullptr, *pending = nullptr;
     const auto slow = [](void*) {
