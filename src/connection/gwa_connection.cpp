@@ -5,7 +5,6 @@
 #include <type_traits>
 
 #include "main/gwa_process.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_host.h"
 #include "runtime/gwa_util_time.h"
 

@@ -84,11 +84,14 @@ struct gwa_connection_cntl {
     uint32_t heartbeat_seq = 0;  // of the next heartbeat; never starts over within a process
     gwa_output_queue output;
     gwa_traffic traffic;
-    int32_t last_out_time = 0;           // coarse clock, last successful write
-    int32_t last_in_time = 0;            // coarse clock, last header; 0 until there was one
-    std::atomic<int32_t> send_level{0};  // 0 to 5, from what the kernel has not sent yet
-    int32_t heartbeat_misses = 0;        // heartbeat answers missing or wrong in a row
-    bool heartbeat_queued = false;       // the static node is linked or being sent
+    int32_t last_out_time = 0;                 // coarse clock, last successful write
+    int32_t last_in_time = 0;                  // coarse clock, last header; 0 until there was one
+    uint8_t header[GWA_HEADER_SIZE + 1] = {};  // that arrives, terminated for the dump
+    uint32_t header_have = 0;                  // bytes of it
+    int64_t header_moved_us = 0;               // steady clock, when the last of them came
+    std::atomic<int32_t> send_level{0};        // 0 to 5, from what the kernel has not sent yet
+    int32_t heartbeat_misses = 0;              // heartbeat answers missing or wrong in a row
+    bool heartbeat_queued = false;             // the static node is linked or being sent
     gwa_output_node heartbeat_node;
     uint8_t heartbeat_frame[GWA_HEARTBEAT_SIZE] = {};
     // Takes the reporting times that the server orders, in seconds; null while nobody reports.

@@ -9,11 +9,10 @@
 
 #include <cstring>
 
-#include "connection/gwa_connection_cntl_command.h"
 #include "connection/gwa_connection_cntl_fault.h"
+#include "connection/gwa_connection_cntl_in.h"
 #include "connection/gwa_connection_data.h"
 #include "main/gwa_process.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 
@@ -21,47 +20,12 @@ namespace {
 
 constexpr int WAIT_MS = 2000;
 constexpr int PAUSE_US = 100000;
-constexpr int64_t OUT_IDLE_S = 60;
-constexpr int64_t IN_IDLE_S = 240;
+constexpr int32_t OUT_IDLE_S = 60;
+constexpr int32_t IN_IDLE_S = 240;
 constexpr int32_t IN_IDLE_BACKDATE_S = 180;  // the next such heartbeat follows in a minute
-constexpr int HEADER_TIMEOUTS = 4;           // more than three; a wrong answer counts only to three
-constexpr int FRAMES_PER_EVENT = 64;
-constexpr int32_t SECONDS_PER_EVENT = 2;
 constexpr int SEND_LEVEL_MARKS[] = {16, 32, 64, 128, 256};  // bytes; level 5 lies above
 
-enum class header_read { WHOLE, NONE, FAILED };
-
 }  // namespace
-
-static void log_receive_error(int fd) {
-    if (errno == ECONNREFUSED) {
-        GWA_LOG(ERROR, "recv failed, connection refused fd %d %s", fd, strerror(errno));
-    } else {
-        GWA_LOG(ERROR, "recv failed fd %d %s", fd, strerror(errno));
-    }
-}
-
-// Reads the next header, if one has begun to arrive. A short count is completed: the rest of the
-// header would otherwise be taken for the beginning of the next one.
-static header_read read_header(int fd, uint8_t (&bytes)[GWA_HEADER_SIZE + 1]) {
-    const ssize_t got = recv(fd, bytes, GWA_HEADER_SIZE, 0);
-    if (got == -1) {
-        if (errno == EAGAIN) {
-            return header_read::NONE;
-        }
-        log_receive_error(fd);
-        return header_read::FAILED;
-    }
-    if (got == 0) {
-        GWA_LOG(FATAL, "!!! remote server close the connection fd %d !!!", fd);
-        return header_read::FAILED;
-    }
-    const size_t rest = GWA_HEADER_SIZE - static_cast<size_t>(got);
-    if (rest > 0 && gwa_recvn(fd, bytes + got, rest) != static_cast<int>(rest)) {
-        return header_read::FAILED;
-    }
-    return header_read::WHOLE;
-}
 
 // Refreshes the send level from what the kernel still holds. tty_ioctl(4), TIOCOUTQ.
 static bool refresh_send_level(gwa_connection_cntl* cntl) {
@@ -77,21 +41,6 @@ static bool refresh_send_level(gwa_connection_cntl* cntl) {
     }
     cntl->send_level.store(level, std::memory_order_relaxed);
     return true;
-}
-
-// Waits for the answer to a heartbeat that has just left. Without a limit of its own; it ends when
-// the run flag is cleared.
-static void gwa_connection_cntl_heartbeat_response_wait(gwa_connection_cntl* cntl) {
-    GWA_LOG(DEBUG, "wait heartbeat response");
-    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
-    const int got = gwa_recvn(cntl->socket, bytes, GWA_HEADER_SIZE);
-    if (got == GWA_FAILED) {
-        gwa_connection_cntl_reinit();
-    } else if (got == GWA_TIMED_OUT) {  // for a reader that can report it
-        gwa_connection_cntl_heartbeat_missed(cntl, HEADER_TIMEOUTS);
-    } else {
-        gwa_connection_cntl_proto_handle(cntl, bytes);
-    }
 }
 
 static void node_done(gwa_connection_cntl* cntl, gwa_output_node* node) {
@@ -138,7 +87,8 @@ static bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
     }
     GWA_LOG(DEBUG, "the data were sended completely expect %d", static_cast<int>(expected));
     if (gwa_protocol_is_heartbeat(node->data) == 1) {
-        gwa_connection_cntl_heartbeat_response_wait(cntl);
+        GWA_LOG(DEBUG, "wait heartbeat response");
+        gwa_connection_cntl_next_frame_wait(cntl);
     }
     node_done(cntl, node);
     gwa_counter_add(cntl->traffic.packets_out, 1);
@@ -163,14 +113,14 @@ static void drop_queue(gwa_connection_cntl* cntl) {
 
 // Heartbeats by the clock: after silence from us, or else after silence from the server.
 static void probe(gwa_connection_cntl* cntl) {
-    const int32_t now = gwa_now_get();
-    if (now > cntl->last_out_time + OUT_IDLE_S) {
+    if (gwa_seconds_since(cntl->last_out_time) > OUT_IDLE_S) {
         GWA_LOG(REFUSAL, "cntl idle out too long, send a heartbeat");
         gwa_connection_cntl_heartbeat_handle();
-    } else if (now > cntl->last_in_time + IN_IDLE_S) {
+    } else if (gwa_seconds_since(cntl->last_in_time) > IN_IDLE_S) {
         GWA_LOG(REFUSAL, "cntl idle in too long, send a heartbeat");
         gwa_connection_cntl_heartbeat_handle();
-        cntl->last_in_time = now - IN_IDLE_BACKDATE_S;
+        // From now on, not from before the heartbeat: its answer may have taken a while.
+        cntl->last_in_time = gwa_moment_before(gwa_now_get(), IN_IDLE_BACKDATE_S);
     }
 }
 
@@ -187,6 +137,7 @@ int gwa_connection_cntl_init(int fd) {
     }
     drop_queue(cntl);  // a reporter may have queued something while there was no connection
     cntl->send_level.store(0, std::memory_order_relaxed);
+    cntl->header_have = 0;
     cntl->socket = fd;
     if (poll_init(&cntl->poller) != GWA_OK) {
         GWA_LOG(DEBUG, "init epoll failed");
@@ -210,6 +161,9 @@ int gwa_connection_cntl_manage() {
     gwa_connection_cntl* const cntl = &gwa_connections.cntl;
     GWA_LOG(CREATE, "connection manage ...");
     cntl->last_out_time = gwa_now_get();
+    if (cntl->last_in_time == 0) {  // nothing has come in yet: the first heartbeat is due at once
+        cntl->last_in_time = gwa_moment_never();
+    }
     while (gwa_process_running()) {
         const int jump = gwa_process_jump.exchange(GWA_JUMP_NONE, std::memory_order_relaxed);
         if (jump != GWA_JUMP_NONE) {
@@ -220,6 +174,7 @@ int gwa_connection_cntl_manage() {
             gwa_connection_cntl_reinit();
             return GWA_JUMP_NONE;  // the run flag is clear
         }
+        gwa_connection_cntl_remote_in_handle(cntl);
         gwa_usleep(PAUSE_US);
         gwa_connection_cntl_remote_out_handle(cntl);
         probe(cntl);
@@ -259,25 +214,6 @@ void gwa_connection_cntl_handle(uint32_t events, void* argument) {
     if ((events & EPOLLOUT) != 0) {
         gwa_connection_cntl_remote_out_handle(cntl);
     }
-}
-
-void gwa_connection_cntl_remote_in_handle(gwa_connection_cntl* cntl) {
-    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
-    const int32_t began = gwa_now_get();
-    for (int frames = 0; frames < FRAMES_PER_EVENT; frames++) {
-        if (!gwa_process_running() || gwa_now_get() - began > SECONDS_PER_EVENT) {
-            break;
-        }
-        switch (read_header(cntl->socket, bytes)) {
-            case header_read::NONE: return;
-            case header_read::FAILED: gwa_connection_cntl_reinit(); return;
-            case header_read::WHOLE: break;
-        }
-        cntl->last_in_time = gwa_now_get();
-        gwa_connection_cntl_proto_handle(cntl, bytes);
-    }
-    // A server that writes without end must not keep heartbeats and reporters from their turn.
-    poll_rearm(&cntl->poller, cntl->socket);
 }
 
 void gwa_connection_cntl_remote_out_handle(gwa_connection_cntl* cntl) {

@@ -22,8 +22,6 @@ int gwa_connection_cntl_exit();
 
 // Poller callback of the control socket; the argument is the record.
 void gwa_connection_cntl_handle(uint32_t events, void* argument);
-// Reads and dispatches frames until nothing is left.
-void gwa_connection_cntl_remote_in_handle(gwa_connection_cntl* cntl);
 // Sends queued frames until the socket would block, waiting for the answer after a heartbeat.
 void gwa_connection_cntl_remote_out_handle(gwa_connection_cntl* cntl);
 // Sends one heartbeat now, unless one is still queued.

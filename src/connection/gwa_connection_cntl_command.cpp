@@ -2,7 +2,6 @@
 
 #include "connection/gwa_connection_cntl_fault.h"
 #include "main/gwa_process.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_host.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
@@ -14,7 +13,6 @@ constexpr uint32_t SESSION_ID_SIZE = 32;
 constexpr uint32_t SESSION_ID_BUFFER = 64;
 constexpr uint32_t REPORTING_SIZE = 8;  // t1 and t2
 constexpr int HEARTBEAT_LIMIT_S = 10;
-constexpr int HEARTBEAT_MISSES = 3;
 constexpr int ORDER_SPACING_S = 1;
 
 }  // namespace
@@ -52,7 +50,7 @@ static int heartbeat_answer(gwa_connection_cntl* cntl) {
     } else if (got == GWA_FAILED) {
         GWA_LOG(FATAL, "recv heartbeat seq error");
     }
-    gwa_connection_cntl_heartbeat_missed(cntl, HEARTBEAT_MISSES);
+    gwa_connection_cntl_heartbeat_missed(cntl);
     return GWA_OK;
 }
 

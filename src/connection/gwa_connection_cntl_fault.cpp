@@ -11,9 +11,10 @@ void gwa_connection_cntl_reinit() {
     gwa_restart();
 }
 
-void gwa_connection_cntl_heartbeat_missed(gwa_connection_cntl* cntl, int limit) {
+void gwa_connection_cntl_heartbeat_missed(gwa_connection_cntl* cntl) {
+    constexpr int32_t MISSES_MAX = 3;
     cntl->heartbeat_misses++;
-    if (cntl->heartbeat_misses >= limit) {
+    if (cntl->heartbeat_misses >= MISSES_MAX) {
         GWA_LOG(FATAL, "max heartbeat timeout counter overflow, reinit now");
         cntl->heartbeat_misses = 0;
         gwa_connection_cntl_reinit();

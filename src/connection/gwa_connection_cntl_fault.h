@@ -9,5 +9,5 @@
 // Restarts the process. Returns only when the process has been told to end anyway.
 void gwa_connection_cntl_reinit();
 
-// Counts one missing or wrong heartbeat answer; restarts when the count reaches `limit`.
-void gwa_connection_cntl_heartbeat_missed(gwa_connection_cntl* cntl, int limit);
+// Counts one missing or wrong heartbeat answer; three in a row restart.
+void gwa_connection_cntl_heartbeat_missed(gwa_connection_cntl* cntl);

@@ -15,7 +15,6 @@
 #include "connection/gwa_stream.h"
 #include "login/gwa_login_handshake.h"
 #include "main/gwa_process.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_host.h"
 #include "runtime/gwa_util_time.h"
 
@@ -28,10 +27,10 @@ constexpr int START_SPREAD_US = 2000;
 constexpr int RESOLVE_RETRY_S = 4;
 constexpr int LOGIN_ATTEMPTS = 3;
 constexpr int LOGIN_RETRY_S = 10;
-constexpr int64_t OUT_IDLE_S = 60;
-constexpr int64_t IN_IDLE_S = 240;
-constexpr int64_t CHECK_INTERVAL_S = 600;
-constexpr int64_t STREAM_IDLE_S = 300;
+constexpr int32_t OUT_IDLE_S = 60;
+constexpr int32_t IN_IDLE_S = 240;
+constexpr int32_t CHECK_INTERVAL_S = 600;
+constexpr int32_t STREAM_IDLE_S = 300;
 constexpr size_t ADDRESS_TEXT_SIZE = 16;
 
 }  // namespace
@@ -248,12 +247,15 @@ static void* gwa_connection_data_task(void* argument) {
 }
 
 // Heartbeat, or else keepalive. Whether one of the two was due.
-static bool probe(gwa_connection_data* conn, int64_t now) {
-    if (now > conn->last_out_time + OUT_IDLE_S) {
+static bool probe(gwa_connection_data* conn) {
+    if (gwa_connection_data_discards_extra(conn)) {
+        return false;  // the answer would be thrown away with the rest
+    }
+    if (gwa_seconds_since(conn->last_out_time) > OUT_IDLE_S) {
         gwa_connection_data_heartbeat_handle(conn);
         return true;
     }
-    if (now > conn->last_in_time + IN_IDLE_S) {
+    if (gwa_seconds_since(conn->last_in_time) > IN_IDLE_S) {
         gwa_connection_data_keepalive_handle(conn);
         return true;
     }
@@ -315,6 +317,20 @@ bool gwa_connection_data_has_more(gwa_connection_data* conn) {
     return conn->input_has_more || local_data || (has_output(conn) && !blocked);
 }
 
+static bool has_memory(const gwa_connection_data* conn) {
+    return gwa_connection_memory(conn) < GWA_MEMORY_LIMIT;
+}
+
+// The round's input pass. Streams that have waited for memory do not wait any longer when the
+// server closes one that held it.
+static void input_again(gwa_connection_data* conn) {
+    const bool was_short = !has_memory(conn);
+    gwa_connection_data_remote_in_handle(conn);
+    if (was_short && has_memory(conn)) {
+        gwa_stream_local_in_wakeup(&conn->streams);
+    }
+}
+
 bool gwa_connection_data_round(gwa_connection_data* conn) {
     if (gwa_connection_order_waits(conn)) {
         gwa_connection_data_close(conn);  // log in anew, to the new address
@@ -329,19 +345,18 @@ bool gwa_connection_data_round(gwa_connection_data* conn) {
         conn->out_pending = 1;
         gwa_connection_data_remote_out_handle(conn);
     }
-    if (gwa_connection_memory(conn) < GWA_MEMORY_LIMIT) {
+    if (has_memory(conn)) {
         gwa_stream_local_in_wakeup(&conn->streams);
     }
     const bool read_again = conn->in_state != gwa_in_state::DRAINED;
     if (read_again) {
-        gwa_connection_data_remote_in_handle(conn);
+        input_again(conn);
     }
-    const int64_t now = gwa_now_get();
-    const bool probed = probe(conn, now);
-    if (now > conn->last_check_time + CHECK_INTERVAL_S) {
+    const bool probed = probe(conn);
+    if (gwa_seconds_since(conn->last_check_time) > CHECK_INTERVAL_S) {
         gwa_connection_data_buffer_timeout_check(conn);
         gwa_connection_data_stream_idle_check(conn);
-        conn->last_check_time = static_cast<int32_t>(now);
+        conn->last_check_time = gwa_now_get();
     }
     if (!read_again || probed) {
         gwa_usleep(PAUSE_US);
@@ -377,9 +392,8 @@ int gwa_connection_data_init2(gwa_connection_data* conn) {
 
 void gwa_connection_data_stream_idle_check(gwa_connection_data* conn) {
     GWA_LOG(CREATE, "check idle stream now, conn id %d", conn->id);
-    const int64_t now = gwa_now_get();
     for (gwa_stream& stream : conn->streams) {
-        if (stream.last_activity + STREAM_IDLE_S < now) {
+        if (gwa_seconds_since(stream.last_activity) > STREAM_IDLE_S) {
             GWA_LOG(ERROR, "stream idle too long time, stream id %d", static_cast<int>(stream.id));
             gwa_stream_free(&stream);
         }

@@ -12,7 +12,6 @@
 #include "connection/gwa_connection_request.h"
 #include "connection/gwa_stream.h"
 #include "main/gwa_process.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_host.h"
 #include "runtime/gwa_util_time.h"
 
@@ -69,6 +68,18 @@ static fill step_fill(gwa_connection_data* conn) {
     return fill::DONE;
 }
 
+bool gwa_connection_data_discards_extra(const gwa_connection_data* conn) {
+    return conn->input.step == gwa_input_step::DISCARD && !conn->input.failure_closes;
+}
+
+// The extra discard has ended, whole or not. A heartbeat that was under way before it began may
+// have had its answer thrown away; it counts as answered, or there would never be another one and
+// the stall check would end the process under all users. An answer that comes late still fits.
+static void extra_discard_ended(gwa_connection_data* conn) {
+    conn->heartbeat_resp = conn->heartbeat_seq;
+    gwa_connection_input_next(conn);
+}
+
 // A frame that has begun cannot be completed: what that means depends on where it stopped.
 static void step_failed(gwa_connection_data* conn) {
     switch (conn->input.step) {
@@ -76,8 +87,8 @@ static void step_failed(gwa_connection_data* conn) {
         case gwa_input_step::HEARTBEAT:
         case gwa_input_step::PAYLOAD: GWA_LOG(ERROR, "recv data failed fd %d", conn->socket); break;
         case gwa_input_step::DISCARD:
-            if (!conn->input.failure_closes) {
-                gwa_connection_input_next(conn);
+            if (gwa_connection_data_discards_extra(conn)) {
+                extra_discard_ended(conn);
                 return;
             }
             break;
@@ -233,9 +244,11 @@ static void payload_done(gwa_connection_data* conn) {
 }
 
 static void discard_done(gwa_connection_data* conn) {
-    if (conn->input.failure_closes) {  // a payload of the protocol, not the extra discard
-        gwa_counter_add(conn->traffic.bytes_in, conn->input.want);
+    if (gwa_connection_data_discards_extra(conn)) {
+        extra_discard_ended(conn);
+        return;
     }
+    gwa_counter_add(conn->traffic.bytes_in, conn->input.want);  // a payload of the protocol
     gwa_connection_input_next(conn);
 }
 

@@ -7,15 +7,16 @@
 
 #include "connection/gwa_connection_data_close.h"
 #include "main/gwa_process.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_time.h"
 
 namespace {
 
 constexpr int SEND_BUFFER_LIMIT = 0x20000;  // bytes; what the login asks the kernel for
 constexpr int SEND_BUFFER_WAIT_S = 30;
-constexpr int BUFFER_TIMEOUT_S = 600;
-constexpr int KEEPALIVE_BACKDATE_S = 180;  // 60 s below the input limit: the next one in a minute
+constexpr int32_t BUFFER_TIMEOUT_S = 600;
+constexpr int32_t KEEPALIVE_BACKDATE_S =
+    180;  // 60 s below the input limit: the next one in a minute
 
 }  // namespace
 
@@ -153,7 +154,7 @@ void gwa_connection_data_keepalive_handle(gwa_connection_data* conn) {
         heartbeat_build(conn);
         gwa_connection_head_enqueue(&conn->output, &conn->heartbeat_node);
     }
-    conn->last_in_time = gwa_now_get() - KEEPALIVE_BACKDATE_S;
+    conn->last_in_time = gwa_moment_before(gwa_now_get(), KEEPALIVE_BACKDATE_S);
 }
 
 void gwa_connection_data_output_free_by_id(gwa_connection_data* conn, uint32_t stream_id) {
@@ -175,13 +176,12 @@ void gwa_connection_data_output_free_by_id(gwa_connection_data* conn, uint32_t s
 
 void gwa_connection_data_buffer_timeout_check(gwa_connection_data* conn) {
     GWA_LOG(CREATE, "check buffer timeout now conn id %d ...", conn->id);
-    const int64_t now = gwa_now_get();
     if (pthread_mutex_lock(&conn->output.lock) != 0) {
         GWA_LOG(ERROR, "lock failed");
     }
     for (gwa_output_node& node : conn->output.nodes) {
         const bool fixed = (node.flags & (GWA_NODE_PARTLY_SENT | GWA_NODE_STATIC)) != 0;
-        if (fixed || int64_t{node.enqueue_time} + BUFFER_TIMEOUT_S >= now) {
+        if (fixed || gwa_seconds_since(node.enqueue_time) <= BUFFER_TIMEOUT_S) {
             continue;
         }
         GWA_LOG(ERROR, "buffer blocked too long time, stream id %u", node.stream_id);

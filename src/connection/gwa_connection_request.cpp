@@ -13,10 +13,10 @@
 #include "connection/gwa_stream.h"
 #include "login/gwa_login.h"
 #include "main/gwa_process.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_host.h"
 #include "runtime/gwa_util_http.h"
 #include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_time.h"
 
 namespace {
 

@@ -150,7 +150,7 @@ static int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream
                              int file_size, list<gwa_output_node>* frames) {
     int chunk = 0;
     int have = 0;
-    for (int nodes = 1; fd != -1 && have < file_size && nodes < DIAGNOSTIC_NODES; nodes++) {
+    for (int nodes = 1; have < file_size && nodes < DIAGNOSTIC_NODES; nodes++) {
         chunk = std::min<int>(file_size - have, GWA_PAYLOAD_MAX);
         const uint32_t size = static_cast<uint32_t>(chunk) + GWA_HEADER_SIZE;
         GWA_LOG(DEBUG, "mem size = %d, read_size = %d, read_cnt = %d", static_cast<int>(size),

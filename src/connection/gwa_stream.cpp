@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "main/gwa_log.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_time.h"
 
 namespace {
 

@@ -52,7 +52,7 @@ static void timer_end(gwa_timer** timer) {
 void dlna_status_timers_stop() {
     timer_end(&dlna_status.t1_timer);
     timer_end(&dlna_status.t2_timer);
-    dlna_status.t1_active.store(0, std::memory_order_relaxed);
+    dlna_status.t1_active.store(0);
     dlna_status.t2_active = 0;
 }
 
@@ -66,7 +66,7 @@ static void listen_socket_close() {
 static void record_reset() {
     dlna_status_timers_stop();
     listen_socket_close();
-    dlna_status.status.store(0, std::memory_order_relaxed);
+    dlna_status.status.store(0);
     dlna_status.last_report.store(0, std::memory_order_relaxed);
     dlna_status.received = 0;
     dlna_status.t1 = DLNA_T1_DEFAULT;
@@ -77,11 +77,18 @@ static void record_reset() {
     }
 }
 
-// A path that is too long is cut, and then the cut one is the socket's file everywhere.
-static sockaddr_un socket_address() {
+// The path of the socket's file. One that is too long is cut, and then the cut one is it
+// everywhere.
+struct socket_path {
+    char text[sizeof(sockaddr_un::sun_path) + 1];
+    socket_path() { text_copy(text, gwa_process_paths.dlna_socket); }
+};
+
+// A path may fill the address to its last byte, without a terminator. unix(7).
+static sockaddr_un socket_address(const socket_path& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    text_copy(address.sun_path, gwa_process_paths.dlna_socket);
+    memcpy(address.sun_path, path.text, sizeof address.sun_path);
     return address;
 }
 
@@ -105,8 +112,9 @@ static bool stale_file_remove(const char* path) {
 
 int dlna_status_init() {
     record_reset();
-    const sockaddr_un address = socket_address();
-    if (!stale_file_remove(address.sun_path)) {
+    const socket_path path;
+    const sockaddr_un address = socket_address(path);
+    if (!stale_file_remove(path.text)) {
         return -1;
     }
     scoped_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -114,7 +122,7 @@ int dlna_status_init() {
         GWA_LOG(ERROR, "socket failed, %s", strerror(errno));
         return -1;
     }
-    GWA_LOG(INFO, "sun path = %s", address.sun_path);
+    GWA_LOG(INFO, "sun path = %s", path.text);
     if (bind(fd.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
         GWA_LOG(ERROR, "bind failed, %s", strerror(errno));
         return -1;
@@ -132,7 +140,7 @@ int dlna_status_init() {
 int dlna_status_exit() {
     listen_socket_close();
     dlna_status_timers_stop();
-    return unlink(socket_address().sun_path);
+    return unlink(socket_path().text);
 }
 
 // Descriptors travel as the argument itself.
@@ -249,18 +257,26 @@ static int timer_arm(gwa_timer** timer) {
     return 0;
 }
 
+// A word that comes between the report and the end of this function finds the timer still pending
+// and relies on it. So the status is looked at once more after that: whoever of the two threads
+// claims the timer then, arms it again.
 static void dlna_status_timer_t1_handle(void*) {
     GWA_LOG(INFO, "t1 timer expired");
-    dlna_status_report(dlna_status.status.load(std::memory_order_relaxed));
+    const uint32_t reported = dlna_status.status.load();
+    dlna_status_report(reported);
     dlna_status.last_report.store(time_now(), std::memory_order_relaxed);
-    dlna_status.t1_active.store(0, std::memory_order_relaxed);
+    dlna_status.t1_active.store(0);
+    if (dlna_status.status.load() != reported && dlna_status.t1_active.exchange(1) == 0) {
+        gwa_timer_start(dlna_status.t1_timer);
+    }
 }
 
 static void dlna_status_timer_t2_handle(void*) {
     GWA_LOG(INFO, "t2 timer expired");
-    dlna_status_report(dlna_status.status.load(std::memory_order_relaxed));
+    dlna_status_report(dlna_status.status.load());
 }
 
+// The caller has claimed the timer by setting it active.
 static void dlna_status_timer_t1_start() {
     gwa_usleep(T1_PAUSE_US);
     GWA_LOG(DEBUG, "now t1 is stopped");
@@ -268,13 +284,12 @@ static void dlna_status_timer_t1_start() {
     GWA_LOG(INFO, "create a t1 timer");
     if (report_timer_make(dlna_status_timer_t1_handle, dlna_status.t1, GWA_TIMER_ONCE,
                           &dlna_status.t1_timer) != 0) {
+        dlna_status.t1_active.store(0);
         return;
     }
     GWA_LOG(INFO, "start a t1 timer");
-    // Before the start: the timer thread may clear it at once.
-    dlna_status.t1_active.store(1, std::memory_order_relaxed);
     if (timer_arm(&dlna_status.t1_timer) != 0) {
-        dlna_status.t1_active.store(0, std::memory_order_relaxed);
+        dlna_status.t1_active.store(0);
         return;
     }
     GWA_LOG(INFO, "start t1 timer success");
@@ -301,18 +316,19 @@ static int dlna_status_timer_t2_start() {
 
 // Decides when a word is reported.
 static void word_take(uint32_t word) {
-    dlna_status.status.store(word, std::memory_order_relaxed);
+    dlna_status.status.store(word);
     dlna_status.received = time_now();
     GWA_LOG(INFO, "recv dlna status 0x%x", word);
-    const int64_t last_report = dlna_status.last_report.load(std::memory_order_relaxed);
+    const int32_t last_report = dlna_status.last_report.load(std::memory_order_relaxed);
     if (last_report == 0) {
         dlna_status.last_report.store(dlna_status.received, std::memory_order_relaxed);
         GWA_LOG(INFO, "first time, report status");
         dlna_status_report(word);
         dlna_status_timer_t2_start();
-    } else if (last_report < int64_t{dlna_status.received} - dlna_status.t1) {
+    } else if (gwa_moment_before(dlna_status.received, last_report) >
+               static_cast<int32_t>(dlna_status.t1)) {
         dlna_status_report(word);  // intended: this does not count as a timed report
-    } else if (dlna_status.t1_active.load(std::memory_order_relaxed) == 0) {
+    } else if (dlna_status.t1_active.exchange(1) == 0) {
         dlna_status_timer_t1_start();
     }
 }

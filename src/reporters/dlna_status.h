@@ -31,7 +31,8 @@ struct dlna_client {
     uint8_t bytes[4] = {};  // the word, host order
 };
 
-// Process-wide. Atomic is what both threads use; relaxed, since each value stands alone.
+// Process-wide. Atomic is what both threads use. Status and t1_active are accessed in one order for
+// both, so that a new word is either seen by the timer that fires or arms another one.
 struct dlna_status_record {
     int listen_socket = -1;
     std::atomic<uint32_t> status{0};      // the last word received

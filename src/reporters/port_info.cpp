@@ -18,6 +18,7 @@ int port_info_socket = -1;
 namespace {
 
 constexpr int ANNOUNCEMENTS_PER_EVENT = 64;  // then the main thread has other things to do
+constexpr int FAILURES_PER_EVENT = 8;
 constexpr size_t JSON_SIZE = 64;
 
 struct announcement {  // as the library hands it over, host order
@@ -74,18 +75,19 @@ static void report(const char* key, int port) {
     gwa_connection_cntl_send(frame, size);
 }
 
-static void announcement_take(int fd) {
+// False: the library has failed; whether it has taken something off the socket, it does not say.
+static bool announcement_take(int fd) {
     announcement announced{};
     if (port_info_recv(fd, &announced) == -1) {
         GWA_LOG(ERROR, "recv port info failed");
-        return;
+        return false;
     }
-    const char* const key = key_of(announced.module);
-    if (key == nullptr) {
+    if (const char* const key = key_of(announced.module)) {
+        report(key, static_cast<int>(announced.port));
+    } else {
         GWA_LOG(ERROR, "module not support, %d", static_cast<int>(announced.module));
-        return;
     }
-    report(key, static_cast<int>(announced.port));
+    return true;
 }
 
 // The library may block when nothing is there, and an event may be spurious.
@@ -99,11 +101,15 @@ void port_info_recv_handle(uint32_t events, void*) {
     if ((events & EPOLLIN) == 0) {
         return;
     }
+    int failures = 0;
     for (int taken = 0; taken < ANNOUNCEMENTS_PER_EVENT; taken++) {
         if (!announcement_waits(fd)) {
             return;
         }
-        announcement_take(fd);
+        failures += announcement_take(fd) ? 0 : 1;
+        if (failures == FAILURES_PER_EVENT) {
+            return;  // as if nothing waited: what does will be looked at with the next announcement
+        }
     }
     poll_rearm(&gwa_connections.cntl.poller, fd);
 }

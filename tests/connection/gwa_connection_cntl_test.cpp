@@ -1,5 +1,10 @@
 #include "connection/gwa_connection_cntl.h"
 
+#include <netinet/in.h>
+
+#include <functional>
+#include <utility>
+
 #include "connection/data_fixture.h"
 #include "connection/gwa_connection_cntl_command.h"
 #include "runtime/gwa_util_host.h"
@@ -10,10 +15,13 @@ namespace {
 uint32_t times_taken[2];
 
 struct control_connection : connection_test {
+    static constexpr int LOW_WATER = 16;  // as the login leaves it
     gwa_connection_cntl* cntl = &gwa_connections.cntl;
 
-    control_connection() : connection_test(false) {
+    control_connection() : connection_test(false, AF_INET) {
+        setsockopt(sockets.ours, SOL_SOCKET, SO_RCVLOWAT, &LOW_WATER, sizeof LOW_WATER);
         EXPECT_EQ(gwa_connection_cntl_init(dup(sockets.ours)), GWA_OK);
+        cntl->last_in_time = coarse(START);
     }
     ~control_connection() override {
         gwa_connection_cntl_exit();
@@ -27,24 +35,76 @@ struct control_connection : connection_test {
                            static_cast<uint32_t>(payload.size()));
         return gwa_connection_cntl_proto_handle(cntl, bytes);
     }
-    size_t unread() { return read_to_end(cntl->socket, test_duration{0}).size(); }
+    size_t unread() {
+        char bytes[GWA_FRAME_MAX];
+        return static_cast<size_t>(
+            std::max<ssize_t>(recv(cntl->socket, bytes, sizeof bytes, MSG_DONTWAIT), 0));
+    }
+    int low_water() {
+        int mark = 0;
+        socklen_t size = sizeof mark;
+        getsockopt(cntl->socket, SOL_SOCKET, SO_RCVLOWAT, &mark, &size);
+        return mark;
+    }
+    // Rounds of the loop. Each has one pause, behind its input and before its output; the first one
+    // may bring something about.
+    void rounds(
+        int count, std::function<void()> first_pause = [] {}) {
+        static int left;
+        static std::function<void()> event;
+        left = count;
+        event = std::move(first_pause);
+        gwa_time.sleep_us = [](int64_t us) {
+            std::exchange(event, [] {})();
+            fake_time::now_us += us;
+            gwa_process_run = --left > 0;
+        };
+        EXPECT_EQ(gwa_connection_cntl_manage(), GWA_JUMP_NONE);
+        gwa_process_run = 1;
+    }
+    uint64_t packets_in() const { return gwa_counter_get(cntl->traffic.packets_in); }
 };
 
+// Queues a report of so many letters. Hands back its frame.
+std::string report(char letter, size_t length) {
+    std::string frame = frame_bytes(STATUS, 0, std::string(length, letter));
+    uint8_t* const bytes = static_cast<uint8_t*>(GWA_MALLOC(frame.size()));
+    memcpy(bytes, frame.data(), frame.size());
+    gwa_connection_cntl_send(bytes, static_cast<uint32_t>(frame.size()));
+    return frame;
+}
+
 TEST_F(control_connection, KeepsFewReportsForAServerThatReadsNothing) {
-    const auto report = [] {
-        uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(GWA_HEADER_SIZE));
-        gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::REPORT_STATUS, GWA_FLAG_COMMAND,
-                           0, 0);
-        gwa_connection_cntl_send(frame, GWA_HEADER_SIZE);
-    };
     for (uint32_t i = 0; i < GWA_REPORTS_MAX + 3; i++) {
-        report();
+        report('r', 0);
     }
     gwa_connection_cntl_remote_out_handle(cntl);
     EXPECT_EQ(gwa_counter_get(cntl->traffic.packets_out), GWA_REPORTS_MAX);
-    report();
+    report('r', 0);
     gwa_connection_cntl_remote_out_handle(cntl);
     EXPECT_EQ(gwa_counter_get(cntl->traffic.packets_out), GWA_REPORTS_MAX + 1);
+}
+
+TEST_F(control_connection, AFrameThatTheSocketTakesInPiecesStaysWhole) {
+    constexpr uint32_t MUCH = 32 << 20;  // more than the kernel takes at once
+    std::string all = report('a', MUCH);
+    all += report('b', 3);
+    gwa_connection_cntl_remote_out_handle(cntl);
+    EXPECT_EQ(gwa_counter_get(cntl->traffic.packets_out), 0U);
+    EXPECT_EQ(cntl->send_level, 0) << "as it was before the pass";
+    gwa_connection_cntl_remote_out_handle(cntl);
+    EXPECT_EQ(cntl->send_level, 5);
+    std::string heard;
+    cntl->last_out_time = 0;
+    while (heard.size() < all.size() && !HasFailure()) {
+        heard += read_exact(sockets.peer.get(), std::min<size_t>(all.size() - heard.size(), 1));
+        heard += sent();
+        gwa_connection_cntl_remote_out_handle(cntl);
+    }
+    EXPECT_TRUE(heard == all);
+    EXPECT_EQ(gwa_counter_get(cntl->traffic.bytes_out), all.size());
+    EXPECT_EQ(gwa_counter_get(cntl->traffic.packets_out), 2U);
+    EXPECT_EQ(cntl->last_out_time, coarse(START));
 }
 
 TEST_F(control_connection, CommandsTakeExactlyTheirLengthAndLeaveTheRest) {
@@ -85,6 +145,84 @@ TEST_F(control_connection, CommandsTakeExactlyTheirLengthAndLeaveTheRest) {
                 testing::KilledBySignal(SIGABRT), "Assertion");
 }
 
+// A refused payload is taken for headers; what is left of it is shorter than one.
+TEST_F(control_connection, TheRestOfARefusedPayloadHoldsUpNobody) {
+    const struct {
+        command code;
+        size_t length, rest;
+    } cases[] = {{REPORT_TIMES, 4, 4}, {SESSION_ID, 4, 4},  {SESSION_ID, 31, 15},
+                 {SESSION_ID, 33, 1},  {DEVICE_INFO, 9, 9}, {LOGIN_ANSWER, 3, 3}};
+    for (const auto& [code, length, rest] : cases) {
+        SCOPED_TRACE(testing::Message() << code << " of " << length);
+        const int64_t start = fake_time::now_us;
+        server_sends(frame_bytes(code, 0, std::string(length, 'x')));
+        const std::string told = report('t', 4);
+        rounds(2);
+        EXPECT_EQ(sent(), told) << "the loop goes on";
+        EXPECT_EQ(cntl->header_have, rest);
+        while (fake_time::now_us < start + 7'000'000) {  // a round takes 2.1 s
+            rounds(1);
+        }
+        EXPECT_EQ(cntl->header_have, rest) << "it may still become a header";
+        rounds(2);
+        EXPECT_EQ(cntl->header_have, 0U);
+        EXPECT_EQ(low_water(), LOW_WATER);
+        // The connection is in step again.
+        const uint64_t before = packets_in();
+        server_sends(frame_bytes(STATUS, 0, "1234"));
+        rounds(1);
+        EXPECT_EQ(packets_in(), before + 1);
+        EXPECT_EQ(cntl->header_have, 0U);
+    }
+}
+
+TEST_F(control_connection, AHeaderInPiecesIsCompletedAsSoonAsItIsThere) {
+    const std::string one = frame_bytes(STATUS), two = frame_bytes(PRIVACY, 0, "payload");
+    for (size_t cut = 1; cut < HEADER_SIZE; cut++) {
+        SCOPED_TRACE(cut);
+        server_sends(one + two.substr(0, cut));
+        rounds(1);
+        EXPECT_EQ(cntl->header_have, cut);
+        const uint64_t before = packets_in();
+        const int64_t waited = fake_time::waited_us;
+        server_sends(two.substr(cut));
+        rounds(1);
+        EXPECT_EQ(packets_in(), before + 1);
+        EXPECT_EQ(fake_time::waited_us, waited) << "the poller has told of it";
+        EXPECT_EQ(low_water(), LOW_WATER);
+    }
+    // Each byte starts the ten seconds anew.
+    server_sends(one + two.substr(0, 1));
+    for (size_t at = 1; at < HEADER_SIZE - 1; at++) {
+        rounds(4);
+        server_sends(two.substr(at, 1));
+    }
+    rounds(1);
+    EXPECT_EQ(cntl->header_have, HEADER_SIZE - 1);
+}
+
+TEST_F(control_connection, AHeartbeatGoesOnFromTheRestThatIsThere) {
+    server_sends(frame_bytes(SESSION_ID, 0, "1234"));
+    rounds(1);
+    ASSERT_EQ(cntl->header_have, 4U);
+    const std::string answer = heartbeat_frame(0);
+    server_sends(answer);
+    gwa_connection_cntl_heartbeat_handle();  // comes back, although it takes a wrong header
+    EXPECT_EQ(sent(), answer);
+    EXPECT_EQ(cntl->heartbeat_misses, 0);
+    rounds(6);
+    EXPECT_EQ(cntl->header_have, 0U);
+
+    // The rest that was there is the beginning of the answer.
+    const std::string next = heartbeat_frame(1);
+    server_sends(frame_bytes(STATUS) + next.substr(0, 5));
+    rounds(1);
+    server_sends(next.substr(5));
+    cntl->heartbeat_misses = 2;
+    gwa_connection_cntl_heartbeat_handle();
+    EXPECT_EQ(cntl->heartbeat_misses, 0);
+}
+
 TEST_F(control_connection, TheSessionIdReplacesTheFile) {
     const temp_dir home;
     const std::string file = home.path + "/session.id";
@@ -112,7 +250,7 @@ TEST_F(control_connection, AnOrderReachesEveryWorkerASecondApart) {
         }
     }
     EXPECT_EQ(gwa_connection_run, 1);
-    EXPECT_EQ(fake_time::now_us, 10'000'000);
+    EXPECT_EQ(fake_time::now_us, (START + 10) * 1'000'000);
 }
 
 TEST_F(control_connection, HeartbeatsFollowTheClockAndWaitForTheirAnswer) {
@@ -120,27 +258,41 @@ TEST_F(control_connection, HeartbeatsFollowTheClockAndWaitForTheirAnswer) {
         int32_t silent_out, silent_in;  // s
         bool beats;
     } cases[] = {{60, 240, false}, {61, 0, true}, {60, 241, true}, {0, 0, false}};
-    cntl->poller.timeout = 1;
     uint32_t sequence = 0;
     for (const auto& [silent_out, silent_in, beats] : cases) {
-        gwa_process_run = 1;
-        gwa_now = START;
-        cntl->last_in_time = START + silent_out - silent_in;
-        // The loop's first pause lets the silence pass and the answer come, its second one ends it.
+        set_clock(START);
+        cntl->last_in_time = coarse(START + silent_out - silent_in);
         const std::string answer = beats ? heartbeat_frame(sequence) : "";
-        fake_time::event = [&, pauses = 0]() mutable {
-            if (pauses++ == 0) {
-                gwa_now = START + silent_out;
-                EXPECT_TRUE(sockets.peer_says(answer));
-            } else {
-                gwa_process_run = 0;
-            }
-        };
-        EXPECT_EQ(gwa_connection_cntl_manage(), GWA_JUMP_NONE);
-        EXPECT_EQ(sockets.peer_hears(), answer) << silent_out << " s out, " << silent_in << " s in";
+        rounds(2, [&, silent = silent_out] {
+            set_clock(START + silent);
+            server_sends(answer);
+        });
+        EXPECT_EQ(sent(), answer) << silent_out << " s out, " << silent_in << " s in";
         sequence += beats ? 1 : 0;
     }
     EXPECT_EQ(cntl->heartbeat_misses, 0);
+}
+
+TEST_F(control_connection, ALongWaitForAnAnswerCountsFromItsEnd) {
+    cntl->last_in_time = coarse(START - 241);
+    fake_time::event = [&, asked = false]() mutable {  // the wait looks at the clock
+        if (!std::exchange(asked, true)) {
+            set_clock(START + 100);
+            server_sends(heartbeat_frame(0));
+        }
+    };
+    rounds(2);
+    EXPECT_EQ(cntl->last_in_time, coarse(START + 100 - 180));
+}
+
+TEST_F(control_connection, WithoutAnyInputTheFirstHeartbeatIsDueAtOnce) {
+    for (const int64_t now : {int64_t{1'800'000'000}, START, START + 100}) {
+        set_clock(now);
+        cntl->last_in_time = 0;
+        const std::string beat = heartbeat_frame(cntl->heartbeat_seq);
+        rounds(2, [&] { server_sends(beat); });
+        EXPECT_EQ(sent(), beat) << now;
+    }
 }
 
 TEST_F(control_connection, WrongAnswersAddUpUntilARightOneComes) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -11,6 +12,7 @@
 #include "support/fake_time.h"
 #include "support/files.h"
 #include "support/frames.h"
+#include "support/log_of.h"
 #include "support/run_flags.h"
 #include "support/sockets.h"
 
@@ -107,6 +109,72 @@ TEST_F(DlnaStatus, ReportsTheFirstWordAtOnceAndLaterOnesNoMoreOftenThanT1) {
     fd.reset();
     handle_events();
     EXPECT_EQ(clients(), 0);
+}
+
+TEST_F(DlnaStatus, AWordThatComesWhileTheTimerFiresIsReportedByTheNextOne) {
+    const unique_fd fd = client();
+    says(fd, 1);
+    says(fd, 2);
+    reports();
+    fake_time::event = [&, said = false]() mutable {  // between the report and its end
+        if (!said && !gwa_connections.cntl.output.nodes.empty()) {
+            said = true;
+            says(fd, 3);
+        }
+    };
+    fake_time::now_us += 5'000'001;  // due, and not yet longer ago than t1 in whole seconds
+    gwa_timer_expire_check(gwa_timer_default_list);
+    EXPECT_EQ(reports(), words{2});
+    at(10);
+    EXPECT_EQ(reports(), words{});
+    at(11);
+    EXPECT_EQ(reports(), words{3});
+    at(30);
+    EXPECT_EQ(reports(), words{});
+}
+
+TEST_F(DlnaStatus, SaysWhatItDoes) {
+    using lines = std::vector<std::string>;
+    unique_fd fd;
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [&] { fd = client(), handle_events(2); })[0],
+              "<6> accept connection ...");
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_INFO, [&] { says(fd, 0x1a); }),
+              (lines{"<6> recv dlna status 0x1a", "<6> first time, report status",
+                     "<6> report dlna status 0x1a", "<6> create a t2 timer", "<6> start a t2 timer",
+                     "<6> start t2 timer success"}));
+    at(1);
+    const lines second = log_lines_of(GWA_LEVEL_DEBUG, [&] { says(fd, 2); });
+    ASSERT_GT(second.size(), 3U);
+    EXPECT_EQ(second[0], "<6> recv dlna status 0x2");
+    EXPECT_EQ(second[1], "<7> now t1 is stopped");
+    EXPECT_EQ(second[2], "<6> create a t1 timer");
+    EXPECT_EQ(second.back(), "<6> start t1 timer success");
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [&] { at(7); }),
+              (lines{"<6> t1 timer expired", "<6> report dlna status 0x2"}));
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [&] { at(3700); }),
+              (lines{"<6> t2 timer expired", "<6> report dlna status 0x2"}));
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [&] { says(fd, UINT32_MAX); }),
+              (lines{"<3> recv status is -1"}));
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [] { dlna_status_interval_set(1, 3600); }),
+              (lines{"<6> set interval to t1 1 t2 3600",
+                     "<3> t1 or t2 is error t1 = 1 t2 = 3600 (default is t1 min 2 default 5 t2 "
+                     "default 3600)"}));
+    fd.reset();
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_INFO, [&] { handle_events(); }),
+              (lines{"<6> recv return 0, del it from the set"}));
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [] { dlna_status_init(); }),
+              (lines{"<6> sun path = " + home.path + "/dlna.sock",
+                     "<0> dlna status socket init success"}));
+    EXPECT_EQ(dlna_status_exit(), 0);
+    text_copy(gwa_process_paths.dlna_socket, home.path + "/no/dlna.sock");
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [] { EXPECT_EQ(dlna_status_init(), -1); }).back(),
+              "<3> bind failed, No such file or directory");
+    text_copy(gwa_process_paths.dlna_socket, home.path);  // a folder cannot be removed like that
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [] { EXPECT_EQ(dlna_status_init(), -1); }),
+              (lines{"<3> unlink failed"}));
+    EXPECT_EQ(poll_init(&poller), 0);
+    text_copy(gwa_process_paths.dlna_socket, home.path + "/dlna.sock");
+    EXPECT_NE(dlna_status_init(), -1);
 }
 
 TEST_F(DlnaStatus, TakesReportingTimesInTheirRangeOnly) {
@@ -212,9 +280,14 @@ TEST_F(DlnaStatus, APassThatBeginsAnewKnowsNothingOfTheOldOne) {
 TEST_F(DlnaStatus, APathThatIsTooLongStillComesUpAgainAfterAKill) {
     poll_exit(&poller);
     poll_init(&poller);
-    text_copy(gwa_process_paths.dlna_socket, home.path + "/" + std::string(100, 's'));
-    EXPECT_NE(dlna_status_init(), -1);
-    EXPECT_NE(dlna_status_init(), -1) << "in place of the file that is left";
+    constexpr size_t LONGEST = 108;  // what an address holds
+    const std::string path = home.path + "/" + std::string(LONGEST, 's');
+    for (const size_t length : {LONGEST, path.size()}) {
+        text_copy(gwa_process_paths.dlna_socket, path.substr(0, length));
+        EXPECT_NE(dlna_status_init(), -1);
+        EXPECT_EQ(access(path.substr(0, LONGEST).c_str(), F_OK), 0);
+        EXPECT_NE(dlna_status_init(), -1) << "in place of the file that is left";
+    }
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "main/gwa_log.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -55,6 +55,21 @@ TEST(LinkWalk, FindsWhatAsksForARestartAndStopsAtWhatIsNotWhole) {
             EXPECT_EQ(gwa_link_walk(exact.data() + shift, datagram.size()), restart) << what;
         }
     }
+    gwa_log_level_set(GWA_LEVEL_DEBUG);
+}
+
+TEST(LinkWalk, SaysWhatHasHappened) {
+    const std::string bytes = message(RTM_DELADDR, 16, 16) + message(RTM_NEWADDR, 16, 16);
+    const auto walk = [](const std::string& datagram) {
+        return log_lines_of(GWA_LEVEL_DEBUG, [&] {
+            gwa_link_walk(reinterpret_cast<const uint8_t*>(datagram.data()), datagram.size());
+        });
+    };
+    EXPECT_EQ(walk(bytes),
+              (std::vector<std::string>{"<0> remove a address !!!",
+                                        "<0> detect a new address, restart the connection now"}));
+    EXPECT_EQ(walk(message(RTM_NEWLINK, 16, 16)),
+              std::vector<std::string>{"<0> detect link up, restart the connection now"});
     gwa_log_level_set(GWA_LEVEL_DEBUG);
 }
 

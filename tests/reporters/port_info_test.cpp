@@ -11,6 +11,7 @@
 #include "reporters/control_queue.h"
 #include "support/files.h"
 #include "support/frames.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -71,6 +72,28 @@ TEST_F(PortInfo, DropsGarbageAndGoesOn) {
     sends(std::string(5000, 'x').data(), 5000);
     announces(3, 1);
     EXPECT_EQ(frames_after_wait(), std::vector{report_frame("{\"http_port\":1}")});
+}
+
+// A library that fails may have taken nothing off the socket.
+TEST_F(PortInfo, AFailingLibraryNeitherSpinsNorFillsTheLog) {
+    using lines = std::vector<std::string>;
+    for (int i = 0; i < 9; i++) {  // what the socket holds, less one
+        sends("bad", 3);
+    }
+    announces(3, 1);
+    const lines failed(8, "<3> recv port info failed");
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [this] { frames_after_wait(); }), failed);
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [this] { frames_after_wait(); }), lines{});
+    announces(6, 7);
+    announces(4, 2);
+    const lines said = log_lines_of(GWA_LEVEL_INFO, [this] {
+        EXPECT_EQ(frames_after_wait(), (std::vector{report_frame("{\"http_port\":1}"),
+                                                    report_frame("{\"ubq_port\":2}")}));
+    });
+    EXPECT_EQ(said, (lines{"<3> recv port info failed",
+                           "<6> report port info module http_port port 1, json {\"http_port\":1}",
+                           "<3> module not support, 6",
+                           "<6> report port info module ubq_port port 2, json {\"ubq_port\":2}"}));
 }
 
 TEST_F(PortInfo, NeitherBlocksNorReportsWithoutAnAnnouncement) {
