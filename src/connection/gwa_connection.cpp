@@ -21,7 +21,7 @@ static bool is_partly_sent(const gwa_output_node& node) {
 }
 
 // The link behind which a node of this priority belongs: the first one of greater priority, or the
-// end. Behind, not in front of: intended.
+// end. Behind, not in front of: oddity 15.
 static list_link* place_by_priority(gwa_output_queue* queue, uint32_t priority) {
     list_link* const end = &queue->nodes.head;
     if (priority >= queue->highest) {
@@ -41,8 +41,8 @@ static list_link* place_by_priority(gwa_output_queue* queue, uint32_t priority) 
     return at == end ? end->prev : at;
 }
 
-// Moves a place to the last node of the same stream, if that lies behind it: with other priorities
-// in between, "right behind the first greater one" would let a stream's bytes overtake each other.
+// Moves a place to the last node of the same stream, if that lies behind it (exception 48): with
+// other priorities in between, a stream's bytes could overtake each other.
 static list_link* place_behind_own_stream(gwa_output_queue* queue, list_link* place,
                                           uint32_t stream_id) {
     for (list_link* at = queue->nodes.head.prev; at != place; at = at->prev) {
@@ -79,7 +79,7 @@ void gwa_connection_queue_lock(gwa_output_queue* queue) {
 
 void gwa_connection_queue_unlock(gwa_output_queue* queue) {
     if (pthread_mutex_unlock(&queue->lock) == -1) {
-        GWA_LOG(ERROR, "lock failed");  // the same words, intended
+        GWA_LOG(ERROR, "lock failed");  // oddity 16
         GWA_EXIT(1);
     }
 }

@@ -58,7 +58,7 @@ static int new_data_connection(gwa_connection_cntl* cntl, uint32_t length) {
     GWA_LOG(FATAL, "create a new connection");
     if (length >= ORDER_SIZE) {
         GWA_LOG(PROGRESS, "too large head length field");
-        GWA_BROKEN_RULE();
+        GWA_BROKEN_RULE();  // oddity 31
     }
     char text[ORDER_SIZE] = "";
     if (!read_payload(cntl, text, length)) {

@@ -2,8 +2,9 @@
 // pieces.
 //
 // A refused payload stays in the socket and is then taken for headers, so a rest that is shorter
-// than a header is nothing unusual. Nobody waits for what is missing: what is there of a header is
-// kept in the record, the loop goes on, and after ten seconds without another byte it is dropped.
+// than a header is nothing unusual. Exception 46: nobody waits for what is missing: what is there
+// of a header is kept in the record, the loop goes on, and after ten seconds without another byte
+// it is dropped.
 //
 // Threads: main thread.
 #pragma once

@@ -100,10 +100,10 @@ static bool addr_init(gwa_connection_data* conn) {
     return false;
 }
 
-// The login needs whole headers to wake it; relaying has to see the last bytes of a frame as well,
-// which the login's low-water mark would hide from the poller. And frames are not whole segments:
-// the end of each answer would wait for the server's delayed acknowledgement, and the send-buffer
-// check with it. Either failure only costs speed.
+// Exception 40. The login needs whole headers to wake it; relaying has to see the last bytes of a
+// frame as well, which the login's low-water mark would hide from the poller. And frames are not
+// whole segments: the end of each answer would wait for the server's delayed acknowledgement, and
+// the send-buffer check with it. Either failure only costs speed.
 static void relaying_settings_apply(int fd) {
     const int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &one, sizeof one);
@@ -205,7 +205,7 @@ static bool pass(gwa_connection_data* conn) {
 // From the address to the end of the thread.
 static void work(gwa_connection_data* conn) {
     addr_init(conn);
-    // The seed itself, not the number drawn from it: all workers pause alike. Intended.
+    // Oddity 26: the seed itself, not the number drawn with it, so that all workers pause alike.
     unsigned int seed = 0;
     rand_r(&seed);
     gwa_usleep(static_cast<int>(seed % START_SPREAD_US));

@@ -72,9 +72,10 @@ bool gwa_connection_data_discards_extra(const gwa_connection_data* conn) {
     return conn->input.step == gwa_input_step::DISCARD && !conn->input.failure_closes;
 }
 
-// The extra discard has ended, whole or not. A heartbeat that was under way before it began may
-// have had its answer thrown away; it counts as answered, or there would never be another one and
-// the stall check would end the process under all users. An answer that comes late still fits.
+// The extra discard has ended, whole or not. Exception 47: a heartbeat that was under way before it
+// began may have had its answer thrown away; it counts as answered, or there would never be another
+// one and the stall check would end the process under all users. An answer that comes late still
+// fits.
 static void extra_discard_ended(gwa_connection_data* conn) {
     conn->heartbeat_resp = conn->heartbeat_seq;
     gwa_connection_input_next(conn);
@@ -134,7 +135,7 @@ static void input_blocked(gwa_connection_data* conn) {
 
 static void input_closed(gwa_connection_data* conn) {
     if (!frame_has_begun(conn->input)) {
-        // Intended: an orderly close by the server looks like a drained socket; heartbeats or a
+        // Oddity 20: an orderly close by the server looks like a drained socket; heartbeats or a
         // failing send find out.
         GWA_LOG(DEBUG, "no more data");
         conn->in_state = gwa_in_state::DRAINED;
@@ -173,7 +174,7 @@ static void expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
     GWA_LOG(DEBUG, "recv heartbeat response on conn %d", conn->id);
     if (length != GWA_HEARTBEAT_PAYLOAD) {
         GWA_LOG(ERROR, "heartbeat response is invalid");
-        gwa_connection_input_discard(conn, length, true);
+        gwa_connection_input_discard(conn, length, true);  // exception 41
         return;
     }
     input.step = gwa_input_step::HEARTBEAT;

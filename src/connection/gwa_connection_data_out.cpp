@@ -189,6 +189,6 @@ void gwa_connection_data_buffer_timeout_check(gwa_connection_data* conn) {
         gwa_connection_node_release(conn, &node);
     }
     if (pthread_mutex_unlock(&conn->output.lock) != 0) {
-        GWA_LOG(ERROR, "lock failed");  // the same words, intended
+        GWA_LOG(ERROR, "lock failed");  // oddity 16
     }
 }

@@ -22,7 +22,7 @@ namespace {
 
 constexpr size_t URI_SIZE = 4096;
 constexpr size_t PARAMETER_SIZE = 128;
-constexpr int LOCAL_PORT_MAX = 65534;  // 65535 is refused, intended
+constexpr int LOCAL_PORT_MAX = 65534;  // oddity 7
 constexpr int32_t DEFAULT_PRIORITY = 4;
 
 struct request {
@@ -149,8 +149,8 @@ static bool stream_open(gwa_stream* stream, const request& wanted, const gwa_hea
     if (!local_connect(fd, wanted.port)) {
         GWA_LOG(ERROR, "connect failed");
         close(fd);
-        // Intended, although this frame's payload has been read: the server counts on as many bytes
-        // more being thrown away. The input pass does it, so that nobody else waits for them.
+        // Oddity 21, although this frame's payload has been read. The input pass does it, so that
+        // nobody else waits for the bytes.
         gwa_connection_input_discard(stream->connection, header->length, false);
         return false;
     }

@@ -23,7 +23,7 @@ namespace {
 
 constexpr size_t PARAMETER_SIZE = 128;
 constexpr uint32_t ANSWER_BUFFER = 1024;
-constexpr uint32_t ANSWER_CAPACITY = 1008;  // what is released for it; rounds to the same
+constexpr uint32_t ANSWER_CAPACITY = 1008;  // what is released for it: oddity 24
 constexpr size_t MISPLACED_LENGTH_AT = 28;  // see diagnostic_header
 constexpr int DIAGNOSTIC_NODES = 512;       // the header and at most 511 chunks
 constexpr int DIAGNOSTIC_WAIT_S = 30;
@@ -173,9 +173,9 @@ static int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream
     return chunk;
 }
 
-// The HTTP head of the diagnostic. Intended: Content-Length names the last chunk, and the length of
-// the text goes over its characters 12 to 15 while the frame's own length field stays 0; the tools
-// that fetch the diagnostic expect just that.
+// The HTTP head of the diagnostic. Oddity 23: Content-Length names the last chunk, and the length
+// of the text goes over its characters 12 to 15 while the frame's own length field stays 0; the
+// tools that fetch the diagnostic expect just that.
 static void diagnostic_header(gwa_output_node* node, const http_status& status, int last_chunk) {
     const uint32_t length = text_length(
         snprintf(answer_text(node), ANSWER_TEXT_MAX,
@@ -226,7 +226,7 @@ static void set_log_level(gwa_connection_data* conn, const gwa_stream* stream, c
         answer(conn, stream, HTTP_NOT_FOUND, "not contain loglv field");
         return;
     }
-    gwa_log_level_set(level);  // a level that is none changes nothing and is answered alike
+    gwa_log_level_set(level);  // oddity 25: answered alike, whatever comes of it
     answer(conn, stream, HTTP_OK, "OK");
 }
 

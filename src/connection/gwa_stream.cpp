@@ -55,7 +55,7 @@ static void send_to_server(gwa_stream* stream, const uint8_t* bytes, uint32_t le
 static void read_failed(gwa_stream* stream, ssize_t got) {
     stream->has_more = false;
     if (got == 0) {
-        // Reading again would only give this line again, at the pace of the rounds.
+        // Exception 44: reading again would only give this line again, at the pace of the rounds.
         stream->local_closed = true;
         GWA_LOG(ERROR, "local socket closed fd %d, conn %d stream id %u", stream->socket,
                 stream->connection->id, stream->id);
@@ -112,7 +112,7 @@ void gwa_stream_local_out_handle(gwa_stream* stream) {
         GWA_LOG(DEBUG, "send data to local server");
         const ssize_t sent = send(stream->socket, node->cursor, node->remaining, MSG_NOSIGNAL);
         if (sent == -1) {
-            // A full socket too. Intended: a local failure closes nothing here.
+            // A full socket too. Oddity 22: a local failure closes nothing here.
             GWA_LOG(ERROR, "send to local server error fd %d", stream->socket);
             stream->out_state = gwa_stream_out::BLOCKED;
             return;

@@ -99,10 +99,6 @@ static bool port_init(const char* text) {
 
 static int device_id_init(const char* device_id) {
     auto* id = static_cast<char*>(GWA_MALLOC(GWA_DEVICE_ID_SIZE));
-    if (id == nullptr) {
-        GWA_LOG(ERROR, "malloc failed");
-        return GWA_FAILED;
-    }
     std::fill_n(id, GWA_DEVICE_ID_SIZE, '\0');
     gwa_device_id = id;  // owned from here on, so that gwa_login_exit frees it after a failure too
     if (device_id != nullptr) {
@@ -164,7 +160,7 @@ int gwa_login_init(const char* server_name, const char* server_ip, const char* p
     if (!server_address_init(server_ip) || !local_address_init(local_ip) || !port_init(port)) {
         return GWA_FAILED;
     }
-    // Intended: with a device id but no interface there is no default, and the hardware address
+    // Oddity 6: with a device id but no interface there is no default, and the hardware address
     // cannot be read.
     if (interface == nullptr && device_id == nullptr) {
         interface = GWA_DEFAULT_INTERFACE;

@@ -45,7 +45,7 @@ static bool server_resolve(const char* name, uint32_t* server) {
 }
 
 // Names are resolved anew each time, since a box may run longer than an address stays valid. What
-// -R gave takes no part, intended.
+// -R gave takes no part: oddity 5.
 static void servers_fill() {
     uint32_t(&servers)[GWA_SERVER_COUNT] = gwa_login.servers;
     servers[SLOT_MAIN] = 0;

@@ -58,7 +58,8 @@ struct login_kind {
 
 }  // namespace
 
-// One line about an option: its failure, with the reason of errno, or its value.
+// One line about an option, in the name of the login (oddity 32): its failure, with the reason of
+// errno, or its value.
 static void option_log(bool failed, const char* failure, const char* success, int value,
                        const char* caller) {
     char line[OPTION_LINE_SIZE];
@@ -125,7 +126,7 @@ static bool control_connect(int fd, uint32_t address, uint16_t port) {
            server_connect(fd, address, static_cast<uint16_t>(gwa_login.server_port));
 }
 
-// Intended: a worker that is no longer wanted goes on unconnected, and the send ends the login.
+// Oddity 27: a worker that is no longer wanted goes on unconnected, and the send ends the login.
 static bool data_connect(int fd, uint32_t address, uint16_t port) {
     return !gwa_connection_running() || server_connect(fd, address, port);
 }
@@ -179,7 +180,7 @@ static bool answer_header_receive(int fd, const login_kind& kind, gwa_header* he
 static bool answer_payload_receive(int fd, const login_kind& kind, uint32_t length) {
     if (length >= ANSWER_SIZE) {
         GWA_LOG(FATAL, "response too long");
-        GWA_EXIT(1);  // a broken server: the box's supervisor starts the daemon again
+        GWA_EXIT(1);  // oddity 31: a broken server; the box's init starts the daemon again
     }
     char text[ANSWER_SIZE] = {};
     if (gwa_recvn_timeout(fd, text, length, ANSWER_WAIT_S) != GWA_OK) {

@@ -63,7 +63,7 @@ static int int_of(const char* text) {
     return static_cast<int>(std::clamp<long>(strtol(text, nullptr, DECIMAL), INT_MIN, INT_MAX));
 }
 
-// The misspelt words stay: scripts may compare the text.
+// The misspelt words stay: oddity 1.
 static void usage_print(const char* program) {
     printf("%s remote access client\n", program);
     printf("usage: %s options\n", program);

@@ -119,7 +119,7 @@ void gwa_log_close() {
     pthread_mutex_lock(&log_lock);
     gwa_line_close(&log_sink);
     if (to_standard_error) {
-        close(STDERR_FILENO);  // oddity
+        close(STDERR_FILENO);  // oddity 4
         to_standard_error = false;
     }
     pthread_mutex_unlock(&log_lock);

@@ -21,12 +21,14 @@ constexpr size_t ABORT_TEXT_SIZE = 256;
 
 void gwa_process_paths_init(const char* home) {
     gwa_paths& paths = gwa_process_paths;
-    text_copy(paths.home, home == nullptr ? "" : home);
-    snprintf(paths.pid_file, sizeof paths.pid_file, "%s/tmp/gwad.pid", paths.home);
-    snprintf(paths.dlna_socket, sizeof paths.dlna_socket, "%s/tmp/dlna.sock", paths.home);
-    snprintf(paths.status_file, sizeof paths.status_file, "%s/tmp/gwad.stat", paths.home);
-    snprintf(paths.firmware_file, sizeof paths.firmware_file, "%s/etc/firmware", paths.home);
-    snprintf(paths.session_id_file, sizeof paths.session_id_file, "%s/tmp/session.id", paths.home);
+    char base[GWA_HOME_SIZE];
+    text_copy(base, home == nullptr ? "" : home);
+    text_copy(paths.home, base);
+    snprintf(paths.pid_file, sizeof paths.pid_file, "%s/tmp/gwad.pid", base);
+    snprintf(paths.dlna_socket, sizeof paths.dlna_socket, "%s/tmp/dlna.sock", base);
+    snprintf(paths.status_file, sizeof paths.status_file, "%s/tmp/gwad.stat", base);
+    snprintf(paths.firmware_file, sizeof paths.firmware_file, "%s/etc/firmware", base);
+    snprintf(paths.session_id_file, sizeof paths.session_id_file, "%s/tmp/session.id", base);
 }
 
 void gwa_process_exit(int status) { _exit(status); }

@@ -21,7 +21,7 @@ constexpr size_t STAMP_SIZE = 64;
 constexpr size_t FIGURE_SIZE = 32;     // a formatted byte count
 constexpr int32_t COMPARE_AFTER = 10;  // runs counted before the one that compares
 
-// The first line does not line up with the third: tools read the file as it is, so it stays.
+// The first line does not line up with the third: oddity 17.
 constexpr char HEADER[] =
     "+----+---------------------+---------------------+------+--------+--------+--------+\n"
     "| id | in (Byte   Packet)  | out (Byte  Packet)  | stat | memory | buffer | stream |\n";
@@ -113,7 +113,7 @@ static void snapshots_take() {
     }
 }
 
-// Intended: a data connection that was never used counts too. The server keeps every one of the
+// Oddity 18: a data connection that was never used counts too. The server keeps every one of the
 // five alive with heartbeats, so one that stays silent is one that it has lost.
 static void stall_find() {
     if (gwa_counter_get(gwa_connections.cntl.traffic.bytes_in) == cntl_bytes_in) {

@@ -327,7 +327,7 @@ static void word_take(uint32_t word) {
         dlna_status_timer_t2_start();
     } else if (gwa_moment_before(dlna_status.received, last_report) >
                static_cast<int32_t>(dlna_status.t1)) {
-        dlna_status_report(word);  // intended: this does not count as a timed report
+        dlna_status_report(word);  // oddity 28: not a timed report
     } else if (dlna_status.t1_active.exchange(1) == 0) {
         dlna_status_timer_t1_start();
     }

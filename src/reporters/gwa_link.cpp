@@ -49,7 +49,7 @@ static bool message_take(uint16_t type) {
         case RTM_NEWADDR:
             GWA_LOG(FATAL, "detect a new address, restart the connection now");
             return true;
-        case RTM_NEWLINK:  // whatever the flags say: a link that goes down counts too
+        case RTM_NEWLINK:  // oddity 29: a link that goes down counts too
             GWA_LOG(FATAL, "detect link up, restart the connection now");
             return true;
         case RTM_DELADDR: GWA_LOG(FATAL, "remove a address !!!"); return false;

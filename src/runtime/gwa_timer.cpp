@@ -88,7 +88,7 @@ static void rearm(gwa_timer_list* list, gwa_timer* timer, int64_t now, bool* rei
     } else if (!*reinserted) {
         link_before_due(later, timer);
     }
-    // Otherwise, intended: the timer that would become the last of all is left out, stopped, when
+    // Otherwise, oddity 14: the timer that would become the last of all is left out, stopped, when
     // this pass has already put another one in front of a later one.
 }
 
@@ -158,11 +158,8 @@ static void* gwa_timer_loop(void* argument) {
     GWA_LOG(DEBUG, "timer loop start ...");
     pthread_detach(pthread_self());
     while (gwa_timer_expire_check(list) == 0) {
-        if (gwa_sleep(1) == 0) {
-            gwa_now_refresh();
-        } else {
-            GWA_LOG(DEBUG, "gwa_sleep failed");
-        }
+        gwa_sleep(1);
+        gwa_now_refresh();
     }
     GWA_LOG(DEBUG, "expire check failed, return");
     list->ended.store(true, std::memory_order_release);

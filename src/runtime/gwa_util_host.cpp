@@ -187,7 +187,7 @@ struct firmware_key {
     size_t skipped;  // characters of the value that the tests for its emptiness and end pass over
 };
 
-// Intended: a terminal of a single character counts as none. The boxes' files are made for it.
+// Oddity 10: a terminal of a single character counts as none.
 constexpr firmware_key FIRMWARE_KEYS[] = {{"CURVER=", 0}, {"COMPONENT=", 0}, {"TERMINAL=", 1}};
 constexpr size_t FIRMWARE_KEY_COUNT = std::size(FIRMWARE_KEYS);
 constexpr unsigned FIRMWARE_ALL_FOUND = (1U << FIRMWARE_KEY_COUNT) - 1;

@@ -63,7 +63,7 @@ constexpr mime_type MIME_TYPES[] = {
     {"jpeg", "image/jpeg"},
     {"tiff", "image/tiff"},
     {"rmvb", "application/vnd.rn-realmedia-vbr"},
-    {"html", "image/html"},  // not what "htm" gives, intended
+    {"html", "image/html"},  // oddity 11
     {"midi", "audio/mid"},
 };
 

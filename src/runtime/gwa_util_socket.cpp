@@ -129,7 +129,7 @@ static int connect_finish(int fd) {
         GWA_LOG(ERROR, "connect failed");
         return GWA_FAILED;
     }
-    GWA_LOG(ERROR, "connect success");  // at this level on purpose: it must show in ordinary logs
+    GWA_LOG(ERROR, "connect success");  // at this level: oddity 2
     return GWA_OK;
 }
 

@@ -68,7 +68,7 @@ int poll_init(poll_set* set) {
     set->first_fd = -1;
     set->timeout = 0;
     set->no_wait = false;
-    // Only -1 counts as a failure, intended: the default attributes leave nothing that can fail.
+    // Oddity 12: only -1 counts as a failure; the default attributes leave nothing that can fail.
     if (pthread_rwlock_init(&set->rwlock, nullptr) == -1) {
         GWA_LOG(ERROR, "init rwlock faile");
         return -1;
@@ -85,7 +85,7 @@ int poll_init(poll_set* set) {
         return -1;
     }
     if (fcntl(epfd, F_SETFD, flags | FD_CLOEXEC) == -1) {
-        // Intended: a success whose first poll_add fails. The set keeps no number that is closed.
+        // Oddity 12: a success whose first poll_add fails. No number that is closed is kept.
         GWA_LOG(ERROR, "fcntl fail");
         close(epfd);
         return 0;
@@ -162,7 +162,7 @@ int poll_add(poll_set* set, int fd, poll_callback callback, void* argument, int*
     event.data.ptr = entry;
     const bool added = epoll_ctl(set->epfd, EPOLL_CTL_ADD, fd, &event) == 0;
     if (!added) {
-        // The number is the entry's address, intended. The entry stays, counted, until poll_exit,
+        // Oddity 13: the number is the entry's address. The entry stays, counted, until poll_exit,
         // but is dead from here on: its descriptor number soon belongs to somebody else.
         GWA_LOG(ERROR, "add fd %d fail, %s", static_cast<int>(reinterpret_cast<uintptr_t>(entry)),
                 strerror(errno));
