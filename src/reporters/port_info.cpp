@@ -19,6 +19,7 @@ namespace {
 
 constexpr int ANNOUNCEMENTS_PER_EVENT = 64;  // then the main thread has other things to do
 constexpr int FAILURES_PER_EVENT = 8;
+constexpr int FAILURES_TOLD = 8;  // in a row
 constexpr size_t JSON_SIZE = 64;
 
 struct announcement {  // as the library hands it over, host order
@@ -75,13 +76,19 @@ static void report(const char* key, int port) {
     gwa_connection_cntl_send(frame, size);
 }
 
-// False: the library has failed; whether it has taken something off the socket, it does not say.
+// False: the library has failed. Whether it has taken something off the socket, it does not say, so
+// it may go on failing for ever; that is told of a few times (exception 52).
 static bool announcement_take(int fd) {
+    static int failures_in_a_row = 0;
     announcement announced{};
     if (port_info_recv(fd, &announced) == -1) {
-        GWA_LOG(ERROR, "recv port info failed");
+        if (failures_in_a_row < FAILURES_TOLD) {
+            failures_in_a_row++;
+            GWA_LOG(ERROR, "recv port info failed");
+        }
         return false;
     }
+    failures_in_a_row = 0;
     if (const char* const key = key_of(announced.module)) {
         report(key, static_cast<int>(announced.port));
     } else {
@@ -102,14 +109,11 @@ void port_info_recv_handle(uint32_t events, void*) {
         return;
     }
     int failures = 0;
-    for (int taken = 0; taken < ANNOUNCEMENTS_PER_EVENT; taken++) {
+    for (int taken = 0; taken < ANNOUNCEMENTS_PER_EVENT && failures < FAILURES_PER_EVENT; taken++) {
         if (!announcement_waits(fd)) {
             return;
         }
         failures += announcement_take(fd) ? 0 : 1;
-        if (failures == FAILURES_PER_EVENT) {
-            return;  // as if nothing waited: what does will be looked at with the next announcement
-        }
     }
     poll_rearm(&gwa_connections.cntl.poller, fd);
 }

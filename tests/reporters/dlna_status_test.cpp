@@ -162,6 +162,8 @@ TEST_F(DlnaStatus, SaysWhatItDoes) {
     fd.reset();
     EXPECT_EQ(log_lines_of(GWA_LEVEL_INFO, [&] { handle_events(); }),
               (lines{"<6> recv return 0, del it from the set"}));
+    poll_exit(&poller);
+    EXPECT_EQ(poll_init(&poller), 0);
     EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [] { dlna_status_init(); }),
               (lines{"<6> sun path = " + home.path + "/dlna.sock",
                      "<0> dlna status socket init success"}));
@@ -172,7 +174,6 @@ TEST_F(DlnaStatus, SaysWhatItDoes) {
     text_copy(gwa_process_paths.dlna_socket, home.path);  // a folder cannot be removed like that
     EXPECT_EQ(log_lines_of(GWA_LEVEL_DEBUG, [] { EXPECT_EQ(dlna_status_init(), -1); }),
               (lines{"<3> unlink failed"}));
-    EXPECT_EQ(poll_init(&poller), 0);
     text_copy(gwa_process_paths.dlna_socket, home.path + "/dlna.sock");
     EXPECT_NE(dlna_status_init(), -1);
 }
