@@ -7,9 +7,9 @@ include(GNUInstallDirs)
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)  # the programs are enough, without tests and gwrelay
 
 # The init script is where a restarting gwad looks for it, and what it starts is what gets installed.
-configure_file(${CMAKE_CURRENT_LIST_DIR}/gwadsh.in ${CMAKE_BINARY_DIR}/packaging/gwadsh @ONLY)
 cmake_path(GET GWAD_INIT_SCRIPT PARENT_PATH init_folder)
 cmake_path(GET GWAD_INIT_SCRIPT FILENAME init_name)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/gwadsh.in ${CMAKE_BINARY_DIR}/packaging/gwadsh @ONLY)
 install(TARGETS gwad RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 if(TARGET gwad-announce)
     install(TARGETS gwad-announce RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})

@@ -8,8 +8,8 @@ build=$1
 architecture=$2
 
 work=$(mktemp -d)
-stop_gwad() { [ ! -e "$work/settings" ] || control stop; }
-trap 'stop_gwad; rm -rf "$work"' EXIT
+run=$work # what the output of a command goes to
+trap 'rm -rf "$work"' EXIT
 trap 'exit 1' INT TERM
 root=$work/root
 mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
@@ -20,13 +20,12 @@ fail() {
     exit 1
 }
 
-control() { GWAD_SETTINGS=$work/settings sh "$root/etc/init.d/gwadsh" "$@"; }
 # expect STATUS COMMAND...
 expect() {
     expected=$1 status=0
     shift
-    "$@" >"$work/out" 2>&1 || status=$?
-    [ "$status" = "$expected" ] || fail "$* ends with $status, not $expected: $(cat "$work/out")"
+    "$@" >"$run/out" 2>&1 || status=$?
+    [ "$status" = "$expected" ] || fail "$* ends with $status, not $expected: $(cat "$run/out")"
 }
 
 (cd "$build" && cpack -G DEB -B "$work/package") >"$work/cpack.log" || fail "$(cat "$work/cpack.log")"
@@ -56,12 +55,8 @@ for file in $(dpkg-deb -c "$package" | sed -n 's/^-.* \.\///p'); do
     esac
 done
 
-for shell in sh "busybox sh"; do
-    if command -v "${shell%% *}" >/dev/null; then
-        expect 0 $shell -n "$root/etc/init.d/gwadsh"
-        expect 0 $shell -n "$root/etc/default/gwad"
-    fi
-done
+expect 0 sh -n "$root/etc/init.d/gwadsh"
+expect 0 sh -n "$root/etc/default/gwad"
 if command -v groff >/dev/null; then
     groff -ww -man -Tutf8 "$root/usr/share/man/man8/gwad.8" >/dev/null 2>"$work/out"
     [ ! -s "$work/out" ] || fail "the manual page: $(cat "$work/out")"
@@ -69,31 +64,165 @@ else
     echo "groff is not there: the manual page has not been checked"
 fi
 
-if "$root/usr/sbin/gwad" -v >/dev/null 2>&1 && [ "$architecture" = "$(dpkg --print-architecture)" ]; then
-    cat >"$work/settings" <<SETTINGS
-GWAD_PROGRAM=$root/usr/sbin/gwad
-GWAD_HOME=$work/home
-GWAD_OPTIONS="-r 127.0.0.1 -p 1 -i lo -I box-* -l $work/log"
-SETTINGS
-    pid_file=$work/home/tmp/gwad.pid
+if ! "$root/usr/sbin/gwad" -v >/dev/null 2>&1 || [ "$architecture" != "$(dpkg --print-architecture)" ]; then
+    exit 0
+fi
+
+# --- the init script ---
+#
+# Each shell has a home, settings and a log of its own, under $run.
+
+control() { PATH=$tools GWAD_SETTINGS=$run/settings $shell "$root/etc/init.d/gwadsh" "$@"; }
+
+# settings_write HOME [OPTION...]
+settings_write() {
+    printf 'GWAD_PROGRAM=%s\nGWAD_HOME=%s\n' "$root/usr/sbin/gwad" "$1"
+    shift
+    echo "GWAD_OPTIONS=\"-r 127.0.0.1 -p 1 -i lo -I box-* -V 3 -l $run/log $*\""
+}
+
+# The processes of our gwad, whoever thinks of them what.
+processes() {
+    for process in /proc/[0-9]*; do
+        [ "$(readlink "$process/exe")" != "$root/usr/sbin/gwad" ] ||
+            ! grep -qF "$run/home" "$process/cmdline" || echo "${process#/proc/}"
+    done 2>/dev/null
+}
+
+kill_all() {
+    for process in $(processes); do
+        kill -KILL "$process" 2>/dev/null || true
+    done
+    while [ -n "$(processes)" ]; do sleep 0.05; done
+}
+
+starts_in_log() { grep -c 'gwad start' "$run/log" || true; }
+
+# Waits until what is slow has begun.
+slow_has_begun() {
+    until [ -s "$run/begun" ]; do sleep 0.05; done
+}
+
+starts_and_stops() {
     expect 3 control status
     expect 0 control start
     expect 0 control start
-    [ ! -s "$work/out" ] || fail "start is not quiet: $(cat "$work/out")"
+    [ ! -s "$run/out" ] || fail "start is not quiet: $(cat "$run/out")"
     expect 0 control status
-    grep -q "process [0-9]*$" "$work/out" || fail "not one process: $(cat "$work/out")"
+    grep -q "process [0-9]*$" "$run/out" || fail "not one process: $(cat "$run/out")"
     expect 0 control restart
     expect 0 control status
-    kill -KILL "$(cat "$pid_file")"
+    kill_all
     expect 3 control status
-    printf %d $$ >"$pid_file" # somebody else has got the number
+    printf %d $$ >"$run/home/tmp/gwad.pid" # somebody else has got the number
     expect 0 control start
     expect 0 control stop
     expect 0 control stop
     expect 3 control status
     expect 2 control
-    [ "$(grep -c 'gwad start' "$work/log")" = 3 ] || fail "three starts were asked for: $(cat "$work/log")"
-    rm "$root/usr/sbin/gwad"
-    expect 5 control start
-    echo "The init script has started and stopped gwad."
+    [ "$(starts_in_log)" = 3 ] || fail "three starts were asked for: $(starts_in_log)"
+}
+
+many_starts_leave_one() {
+    before=$(starts_in_log) starts=
+    for _ in 1 2 3 4 5 6 7 8; do
+        control start 2>>"$run/out" &
+        starts="$starts $!"
+    done
+    for start in $starts; do
+        wait "$start" || fail "one start of many: $(cat "$run/out")"
+    done
+    [ $(($(starts_in_log) - before)) = 1 ] || fail "many starts at once have run more than one gwad"
+    kill_all
+}
+
+# The start removes the old pid file right before it runs gwad; here that takes a while.
+slow_start() {
+    mkdir -p "$run/slow"
+    cat >"$run/slow/rm" <<RM
+#!/bin/sh
+echo \$PPID >"$run/begun"
+sleep 0.4
+[ ! -d /proc/\$PPID ] || PATH=$tools exec rm "\$@"
+RM
+    chmod 755 "$run/slow/rm"
+    rm -f "$run/begun"
+    (tools=$run/slow:$tools control start) 2>/dev/null &
+    slow_has_begun
+}
+
+stop_waits_for_a_start() {
+    slow_start
+    expect 0 control stop
+    [ -z "$(processes)" ] || fail "a start that was under way has outlived the stop"
+    wait $! || fail "the start was not let end before the stop"
+}
+
+# As gwad does when it restarts, and before the script has got as far as to show itself to others.
+stop_sees_a_start_that_has_just_begun() {
+    (cat "$run/settings" && echo "echo >'$run/begun'; sleep 0.4") >"$run/slow-settings"
+    rm -f "$run/begun"
+    GWAD_SETTINGS=$run/slow-settings "$root/etc/init.d/gwadsh" start <&- >&- 2>&- &
+    slow_has_begun
+    expect 0 control stop
+    wait $! || fail "a start without any open descriptor fails"
+    [ -z "$(processes)" ] || fail "a start that had just begun has outlived the stop"
+}
+
+a_killed_start_leaves_nothing_locked() {
+    slow_start
+    kill -KILL "$(cat "$run/begun")"
+    wait $! 2>/dev/null && fail "the start has not been killed"
+    expect 0 control start
+    [ "$(processes | wc -w)" = 1 ] || fail "not one gwad"
+    kill_all
+    rmdir "$run"/home/tmp/gwadsh.* 2>/dev/null && fail "a ticket has been left"
+    true
+}
+
+# start_fails HOME OPTIONS TEXT: at once, and says why.
+start_fails() {
+    cp "$run/settings" "$run/good"
+    settings_write "$1" "$2" >"$run/settings"
+    expect 1 control start
+    grep -q "$3" "$run/out" || fail "start with '$2' does not say '$3': $(cat "$run/out")"
+    cp "$run/good" "$run/settings"
+    [ -z "$(processes)" ] || fail "a start with '$2' that failed has left a gwad"
+}
+
+init_script_holds() {
+    run=$work/$1 shell=$2 tools=$3
+    trap 'wait; kill_all' EXIT
+    mkdir "$run"
+    settings_write "$run/home" >"$run/settings"
+    starts_and_stops
+    many_starts_leave_one
+    stop_waits_for_a_start
+    stop_sees_a_start_that_has_just_begun
+    a_killed_start_leaves_nothing_locked
+    start_fails "$run/home" "-i nosuch0" "get mac failed"
+    start_fails "$run/home" "-V 9" "exit from func log_start"
+    start_fails "$run/home" "-l $run/none/log" "nothing to $run/none/log"
+    start_fails "$run/home" "-Z" "getopt returned"
+    start_fails "$run/settings/home" "" "ot a directory"
+}
+
+(init_script_holds sh sh "$PATH") &
+runs=$!
+if command -v busybox >/dev/null; then
+    mkdir "$work/tools"
+    busybox --install -s "$work/tools"
+    (init_script_holds busybox "$work/tools/sh" "$work/tools") &
+    runs="$runs $!"
+else
+    echo "busybox is not there: the init script has been tried with sh alone"
 fi
+failed=0
+for run in $runs; do
+    wait "$run" || failed=1
+done
+[ $failed = 0 ] || exit 1
+run=$work/sh
+rm "$root/usr/sbin/gwad"
+shell=sh tools=$PATH expect 5 control start
+echo "The init script has started and stopped gwad."
