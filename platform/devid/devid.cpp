@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "hardware_address.h"
+
 // The first line of the machine id file, without its line end. False: no file, or nothing in it.
 static bool machine_id_read(char* buffer, int size) {
     FILE* file = fopen("/etc/machine-id", "re");
@@ -27,32 +29,30 @@ static bool machine_id_read(char* buffer, int size) {
     return buffer[0] != '\0';
 }
 
-static bool hardware_address_format(const ifreq& request, char* buffer, int size) {
-    constexpr size_t ADDRESS_LENGTH = 6;
-    uint8_t mac[ADDRESS_LENGTH];
-    memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
-    snprintf(buffer, static_cast<size_t>(size), "%02x%02x%02x%02x%02x%02x", mac[0], mac[1], mac[2],
-             mac[3], mac[4], mac[5]);
-    return std::any_of(mac, mac + ADDRESS_LENGTH, [](uint8_t byte) { return byte != 0; });
+static bool ethernet_address_read(const char* name, uint8_t (&address)[HARDWARE_ADDRESS_LENGTH]) {
+    ifreq request{};
+    strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const bool read = ioctl(fd, SIOCGIFHWADDR, &request) == 0;
+    if (fd != -1) {
+        close(fd);
+    }
+    memcpy(address, request.ifr_hwaddr.sa_data, sizeof address);
+    return read && request.ifr_hwaddr.sa_family == ARPHRD_ETHER &&
+           std::any_of(address, address + sizeof address, [](uint8_t byte) { return byte != 0; });
 }
 
-// Interfaces in the order of their indices, which is the order in which they came up.
-static bool hardware_address_read(char* buffer, int size) {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+static bool hardware_address_write(char* buffer, int size) {
+    uint8_t mac[HARDWARE_ADDRESS_LENGTH] = {};
     struct if_nameindex* interfaces = if_nameindex();
-    bool found = false;
-    for (auto* entry = interfaces; entry != nullptr && entry->if_index != 0 && !found; ++entry) {
-        ifreq request{};
-        strncpy(request.ifr_name, entry->if_name, IFNAMSIZ - 1);
-        found = ioctl(fd, SIOCGIFHWADDR, &request) == 0 &&
-                request.ifr_hwaddr.sa_family == ARPHRD_ETHER &&
-                hardware_address_format(request, buffer, size);
-    }
+    const bool found =
+        hardware_address_choose(interfaces, "/sys/class/net", ethernet_address_read, mac);
     if (interfaces != nullptr) {
         if_freenameindex(interfaces);
     }
-    if (fd != -1) {
-        close(fd);
+    if (found) {
+        snprintf(buffer, static_cast<size_t>(size), "%02x%02x%02x%02x%02x%02x", mac[0], mac[1],
+                 mac[2], mac[3], mac[4], mac[5]);
     }
     return found;
 }
@@ -61,7 +61,7 @@ int create_boxid(char* buffer, int size) {
     if (buffer == nullptr || size < 2) {
         return -1;
     }
-    return machine_id_read(buffer, size) || hardware_address_read(buffer, size) ? 0 : -1;
+    return machine_id_read(buffer, size) || hardware_address_write(buffer, size) ? 0 : -1;
 }
 
 int port_info_init(const char* path) {

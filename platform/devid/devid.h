@@ -8,8 +8,9 @@
 extern "C" {
 #endif
 
-// Fills `buffer` with a stable, terminated id of this box: the machine id file where there is one,
-// else the first hardware address that is not the loopback's. 0, or -1 when there is neither.
+// Fills `buffer` with a stable, terminated id of this box. The stand-in takes the machine id file
+// where there is one, else a hardware address, by preference one that is the same after every boot:
+// permanent and of a real device (hardware_address.h). 0, or -1 when there is neither.
 int create_boxid(char* buffer, int size);
 
 // What a local service announces: one datagram of exactly these 8 bytes, both fields in host order,
