@@ -4,15 +4,16 @@
 
 LOGIN_LIMIT=120        # s for a start, five logins and what went wrong in between
 MEMORY_LIMIT_KB=2048   # of the idle daemon, beyond a program that uses nothing but the C library
-MEMORY_GROWTH_KB=512   # between two equal loads: what the allocator keeps varies
-DESCRIPTOR_GROWTH=1
-LOAD_ROUNDS=20
-LOAD_PARALLEL=10
+PAGES=600              # of one load of pages
+PAGES_AT_ONCE=10
+PAGES_GROWTH_KB=32     # by one such load: 55 bytes a request
+BULK_GROWTH_KB=128     # by 4 MB both ways on every data connection: 26 bytes a frame
 
 # fetch URL FILE [CURL OPTION...]
 fetch() {
     local url=$1 file=$2
     shift 2
+    rm -f "$file" # curl makes none for an empty answer
     curl -sSf --max-time 120 -o "$file" "$@" "$url" || fail "cannot fetch $url"
 }
 
@@ -21,12 +22,13 @@ fail() {
     return 1
 }
 
-gwad_pid() { on_box "cat /tmp/gwad.pid"; }
+# The process in the pid file, if it runs.
+gwad_pid() { on_box "pid=\$(cat /tmp/gwad.pid) && test -d /proc/\$pid && echo \$pid"; }
 
 # gwad_is_new OLD: another process is the daemon now.
 gwad_is_new() {
     local pid
-    pid=$(gwad_pid) && [ -n "$pid" ] && [ "$pid" != "$1" ] && on_box "test -d /proc/$pid"
+    pid=$(gwad_pid) && [ "$pid" != "$1" ]
 }
 
 # Both sides have to say so: for a while the relay may still hold connections of a former gwad.
@@ -36,15 +38,28 @@ is_connected() {
     [ "$connections" -eq $((DATA_CONNECTIONS + 1)) ] && device_is_up
 }
 
+# Every gwad so far has been started by the init script, whose settings count its calls: where it
+# cannot be run, gwad executes itself, and the process is a new one too.
+starts_agree() {
+    local asked started
+    asked=$(on_box "grep -c '^start$' /tmp/gwadsh.calls") || return 1
+    started=$(on_box "grep -c 'gwad start' /tmp/gwad.log") || return 1
+    [ "$asked" -eq "$started" ]
+}
+
 # The daemon has been replaced and the relay sees its connections. $1: the old process.
 comes_back() {
     wait_for "$LOGIN_LIMIT" gwad_is_new "$1" || fail "no new gwad after $LOGIN_LIMIT s" || return 1
-    wait_for "$LOGIN_LIMIT" is_connected || fail "the device is not up after $LOGIN_LIMIT s"
+    wait_for "$LOGIN_LIMIT" is_connected || fail "the device is not up after $LOGIN_LIMIT s" || return 1
+    starts_agree || fail "gwad has been started without the init script"
 }
 
+# lines_in_log TEXT: how many lines of gwad's log have it.
+lines_in_log() { on_box "grep -c '$1' /tmp/gwad.log || true"; }
+
 # memory_of PID: VmRSS in kB.
-memory_of() { on_box "sed -n 's/^VmRSS:[^0-9]*\([0-9]*\) kB/\1/p' /proc/$1/status"; }
-descriptors_of() { on_box "ls /proc/$1/fd | wc -l"; }
+memory_of() { on_box "grep -q VmRSS /proc/$1/status && sed -n 's/^VmRSS:[^0-9]*\([0-9]*\) kB/\1/p' /proc/$1/status"; }
+descriptors_of() { on_box "test -d /proc/$1/fd && ls /proc/$1/fd | wc -l"; }
 # deepest_stack_of PID: kB that the thread with the deepest stack has touched, of 256 with the guard.
 deepest_stack_of() {
     on_box "awk '/^Size:/ { size = \$2 } /^Rss:/ && size >= 240 && size <= 256 && \$2 > most { most = \$2 } END { print most }' /proc/$1/smaps"
@@ -76,41 +91,72 @@ check_upload() {
     say "    upload: $(speed_of "$seconds" "$BIG_FILE_BYTES")"
 }
 
+# debug_log_level LEVEL
+debug_log_level() {
+    fetch "$box_url/10010/?x-qv-gwad-opt=log&loglv=$1" "$work/log" || return 1
+    [ "$(cat "$work/log")" = OK ] || fail "log: $(cat "$work/log")"
+}
+
 check_debug_port() {
+    local before after
     fetch "$box_url/10010/?x-qv-gwad-opt=echo" "$work/echo" || return 1
     [ "$(cat "$work/echo")" = echo ] || fail "echo: $(cat "$work/echo")" || return 1
-    fetch "$box_url/10010/?x-qv-gwad-opt=log&loglv=4" "$work/log" || return 1
-    [ "$(cat "$work/log")" = OK ] || fail "log: $(cat "$work/log")" || return 1
-    fetch "$box_url/10010/?x-qv-gwad-opt=log&loglv=3" "$work/log" || return 1
+    before=$(lines_in_log '<7>')
+    debug_log_level 7 && check_pages && debug_log_level 3 || return 1
+    after=$(lines_in_log '<7>')
+    [ "$after" -gt "$before" ] || fail "level 7 logs no more than level 3" || return 1
+    check_pages || return 1
+    [ "$(lines_in_log '<7>')" -eq "$after" ] || fail "level 3 logs as much as level 7" || return 1
     fetch "$box_url/10010/?x-qv-gwad-opt=diag&timeout=5" "$work/diag" || return 1
     [ "$(cat "$work/diag")" = "$(on_box "cat /tmp/wkr/sysdiag.txt")" ] &&
         grep -q '^Linux box' "$work/diag" || fail "diag: $(cat "$work/diag")"
 }
 
+# The interface before the network card has another random address at each boot.
+check_box_id() {
+    local id
+    id=$(on_box "tr -d : </sys/class/net/eth0/address") || return 1
+    [ "$(on_box "cat /sys/class/net/dummy0/addr_assign_type")" = 1 ] &&
+        on_box 'test $(cat /sys/class/net/dummy0/ifindex) -lt $(cat /sys/class/net/eth0/ifindex)' ||
+        fail "no interface with a random address comes before the network card" || return 1
+    [ "${box_url##*/}" = "$id" ] || fail "the id is ${box_url##*/}, the network card $id"
+}
+
 check_cable() {
-    local pid
-    pid=$(gwad_pid)
+    local pid changes
+    pid=$(gwad_pid) || return 1
+    changes=$(lines_in_log 'detect link up')
     network_cable off
     sleep 5 # the card's driver looks at the cable every two seconds
     network_cable on
-    comes_back "$pid" && check_pages
+    comes_back "$pid" || return 1
+    [ "$(lines_in_log 'detect link up')" -gt "$changes" ] || fail "gwad has not seen the cable" || return 1
+    check_pages
 }
 
 check_relay_restart() {
     local pid
-    pid=$(gwad_pid)
+    pid=$(gwad_pid) || return 1
     relay_kill
     relay_start "$manager_port"
     comes_back "$pid" && check_pages
 }
 
+# gwadsh_status STATUS: what "gwadsh status" ends with.
+gwadsh_status() {
+    local status=0
+    on_box "/etc/init.d/gwadsh status" >/dev/null || status=$?
+    [ "$status" -eq "$1" ] || fail "gwadsh status ends with $status, not $1"
+}
+
 check_killed() {
     local pid
-    pid=$(gwad_pid)
+    pid=$(gwad_pid) || return 1
+    gwadsh_status 0 || return 1
     on_box "kill -9 $pid" || return 1
-    on_box "/etc/init.d/gwadsh status" >/dev/null && fail "status says that it runs" && return 1
-    on_box "/etc/init.d/gwadsh start" || return 1
-    comes_back "$pid" && on_box "/etc/init.d/gwadsh status" >/dev/null && check_pages
+    gwadsh_status 3 || return 1
+    on_box "/etc/init.d/gwadsh start" || fail "the init script says no" || return 1
+    comes_back "$pid" && gwadsh_status 0 && check_pages
 }
 
 # at_once COUNT COMMAND: runs it so many times together, with a number as its argument.
@@ -126,52 +172,85 @@ at_once() {
     return "$status"
 }
 
-load_page() { fetch "$box_url/80/index.html" "$work/load.$1"; }
+# Many pages, each on a stream of its own, and all of it has come.
+load_pages() {
+    local whole
+    whole=$(curl -sS --no-progress-meter --max-time 300 --parallel --parallel-max "$PAGES_AT_ONCE" -o "$work/load.#1" \
+        -w '%{http_code} %{size_download}\n' "$box_url/80/index.html?[1-$PAGES]" |
+        grep -cx "200 $(stat -c %s "$box_dir/root/www/index.html")")
+    rm -f "$work"/load.*
+    [ "$whole" -eq "$PAGES" ] || fail "$whole of $PAGES pages"
+}
 
-# Pages, then the large file both ways on every data connection at once: the allocator keeps some
-# memory for each thread that has once needed it.
-load() {
-    local round
-    for round in $(seq "$LOAD_ROUNDS"); do
-        at_once "$LOAD_PARALLEL" load_page || fail "pages, round $round" || return 1
-    done
+# The allocator keeps what the workers have once needed, so all of them are loaded at once.
+load_bulk() {
     at_once "$DATA_CONNECTIONS" check_download || fail "downloads" || return 1
-    at_once "$DATA_CONNECTIONS" check_upload || fail "uploads" || return 1
-    sleep 2 # for the last streams to be closed
+    at_once "$DATA_CONNECTIONS" check_upload || fail "uploads"
 }
 
 check_memory() {
     local pid idle libc
-    pid=$(gwad_pid)
+    pid=$(gwad_pid) || return 1
     on_box "idle >/dev/null 2>&1 & echo \$! >/tmp/idle.pid; sleep 1"
-    libc=$(memory_of "$(on_box "cat /tmp/idle.pid")")
+    libc=$(memory_of "$(on_box "cat /tmp/idle.pid")") || return 1
     on_box "kill \$(cat /tmp/idle.pid)"
-    idle=$(memory_of "$pid")
+    idle=$(memory_of "$pid") || return 1
     say "    resident: gwad $idle kB, a program that does nothing $libc kB: $((idle - libc)) kB more"
     [ $((idle - libc)) -le "$MEMORY_LIMIT_KB" ] || fail "more than $MEMORY_LIMIT_KB kB"
 }
 
-# What the first load leaves behind is buffers that stay; the second one must not add to it.
-check_load() {
-    local pid memory=() descriptors=()
-    pid=$(gwad_pid)
-    memory+=("$(memory_of "$pid")") descriptors+=("$(descriptors_of "$pid")")
-    for _ in 1 2; do
-        load || return 1
-        memory+=("$(memory_of "$pid")") descriptors+=("$(descriptors_of "$pid")")
+# smaller_of A B
+smaller_of() { echo $(($1 < $2 ? $1 : $2)); }
+
+# check_growth LOAD LIMIT_KB: loads four times. The allocator may hold more than it needs at any time,
+# so of the first two and of the last two the smaller figure counts.
+check_growth() {
+    local pid now memory=() descriptors=() growth
+    pid=$(gwad_pid) || return 1
+    for _ in 1 2 3 4; do
+        "$1" || return 1
+        sleep 2 # for the last streams to be closed
+        now=$(memory_of "$pid") || fail "gwad has restarted meanwhile" || return 1
+        memory+=("$now")
+        descriptors+=("$(descriptors_of "$pid")")
     done
-    say "    resident kB, idle and after each load: ${memory[*]}; descriptors: ${descriptors[*]}"
-    say "    deepest stack of a thread: $(deepest_stack_of "$pid") kB"
-    [ "$(gwad_pid)" = "$pid" ] || fail "gwad has restarted meanwhile" || return 1
-    [ $((memory[2] - memory[1])) -le "$MEMORY_GROWTH_KB" ] || fail "memory grows" || return 1
-    [ $((descriptors[2] - descriptors[0])) -le "$DESCRIPTOR_GROWTH" ] || fail "descriptors leak"
+    say "    resident kB after each load: ${memory[*]}; descriptors: ${descriptors[*]}"
+    growth=$(($(smaller_of "${memory[@]:2}") - $(smaller_of "${memory[@]:0:2}")))
+    [ "$growth" -le "$2" ] || fail "memory grows by $growth kB, allowed are $2" || return 1
+    [ "${descriptors[3]}" -le "${descriptors[0]}" ] || fail "descriptors leak"
+}
+
+check_load_pages() { check_growth load_pages "$PAGES_GROWTH_KB"; }
+
+check_load_bulk() {
+    check_growth load_bulk "$BULK_GROWTH_KB" || return 1
+    say "    deepest stack of a thread: $(deepest_stack_of "$(gwad_pid)") kB"
 }
 
 check_stop() {
     local pid
-    pid=$(gwad_pid)
+    pid=$(gwad_pid) || return 1
+    on_box "test -S /tmp/dlna.sock" || fail "there is no socket file" || return 1
     on_box "/etc/init.d/gwadsh stop" || fail "the init script says no" || return 1
     on_box "test ! -d /proc/$pid" || fail "gwad still runs" || return 1
     on_box "test ! -e /tmp/dlna.sock" || fail "the socket file is still there" || return 1
-    on_box "/etc/init.d/gwadsh stop" || fail "the second stop fails"
+    on_box "/etc/init.d/gwadsh stop" || fail "the second stop fails" || return 1
+    gwadsh_status 3
+}
+
+is_gone() { on_box "test ! -d /proc/$1"; }
+
+# A new address restarts gwad, which for two seconds is nothing but a process that will run the init
+# script.
+check_stop_in_restart() {
+    local pid
+    on_box "/etc/init.d/gwadsh start" || fail "the init script says no" || return 1
+    wait_for "$LOGIN_LIMIT" is_connected || fail "the device is not up" || return 1
+    pid=$(gwad_pid) || return 1
+    on_box "ip addr add 10.0.2.16/24 dev eth0"
+    wait_for 10 is_gone "$pid" || fail "a new address does not restart gwad" || return 1
+    gwadsh_status 0 || return 1
+    on_box "/etc/init.d/gwadsh stop" || fail "the init script says no" || return 1
+    sleep 3
+    gwadsh_status 3
 }

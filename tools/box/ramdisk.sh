@@ -5,6 +5,7 @@
 box_dir=$PWD/build/box
 KERNEL_META=linux-image-4kc-malta
 BUSYBOX=busybox-static
+MODULES="mii pcnet32 dummy" # the network card, and an interface with a random address
 NOT_TO_BE_HAD=77 # exit status: nothing is wrong, but this machine cannot have the packages
 BIG_FILE_BYTES=4000000
 
@@ -27,10 +28,10 @@ CONF
     APT_CONFIG=$apt/apt.conf "$@"
 }
 
-# Puts the kernel, the modules of the network card and busybox into build/box/debian.
+# Puts the kernel, its modules and busybox into build/box/debian.
 get_packages() {
-    local kernel at=$box_dir/download
-    if [ -e "$box_dir/debian/complete" ]; then
+    local kernel module at=$box_dir/download
+    if [ "$(cat "$box_dir/debian/complete" 2>/dev/null)" = "$MODULES" ]; then
         return 0
     fi
     say "Downloading the kernel and busybox for mipsel (46 MB) ..."
@@ -49,12 +50,13 @@ get_packages() {
         dpkg-deb -x "$kernel"_*.deb kernel
         dpkg-deb -x "$BUSYBOX"_*.deb busybox
         cp kernel/boot/vmlinuz-* "$box_dir/debian/vmlinuz"
-        find kernel/lib/modules \( -name mii.ko -o -name pcnet32.ko \) \
-            -exec cp {} "$box_dir/debian/" \;
+        for module in $MODULES; do
+            find kernel/lib/modules -name "$module.ko" -exec cp {} "$box_dir/debian/" \;
+        done
         cp busybox/bin/busybox "$box_dir/debian/"
     )
     rm -rf "$at"
-    touch "$box_dir/debian/complete"
+    echo "$MODULES" >"$box_dir/debian/complete"
 }
 
 build_programs() {
