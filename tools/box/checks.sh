@@ -58,7 +58,10 @@ comes_back() {
 lines_in_log() { on_box "grep -c '$1' /tmp/gwad.log || true"; }
 
 # memory_of PID: VmRSS in kB.
-memory_of() { on_box "grep -q VmRSS /proc/$1/status && sed -n 's/^VmRSS:[^0-9]*\([0-9]*\) kB/\1/p' /proc/$1/status"; }
+memory_of() {
+    local file=/proc/$1/status
+    on_box "grep -q VmRSS $file && sed -n 's/^VmRSS:[^0-9]*\([0-9]*\) kB/\1/p' $file"
+}
 descriptors_of() { on_box "test -d /proc/$1/fd && ls /proc/$1/fd | wc -l"; }
 # deepest_stack_of PID: kB that the thread with the deepest stack has touched, of 256 with the guard.
 deepest_stack_of() {
@@ -130,7 +133,8 @@ check_cable() {
     sleep 5 # the card's driver looks at the cable every two seconds
     network_cable on
     comes_back "$pid" || return 1
-    [ "$(lines_in_log 'detect link up')" -gt "$changes" ] || fail "gwad has not seen the cable" || return 1
+    [ "$(lines_in_log 'detect link up')" -gt "$changes" ] ||
+        fail "gwad has not seen the cable" || return 1
     check_pages
 }
 

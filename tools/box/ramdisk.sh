@@ -46,7 +46,7 @@ get_packages() {
         exit "$NOT_TO_BE_HAD"
     fi
     (
-        cd "$at"
+        cd "$at" || exit
         dpkg-deb -x "$kernel"_*.deb kernel
         dpkg-deb -x "$BUSYBOX"_*.deb busybox
         cp kernel/boot/vmlinuz-* "$box_dir/debian/vmlinuz"
