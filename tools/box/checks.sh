@@ -179,8 +179,8 @@ at_once() {
 # Many pages, each on a stream of its own, and all of it has come.
 load_pages() {
     local whole
-    whole=$(curl -sS --no-progress-meter --max-time 300 --parallel --parallel-max "$PAGES_AT_ONCE" -o "$work/load.#1" \
-        -w '%{http_code} %{size_download}\n' "$box_url/80/index.html?[1-$PAGES]" |
+    whole=$(curl -sS --no-progress-meter --max-time 300 --parallel --parallel-max "$PAGES_AT_ONCE" \
+        -o "$work/load.#1" -w '%{http_code} %{size_download}\n' "$box_url/80/index.html?[1-$PAGES]" |
         grep -cx "200 $(stat -c %s "$box_dir/root/www/index.html")")
     rm -f "$work"/load.*
     [ "$whole" -eq "$PAGES" ] || fail "$whole of $PAGES pages"
