@@ -4,8 +4,8 @@
 #include <new>
 #include <type_traits>
 
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
+#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_time.h"
 
 // A restart jump abandons whatever lies below it: the records must not need a destructor.

@@ -14,10 +14,10 @@
 #include <atomic>
 #include <cstdint>
 
+#include "connection/gwa_connection_order.h"
 #include "protocol/gwa_protocol.h"
 #include "runtime/gwa_list.h"
 #include "runtime/gwa_types.h"
-#include "runtime/gwa_util_http.h"
 #include "runtime/poll.h"
 
 // ---- The output queue ----

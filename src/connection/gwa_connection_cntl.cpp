@@ -12,7 +12,7 @@
 #include "connection/gwa_connection_cntl_fault.h"
 #include "connection/gwa_connection_cntl_in.h"
 #include "connection/gwa_connection_data.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 

@@ -1,8 +1,8 @@
 #include "connection/gwa_connection_cntl_command.h"
 
 #include "connection/gwa_connection_cntl_fault.h"
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
+#include "runtime/gwa_util_file.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 

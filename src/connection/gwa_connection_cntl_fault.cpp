@@ -1,7 +1,7 @@
 #include "connection/gwa_connection_cntl_fault.h"
 
-#include "main/gwa_process.h"
 #include "main/gwa_restart.h"
+#include "runtime/gwa_process.h"
 
 void gwa_connection_cntl_reinit() {
     if (!gwa_process_running()) {

@@ -7,7 +7,7 @@
 
 #include "connection/gwa_connection_cntl_command.h"
 #include "connection/gwa_connection_cntl_fault.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 

@@ -14,8 +14,9 @@
 #include "connection/gwa_connection_data_out.h"
 #include "connection/gwa_stream.h"
 #include "login/gwa_login_handshake.h"
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
+#include "runtime/gwa_util_net.h"
+#include "runtime/gwa_util_thread.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

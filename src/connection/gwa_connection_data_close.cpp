@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "connection/gwa_stream.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 
 static void free_half_read_payload(gwa_connection_data* conn) {
     if (conn->input.payload != nullptr) {

@@ -11,8 +11,9 @@
 #include "connection/gwa_connection_data_out.h"
 #include "connection/gwa_connection_request.h"
 #include "connection/gwa_stream.h"
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
+#include "runtime/gwa_util_memory.h"
+#include "runtime/gwa_util_text.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

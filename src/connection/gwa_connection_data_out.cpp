@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "connection/gwa_connection_data_close.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 

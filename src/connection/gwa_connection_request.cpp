@@ -12,9 +12,9 @@
 #include "connection/gwa_connection_request_debug.h"
 #include "connection/gwa_stream.h"
 #include "login/gwa_login.h"
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_util_http.h"
+#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 

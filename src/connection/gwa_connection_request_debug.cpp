@@ -12,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_util_http.h"
+#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_time.h"
 
 extern char** environ;

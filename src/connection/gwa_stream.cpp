@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "main/gwa_log.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

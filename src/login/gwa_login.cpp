@@ -9,8 +9,11 @@
 #include "devid.h"
 #include "gwad_config.h"
 #include "main/gwa_log.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_types.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_file.h"
+#include "runtime/gwa_util_memory.h"
+#include "runtime/gwa_util_net.h"
 
 const char GWA_DEFAULT_INTERFACE[] = "br-lan";
 gwa_login_settings gwa_login;
@@ -133,7 +136,8 @@ static int device_info_init(const char* device_id) {
     for (auto* text : {&firmware_version, &product_version, &component, &terminal}) {
         text_copy(*text, "0");
     }
-    gwa_fwver_get(firmware_version, component, terminal);  // a box without the file reports "0"
+    gwa_fwver_get(gwa_process_paths.firmware_file, firmware_version, component,
+                  terminal);  // a box without the file reports "0"
     const device_info_pair pairs[] = {
         {"deviceid", gwa_device_id}, {"mac", mac_text},           {"ip", ip_text},
         {"fwver", firmware_version}, {"prover", product_version}, {"component", component},

@@ -9,10 +9,10 @@
 #include <cstring>
 
 #include "login/gwa_login.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_types.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_net.h"
 #include "runtime/gwa_util_socket.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "login/gwa_login.h"
-#include "main/gwa_process.h"
 #include "protocol/gwa_protocol.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"

@@ -15,10 +15,10 @@
 #include "gwad_commit.h"
 #include "login/gwa_login.h"
 #include "main/gwa_log.h"
-#include "main/gwa_print.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_print.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_file.h"
 
 namespace {
 

@@ -16,12 +16,12 @@
 #include "login/gwa_login_handshake.h"
 #include "main/gwa_args.h"
 #include "main/gwa_log.h"
-#include "main/gwa_process.h"
 #include "main/gwa_restart.h"
 #include "main/gwa_status.h"
 #include "reporters/dlna_status.h"
 #include "reporters/gwa_link.h"
 #include "reporters/port_info.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_time.h"
 

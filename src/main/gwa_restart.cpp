@@ -11,9 +11,9 @@
 
 #include "gwad_config.h"
 #include "main/gwa_log.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_types.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_file.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

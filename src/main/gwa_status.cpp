@@ -8,11 +8,12 @@
 
 #include "connection/gwa_connection.h"
 #include "main/gwa_log.h"
-#include "main/gwa_process.h"
 #include "main/gwa_restart.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_types.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_file.h"
+#include "runtime/gwa_util_text.h"
 
 namespace {
 

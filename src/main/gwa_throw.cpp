@@ -2,7 +2,7 @@
 // position is checked before wherever it comes from outside. libstdc++'s own function throws, and
 // for that alone the box would have to carry the whole library.
 
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 
 namespace std {
 [[noreturn]] void __throw_out_of_range_fmt(const char* format, ...);

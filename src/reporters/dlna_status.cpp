@@ -11,9 +11,9 @@
 #include <iterator>
 
 #include "connection/gwa_connection.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "connection/gwa_connection_cntl_fault.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_socket.h"
 

@@ -9,8 +9,8 @@
 
 #include "connection/gwa_connection.h"
 #include "devid.h"
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
+#include "runtime/gwa_util_memory.h"
 
 const char PORT_INFO_PATH[] = "/tmp/mko_port_gwad.sock";
 int port_info_socket = -1;

@@ -1,7 +1,6 @@
 #include "runtime/gwa_util_http.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -13,8 +12,6 @@ namespace {
 
 constexpr size_t HEAD_SIZE_MIN = 18;    // "GET / HTTP/1.0" and an empty line
 constexpr size_t HEAD_SIZE_MAX = 4096;  // of a request head that is examined
-constexpr size_t HOST_KEY_SIZE = 8;
-constexpr size_t PORT_TEXT_SIZE = 8;
 constexpr size_t LOGGED_URL_MAX = 255;  // a log line need not hold more
 
 constexpr std::string_view METHODS[] = {"GET ", "POST ", "HEAD "};
@@ -156,36 +153,6 @@ int gwa_json_str_get(const char* text, const char* key, size_t key_length, char*
         rest.copy(out, std::min(std::min(rest.find('"'), rest.size()), size - 1));
     rest.remove_prefix(written);
     return rest.starts_with('"') ? 0 : -1;
-}
-
-// One pair of a data connection order. False: it is not usable.
-static bool host_pair_get(const char* text, int number, char (&host)[GWA_HOST_SIZE],
-                          uint16_t* port) {
-    char key[HOST_KEY_SIZE];
-    int length = snprintf(key, sizeof key, "host%d", number);
-    // A host that does not fit is used as far as it does, so only its first byte tells.
-    gwa_json_str_get(text, key, static_cast<size_t>(length), host, sizeof host);
-    if (host[0] == '\0') {
-        return false;
-    }
-    char digits[PORT_TEXT_SIZE] = {};
-    length = snprintf(key, sizeof key, "port%d", number);
-    if (gwa_json_str_get(text, key, static_cast<size_t>(length), digits, sizeof digits) == 0) {
-        if (digits[0] == '\0') {
-            return false;
-        }
-        *port = static_cast<uint16_t>(atoi(digits));
-    }
-    return *port != 0;
-}
-
-int gwa_host_list_get(const char* text, gwa_host_list* list) {
-    for (int i = 0; i < GWA_HOST_COUNT; i++) {
-        if (!host_pair_get(text, i + 1, list->hosts[i], &list->ports[i])) {
-            return -1;
-        }
-    }
-    return 0;
 }
 
 // A text that need not be terminated, for a log line.

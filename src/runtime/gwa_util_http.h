@@ -1,5 +1,5 @@
 // gwa_util_http.h - small text parsers: the request line, URI parameters, quoted values that follow
-// a key, the list of five servers, and MIME types.
+// a key, and MIME types.
 //
 // Threads: pure functions of their arguments apart from logging; none allocates.
 // Results: 0, or -1 on malformed input. Nothing reads past the end of its input.
@@ -23,15 +23,6 @@ int gwa_uri_param_str_get(const char* text, const char* name, size_t name_length
 // The text between the next two double quotes after `key` and one byte more: a plain scan, not a
 // JSON parser. `out` is not terminated: the caller clears it. 0 only if a quote ended the value.
 int gwa_json_str_get(const char* text, const char* key, size_t key_length, char* out, size_t size);
-
-constexpr int GWA_HOST_COUNT = 5;
-constexpr size_t GWA_HOST_SIZE = 64;  // at most 63 characters
-// The five pairs of a data connection order. Cleared by the caller. 0 when all were read, else -1.
-struct gwa_host_list {
-    char hosts[GWA_HOST_COUNT][GWA_HOST_SIZE] = {};
-    uint16_t ports[GWA_HOST_COUNT] = {};
-};
-int gwa_host_list_get(const char* text, gwa_host_list* list);
 
 // The MIME type of a URL's extension; "application/octet-stream" when it has none that is known.
 const char* gwa_url_mime_get(const char* url, size_t length);

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_types.h"
 #include "runtime/gwa_util_time.h"
 

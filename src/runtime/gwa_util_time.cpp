@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <ctime>
 
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 
 namespace {
 

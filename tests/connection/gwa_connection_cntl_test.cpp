@@ -7,7 +7,7 @@
 
 #include "connection/data_fixture.h"
 #include "connection/gwa_connection_cntl_command.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_util_memory.h"
 #include "support/files.h"
 
 namespace {

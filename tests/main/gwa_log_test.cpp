@@ -8,8 +8,8 @@
 #include <fstream>
 #include <regex>
 
-#include "main/gwa_print.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_print.h"
+#include "runtime/gwa_process.h"
 #include "support/child.h"
 
 namespace {

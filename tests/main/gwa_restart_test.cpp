@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include "gwad_config.h"
-#include "main/gwa_process.h"
-#include "runtime/gwa_util_host.h"
+#include "runtime/gwa_process.h"
+#include "runtime/gwa_util_thread.h"
 #include "runtime/gwa_util_time.h"
 #include "support/child.h"
 

@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 #include "connection/gwa_connection.h"
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 #include "support/child.h"
 
 namespace {

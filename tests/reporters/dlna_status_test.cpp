@@ -6,8 +6,8 @@
 
 #include <cstring>
 
-#include "main/gwa_process.h"
 #include "reporters/control_queue.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_types.h"
 #include "support/fake_time.h"
 #include "support/files.h"

@@ -1,7 +1,7 @@
 // run_flags.h - the two run flags for one test, back at their start-up values afterwards.
 #pragma once
 
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 
 struct run_flags {
     explicit run_flags(bool process, bool connection = true) {

@@ -1,4 +1,4 @@
-#include "main/gwa_print.h"
+#include "runtime/gwa_print.h"
 
 #include <pthread.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "main/gwa_process.h"
+#include "runtime/gwa_process.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,0 +1,24 @@
+#include "runtime/gwa_util_thread.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+
+TEST(ThreadCreate, LeavesTheEndingSignalsToItsCreator) {
+    sigset_t inside, ours;
+    pthread_t thread;
+    const auto look = [](void* mask) -> void* {
+        pthread_sigmask(SIG_BLOCK, nullptr, static_cast<sigset_t*>(mask));
+        EXPECT_NE(gwa_gettid(), static_cast<uint32_t>(getpid()));
+        return nullptr;
+    };
+    ASSERT_EQ(gwa_thread_create(&thread, look, &inside), 0);
+    pthread_join(thread, nullptr);
+    pthread_sigmask(SIG_BLOCK, nullptr, &ours);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        EXPECT_EQ(sigismember(&inside, signal), 1);
+        EXPECT_EQ(sigismember(&ours, signal), 0);
+    }
+    EXPECT_EQ(sigismember(&inside, SIGUSR1), 0);
+}
