@@ -1,7 +1,6 @@
 #include "login/gwa_login.h"
 
 #include <arpa/inet.h>
-#include <pthread.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_types.h"
 #include "runtime/gwa_util_file.h"
+#include "runtime/gwa_util_lock.h"
 #include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_net.h"
 
@@ -34,10 +34,10 @@ constexpr int DEVICE_INFO_COUNT = 16;
 
 // The identity of this box as the server sees it. What is in the texts before gwa_login_init fills
 // them is what a box without that value reports.
-pthread_mutex_t device_info_lock = PTHREAD_MUTEX_INITIALIZER;  // guards the table and ip_text
+gwa_mutex device_info_lock;  // workers refresh ip_text and serialise the table
 device_info_pair device_info[DEVICE_INFO_COUNT];
 char mac_text[MAC_SIZE];
-char ip_text[ADDRESS_SIZE];
+char ip_text[ADDRESS_SIZE] GWA_GUARDED_BY(device_info_lock);
 gwa_firmware_value firmware_version;
 gwa_firmware_value product_version;
 gwa_firmware_value component;
@@ -128,6 +128,7 @@ static int mac_init() {
 }
 
 static int device_info_init(const char* device_id) {
+    const gwa_lock held(device_info_lock);
     std::fill_n(device_info, DEVICE_INFO_COUNT, device_info_pair{});
     if (device_id_init(device_id) != GWA_OK || mac_init() != GWA_OK) {
         return GWA_FAILED;
@@ -182,7 +183,7 @@ int gwa_login_init(const char* server_name, const char* server_ip, const char* p
 }
 
 // An interface that cannot be asked leaves the value as it is.
-static void ip_refresh() {
+static void ip_refresh() GWA_REQUIRES(device_info_lock) {
     uint8_t address[4] = {};
     if (gwa_interface_addr_get(gwa_login.interface, &address) == GWA_OK) {
         inet_ntop(AF_INET, address, ip_text, sizeof ip_text);
@@ -193,7 +194,7 @@ size_t gwa_login_device_info(char* to, size_t size) {
     if (size == 0) {
         return 0;
     }
-    pthread_mutex_lock(&device_info_lock);
+    const gwa_lock held(device_info_lock);
     ip_refresh();
     size_t length = std::min<size_t>(static_cast<size_t>(snprintf(to, size, "{")), size - 1);
     for (const device_info_pair* pair = device_info; pair->key != nullptr; ++pair) {
@@ -201,7 +202,6 @@ size_t gwa_login_device_info(char* to, size_t size) {
             snprintf(to + length, size - length, "\"%s\":\"%s\",", pair->key, pair->value);
         length = std::min(length + static_cast<size_t>(added), size - 1);
     }
-    pthread_mutex_unlock(&device_info_lock);
     if (length > 1) {
         to[length - 1] = '}';  // in place of the last comma
     }
@@ -210,11 +210,12 @@ size_t gwa_login_device_info(char* to, size_t size) {
 
 int gwa_login_exit() {
     GWA_LOG(PROGRESS, "login exit ...");
-    pthread_mutex_lock(&device_info_lock);
-    device_info[0] = {};
-    free(gwa_device_id);
-    gwa_device_id = nullptr;
-    pthread_mutex_unlock(&device_info_lock);
+    {
+        const gwa_lock held(device_info_lock);
+        device_info[0] = {};
+        free(gwa_device_id);
+        gwa_device_id = nullptr;
+    }
     GWA_LOG(PROGRESS, "login exit success");
     return GWA_OK;
 }

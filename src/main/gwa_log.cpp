@@ -1,13 +1,13 @@
 #include "main/gwa_log.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <ctime>
 
 #include "runtime/gwa_util_line.h"
+#include "runtime/gwa_util_lock.h"
 
 std::atomic<int32_t> gwa_log_on{1};
 std::atomic<int32_t> gwa_log_level{GWA_LEVEL_DEBUG};
@@ -18,10 +18,10 @@ constexpr char BACKGROUND_LOG[] = "/tmp/gwad.log";  // fixed, not under the home
 constexpr size_t STAMP_SIZE = 64;
 constexpr mode_t FOR_EVERYBODY = 0666;  // less what the process's mask takes away
 
+gwa_mutex log_lock;
 char line[8192];  // holds every line but one that quotes an endless option
-pthread_mutex_t log_lock = PTHREAD_MUTEX_INITIALIZER;  // guards the sink and its line
-gwa_line_sink log_sink{.fd = STDERR_FILENO, .buffer = line};
-bool to_standard_error = true;  // guarded too
+gwa_line_sink log_sink GWA_GUARDED_BY(log_lock){.fd = STDERR_FILENO, .buffer = line};
+bool to_standard_error GWA_GUARDED_BY(log_lock) = true;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ int gwa_log_init(const char* path, bool background) {
     if (path == nullptr || path[0] == '\0') {
         path = background ? BACKGROUND_LOG : nullptr;
     }
-    pthread_mutex_lock(&log_lock);
+    const gwa_lock held(log_lock);
     gwa_line_close(&log_sink);
     to_standard_error = path == nullptr;
     if (to_standard_error) {
@@ -45,9 +45,7 @@ int gwa_log_init(const char* path, bool background) {
         log_sink.fd = log_file_open(path);
         log_sink.own = true;
     }
-    const bool open = log_sink.fd != -1;
-    pthread_mutex_unlock(&log_lock);
-    return open ? 0 : -1;
+    return log_sink.fd == -1 ? -1 : 0;
 }
 
 int gwa_log_level_set(int level) {
@@ -73,8 +71,8 @@ int gwa_log_level_get(int* out) {
     return 0;
 }
 
-// Begins a line with its time stamp. The lock is held. False: the line is lost.
-static bool stamped_line_begin() {
+// Begins a line with its time stamp. False: the line is lost.
+static bool stamped_line_begin() GWA_REQUIRES(log_lock) {
     if (!gwa_line_begin(&log_sink)) {
         return false;
     }
@@ -87,22 +85,9 @@ static bool stamped_line_begin() {
     return true;
 }
 
-int gwa_log_write(const char* format, ...) {
-    pthread_mutex_lock(&log_lock);
-    if (stamped_line_begin()) {
-        va_list arguments;
-        va_start(arguments, format);
-        gwa_line_add_list(&log_sink, format, arguments);
-        va_end(arguments);
-        gwa_line_end(&log_sink);
-    }
-    pthread_mutex_unlock(&log_lock);
-    return 0;
-}
-
-void gwa_log_from(const char* file, int line_and_level, const char* function, const char* format,
+int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
                   ...) {
-    pthread_mutex_lock(&log_lock);
+    const gwa_lock held(log_lock);
     if (stamped_line_begin()) {
         gwa_line_add(&log_sink, "[gwad] %s %d %s() <%d> ", file, line_and_level / GWA_LOG_LEVELS,
                      function, line_and_level % GWA_LOG_LEVELS);
@@ -112,15 +97,14 @@ void gwa_log_from(const char* file, int line_and_level, const char* function, co
         va_end(arguments);
         gwa_line_end(&log_sink);
     }
-    pthread_mutex_unlock(&log_lock);
+    return 0;
 }
 
 void gwa_log_close() {
-    pthread_mutex_lock(&log_lock);
+    const gwa_lock held(log_lock);
     gwa_line_close(&log_sink);
     if (to_standard_error) {
         close(STDERR_FILENO);  // oddity 4
         to_standard_error = false;
     }
-    pthread_mutex_unlock(&log_lock);
 }

@@ -56,12 +56,12 @@ consteval const char* gwa_log_file_name(const char* path) {
     GWA_LOG_FROM(level, GWA_FILE_NAME, __LINE__, __func__, text __VA_OPT__(, ) __VA_ARGS__)
 
 // The same on behalf of a caller: for the lines about socket options, which name the login.
-#define GWA_LOG_FROM(level, file, line, function, text, ...)                        \
-    do {                                                                            \
-        if (gwa_log_enabled(GWA_LEVEL_##level)) {                                   \
-            gwa_log_from(file, (line)*GWA_LOG_LEVELS + GWA_LEVEL_##level, function, \
-                         text __VA_OPT__(, ) __VA_ARGS__);                          \
-        }                                                                           \
+#define GWA_LOG_FROM(level, file, line, function, text, ...)                         \
+    do {                                                                             \
+        if (gwa_log_enabled(GWA_LEVEL_##level)) {                                    \
+            gwa_log_write(file, (line)*GWA_LOG_LEVELS + GWA_LEVEL_##level, function, \
+                          text __VA_OPT__(, ) __VA_ARGS__);                          \
+        }                                                                            \
     } while (0)
 
 // Chooses the stream. No path: standard error, or "/tmp/gwad.log" in background mode; otherwise the
@@ -72,12 +72,11 @@ int gwa_log_init(const char* path, bool background);
 int gwa_log_level_set(int level);
 // Stores the level, or -1 while logging is off. -1: `out` is null.
 int gwa_log_level_get(int* out);
-// Writes the time stamp and one formatted line at once, so that it survives a kill. Always 0.
-int gwa_log_write(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// The same with the place in front of the line, "[gwad] file line function() <level> ". One number
-// for line and level, and no such text in every format: with hundreds of calls that is what keeps
-// the program small. Use GWA_LOG instead.
-void gwa_log_from(const char* file, int line_and_level, const char* function, const char* format,
+// Writes the time stamp, the place ("[gwad] file line function() <level> ") and the formatted text
+// at once, so that the line survives a kill. One number for line and level, and no such prefix in
+// every format: with hundreds of calls that is what keeps the program small. Use GWA_LOG instead.
+// Always 0.
+int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
                   ...) __attribute__((format(printf, 4, 5)));
 // Closes the stream, standard error included, unless it is standard output. Later lines are
 // dropped.

@@ -1,16 +1,16 @@
 #include "runtime/gwa_print.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdarg>
 
 #include "runtime/gwa_util_line.h"
+#include "runtime/gwa_util_lock.h"
 
 namespace {
 
+gwa_mutex print_lock;  // guards the line; the way to it is chosen before there is a second thread
 char line[512];
-pthread_mutex_t print_lock = PTHREAD_MUTEX_INITIALIZER;  // guards the sink and its line
 gwa_line_sink output{.fd = STDOUT_FILENO, .buffer = line};
 
 }  // namespace
@@ -18,7 +18,7 @@ gwa_line_sink output{.fd = STDOUT_FILENO, .buffer = line};
 void gwa_print_init() { gwa_line_open(&output, STDOUT_FILENO); }
 
 void gwa_print(const char* format, ...) {
-    pthread_mutex_lock(&print_lock);
+    const gwa_lock held(print_lock);
     if (gwa_line_begin(&output)) {
         va_list arguments;
         va_start(arguments, format);
@@ -26,7 +26,6 @@ void gwa_print(const char* format, ...) {
         va_end(arguments);
         gwa_line_end(&output);
     }
-    pthread_mutex_unlock(&print_lock);
 }
 
 void gwa_print_signal_safe(const char* bytes, size_t size) {
