@@ -1,6 +1,6 @@
 #include "connection/gwa_connection_cntl_command.h"
 
-#include "connection/gwa_connection_cntl_fault.h"
+#include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_file.h"
 #include "runtime/gwa_util_socket.h"
@@ -13,14 +13,13 @@ constexpr uint32_t SESSION_ID_SIZE = 32;
 constexpr uint32_t SESSION_ID_BUFFER = 64;
 constexpr uint32_t REPORTING_SIZE = 8;  // t1 and t2
 constexpr int HEARTBEAT_LIMIT_S = 10;
-constexpr int ORDER_SPACING_S = 1;
 
 }  // namespace
 
 // A payload has been read.
 static void count_payload(gwa_connection_cntl* cntl, uint32_t length) {
     gwa_counter_add(cntl->traffic.bytes_in, length);
-    cntl->last_in_time = gwa_now_get();
+    cntl->heartbeat.last_in_time = gwa_now_get();
 }
 
 // Reads a whole payload. False: the socket failed, and it is logged.
@@ -43,7 +42,7 @@ static int heartbeat_answer(gwa_connection_cntl* cntl) {
     const int got = gwa_recvn_timeout_fast(cntl->socket, bytes, sizeof bytes, HEARTBEAT_LIMIT_S);
     if (got == static_cast<int>(sizeof bytes)) {
         count_payload(cntl, sizeof bytes);
-        if (load_be32(bytes) + 1 == cntl->heartbeat_seq) {
+        if (load_be32(bytes) + 1 == cntl->heartbeat.seq) {
             cntl->heartbeat_misses = 0;
             return GWA_OK;
         }
@@ -91,8 +90,8 @@ static int reporting_times(gwa_connection_cntl* cntl, uint32_t length) {
     if (!read_payload(cntl, times, length)) {
         return GWA_FAILED;
     }
-    if (cntl->reporting_times != nullptr) {
-        cntl->reporting_times(load_be32(times), load_be32(times + 4));
+    if (cntl->hooks.reporting_times != nullptr) {
+        cntl->hooks.reporting_times(load_be32(times), load_be32(times + 4));
     }
     return GWA_OK;
 }
@@ -113,7 +112,7 @@ int gwa_connection_cntl_proto_handle(gwa_connection_cntl* cntl,
         case gwa_command::NEW_DATA_CONNECTION: return new_data_connection(cntl, header.length);
         case gwa_command::CLOSE_CONNECTION:
             GWA_LOG(FATAL, "close the TCP connection");
-            gwa_connection_cntl_reinit();
+            gwa_connection_cntl_reinit(cntl);
             return GWA_OK;
         case gwa_command::ALLOC_SESSION_ID: return session_id(cntl, header.length);
         case gwa_command::CONTROL_REPORTING: return reporting_times(cntl, header.length);
@@ -133,7 +132,7 @@ int gwa_connection_cntl_proto_handle(gwa_connection_cntl* cntl,
     return GWA_FAILED;
 }
 
-void gwa_connection_cntl_remote_data_parse(gwa_connection_cntl*, const char* text) {
+void gwa_connection_cntl_remote_data_parse(gwa_connection_cntl* cntl, const char* text) {
     GWA_LOG(INFO, "request message : %s", text);
     gwa_host_list servers;
     if (gwa_host_list_get(text, &servers) != GWA_OK) {
@@ -144,14 +143,7 @@ void gwa_connection_cntl_remote_data_parse(gwa_connection_cntl*, const char* tex
         GWA_LOG(CREATE, "server data server listen on %s port %d", servers.hosts[i],
                 servers.ports[i]);
     }
-    gwa_connection_run.store(1, std::memory_order_relaxed);
-    for (gwa_connection_data& conn : gwa_connections.data) {
-        if (!gwa_process_running()) {
-            return;  // told to end during the pauses
-        }
-        gwa_connection_order(&conn, servers.hosts[conn.id], servers.ports[conn.id]);
-        GWA_LOG(FATAL, "notify thread data conn %d to init", conn.id);
-        conn.flags.store(GWA_CONNECTION_ADDRESS_SET, std::memory_order_release);
-        gwa_sleep(ORDER_SPACING_S);  // the logins come one after the other
+    if (cntl->hooks.order != nullptr) {
+        cntl->hooks.order(servers);
     }
 }

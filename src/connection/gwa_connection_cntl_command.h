@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "connection/gwa_connection.h"
+#include "connection/gwa_connection_cntl_record.h"
 
 // Checks one header, `bytes` as received and terminated behind it, reads the payload where the
 // command has one, and carries the command out. 0, or -1 when the frame was not handled; its
@@ -13,5 +13,5 @@
 int gwa_connection_cntl_proto_handle(gwa_connection_cntl* cntl,
                                      const uint8_t (&bytes)[GWA_HEADER_SIZE + 1]);
 
-// Parses an order for data connections and hands each worker its address, one a second.
+// Parses an order for data connections and has it handed to the workers, which takes five seconds.
 void gwa_connection_cntl_remote_data_parse(gwa_connection_cntl* cntl, const char* text);

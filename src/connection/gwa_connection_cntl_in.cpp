@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "connection/gwa_connection_cntl_command.h"
-#include "connection/gwa_connection_cntl_fault.h"
+#include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
@@ -29,7 +29,7 @@ enum class header_read {
 // The login's low-water mark, a whole header, hides a shorter rest from the poller. So the mark
 // follows what is missing. A failure costs time only: each round looks for a rest anyway.
 static void low_water_follow(const gwa_connection_cntl* cntl) {
-    const int missing = static_cast<int>(GWA_HEADER_SIZE - cntl->header_have);
+    const int missing = static_cast<int>(GWA_HEADER_SIZE - cntl->input.have);
     setsockopt(cntl->socket, SOL_SOCKET, SO_RCVLOWAT, &missing, sizeof missing);
 }
 
@@ -43,17 +43,18 @@ static void log_receive_error(int fd) {
 
 // No byte has come. The beginning of a header that is never completed would shift all that follows.
 static void rest_drop_late(gwa_connection_cntl* cntl) {
-    if (cntl->header_have > 0 && gwa_time.steady_us() - cntl->header_moved_us >= REST_LIMIT_US) {
-        GWA_LOG(ERROR, "recv timeout..., %u bytes are dropped", cntl->header_have);
-        cntl->header_have = 0;
+    if (cntl->input.have > 0 && gwa_time.steady_us() - cntl->input.moved_us >= REST_LIMIT_US) {
+        GWA_LOG(ERROR, "recv timeout..., %u bytes are dropped", cntl->input.have);
+        cntl->input.have = 0;
         low_water_follow(cntl);
     }
 }
 
 // Receives what is there of the next header.
 static header_read header_receive(gwa_connection_cntl* cntl) {
-    const uint32_t before = cntl->header_have;
-    const ssize_t got = recv(cntl->socket, cntl->header + before, GWA_HEADER_SIZE - before, 0);
+    const uint32_t before = cntl->input.have;
+    const ssize_t got =
+        recv(cntl->socket, cntl->input.header + before, GWA_HEADER_SIZE - before, 0);
     if (got == -1 && errno == EAGAIN) {
         rest_drop_late(cntl);
         return header_read::INCOMPLETE;
@@ -66,13 +67,13 @@ static header_read header_receive(gwa_connection_cntl* cntl) {
         GWA_LOG(FATAL, "!!! remote server close the connection fd %d !!!", cntl->socket);
         return header_read::FAILED;
     }
-    cntl->header_have += static_cast<uint32_t>(got);
-    if (cntl->header_have < GWA_HEADER_SIZE) {
-        cntl->header_moved_us = gwa_time.steady_us();
+    cntl->input.have += static_cast<uint32_t>(got);
+    if (cntl->input.have < GWA_HEADER_SIZE) {
+        cntl->input.moved_us = gwa_time.steady_us();
         low_water_follow(cntl);
         return header_read::INCOMPLETE;
     }
-    cntl->header_have = 0;
+    cntl->input.have = 0;
     if (before > 0) {
         low_water_follow(cntl);
     }
@@ -87,11 +88,11 @@ void gwa_connection_cntl_remote_in_handle(gwa_connection_cntl* cntl) {
         }
         switch (header_receive(cntl)) {
             case header_read::INCOMPLETE: return;
-            case header_read::FAILED: gwa_connection_cntl_reinit(); return;
+            case header_read::FAILED: gwa_connection_cntl_reinit(cntl); return;
             case header_read::WHOLE: break;
         }
-        cntl->last_in_time = gwa_now_get();
-        gwa_connection_cntl_proto_handle(cntl, cntl->header);
+        cntl->heartbeat.last_in_time = gwa_now_get();
+        gwa_connection_cntl_proto_handle(cntl, cntl->input.header);
     }
     // A server that writes without end must not keep heartbeats and reporters from their turn.
     poll_rearm(&cntl->poller, cntl->socket);
@@ -104,8 +105,8 @@ void gwa_connection_cntl_next_frame_wait(gwa_connection_cntl* cntl) {
         result = header_receive(cntl);
     }
     if (result == header_read::WHOLE) {
-        gwa_connection_cntl_proto_handle(cntl, cntl->header);
+        gwa_connection_cntl_proto_handle(cntl, cntl->input.header);
     } else {
-        gwa_connection_cntl_reinit();  // nothing, when the daemon is to end anyway
+        gwa_connection_cntl_reinit(cntl);  // nothing, when the daemon is to end anyway
     }
 }

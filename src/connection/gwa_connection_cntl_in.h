@@ -9,7 +9,7 @@
 // Threads: main thread.
 #pragma once
 
-#include "connection/gwa_connection.h"
+#include "connection/gwa_connection_cntl_record.h"
 
 // Reads and dispatches frames until nothing is left or the budget of one event is used up. On every
 // event, and once a round: no event tells of a rest that is shorter than a header, nor that its

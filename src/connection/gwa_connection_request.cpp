@@ -1,18 +1,22 @@
 #include "connection/gwa_connection_request.h"
 
-#include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
+#include "connection/gwa_connection_data_in.h"
 #include "connection/gwa_connection_request_debug.h"
 #include "connection/gwa_stream.h"
 #include "login/gwa_login.h"
+#include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
+#include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_http.h"
 #include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_socket.h"
@@ -29,6 +33,24 @@ struct request {
     char uri[URI_SIZE];
     int32_t port;
     int32_t priority;
+};
+
+// The owner of a charged payload: releases it unless a stream has taken it.
+struct payload_owner {
+    gwa_connection_data* conn;
+    uint8_t* bytes;
+    uint32_t length;
+
+    payload_owner(gwa_connection_data* charged, uint8_t* buffer, uint32_t size)
+        : conn(charged), bytes(buffer), length(size) {}
+    payload_owner(payload_owner&&) = delete;
+    ~payload_owner() {
+        if (bytes != nullptr) {
+            gwa_connection_memory_release(conn, length);
+            free(bytes);
+        }
+    }
+    uint8_t* release() { return std::exchange(bytes, nullptr); }
 };
 
 }  // namespace
@@ -55,9 +77,9 @@ static bool request_is_ours(const char* uri) {
 
 // Reads and checks what a new stream needs to know. False: the request is refused, and logged.
 static bool request_read(const gwa_connection_data* conn, const gwa_stream* stream,
-                         const uint8_t* payload, uint32_t length, request* out) {
-    const char* const head = reinterpret_cast<const char*>(payload);
-    if (gwa_http_uri_get(head, length, out->uri, sizeof out->uri) != GWA_OK) {
+                         const payload_owner& payload, request* out) {
+    const char* const head = reinterpret_cast<const char*>(payload.bytes);
+    if (gwa_http_uri_get(head, payload.length, out->uri, sizeof out->uri) != GWA_OK) {
         GWA_LOG(ERROR, "get uri failed, conn %d stream id %u", conn->id, stream->id);
         return false;
     }
@@ -77,11 +99,10 @@ static bool request_read(const gwa_connection_data* conn, const gwa_stream* stre
     return true;
 }
 
-static gwa_stream* stream_new(gwa_connection_data* conn, const gwa_header* header) {
+static gwa_stream* stream_new(gwa_connection_data* conn, uint32_t id) {
     gwa_stream* const stream = GWA_NEW(gwa_stream);
     gwa_connection_memory_charge(conn, GWA_STREAM_COUNTED);
-    stream->id = header->stream_id;
-    stream->tag = header->flag;
+    stream->id = id;
     stream->connection = conn;
     stream->last_activity = gwa_now_get();
     return stream;
@@ -91,11 +112,6 @@ static gwa_stream* stream_new(gwa_connection_data* conn, const gwa_header* heade
 static void stream_drop(gwa_stream* stream) {
     gwa_connection_memory_release(stream->connection, GWA_STREAM_COUNTED);
     free(stream);
-}
-
-static void payload_drop(gwa_connection_data* conn, uint8_t* payload, uint32_t length) {
-    gwa_connection_memory_release(conn, length);
-    free(payload);
 }
 
 static int local_socket() {
@@ -120,64 +136,64 @@ static bool local_connect(int fd, int32_t port) {
     return connect(fd, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0;
 }
 
+// Passes a payload on to the stream's service.
+static void stream_feed(gwa_stream* stream, payload_owner* payload) {
+    gwa_stream_local_output_enqueue(stream, payload->release(), payload->length);
+    gwa_stream_local_out_handle(stream);
+}
+
 // The socket is connected: the record becomes a stream and the request its first payload.
-static void stream_begin(gwa_stream* stream, int fd, uint8_t* payload, uint32_t length) {
+static void stream_begin(gwa_stream* stream, int fd, payload_owner* payload) {
     gwa_connection_data* const conn = stream->connection;
     gwa_socket_nonblock(fd);
-    // A request in several frames must not wait for the service's delayed acknowledgements.
+    // Exception 40: a request in several frames must not wait for delayed acknowledgements.
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     stream->socket = fd;
-    gwa_stream_add(&conn->streams, stream);
-    conn->stream_count.fetch_add(1, std::memory_order_relaxed);
-    gwa_stream_local_output_enqueue(stream, payload, payload, length);
-    gwa_stream_local_out_handle(stream);
+    gwa_stream_add(&conn->streams.all, stream);
+    conn->streams.count.fetch_add(1, std::memory_order_relaxed);
+    stream_feed(stream, payload);
     if (poll_add(&conn->poller, fd, gwa_stream_local_handle, stream) != GWA_OK) {
         GWA_LOG(DEBUG, "add socket to poll failed fd %d", fd);
         gwa_stream_free(stream);  // it is linked and counted: take all of that back
     }
 }
 
-// Opens a stream for an accepted request. False: there is none, and the payload is still the
-// caller's.
-static bool stream_open(gwa_stream* stream, const request& wanted, const gwa_header* header,
-                        uint8_t* payload, uint32_t length) {
-    const int fd = local_socket();
-    if (fd == -1) {
+// Opens a stream for an accepted request. False: there is none.
+static bool stream_open(gwa_stream* stream, const request& wanted, payload_owner* payload) {
+    scoped_fd fd(local_socket());
+    if (fd.fd == -1) {
         return false;
     }
-    if (!local_connect(fd, wanted.port)) {
+    if (!local_connect(fd.fd, wanted.port)) {
         GWA_LOG(ERROR, "connect failed");
-        close(fd);
         // Oddity 21, although this frame's payload has been read. The input pass does it, so that
         // nobody else waits for the bytes.
-        gwa_connection_input_discard(stream->connection, header->length, false);
+        gwa_connection_data_extra_discard(stream->connection, payload->length);
         return false;
     }
-    stream_begin(stream, fd, payload, length);
+    stream_begin(stream, fd.release(), payload);
     return true;
 }
 
 void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_header* header,
-                                      uint8_t* payload, uint32_t length) {
-    gwa_stream* const known = gwa_stream_find_by_id(&conn->streams, header->stream_id);
+                                      uint8_t* bytes, uint32_t length) {
+    payload_owner payload(conn, bytes, length);
+    gwa_stream* const known = gwa_stream_find_by_id(&conn->streams.all, header->stream_id);
     if (known != nullptr) {
         known->last_activity = gwa_now_get();
-        gwa_stream_local_output_enqueue(known, payload, payload, length);
-        gwa_stream_local_out_handle(known);
+        stream_feed(known, &payload);
         return;
     }
-
-    gwa_stream* const stream = stream_new(conn, header);
+    gwa_stream* const stream = stream_new(conn, header->stream_id);
     request wanted;
-    if (request_read(conn, stream, payload, length, &wanted)) {
+    if (request_read(conn, stream, payload, &wanted)) {
         stream->priority = static_cast<uint32_t>(wanted.priority);
         if (wanted.port == GWA_SELF_DEBUG_PORT) {
             gwa_self_debug(conn, stream, wanted.uri);
-        } else if (stream_open(stream, wanted, header, payload, length)) {
+        } else if (stream_open(stream, wanted, &payload)) {
             return;
         }
     }
     stream_drop(stream);
-    payload_drop(conn, payload, length);
 }

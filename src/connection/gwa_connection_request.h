@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "connection/gwa_connection.h"
+#include "connection/gwa_connection_data_record.h"
 
-// Takes over `payload`, `length` bytes on the heap, charged to the connection. `header` is in host
-// order. Rejections are silent towards the server.
+// Takes over the payload, `length` bytes on the heap, charged to the connection. `header` is in
+// host order. Rejections are silent towards the server.
 void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_header* header,
-                                      uint8_t* payload, uint32_t length);
+                                      uint8_t* bytes, uint32_t length);

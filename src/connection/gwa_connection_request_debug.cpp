@@ -1,6 +1,5 @@
 #include "connection/gwa_connection_request_debug.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -8,13 +7,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
+#include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_http.h"
-#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_time.h"
 
 extern char** environ;
@@ -49,24 +50,22 @@ static bool must_stop(const gwa_connection_data* conn) {
 
 // A charged, zeroed answer frame of the stream; the caller fills in the payload and its length.
 static gwa_output_node* answer_node(gwa_connection_data* conn, const gwa_stream* stream) {
-    uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(ANSWER_BUFFER));
-    memset(frame, 0, ANSWER_BUFFER);
-    gwa_connection_memory_charge(conn, ANSWER_BUFFER);
-    gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM, stream->id, 0);
     gwa_output_node* const node =
-        gwa_connection_node_new(conn, frame, ANSWER_CAPACITY, GWA_HEADER_SIZE);
-    node->priority = stream->priority;
-    node->stream_id = stream->id;
+        gwa_connection_data_frame_new(conn, stream, ANSWER_BUFFER - GWA_HEADER_SIZE);
+    memset(gwa_connection_payload_of(node), 0, ANSWER_BUFFER - GWA_HEADER_SIZE);
+    gwa_protocol_build(node->data, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM,
+                       stream->id, 0);
+    node->capacity = ANSWER_CAPACITY;
     return node;
 }
 
 constexpr size_t ANSWER_TEXT_MAX = ANSWER_CAPACITY - GWA_HEADER_SIZE;
 
 static char* answer_text(gwa_output_node* node) {
-    return reinterpret_cast<char*>(node->data + GWA_HEADER_SIZE);
+    return reinterpret_cast<char*>(gwa_connection_payload_of(node));
 }
 
-uint32_t text_length(int printed) {  // what snprintf has put into the answer, cut or not
+static uint32_t text_length(int printed) {  // what snprintf has put into the answer, cut or not
     return static_cast<uint32_t>(std::clamp<int>(printed, 0, ANSWER_TEXT_MAX - 1));
 }
 
@@ -81,7 +80,7 @@ static void answer(gwa_connection_data* conn, const gwa_stream* stream, const ht
                        stream->id, length);
     node->remaining = GWA_HEADER_SIZE + length;
     GWA_LOG(DEBUG, "debug response [%s]", answer_text(node));
-    gwa_connection_send(conn, node);
+    gwa_connection_data_send(conn, node);
 }
 
 // Runs the script with the shell and waits for it, or for the order to stop, which ends the script.
@@ -152,21 +151,15 @@ static int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream
     int have = 0;
     for (int nodes = 1; have < file_size && nodes < DIAGNOSTIC_NODES; nodes++) {
         chunk = std::min<int>(file_size - have, GWA_PAYLOAD_MAX);
-        const uint32_t size = static_cast<uint32_t>(chunk) + GWA_HEADER_SIZE;
-        GWA_LOG(DEBUG, "mem size = %d, read_size = %d, read_cnt = %d", static_cast<int>(size),
-                chunk, have);
-        uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(size));
-        if (!read_exactly(fd, frame + GWA_HEADER_SIZE, static_cast<size_t>(chunk))) {
+        gwa_output_node* const node =
+            gwa_connection_data_frame_new(conn, stream, static_cast<uint32_t>(chunk));
+        GWA_LOG(DEBUG, "mem size = %d, read_size = %d, read_cnt = %d",
+                static_cast<int>(node->capacity), chunk, have);
+        if (!read_exactly(fd, gwa_connection_payload_of(node), static_cast<size_t>(chunk))) {
             GWA_LOG(ERROR, "read diag file failed");
-            free(frame);
+            gwa_connection_data_node_drop(conn, node);
             break;
         }
-        gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM, stream->id,
-                           static_cast<uint32_t>(chunk));
-        gwa_connection_memory_charge(conn, size);
-        gwa_output_node* const node = gwa_connection_node_new(conn, frame, size, size);
-        node->priority = stream->priority;
-        node->stream_id = stream->id;
         frames->push_back(*node);
         have += chunk;
     }
@@ -198,8 +191,8 @@ static void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* strea
     const int file_size = known ? static_cast<int>(std::min<off_t>(file.st_size, INT32_MAX)) : 0;
     GWA_LOG(DEBUG, "file size %d", file_size);
     http_status status = HTTP_OK;
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd == -1) {
+    const scoped_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd.fd == -1) {
         status = errno == ENOENT ? HTTP_NOT_FOUND : HTTP_UNAVAILABLE;
         GWA_LOG(ERROR, "open diag file field, %s", path);
     }
@@ -207,14 +200,11 @@ static void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* strea
     list<gwa_output_node> frames;
     gwa_output_node* const head = answer_node(conn, stream);
     frames.push_back(*head);
-    const int last_chunk = diagnostic_chunks(conn, stream, fd, file_size, &frames);
-    if (fd != -1) {
-        close(fd);
-    }
+    const int last_chunk = diagnostic_chunks(conn, stream, fd.fd, file_size, &frames);
     diagnostic_header(head, status, last_chunk);
     while (gwa_output_node* const node = frames.first()) {
         list_unlink(*node);
-        gwa_connection_send(conn, node);
+        gwa_connection_data_send(conn, node);
     }
 }
 

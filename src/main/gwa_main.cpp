@@ -33,7 +33,6 @@ constexpr int RETRY_PAUSE_S = 10;
 constexpr int NO_MONITOR = -1;  // a pass that ends the program; no jump has this code
 
 gwa_timer* check_timer = nullptr;
-int link_socket = -1;
 bool logged_in = false;  // since the start or the last reinit: there is a connection to release
 
 }  // namespace
@@ -69,77 +68,46 @@ static void check_timer_start() {
     }
 }
 
+static void workers_order(const gwa_host_list& servers) {
+    gwa_connection_data_order_all(&gwa_connections.data, servers);
+}
+
 static void login_answer_take(const char* text) {
     gwa_connection_cntl_remote_data_parse(&gwa_connections.cntl, text);
 }
 
 // Discovers the server, logs in and makes the control connection. False: not this time.
 static bool supervisor_connect() {
-    gwa_connections.cntl.socket = -1;
     uint32_t address = 0;
     uint16_t port = 0;
     if (gwa_cntrl_ip_get(&address, &port) == -1 || address == 0 || port == 0) {
         return false;
     }
-    const gwa_login_sink sink{&gwa_connections.cntl.traffic, login_answer_take};
+    gwa_connection_cntl& cntl = gwa_connections.cntl;
+    const gwa_login_sink sink{&cntl.traffic, login_answer_take};
     const int fd = gwa_login_control(address, port, sink);
     if (fd == -1) {
         GWA_LOG(FATAL, "login server failed");
         return false;
     }
     logged_in = true;
-    if (gwa_connection_cntl_init(fd) != 0) {
+    if (gwa_connection_cntl_init(&cntl, fd) != 0) {
         GWA_LOG(FATAL, "init connection failed");
         close(fd);
-        gwa_connections.cntl.socket = -1;
         return false;
     }
     return true;
 }
 
-// Opens the network monitor anew. False: it cannot be had.
-static bool link_monitor_start(poll_set* poller) {
-    gwa_link_close(link_socket);
-    link_socket = gwa_link_init();
-    if (link_socket == -1) {
-        GWA_LOG(ERROR, "init netlink failed");
-        return false;
-    }
-    if (poll_add(poller, link_socket, gwa_link_handle, &link_socket, &link_socket) != 0) {
-        GWA_LOG(ERROR, "add netlink socket to poll failed");
-    }
-    return true;
-}
-
-static void dlna_status_start(poll_set* poller) {
-    if (dlna_status_init() == -1) {
-        GWA_LOG(ERROR, "dlna status init failed");
-    } else if (poll_add(poller, dlna_status.listen_socket, dlna_status_accept_handle, poller,
-                        &dlna_status.listen_socket) != 0) {
-        GWA_LOG(ERROR, "add dlna listen socket to poll failed");
-    }
-    gwa_connections.cntl.reporting_times = dlna_status_interval_set;
-}
-
-static void port_info_start(poll_set* poller) {
-    port_info_socket_exit();  // of an earlier pass
-    if (port_info_socket_init() == -1) {
-        GWA_LOG(ERROR, "port info socket init failed");
-    } else if (poll_add(poller, port_info_socket, port_info_recv_handle, &port_info_socket,
-                        &port_info_socket) != 0) {
-        GWA_LOG(ERROR, "add port info listen socket to poll failed");
-    }
-}
-
-// Opens the reporters' sockets on the control poller. False: without the network monitor the daemon
+// Has the reporters listen on the control poller. False: without the network monitor the daemon
 // would not notice a new address, so the program ends.
 static bool reporters_start() {
-    poll_set* const poller = &gwa_connections.cntl.poller;
-    if (!link_monitor_start(poller)) {
+    gwa_connection_cntl* const cntl = &gwa_connections.cntl;
+    if (gwa_link_start(cntl) != 0) {
         return false;
     }
-    dlna_status_start(poller);
-    port_info_start(poller);
+    dlna_status_start(cntl);
+    port_info_start(cntl);
     return true;
 }
 
@@ -151,7 +119,7 @@ static int supervisor_pass() {
         if (!reporters_start()) {
             return NO_MONITOR;
         }
-        asked = gwa_connection_cntl_manage();
+        asked = gwa_connection_cntl_manage(&gwa_connections.cntl);
     } else {
         gwa_sleep(RETRY_PAUSE_S);
     }
@@ -171,7 +139,7 @@ static int supervisor_loop() {
 static void connection_release() {
     dlna_status_timers_stop();  // nothing may fire into a queue that is being emptied
     if (logged_in) {
-        gwa_connection_cntl_exit();
+        gwa_connection_cntl_exit(&gwa_connections.cntl);
         logged_in = false;
     }
 }
@@ -193,12 +161,12 @@ static bool supervise() {
             case GWA_JUMP_EXIT:
                 GWA_LOG(FATAL, "exit process now");
                 gwa_process_run.store(0, std::memory_order_relaxed);  // ends the workers' waits
-                gwa_connection_all_destroy();
+                gwa_connection_all_destroy(&gwa_connections.data);
                 return true;  // the process ends with the control connection as it is
             default: GWA_LOG(DEBUG, "unknown jump code %d", asked); GWA_EXIT(-1);
         }
     }
-    gwa_connection_all_destroy();
+    gwa_connection_all_destroy(&gwa_connections.data);
     connection_release();
     return true;
 }
@@ -211,7 +179,7 @@ static bool supervise() {
     }
     dlna_status_timers_stop();  // before the list that they are on
     gwa_timer_default_exit();
-    gwa_link_close(link_socket);
+    gwa_link_stop();
     dlna_status_exit();
     port_info_socket_exit();
     gwa_login_exit();
@@ -231,6 +199,8 @@ int gwa_main(int argc, char* argv[]) {
         return -1;
     }
     gwa_connection_table_init();
+    gwa_connections.cntl.hooks.restart = gwa_restart;
+    gwa_connections.cntl.hooks.order = workers_order;
     gwa_connection_data_init(&gwa_connections.data);
     check_timer_start();
     if (!supervise()) {

@@ -84,10 +84,10 @@ static void append_data(status_text& to, int id, const gwa_connection_data& conn
     char figure[FIGURE_SIZE] = "";
     append(to, "| d%d ", id);
     append_traffic(to, conn.traffic);
-    append(to, "|%6d", conn.send_level.load(std::memory_order_relaxed));
+    append(to, "|%6d", conn.output.send_level.load(std::memory_order_relaxed));
     append(to, "|%8s", gwa_size_format(gwa_connection_memory(&conn), figure, sizeof figure));
-    append(to, "|%8d|%8d|\n", static_cast<int>(conn.queue_count.load(std::memory_order_relaxed)),
-           conn.stream_count.load(std::memory_order_relaxed));
+    append(to, "|%8d|%8d|\n", static_cast<int>(conn.output.count.load(std::memory_order_relaxed)),
+           conn.streams.count.load(std::memory_order_relaxed));
 }
 
 static void status_build(status_text& to) {

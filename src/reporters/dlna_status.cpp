@@ -1,23 +1,21 @@
 #include "reporters/dlna_status.h"
 
-#include <errno.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
-#include "connection/gwa_connection.h"
+#include "main/gwa_log.h"
+#include "reporters/dlna_client.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
-#include "runtime/gwa_util_memory.h"
+#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
-
-dlna_status_record dlna_status;
 
 namespace {
 
@@ -26,16 +24,27 @@ constexpr int UNLINK_ATTEMPTS = 3;
 // After as many the main thread has other things to do. No more accepts than there is room for, so
 // that each client is listened to once before it may have to give way.
 constexpr int ACCEPTS_PER_EVENT = DLNA_CLIENTS_MAX;
-constexpr int WORDS_PER_EVENT = 64;
 constexpr uint32_t NO_WORD = UINT32_MAX;
 constexpr int T1_PAUSE_US = 200000;
 
-enum class client_read {
-    NOTHING,  // all is read
-    CLOSED,   // by the client
-    MORE,     // the budget of one event is used up
-    FAILED,
+// Atomic is what both threads use. Status and t1_active are accessed in one order for both, so that
+// a new word is either seen by the timer that fires or arms another one.
+struct dlna_status_record {
+    int listen_socket = -1;
+    std::atomic<uint32_t> status{0};      // the last word received
+    std::atomic<int32_t> last_report{0};  // time of the last timed report; 0 until the first word
+    int32_t received = 0;                 // time of the last word
+    uint32_t t1 = DLNA_T1_DEFAULT;
+    uint32_t t2 = DLNA_T2_DEFAULT;
+    gwa_timer* t1_timer = nullptr;
+    std::atomic<int32_t> t1_active{0};  // 1 while the timer is pending
+    gwa_timer* t2_timer = nullptr;
+    int32_t t2_active = 0;
 };
+
+dlna_status_record dlna_status;
+dlna_client_pool pool;
+gwa_connection_cntl* dlna_cntl = nullptr;  // reported to
 
 }  // namespace
 
@@ -71,10 +80,7 @@ static void record_reset() {
     dlna_status.received = 0;
     dlna_status.t1 = DLNA_T1_DEFAULT;
     dlna_status.t2 = DLNA_T2_DEFAULT;
-    dlna_status.poller = nullptr;
-    for (dlna_client& client : dlna_status.clients) {
-        client = {};  // the poller of the earlier pass has closed them
-    }
+    pool = {};  // the poller of the earlier pass has closed its clients
 }
 
 // The path of the socket's file. One that is too long is cut, and then the cut one is it
@@ -137,56 +143,30 @@ int dlna_status_init() {
     return dlna_status.listen_socket;
 }
 
+void dlna_status_start(gwa_connection_cntl* cntl) {
+    dlna_cntl = cntl;
+    if (dlna_status_init() == -1) {
+        GWA_LOG(ERROR, "dlna status init failed");
+    } else if (poll_add(&cntl->poller, dlna_status.listen_socket, dlna_status_accept_handle,
+                        &cntl->poller, &dlna_status.listen_socket) != 0) {
+        GWA_LOG(ERROR, "add dlna listen socket to poll failed");
+    }
+    cntl->hooks.reporting_times = dlna_status_interval_set;
+}
+
 int dlna_status_exit() {
     listen_socket_close();
     dlna_status_timers_stop();
     return unlink(socket_path().text);
 }
 
-// Descriptors travel as the argument itself.
-static void* as_argument(int fd) { return reinterpret_cast<void*>(static_cast<intptr_t>(fd)); }
-
-// The record of a descriptor; -1 finds a free one. Null: there is none.
-static dlna_client* client_find(int fd) {
-    for (dlna_client& client : dlna_status.clients) {
-        if (client.fd == fd) {
-            return &client;
-        }
-    }
-    return nullptr;
-}
-
-static void client_end(dlna_client* client) {
-    poll_del(dlna_status.poller, client->fd);
-    close(client->fd);
-    client->fd = -1;
-}
-
-// A free record. Whoever opens connections and leaves them open must neither eat descriptors nor
-// keep the media server out.
-static dlna_client* client_room() {
-    if (dlna_client* const free_one = client_find(-1)) {
-        return free_one;
-    }
-    dlna_client* const silent = std::min_element(
-        std::begin(dlna_status.clients), std::end(dlna_status.clients),
-        [](const dlna_client& a, const dlna_client& b) { return a.heard < b.heard; });
-    GWA_LOG(ERROR, "too many dlna clients, fd %d is closed", silent->fd);
-    client_end(silent);
-    return silent;
-}
-
-// Registers one client. False: the handler ends.
+// Takes one client in. False: the handler ends.
 static bool client_begin(int fd) {
     GWA_LOG(INFO, "new connection accept success, fd %d", fd);
-    gwa_socket_nonblock(fd);
-    dlna_client* const client = client_room();
-    if (poll_add(dlna_status.poller, fd, dlna_status_recv_handle, as_argument(fd)) != 0) {
+    if (dlna_client_begin(&pool, fd, dlna_status_recv_handle) != 0) {
         GWA_LOG(ERROR, "add dlna socket to poll failed");
-        close(fd);
         return false;
     }
-    *client = {.fd = fd, .heard = ++dlna_status.signs};
     return true;
 }
 
@@ -204,7 +184,7 @@ void dlna_status_accept_handle(uint32_t events, void* poller) {
         return;
     }
     GWA_LOG(INFO, "accept connection ...");
-    dlna_status.poller = static_cast<poll_set*>(poller);
+    pool.poller = static_cast<poll_set*>(poller);
     for (int accepted = 0; accepted < ACCEPTS_PER_EVENT; accepted++) {
         const int fd = accept4(dlna_status.listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd == -1) {
@@ -215,28 +195,7 @@ void dlna_status_accept_handle(uint32_t events, void* poller) {
             return;
         }
     }
-    poll_rearm(dlna_status.poller, dlna_status.listen_socket);
-}
-
-// Reads what waits; the last whole word ends up in `word`. The beginning of a word is kept for the
-// next event, so that a client that writes byte by byte keeps its step.
-static client_read client_words_read(dlna_client* client, uint32_t* word) {
-    for (int words = 0; words < WORDS_PER_EVENT; words++) {
-        const ssize_t got =
-            recv(client->fd, client->bytes + client->have, sizeof client->bytes - client->have, 0);
-        if (got == -1) {
-            return errno == EAGAIN ? client_read::NOTHING : client_read::FAILED;
-        }
-        if (got == 0) {
-            return client_read::CLOSED;
-        }
-        client->have += static_cast<uint32_t>(got);
-        if (client->have == sizeof client->bytes) {
-            memcpy(word, client->bytes, sizeof *word);
-            client->have = 0;
-        }
-    }
-    return client_read::MORE;
+    poll_rearm(pool.poller, dlna_status.listen_socket);
 }
 
 static int report_timer_make(void (*callback)(void*), uint32_t interval, uint32_t mode,
@@ -338,41 +297,37 @@ void dlna_status_recv_handle(uint32_t events, void* argument) {
         return;
     }
     const int fd = static_cast<int>(reinterpret_cast<intptr_t>(argument));
-    dlna_client* const client = client_find(fd);
+    dlna_client* const client = dlna_client_heard(&pool, fd);
     if (client == nullptr) {
         return;  // it has given way
     }
-    client->heard = ++dlna_status.signs;
     uint32_t word = NO_WORD;
-    const client_read result = client_words_read(client, &word);
+    const dlna_read result = dlna_client_words_read(client, &word);
     switch (result) {
-        case client_read::NOTHING: break;
-        case client_read::MORE: poll_rearm(dlna_status.poller, fd); break;
-        case client_read::FAILED:
+        case dlna_read::NOTHING: break;
+        case dlna_read::MORE: poll_rearm(pool.poller, fd); break;
+        case dlna_read::FAILED:
             GWA_LOG(ERROR, "recv error, %s", strerror(errno));
-            client_end(client);  // no event would come for it any more
+            dlna_client_end(&pool, client);  // no event would come for it any more
             break;
-        case client_read::CLOSED:
+        case dlna_read::CLOSED:
             GWA_LOG(INFO, "recv return 0, del it from the set");
-            client_end(client);
+            dlna_client_end(&pool, client);
             break;
     }
     if (word != NO_WORD) {
-        word_take(word);  // also of a client that has sent it and left
-    } else if (result != client_read::CLOSED) {
+        word_take(word);  // exception 43: also of a client that has sent it and left
+    } else if (result != dlna_read::CLOSED) {
         GWA_LOG(ERROR, "recv status is -1");
     }
 }
 
 int dlna_status_report(uint32_t status) {
     GWA_LOG(INFO, "report dlna status 0x%x", status);
-    constexpr uint32_t STATUS_SIZE = sizeof status;
-    constexpr uint32_t FRAME_SIZE = GWA_HEADER_SIZE + STATUS_SIZE;
-    uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(FRAME_SIZE));
-    gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::REPORT_STATUS, GWA_FLAG_COMMAND, 0,
-                       STATUS_SIZE);
-    store_be32(frame + GWA_HEADER_SIZE, status);
-    gwa_connection_cntl_send(frame, FRAME_SIZE);
+    gwa_output_node* const node =
+        gwa_connection_frame_new(gwa_command::REPORT_STATUS, GWA_FLAG_COMMAND, 0, sizeof status);
+    store_be32(gwa_connection_payload_of(node), status);
+    gwa_connection_cntl_report(dlna_cntl, node);
     return 0;
 }
 

@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "connection/gwa_connection_cntl_fault.h"
+#include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_socket.h"
@@ -17,6 +17,9 @@ namespace {
 
 constexpr size_t DATAGRAM_SIZE = 4096;
 static_assert(sizeof(nlmsghdr) == 16, "the kernel's message header");
+
+int link_socket = -1;
+gwa_connection_cntl* link_cntl = nullptr;  // what a change of the network restarts
 
 }  // namespace
 
@@ -35,6 +38,25 @@ int gwa_link_init() {
     }
     gwa_socket_nonblock(fd.fd);
     return fd.release();
+}
+
+int gwa_link_start(gwa_connection_cntl* cntl) {
+    gwa_link_stop();
+    link_cntl = cntl;
+    link_socket = gwa_link_init();
+    if (link_socket == -1) {
+        GWA_LOG(ERROR, "init netlink failed");
+        return -1;
+    }
+    if (poll_add(&cntl->poller, link_socket, gwa_link_handle, &link_socket, &link_socket) != 0) {
+        GWA_LOG(ERROR, "add netlink socket to poll failed");
+    }
+    return 0;
+}
+
+void gwa_link_stop() {
+    gwa_link_close(link_socket);
+    link_socket = -1;
 }
 
 void gwa_link_close(int fd) {
@@ -92,7 +114,7 @@ void gwa_link_handle(uint32_t events, void* argument) {
             return;
         }
         if (gwa_link_walk(datagram, static_cast<size_t>(got))) {
-            gwa_connection_cntl_reinit();  // returns only when the process is to end
+            gwa_connection_cntl_reinit(link_cntl);  // returns only when the process is to end
         }
     }
 }

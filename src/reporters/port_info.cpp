@@ -7,15 +7,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "connection/gwa_connection.h"
 #include "devid.h"
-#include "runtime/gwa_process.h"
-#include "runtime/gwa_util_memory.h"
+#include "main/gwa_log.h"
 
 const char PORT_INFO_PATH[] = "/tmp/mko_port_gwad.sock";
-int port_info_socket = -1;
 
 namespace {
+
+int port_info_socket = -1;
+gwa_connection_cntl* port_info_cntl = nullptr;  // reported to
 
 constexpr int ANNOUNCEMENTS_PER_EVENT = 64;  // then the main thread has other things to do
 constexpr int FAILURES_PER_EVENT = 8;
@@ -35,16 +35,27 @@ constexpr module_key MODULE_KEYS[] = {{3, "http_port"}, {4, "ubq_port"}, {5, "kc
 
 }  // namespace
 
-int port_info_socket_init() {
-    unlink(PORT_INFO_PATH);  // a stale file would keep the library from binding
-    const int fd = port_info_init(PORT_INFO_PATH);
+static int port_info_socket_init(const char* path) {
+    unlink(path);  // a stale file would keep the library from binding
+    const int fd = port_info_init(path);
     if (fd == -1) {
         GWA_LOG(ERROR, "init port info failed");
         return -1;
     }
     GWA_LOG(INFO, "init port info success");
-    port_info_socket = fd;
     return fd;
+}
+
+void port_info_start(gwa_connection_cntl* cntl, const char* path) {
+    port_info_socket_exit();  // of an earlier pass
+    port_info_cntl = cntl;
+    port_info_socket = port_info_socket_init(path);
+    if (port_info_socket == -1) {
+        GWA_LOG(ERROR, "port info socket init failed");
+    } else if (poll_add(&cntl->poller, port_info_socket, port_info_recv_handle, &port_info_socket,
+                        &port_info_socket) != 0) {
+        GWA_LOG(ERROR, "add port info listen socket to poll failed");
+    }
 }
 
 void port_info_socket_exit() {
@@ -68,12 +79,10 @@ static void report(const char* key, int port) {
     const int printed = snprintf(json, sizeof json, "{\"%s\":%d}", key, port);
     const uint32_t length = static_cast<uint32_t>(printed);  // two short keys and a number fit
     GWA_LOG(INFO, "report port info module %s port %d, json %s", key, port, json);
-    const uint32_t size = GWA_HEADER_SIZE + length;
-    uint8_t* const frame = static_cast<uint8_t*>(GWA_MALLOC(size));
-    gwa_protocol_build(frame, GWA_VERSION_PLAIN, gwa_command::REPORT_PORT_INFO, GWA_FLAG_COMMAND, 0,
-                       length);
-    memcpy(frame + GWA_HEADER_SIZE, json, length);
-    gwa_connection_cntl_send(frame, size);
+    gwa_output_node* const node =
+        gwa_connection_frame_new(gwa_command::REPORT_PORT_INFO, GWA_FLAG_COMMAND, 0, length);
+    memcpy(gwa_connection_payload_of(node), json, length);
+    gwa_connection_cntl_report(port_info_cntl, node);
 }
 
 // False: the library has failed. Whether it has taken something off the socket, it does not say, so
@@ -115,5 +124,5 @@ void port_info_recv_handle(uint32_t events, void*) {
         }
         failures += announcement_take(fd) ? 0 : 1;
     }
-    poll_rearm(&gwa_connections.cntl.poller, fd);
+    poll_rearm(&port_info_cntl->poller, fd);
 }

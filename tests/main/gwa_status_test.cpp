@@ -44,10 +44,10 @@ TEST(Status, WritesTheTable) {
         gwa_connections.cntl.send_level.store(5);
         gwa_connection_data& last = gwa_connections.data[4];
         last.traffic.bytes_in.high.store(1);
-        last.send_level.store(2);
+        last.output.send_level.store(2);
         last.memory.store(8192);
-        last.queue_count.store(7);
-        last.stream_count.store(3);
+        last.output.count.store(7);
+        last.streams.count.store(3);
         gwa_status_check(nullptr);
     });
     EXPECT_EQ(program.wait(), child::RETURNED);

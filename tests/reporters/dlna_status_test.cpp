@@ -7,7 +7,9 @@
 #include <cstring>
 
 #include "reporters/control_queue.h"
+#include "reporters/dlna_client.h"
 #include "runtime/gwa_process.h"
+#include "runtime/gwa_timer.h"
 #include "runtime/gwa_types.h"
 #include "support/fake_time.h"
 #include "support/files.h"
@@ -25,20 +27,15 @@ struct DlnaStatus : testing::Test {
     run_flags flags{true};
     fake_time time;
     temp_dir home;
-    poll_set poller;
+    poll_set& poller = gwa_connections.cntl.poller;
 
     DlnaStatus() {
         gwa_log_level_set(GWA_LOG_OFF);
         gwa_connection_table_init();
-        gwa_connection_queue_init(&gwa_connections.cntl.output);
         gwa_timer_list_make(&gwa_timer_default_list);
         text_copy(gwa_process_paths.dlna_socket, home.path + "/dlna.sock");
         at(0);
-        poll_init(&poller);
-        const int fd = dlna_status_init();
-        EXPECT_EQ(
-            poll_add(&poller, fd, dlna_status_accept_handle, &poller, &dlna_status.listen_socket),
-            0);
+        begin();
     }
     ~DlnaStatus() override {
         dlna_status_timers_stop();
@@ -48,6 +45,11 @@ struct DlnaStatus : testing::Test {
         free(gwa_timer_default_list);
         gwa_timer_default_list = nullptr;
         gwa_log_level_set(GWA_LEVEL_DEBUG);
+    }
+    void begin() {
+        EXPECT_EQ(poll_init(&poller), 0);
+        dlna_status_start(&gwa_connections.cntl);
+        EXPECT_EQ(poller.fd_count, 1);
     }
     // The clock, in seconds from the start; what is due by then fires.
     void at(int64_t seconds) {
@@ -117,7 +119,7 @@ TEST_F(DlnaStatus, AWordThatComesWhileTheTimerFiresIsReportedByTheNextOne) {
     says(fd, 2);
     reports();
     fake_time::event = [&, said = false]() mutable {  // between the report and its end
-        if (!said && !gwa_connections.cntl.output.nodes.empty()) {
+        if (!said && gwa_connection_queue_is_empty(&gwa_connections.cntl.output) == 0) {
             said = true;
             says(fd, 3);
         }
@@ -216,19 +218,18 @@ TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
     handle_events();
     EXPECT_EQ(clients(), 1) << "half a word, then gone";
 
+    at(10);  // from here on each word is reported at once
     std::vector<uint32_t> flood(1000, 7);
     flood.back() = 8;
     EXPECT_EQ(send(slow.get(), flood.data(), flood.size() * 4, 0), 4000);
     handle_events(1);
-    EXPECT_EQ(dlna_status.status, 7U) << "bounded";
+    EXPECT_EQ(reports(), words{7}) << "bounded";
     handle_events(20);
-    EXPECT_EQ(dlna_status.status, 8U) << "and resumed";
+    EXPECT_EQ(reports().back(), 8U) << "and resumed";
     says(slow, UINT32_MAX);
-    EXPECT_EQ(dlna_status.status, 8U) << "all ones is no word";
+    EXPECT_EQ(reports(), words{}) << "all ones is no word";
     slow.reset();
 
-    at(1000);  // a pending report leaves
-    at(1010);
     unique_fd quick = client();
     const uint32_t last = 9;
     EXPECT_EQ(send(quick.get(), &last, sizeof last, 0), 4);
@@ -242,19 +243,22 @@ TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
 
 TEST_F(DlnaStatus, SilentClientsKeepNobodyOut) {
     const unique_fd server = client();
+    says(server, 1000);
+    at(10);  // from here on each word is reported at once
     std::vector<unique_fd> crowd;
     for (uint32_t i = 0; i < 40; i++) {
         crowd.push_back(client());
         handle_events(2);
         if (i % 8 == 0) {
+            reports();
             says(server, i + 1);
-            EXPECT_EQ(dlna_status.status, i + 1) << "who speaks now and then stays";
+            EXPECT_EQ(reports(), words{i + 1}) << "who speaks now and then stays";
         }
     }
     EXPECT_EQ(clients(), DLNA_CLIENTS_MAX);
     const unique_fd newest = client();
     says(newest, 99);
-    EXPECT_EQ(dlna_status.status, 99U) << "a new one is heard";
+    EXPECT_EQ(reports(), words{99}) << "a new one is heard";
     crowd.clear();
     handle_events();
     EXPECT_EQ(clients(), 2);
@@ -266,10 +270,7 @@ TEST_F(DlnaStatus, APassThatBeginsAnewKnowsNothingOfTheOldOne) {
     says(fd, 2);
     reports();
     poll_exit(&poller);
-    poll_init(&poller);
-    EXPECT_EQ(poll_add(&poller, dlna_status_init(), dlna_status_accept_handle, &poller,
-                       &dlna_status.listen_socket),
-              0);
+    begin();
     at(100000);
     EXPECT_EQ(reports(), words{}) << "no timer is left";
     const unique_fd anew = client();

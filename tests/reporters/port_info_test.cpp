@@ -23,18 +23,17 @@ struct PortInfo : testing::Test {
     PortInfo() {
         gwa_log_level_set(GWA_LOG_OFF);
         gwa_connection_table_init();
-        gwa_connection_queue_init(&gwa_connections.cntl.output);
         poll_init(&gwa_connections.cntl.poller);
         address.sun_family = AF_UNIX;
         text_copy(address.sun_path, directory.path + "/port.sock");
-        port_info_socket = port_info_init(address.sun_path);
-        poll_add(&gwa_connections.cntl.poller, port_info_socket, port_info_recv_handle,
-                 &port_info_socket, &port_info_socket);
+        port_info_start(&gwa_connections.cntl, address.sun_path);
+        EXPECT_EQ(gwa_connections.cntl.poller.fd_count, 1);
     }
     ~PortInfo() override {
         poll_exit(&gwa_connections.cntl.poller);
-        EXPECT_EQ(port_info_socket, -1) << "closed with the poller, so not once more";
+        const int other = dup(service);  // of the number that the poller has just closed
         port_info_socket_exit();
+        EXPECT_EQ(close(other), 0) << "closed with the poller, so not once more";
         close(service);
         gwa_log_level_set(GWA_LEVEL_DEBUG);
     }
@@ -98,9 +97,9 @@ TEST_F(PortInfo, AFailingLibraryNeitherSpinsNorFillsTheLog) {
 }
 
 TEST_F(PortInfo, NeitherBlocksNorReportsWithoutAnAnnouncement) {
-    port_info_recv_handle(EPOLLIN, &port_info_socket);  // spurious
+    port_info_recv_handle(EPOLLIN, nullptr);  // spurious
     announces(3, 1);
-    port_info_recv_handle(EPOLLOUT, &port_info_socket);  // not what it waits for
+    port_info_recv_handle(EPOLLOUT, nullptr);  // not what it waits for
     EXPECT_TRUE(queued_frames().empty());
 }
 

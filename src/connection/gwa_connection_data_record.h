@@ -1,0 +1,153 @@
+// gwa_connection_data_record.h - the record of a data connection, its memory figure, its frames,
+// and its beginning and end.
+//
+// Owner:   five records, static; reset by their makers, never freed.
+// Threads: each record belongs to its worker. Others touch what is atomic, the order (under its
+//          lock), and the queue through its operations.
+//
+//     WAITING    -> LOGGING_IN  gwa_connection_data_addr_init: there is an order
+//     LOGGING_IN -> RELAYING    gwa_connection_data_login: the server took the login
+//     LOGGING_IN -> WAITING     a newer order
+//     RELAYING   -> WAITING     gwa_connection_data_close: any failure, or a newer order
+//     any        -> ENDED       stop request, or the run flag was cleared
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "connection/gwa_connection_heartbeat.h"
+#include "connection/gwa_connection_order.h"
+#include "connection/gwa_connection_queue.h"
+#include "runtime/gwa_types.h"
+#include "runtime/gwa_util_lock.h"
+#include "runtime/poll.h"
+
+struct gwa_stream;  // gwa_stream.h; a connection lists its streams, a stream names its connection
+
+// What becomes of a connection in a step. Whoever learns that it is closed touches it no more and
+// passes that on, up to the worker.
+enum class [[nodiscard]] gwa_step : uint8_t{GOES_ON, CLOSED};
+
+// What a source of input can still give, told by what brings it about.
+enum class gwa_more : uint8_t {
+    DRAINED,   // an event of the poller
+    HAS_MORE,  // the next round, which does not wait
+    WAITS,     // each round looks: for memory, for the rest of a frame, after a failed read
+    CLOSED,    // nothing
+};
+
+enum gwa_connection_flag : uint32_t {  // a bit set, stored whole by the main thread
+    GWA_CONNECTION_ADDRESS_SET = 1,    // there is an order
+    GWA_CONNECTION_STOP = 2,           // end the thread
+    GWA_CONNECTION_REINIT = 4,         // take the order again; cleared by the worker
+};
+
+// Where to go. An order is filled in and copied under the lock, so that a worker never sees half of
+// one, also when it is repeated.
+struct gwa_data_order {
+    gwa_mutex lock;
+    char ordered_domain[GWA_HOST_SIZE] GWA_GUARDED_BY(lock) = "";
+    uint16_t ordered_port GWA_GUARDED_BY(lock) = 0;
+    std::atomic<uint32_t> serial{0};  // counts orders
+    // The worker's own:
+    uint32_t taken = 0;  // serial of the order in the next two
+    char domain[GWA_HOST_SIZE] = "";
+    uint16_t port = 0;
+    uint32_t server_address = 0;  // IPv4, host order; 0: not resolved yet
+};
+
+// The frame that is arriving. It survives from pass to pass, so that a frame split anywhere holds
+// up nobody (exception 50).
+enum class gwa_input_step : uint8_t {
+    HEADER,
+    HEARTBEAT,
+    PAYLOAD,
+    DISCARD,        // a payload of the protocol
+    EXTRA_DISCARD,  // what follows a request whose local port was dead: oddity 21
+};
+struct gwa_data_input {
+    gwa_more more = gwa_more::DRAINED;
+    gwa_input_step step = gwa_input_step::HEADER;
+    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};  // the header as received, terminated for the dump
+    gwa_header header = {};                   // the same, checked, in host order
+    uint8_t* payload = nullptr;               // charged to the connection's memory
+    uint32_t have = 0;                        // bytes of the current step
+    uint32_t want = GWA_HEADER_SIZE;
+    int64_t begun = 0;  // s, wall clock; a HEADER begins with its first byte
+};
+
+enum class gwa_out_state : uint16_t {  // of the last output pass
+    IDLE = 1,                          // nothing tried yet
+    BLOCKED = 2,                       // would block with nothing sent
+    PARTLY_SENT = 4,                   // more is queued
+    DRAINED = 8,                       // queue empty, or the daemon is stopping
+};
+struct gwa_data_output {
+    gwa_output_queue queue;
+    std::atomic<uint32_t> count{0};  // heap nodes on it
+    gwa_out_state state = gwa_out_state::IDLE;
+    std::atomic<int32_t> send_level{0};  // fill level of the kernel's buffer, as last seen
+};
+
+struct gwa_data_streams {
+    list<gwa_stream> all;
+    std::atomic<int32_t> count{0};
+    gwa_more more = gwa_more::DRAINED;  // of their local sockets, as the last wakeup left them
+};
+
+struct gwa_connection_data {
+    int32_t id = 0;
+    std::atomic<uint32_t> flags{0};
+    pthread_t thread{};
+    bool thread_started = false;  // main thread's: there is something to join
+    int socket = -1;
+    bool closed = false;  // since the last init2
+    poll_set poller;
+    gwa_data_order order;
+    gwa_data_input input;
+    gwa_data_output output;
+    gwa_heartbeat heartbeat;
+    uint32_t heartbeat_resp = 0;  // last answered + 1; one is outstanding while below its number
+    gwa_data_streams streams;
+    std::atomic<uint32_t> memory{0};  // bytes held, each piece rounded as the allocator does
+    int32_t last_check_time = 0;      // coarse clock
+    gwa_traffic traffic;              // never reset by a restart
+};
+
+// Makes the record ready for a login: empty lists and counters, a fresh poller. 0 or -1.
+int gwa_connection_data_init2(gwa_connection_data* conn);
+// Frees streams, queued frames, a half-read payload, the poller and the socket.
+void gwa_connection_data_free(gwa_connection_data* conn);
+// Frees everything and says so. Always CLOSED.
+gwa_step gwa_connection_data_close(gwa_connection_data* conn);
+
+// ---- The memory figure (worker only) ----
+
+// Sizes that the figure counts for records, whatever they take on this machine.
+constexpr uint32_t GWA_NODE_COUNTED = 40;
+constexpr uint32_t GWA_STREAM_COUNTED = 108;
+constexpr uint32_t GWA_MEMORY_LIMIT = 0x400000;  // bytes; above it streams stop reading
+
+// Every path charges and releases through these two, so that the figure returns to zero.
+void gwa_connection_memory_charge(gwa_connection_data* conn, uint32_t size);
+void gwa_connection_memory_release(gwa_connection_data* conn, uint32_t size);
+inline uint32_t gwa_connection_memory(const gwa_connection_data* conn) {
+    return conn->memory.load(std::memory_order_relaxed);
+}
+
+// ---- Frames (worker only) ----
+
+// A charged node for a charged heap buffer, which it owns from here on.
+gwa_output_node* gwa_connection_data_node_new(gwa_connection_data* conn, uint8_t* buffer,
+                                              uint32_t size);
+// A charged frame of stream data with room for `length` payload bytes.
+gwa_output_node* gwa_connection_data_frame_new(gwa_connection_data* conn, const gwa_stream* stream,
+                                               uint32_t length);
+// Frees a charged node that is in no queue.
+void gwa_connection_data_node_drop(gwa_connection_data* conn, gwa_output_node* node);
+// Puts a node of this connection on its output queue by priority and counts it.
+void gwa_connection_data_send(gwa_connection_data* conn, gwa_output_node* node);
+// Frees a node that was on the output queue and takes its charges and count back.
+void gwa_connection_data_node_release(gwa_connection_data* conn, gwa_output_node* node);

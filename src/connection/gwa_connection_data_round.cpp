@@ -1,0 +1,135 @@
+#include "connection/gwa_connection_data_round.h"
+
+#include "connection/gwa_connection_data_addr.h"
+#include "connection/gwa_connection_data_in.h"
+#include "connection/gwa_connection_data_out.h"
+#include "connection/gwa_stream.h"
+#include "main/gwa_log.h"
+#include "runtime/gwa_process.h"
+#include "runtime/gwa_util_time.h"
+
+namespace {
+
+constexpr int WAIT_BUSY_MS = 100;
+constexpr int WAIT_IDLE_MS = 1000;
+constexpr int PAUSE_US = 100;
+constexpr int32_t CHECK_INTERVAL_S = 600;
+constexpr int32_t STREAM_IDLE_S = 300;
+
+}  // namespace
+
+void gwa_connection_data_remote_handle(uint32_t events, void* argument) {
+    gwa_connection_data* const conn = static_cast<gwa_connection_data*>(argument);
+    if (conn == nullptr) {
+        GWA_LOG(ERROR, "arg is null");
+        return;
+    }
+    if ((events & EPOLLIN) != 0 && gwa_connection_data_remote_in_handle(conn) == gwa_step::CLOSED) {
+        return;  // the poller sees that its set is closed, and tells the round
+    }
+    if ((events & EPOLLOUT) != 0 &&
+        gwa_connection_data_remote_out_handle(conn) == gwa_step::CLOSED) {
+        return;
+    }
+}
+
+static bool has_output(gwa_connection_data* conn) {
+    return gwa_connection_queue_is_empty(&conn->output.queue) == 0;
+}
+
+static bool has_memory(const gwa_connection_data* conn) {
+    return gwa_connection_memory(conn) < GWA_MEMORY_LIMIT;
+}
+
+// Waits for events, unless there is work that no event will tell of, and runs their callbacks.
+static int events_wait(gwa_connection_data* conn) {
+    const bool has_more = conn->input.more == gwa_more::HAS_MORE ||
+                          conn->streams.more == gwa_more::HAS_MORE ||
+                          gwa_connection_data_can_send(conn);
+    const bool busy = !conn->streams.all.empty() || has_output(conn);
+    conn->poller.timeout = busy ? WAIT_BUSY_MS : WAIT_IDLE_MS;
+    conn->poller.no_wait = has_more;
+    return poll_wait(&conn->poller);
+}
+
+// The poller has failed, or one of its callbacks has closed the connection and its set with it.
+static gwa_step poller_failed(gwa_connection_data* conn) {
+    if (conn->closed) {
+        return gwa_step::CLOSED;
+    }
+    GWA_LOG(FATAL, "epoll error conn %d", conn->id);
+    return gwa_connection_running() ? gwa_connection_data_close(conn) : gwa_step::GOES_ON;
+}
+
+// Streams that stopped reading read again, as far as there is memory.
+static void streams_wakeup(gwa_connection_data* conn) {
+    conn->streams.more =
+        has_memory(conn) ? gwa_stream_local_in_wakeup(&conn->streams.all) : gwa_more::DRAINED;
+}
+
+// The round's own input pass. Streams that have waited for memory do not wait any longer when the
+// server closes one that held it.
+static gwa_step input_again(gwa_connection_data* conn) {
+    const bool was_short = !has_memory(conn);
+    if (gwa_connection_data_remote_in_handle(conn) == gwa_step::CLOSED) {
+        return gwa_step::CLOSED;
+    }
+    if (was_short && has_memory(conn)) {
+        streams_wakeup(conn);
+    }
+    return gwa_step::GOES_ON;
+}
+
+// Heartbeat, or else keepalive. Whether one of the two was due.
+static bool probe(gwa_connection_data* conn) {
+    if (gwa_connection_data_discards_extra(conn)) {
+        return false;  // exception 47: the answer would be thrown away with the rest
+    }
+    switch (gwa_connection_silence(&conn->heartbeat)) {
+        case gwa_silence::NONE: return false;
+        case gwa_silence::OUT: gwa_connection_data_heartbeat_handle(conn); break;
+        case gwa_silence::IN: gwa_connection_data_keepalive_handle(conn); break;
+    }
+    return true;
+}
+
+static void drop_stale(gwa_connection_data* conn) {
+    if (gwa_seconds_since(conn->last_check_time) > CHECK_INTERVAL_S) {
+        gwa_connection_data_buffer_timeout_check(conn);
+        gwa_connection_data_stream_idle_check(conn);
+        conn->last_check_time = gwa_now_get();
+    }
+}
+
+gwa_step gwa_connection_data_round(gwa_connection_data* conn) {
+    if (gwa_connection_data_order_waits(conn)) {
+        return gwa_connection_data_close(conn);  // log in anew, to the new address
+    }
+    if (events_wait(conn) == GWA_FAILED) {
+        return poller_failed(conn);
+    }
+    if (has_output(conn) && gwa_connection_data_remote_out_handle(conn) == gwa_step::CLOSED) {
+        return gwa_step::CLOSED;
+    }
+    streams_wakeup(conn);
+    const bool read_again = conn->input.more != gwa_more::DRAINED;
+    if (read_again && input_again(conn) == gwa_step::CLOSED) {
+        return gwa_step::CLOSED;
+    }
+    const bool probed = probe(conn);
+    drop_stale(conn);
+    if (!read_again || probed) {
+        gwa_usleep(PAUSE_US);
+    }
+    return gwa_step::GOES_ON;
+}
+
+void gwa_connection_data_stream_idle_check(gwa_connection_data* conn) {
+    GWA_LOG(CREATE, "check idle stream now, conn id %d", conn->id);
+    for (gwa_stream& stream : conn->streams.all) {
+        if (gwa_seconds_since(stream.last_activity) > STREAM_IDLE_S) {
+            GWA_LOG(ERROR, "stream idle too long time, stream id %d", static_cast<int>(stream.id));
+            gwa_stream_free(&stream);
+        }
+    }
+}

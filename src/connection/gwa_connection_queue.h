@@ -1,0 +1,93 @@
+// gwa_connection_queue.h - the output queue that every connection sends through: how frames are
+// made, in which order they leave, and how one is sent.
+//
+// Owner:   a node on a queue belongs to the queue; gwa_connection_dequeue hands it to the caller.
+// Threads: producers on any thread, through the operations; one thread takes nodes off and sends.
+#pragma once
+
+#include <cstdint>
+
+#include "protocol/gwa_protocol.h"
+#include "runtime/gwa_list.h"
+#include "runtime/gwa_types.h"
+#include "runtime/gwa_util_lock.h"
+
+enum gwa_node_flag : uint32_t {  // a bit set
+    GWA_NODE_STATIC = 1,         // the node is part of a record and is never freed
+    GWA_NODE_PARTLY_SENT = 2,    // it keeps the front of its queue until the rest has left
+    GWA_NODE_DATA_STATIC = 4,    // the data is part of a record and is never freed
+    GWA_NODE_HEARTBEAT = GWA_NODE_STATIC | GWA_NODE_DATA_STATIC,
+};
+
+// One frame to send.
+struct gwa_output_node : list_link {
+    uint8_t* data = nullptr;    // the whole frame
+    uint32_t capacity = 0;      // what the release of its memory counts
+    uint8_t* cursor = nullptr;  // next byte to send
+    uint32_t remaining = 0;     // bytes still to send
+    uint32_t priority = 0;      // of its stream; smaller leaves earlier; 0 for all other frames
+    uint32_t stream_id = 0;     // 0: no stream data
+    int32_t enqueue_time = 0;   // coarse clock
+    uint32_t flags = 0;
+};
+
+struct gwa_output_queue {
+    gwa_mutex lock;
+    list<gwa_output_node> nodes GWA_GUARDED_BY(lock);
+    uint32_t highest GWA_GUARDED_BY(lock) = 0;  // no queued priority is above it
+};
+
+// ---- Making a frame ----
+
+// A node for the `size` bytes of a heap buffer, which it owns from here on.
+gwa_output_node* gwa_connection_node_new(uint8_t* buffer, uint32_t size);
+// A node and its frame: the header is written, `length` payload bytes behind it are the caller's to
+// fill in.
+gwa_output_node* gwa_connection_frame_new(gwa_command command, uint32_t flag, uint32_t stream_id,
+                                          uint32_t length);
+inline uint8_t* gwa_connection_payload_of(gwa_output_node* node) {
+    return node->data + GWA_HEADER_SIZE;
+}
+// Releases a node that is in no queue, and its data, as far as its flags allow; a static node is
+// made ready for its next use.
+void gwa_connection_node_free(gwa_output_node* node);
+
+// ---- The order in which frames leave ----
+
+// Unlinks and returns the first node, or null. Its own links are left as they were.
+gwa_output_node* gwa_connection_dequeue(gwa_output_queue* queue);
+// Puts a node at the front, or right behind a partly sent front node. Always 0.
+int gwa_connection_head_enqueue(gwa_output_queue* queue, gwa_output_node* node);
+// Inserts by priority: right behind the first node of greater priority, else at the end (oddity
+// 15); never ahead of an earlier node of the same stream (exception 48). Always 0.
+int gwa_connection_remote_output_enqueue(gwa_output_queue* queue, gwa_output_node* node);
+// 1 when the queue holds no node, else 0.
+int gwa_connection_queue_is_empty(gwa_output_queue* queue);
+// Makes the node the only one of an empty queue and returns 1; otherwise changes nothing, 0.
+int gwa_connection_enqueue_if_empty(gwa_output_queue* queue, gwa_output_node* node);
+
+// Takes out every node that `unwanted` picks and hands it to `release`, under the lock.
+template <typename Unwanted, typename Release>
+void gwa_connection_queue_sweep(gwa_output_queue* queue, Unwanted unwanted, Release release) {
+    const gwa_lock held(queue->lock);
+    for (gwa_output_node& node : queue->nodes) {
+        if (unwanted(node)) {
+            list_unlink(node);
+            release(&node);
+        }
+    }
+}
+
+// ---- Sending ----
+
+enum class gwa_sent : uint8_t {
+    WHOLE,    // the node is the caller's, and in no queue
+    PART,     // the rest of it is at the front of the queue
+    NOTHING,  // the socket takes nothing now, and has said so by EAGAIN or by 0; back at the front
+    FAILED,   // errno says why; it is back at the front
+};
+
+// Sends what remains of a node that was taken off `queue`, and counts the bytes. `expected` and
+// `sent` are for the caller's log line.
+gwa_sent gwa_connection_node_send(gwa_output_queue* queue, gwa_output_node* node, int fd,
+                                  gwa_traffic* traffic, int* expected, int* sent);

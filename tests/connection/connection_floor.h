@@ -1,0 +1,193 @@
+// connection_floor.h - a connection of each kind without its thread: the test is the loop or the
+// worker, and the server at the other end.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "connection/gwa_connection.h"
+#include "connection/gwa_connection_cntl.h"
+#include "connection/gwa_connection_data_in.h"
+#include "connection/gwa_connection_data_round.h"
+#include "connection/gwa_stream.h"
+#include "login/gwa_login.h"
+#include "runtime/gwa_util_time.h"
+#include "support/fake_time.h"
+#include "support/frames.h"
+#include "support/run_flags.h"
+#include "support/socket_pair.h"
+
+// What both kinds start from: a silent log, fresh tables, a clock that stands still.
+struct connection_floor : testing::Test {
+    // s; half a minute before the coarse clock wraps, so that whatever a test waits for lies
+    // beyond.
+    static constexpr int64_t START = INT32_MAX - 30;
+    run_flags flags;
+    fake_time time;
+    socket_pair sockets;
+
+    connection_floor(bool data_wanted, int family) : flags(true, data_wanted), sockets(family) {
+        gwa_log_level_set(GWA_LOG_OFF);
+        gwa_connection_table_init();
+        set_clock(START);
+    }
+    ~connection_floor() override { gwa_log_level_set(GWA_LEVEL_DEBUG); }
+    static int32_t coarse(int64_t seconds) { return static_cast<int32_t>(seconds); }
+    static void set_clock(int64_t seconds) {
+        fake_time::now_us = seconds * 1'000'000;
+        gwa_now_refresh();
+    }
+    std::string sent() { return sockets.peer_hears(); }
+    void server_sends(const std::string& bytes) { EXPECT_TRUE(sockets.peer_says(bytes)); }
+    // From here on the server reads nothing, and the socket has no room left.
+    void fill_socket() {
+        const std::string fill(1 << 20, 'f');
+        while (send(sockets.ours, fill.data(), fill.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+};
+
+struct control_floor : connection_floor {
+    static constexpr int LOW_WATER = 16;  // as the login leaves it
+    static inline int restarts;
+    gwa_connection_cntl* cntl = &gwa_connections.cntl;
+
+    control_floor() : connection_floor(false, AF_INET) {
+        setsockopt(sockets.ours, SOL_SOCKET, SO_RCVLOWAT, &LOW_WATER, sizeof LOW_WATER);
+        EXPECT_EQ(gwa_connection_cntl_init(cntl, dup(sockets.ours)), GWA_OK);
+        cntl->heartbeat.last_in_time = coarse(START);
+        restarts = 0;
+        cntl->hooks.restart = [] { restarts++; };
+    }
+    ~control_floor() override {
+        gwa_connection_cntl_exit(cntl);
+        EXPECT_EQ(cntl->socket, -1);
+    }
+    // Rounds of the loop. Each has one pause, behind its input and before its output; the first one
+    // may bring something about.
+    void rounds(
+        int count, std::function<void()> first_pause = [] {}) {
+        static int left;
+        static std::function<void()> event;
+        left = count;
+        event = std::move(first_pause);
+        gwa_time.sleep_us = [](int64_t us) {
+            std::exchange(event, [] {})();
+            fake_time::now_us += us;
+            gwa_process_run = --left > 0;
+        };
+        EXPECT_EQ(gwa_connection_cntl_manage(cntl), GWA_JUMP_NONE);
+        gwa_process_run = 1;
+    }
+    // Queues a report of so many letters. Hands back its frame.
+    std::string report(char letter, size_t length) {
+        gwa_output_node* const node = gwa_connection_frame_new(
+            gwa_command::REPORT_STATUS, GWA_FLAG_COMMAND, 0, static_cast<uint32_t>(length));
+        memset(gwa_connection_payload_of(node), letter, length);
+        gwa_connection_cntl_report(cntl, node);
+        return frame_bytes(STATUS, 0, std::string(length, letter));
+    }
+    uint64_t packets_in() const { return gwa_counter_get(cntl->traffic.packets_in); }
+};
+
+struct data_floor : connection_floor {
+    gwa_connection_data* conn = &gwa_connections.data[0];
+    char device_id[GWA_DEVICE_ID_SIZE] = "box";
+    std::string all_sent;  // by rounds_until_idle
+
+    data_floor() : connection_floor(true, AF_UNIX) {
+        gwa_device_id = device_id;
+        gwa_login.local_address = INADDR_LOOPBACK;
+        connect();
+        conn->last_check_time = coarse(START);
+        heard_and_said_at(START);
+    }
+    ~data_floor() override {
+        gwa_connection_data_free(conn);
+        EXPECT_EQ(gwa_connection_memory(conn), 0U) << "what was charged has been released";
+        EXPECT_EQ(conn->output.count, 0U);
+        EXPECT_EQ(conn->streams.count, 0);
+        gwa_device_id = nullptr;
+    }
+    void connect() {
+        EXPECT_EQ(gwa_connection_data_init2(conn), GWA_OK);
+        conn->socket = dup(sockets.ours);
+        EXPECT_EQ(poll_add(&conn->poller, conn->socket, gwa_connection_data_remote_handle, conn,
+                           &conn->socket),
+                  GWA_OK);
+    }
+    void heard_and_said_at(int64_t seconds) {
+        conn->heartbeat.last_out_time = conn->heartbeat.last_in_time = coarse(seconds);
+    }
+    // Runs rounds; true as soon as the connection has closed itself.
+    bool closes_in(int rounds) {
+        for (int i = 0; i < rounds; i++) {
+            if (gwa_connection_data_round(conn) == gwa_step::CLOSED) {
+                EXPECT_EQ(conn->socket, -1);
+                return true;
+            }
+        }
+        return false;
+    }
+    void rounds(int count) { EXPECT_FALSE(closes_in(count)); }
+    // Runs rounds, with a server that reads, up to the first one that waits in vain.
+    void rounds_until_idle() {
+        const int64_t waited = fake_time::waited_us;
+        while (fake_time::waited_us == waited && !HasFailure()) {
+            rounds(1);
+            all_sent += sent();
+        }
+    }
+    // What the server gets in reply to what it says, when nothing else comes to pass.
+    std::string reply_to(const std::string& bytes) {
+        server_sends(bytes);
+        all_sent.clear();
+        rounds_until_idle();
+        return all_sent;
+    }
+    // A frame without payload.
+    gwa_output_node* frame_new(uint32_t stream_id) {
+        gwa_stream stream;
+        stream.id = stream_id;
+        return gwa_connection_data_frame_new(conn, &stream, 0);
+    }
+};
+
+// A service on the box: a listening socket that the connection's streams reach.
+inline std::string request(int port, const std::string& more = "") {
+    return "GET /?x-qv-devid=box&x-qv-port=" + std::to_string(port) + more + " HTTP/1.1\r\n\r\n";
+}
+struct stream_floor : data_floor {
+    loopback_listener listener;
+    unique_fd accepted;
+
+    gwa_stream* open(uint32_t stream_id, const std::string& more = "") {
+        server_sends(frame_bytes(DATA, stream_id, request(listener.port, more)));
+        rounds(1);
+        accepted = listener.accept();
+        return gwa_stream_find_by_id(&conn->streams.all, stream_id);
+    }
+    // True once the bytes wait for the stream; the kernel may take its time.
+    static bool service_says(const unique_fd& service, const gwa_stream* stream,
+                             const std::string& text) {
+        return write_all(service.get(), text) && eventually([&] {
+                   int waiting = 0;
+                   ioctl(stream->socket, FIONREAD, &waiting);
+                   return waiting >= static_cast<int>(text.size());
+               });
+    }
+};
+
+// What the daemon itself answers, which needs no service.
+inline std::string echo_request(uint32_t stream) {
+    return frame_bytes(DATA, stream, request(10010, "&x-qv-gwad-opt=echo"));
+}
+inline std::string echo_answer(uint32_t stream) {
+    return frame_bytes(
+        DATA, stream, "HTTP/1.1 200 OK\r\nContent-Type:text/plain\r\nContent-Length:4\r\n\r\necho");
+}

@@ -1,0 +1,124 @@
+#include "connection/gwa_connection_cntl_command.h"
+
+#include "connection/connection_floor.h"
+#include "runtime/gwa_process.h"
+#include "support/files.h"
+
+namespace {
+
+uint32_t times_taken[2];
+gwa_host_list servers_taken;
+
+struct ControlCommands : control_floor {
+    // What the handler answers to one frame, of which the header has been read.
+    int handle(gwa_command command, const std::string& payload) {
+        server_sends(payload);
+        uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
+        gwa_protocol_build(bytes, GWA_VERSION_PLAIN, command, GWA_FLAG_COMMAND, 0,
+                           static_cast<uint32_t>(payload.size()));
+        return gwa_connection_cntl_proto_handle(cntl, bytes);
+    }
+    size_t unread() {
+        char bytes[GWA_FRAME_MAX];
+        return static_cast<size_t>(
+            std::max<ssize_t>(recv(cntl->socket, bytes, sizeof bytes, MSG_DONTWAIT), 0));
+    }
+};
+
+TEST_F(ControlCommands, TakeExactlyTheirLengthAndLeaveTheRest) {
+    cntl->hooks.reporting_times = [](uint32_t t1, uint32_t t2) {
+        times_taken[0] = t1;
+        times_taken[1] = t2;
+        return 0;
+    };
+    const std::string times("\0\0\0\7\0\0\x0e\x11", 8);
+    const struct {
+        gwa_command command;
+        std::string payload;
+        int result;
+        size_t left;
+    } cases[] = {
+        {gwa_command::ALLOC_SESSION_ID, std::string(31, 's'), -1, 31},
+        {gwa_command::ALLOC_SESSION_ID, std::string(33, 's'), -1, 33},
+        {gwa_command::CONTROL_REPORTING, times.substr(0, 4), -1, 4},
+        {gwa_command::CONTROL_REPORTING, times, 0, 0},
+        {gwa_command::SET_PRIVACY_DATA, std::string(GWA_PAYLOAD_MAX, 'p'), 0, 0},
+        {gwa_command::REPORT_STATUS, "1234", 0, 0},
+        {gwa_command::RESPONSE_DEVICE_INFO, "{}", -1, 2},
+        {gwa_command::DATA, "x", -1, 1},
+        {gwa_command::REPORT_DEVICE_INFO, "x", -1, 1},
+        {gwa_command::CLOSE_STREAM, "x", -1, 1},
+        {gwa_command::REPORT_PORT_INFO, "x", -1, 1},
+        {gwa_command::NEW_DATA_CONNECTION, std::string(127, 'n'), 0, 0},
+    };
+    uint64_t bytes_in = 0;
+    int64_t now = START;
+    for (const auto& [command, payload, result, left] : cases) {
+        set_clock(++now);
+        EXPECT_EQ(handle(command, payload), result) << static_cast<int>(command);
+        EXPECT_EQ(unread(), left) << static_cast<int>(command);
+        bytes_in += GWA_HEADER_SIZE + payload.size() - left;
+        EXPECT_EQ(gwa_counter_get(cntl->traffic.bytes_in), bytes_in);
+        EXPECT_EQ(cntl->heartbeat.last_in_time == coarse(now), left == 0);
+    }
+    EXPECT_EQ(packets_in(), std::size(cases));
+    EXPECT_EQ(times_taken[0], 7U);
+    EXPECT_EQ(times_taken[1], 3601U);
+    EXPECT_EXIT(handle(gwa_command::NEW_DATA_CONNECTION, std::string(128, 'n')),
+                testing::KilledBySignal(SIGABRT), "Assertion");
+}
+
+TEST_F(ControlCommands, ABadHeaderCountsForNothing) {
+    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
+    EXPECT_EQ(gwa_connection_cntl_proto_handle(cntl, bytes), GWA_FAILED);
+    EXPECT_EQ(packets_in(), 0U);
+    EXPECT_EQ(restarts, 0);
+}
+
+TEST_F(ControlCommands, TheSessionIdReplacesTheFile) {
+    const temp_dir home;
+    const std::string file = home.path + "/session.id";
+    text_copy(gwa_process_paths.session_id_file, file);
+    file_write(file, "what was there before, and longer than a session id");
+    const std::string id = "0123456789abcdef0123456789abcdef";
+    EXPECT_EQ(handle(gwa_command::ALLOC_SESSION_ID, id), 0);
+    EXPECT_EQ(file_read(file), id);
+}
+
+TEST_F(ControlCommands, AnOrderIsPassedOnWhole) {
+    cntl->hooks.order = [](const gwa_host_list& servers) { servers_taken = servers; };
+    std::string order = "{";
+    for (int i = 1; i <= GWA_HOST_COUNT; i++) {
+        const std::string n = std::to_string(i);
+        order += "\"host" + n + "\":\"h" + n + "\",\"port" + n + "\":\"7000" + n + "\",";
+    }
+    gwa_connection_cntl_remote_data_parse(cntl, order.c_str());
+    for (int i = 0; i < GWA_HOST_COUNT; i++) {
+        EXPECT_EQ(std::string(servers_taken.hosts[i]), "h" + std::to_string(i + 1));
+        EXPECT_EQ(servers_taken.ports[i], (70001 + i) & 0xffff) << "the low 16 bits";
+    }
+    servers_taken.ports[0] = 1;
+    gwa_connection_cntl_remote_data_parse(cntl, "{\"host1\":\"h1\"}");
+    EXPECT_EQ(servers_taken.ports[0], 1) << "half an order is none";
+}
+
+TEST_F(ControlCommands, WrongAnswersAddUpUntilARightOneComes) {
+    cntl->heartbeat.seq = 42;
+    const struct {
+        uint32_t answer;
+        int32_t misses;
+        int restarts;
+    } cases[] = {{42, 1, 0}, {40, 2, 0}, {41, 0, 0}, {7, 1, 0}, {7, 2, 0}, {7, 0, 1}};
+    for (const auto& [answer, misses, restarted] : cases) {
+        handle(gwa_command::HEARTBEAT, be32(answer));
+        EXPECT_EQ(cntl->heartbeat_misses, misses) << answer;
+        EXPECT_EQ(restarts, restarted) << answer;
+    }
+    handle(gwa_command::HEARTBEAT, "ab");
+    EXPECT_EQ(cntl->heartbeat_misses, 1) << "half an answer, and ten seconds";
+    EXPECT_EQ(fake_time::now_us, (START + 10) * 1'000'000);
+    handle(gwa_command::CLOSE_CONNECTION, "");
+    EXPECT_EQ(restarts, 2);
+}
+
+}  // namespace

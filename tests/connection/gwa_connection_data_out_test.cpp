@@ -1,0 +1,150 @@
+#include "connection/gwa_connection_data_out.h"
+
+#include "connection/connection_floor.h"
+
+namespace {
+
+using DataOutput = data_floor;
+
+TEST_F(DataOutput, HeartbeatsFollowTheClockOneAtATime) {
+    conn->heartbeat.seq = conn->heartbeat_resp = 41;
+    set_clock(START + 60);
+    rounds(3);
+    EXPECT_EQ(sent(), "");
+    set_clock(START + 61);
+    rounds(3);
+    EXPECT_EQ(sent(), heartbeat_frame(41));
+    EXPECT_EQ(conn->heartbeat.last_out_time, coarse(START + 61));
+    set_clock(START + 200);  // not answered: no further one
+    rounds(3);
+    EXPECT_EQ(sent(), "");
+    EXPECT_EQ(reply_to(heartbeat_frame(41)), heartbeat_frame(42))
+        << "answered, and still silent for a minute";
+    server_sends(heartbeat_frame(41));
+    EXPECT_TRUE(closes_in(1)) << "a wrong number starts the connection over";
+}
+
+TEST_F(DataOutput, AKeepaliveGoesFirstAndComesAgainAMinuteLater) {
+    set_clock(START + 241);
+    conn->heartbeat.last_out_time = coarse(START + 241);  // busy sending, nothing comes in
+    gwa_connection_data_send(conn, frame_new(1));
+    gwa_connection_data_keepalive_handle(conn);
+    EXPECT_EQ(conn->heartbeat.last_in_time, coarse(START + 61));
+    rounds(1);
+    EXPECT_EQ(sent(), heartbeat_frame(0) + frame_bytes(DATA, 1));
+    server_sends(heartbeat_frame(0));
+    rounds(1);
+    EXPECT_EQ(conn->heartbeat_resp, conn->heartbeat.seq);
+    // By the clock: 240 s of silence are not enough.
+    for (const auto& [silent, expected] :
+         {std::pair{240, std::string()}, {241, heartbeat_frame(1)}}) {
+        heard_and_said_at(START + 241);
+        conn->heartbeat.last_in_time = coarse(START + 241 - silent);
+        rounds(3);
+        EXPECT_EQ(sent(), expected) << silent;
+    }
+}
+
+TEST_F(DataOutput, NothingFreesTheHeartbeatFrameOrUsesItTwice) {
+    set_clock(START + 241);
+    gwa_connection_data_keepalive_handle(conn);
+    gwa_connection_data_output_free_by_id(conn, 0);
+    set_clock(START + 5000);
+    gwa_connection_data_buffer_timeout_check(conn);
+    conn->heartbeat_resp = conn->heartbeat.seq;  // as if answered while still queued
+    gwa_connection_data_keepalive_handle(conn);
+    gwa_connection_data_heartbeat_handle(conn);
+    EXPECT_EQ(conn->heartbeat.seq, 1U);
+    conn->heartbeat.node.flags |= GWA_NODE_PARTLY_SENT;
+    heard_and_said_at(START + 5000);
+    rounds(1);
+    EXPECT_EQ(sent(), heartbeat_frame(0));
+    EXPECT_EQ(gwa_connection_queue_is_empty(&conn->output.queue), 1);
+    EXPECT_EQ(conn->heartbeat.node.flags, GWA_NODE_HEARTBEAT) << "ready for the next one";
+    EXPECT_FALSE(gwa_connection_heartbeat_is_queued(&conn->heartbeat));
+}
+
+TEST_F(DataOutput, AHeartbeatThatFindsTheQueueBusyTakesItsNumberBack) {
+    gwa_connection_data_send(conn, frame_new(3));
+    gwa_connection_data_heartbeat_handle(conn);
+    EXPECT_EQ(conn->heartbeat.seq, 0U);
+    rounds(1);
+    EXPECT_EQ(sent(), frame_bytes(DATA, 3));
+    gwa_connection_data_heartbeat_handle(conn);
+    rounds(1);
+    EXPECT_EQ(sent(), heartbeat_frame(0));
+}
+
+TEST_F(DataOutput, StaleFramesAreDroppedButNotAPartlySentOne) {
+    gwa_output_node* const first = frame_new(1);
+    gwa_connection_data_send(conn, first);
+    gwa_connection_data_send(conn, frame_new(2));
+    gwa_connection_data_send(conn, frame_new(3));
+    first->flags |= GWA_NODE_PARTLY_SENT;
+    gwa_connection_data_output_free_by_id(conn, 1);
+    gwa_connection_data_output_free_by_id(conn, 2);
+    EXPECT_EQ(conn->output.count, 2U);
+    set_clock(START + 600);
+    gwa_connection_data_buffer_timeout_check(conn);
+    EXPECT_EQ(conn->output.count, 2U);
+    set_clock(START + 601);
+    gwa_connection_data_buffer_timeout_check(conn);
+    EXPECT_EQ(conn->output.count, 1U);
+}
+
+TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
+    constexpr uint32_t MUCH = 2 << 20;
+    gwa_stream stream;
+    stream.id = 5;
+    gwa_output_node* const node = gwa_connection_data_frame_new(conn, &stream, MUCH);
+    std::fill_n(gwa_connection_payload_of(node), MUCH, uint8_t{'m'});
+    gwa_connection_data_send(conn, node);
+    gwa_connection_data_send(conn, frame_new(6));
+    set_clock(START + 9);
+    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
+    EXPECT_EQ(conn->output.state, gwa_out_state::PARTLY_SENT);
+    EXPECT_EQ(conn->heartbeat.last_out_time, coarse(START + 9));
+    EXPECT_FALSE(gwa_connection_data_can_send(conn)) << "the socket will tell";
+    std::string heard;
+    while (conn->output.count > 0 && !HasFailure()) {
+        heard += sent();
+        EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
+    }
+    heard += sent();
+    EXPECT_TRUE(heard == frame_bytes(DATA, 5, std::string(MUCH, 'm')) + frame_bytes(DATA, 6));
+    EXPECT_EQ(gwa_counter_get(conn->traffic.bytes_out), heard.size());
+    EXPECT_EQ(gwa_counter_get(conn->traffic.packets_out), 2U);
+    EXPECT_EQ(conn->output.state, gwa_out_state::DRAINED);
+}
+
+TEST_F(DataOutput, ThePolicyHoldsBackWhatTheServerDoesNotRead) {
+    gwa_connection_data_send(conn, frame_new(1));
+    fill_socket();
+    const int64_t before = fake_time::now_us;
+    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
+    EXPECT_EQ(conn->output.send_level, 5);
+    EXPECT_EQ(fake_time::now_us - before, 30'000'000);
+    EXPECT_EQ(conn->output.count, 1U);
+    sent();
+    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
+    EXPECT_EQ(conn->output.send_level, 0);
+    EXPECT_EQ(sent(), frame_bytes(DATA, 1));
+}
+
+TEST_F(DataOutput, ASocketThatFailsClosesItAndTakesTheFramesAlong) {
+    gwa_connection_data_send(conn, frame_new(1));
+    gwa_connection_data_send(conn, frame_new(2));
+    shutdown(conn->socket, SHUT_WR);
+    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::CLOSED);
+    EXPECT_EQ(gwa_connection_memory(conn), 0U);
+    connect();
+    const int fd = std::exchange(conn->socket, -1);
+    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::CLOSED) << "nobody can tell";
+    close(fd);
+    connect();
+    gwa_connection_run = 0;  // no failure: the daemon stops
+    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
+    EXPECT_EQ(conn->output.state, gwa_out_state::DRAINED);
+}
+
+}  // namespace

@@ -1,0 +1,128 @@
+#include "connection/gwa_connection_data_round.h"
+
+#include "connection/connection_floor.h"
+#include "connection/gwa_connection_data_addr.h"
+#include "support/files.h"
+
+namespace {
+
+using DataRound = stream_floor;
+
+// What no event tells of any more is done without a wait in between.
+TEST_F(DataRound, DoesNotWaitWhileThereIsWork) {
+    std::string asked, answered;
+    for (uint32_t stream = 1; stream <= 200; stream++) {  // more than one pass takes
+        asked += echo_request(stream);
+        answered += echo_answer(stream);
+    }
+    EXPECT_EQ(reply_to(asked), answered) << "input beyond the budget of a pass";
+
+    const gwa_stream* const stream = open(1000);
+    const int room = 1 << 20;
+    setsockopt(stream->socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+    const std::string page = noise(20 * GWA_PAYLOAD_MAX + 10, 1);
+    ASSERT_TRUE(service_says(accepted, stream, page));
+    all_sent.clear();
+    rounds_until_idle();
+    std::string body;
+    for (size_t at = 0; at < all_sent.size(); at += HEADER_SIZE + GWA_PAYLOAD_MAX) {
+        body += all_sent.substr(at + HEADER_SIZE, GWA_PAYLOAD_MAX);
+    }
+    EXPECT_TRUE(body == page) << body.size() << ": local data beyond the share of a round";
+}
+
+TEST_F(DataRound, WaitsWhileNothingCanBeDone) {
+    rounds(1);
+    EXPECT_EQ(std::exchange(fake_time::waited_us, 0), 0) << "the socket is writable";
+    rounds(1);
+    EXPECT_EQ(std::exchange(fake_time::waited_us, 0), 1'000'000) << "nothing to do at all";
+    const gwa_stream* const stream = open(1);
+    rounds(2);
+    EXPECT_EQ(std::exchange(fake_time::waited_us, 0), 100'000) << "a stream, which is silent";
+    ASSERT_TRUE(service_says(accepted, stream, noise(5 * GWA_PAYLOAD_MAX, 1)));
+    const uint32_t taken = 8 << 20;  // by buffers that are not there
+    gwa_connection_memory_charge(conn, taken);
+    rounds(2);
+    EXPECT_EQ(std::exchange(fake_time::waited_us, 0), 100'000) << "local data, no memory for it";
+    EXPECT_EQ(sent(), "");
+    gwa_connection_memory_release(conn, taken);
+    fill_socket();
+    const int64_t before = fake_time::now_us;
+    rounds(10);
+    EXPECT_GE(fake_time::now_us - before, 10 * 100'000) << "frames, but no room for them";
+    sent();
+}
+
+TEST_F(DataRound, MemoryThatACloseSetsFreeWakesTheOthersAtOnce) {
+    gwa_stream* const greedy = open(1);
+    const unique_fd keeps_first = std::move(accepted);
+    const gwa_stream* const waiting = open(2);
+    uint8_t* const held = static_cast<uint8_t*>(calloc(1, 5 << 20));
+    gwa_connection_memory_charge(conn, 5 << 20);
+    gwa_stream_local_output_enqueue(greedy, held, 5 << 20);
+    ASSERT_TRUE(service_says(accepted, waiting, "late"));
+    rounds(1);
+    EXPECT_EQ(conn->output.count, 0U);
+    // The poller's event takes as many frames as a pass may, the round itself the one behind them.
+    std::string frames;
+    for (int i = 0; i < 64; i++) {
+        frames += frame_bytes(DATA, 9);
+    }
+    server_sends(frames + frame_bytes(CLOSE_STREAM, 1));
+    rounds(1);
+    EXPECT_EQ(conn->output.count, 1U);
+    rounds(1);
+    EXPECT_EQ(sent(), frame_bytes(DATA, 2, "late"));
+}
+
+// Every ten minutes, and not before.
+TEST_F(DataRound, FreesIdleStreamsAndStaleFrames) {
+    open(1);
+    set_clock(START + 298);
+    heard_and_said_at(START + 298);
+    open(2);
+    gwa_output_node* const stale = frame_new(1);
+    gwa_connection_data_send(conn, stale);
+    stale->enqueue_time = coarse(START);
+    fill_socket();
+    for (const int64_t seconds : {600, 601}) {
+        set_clock(START + seconds);
+        heard_and_said_at(START + seconds);
+        rounds(1);
+        const bool checked = seconds > 600;
+        EXPECT_EQ(conn->streams.count, checked ? 0 : 2) << "silent for more than 300 s";
+        EXPECT_EQ(conn->output.count, checked ? 0U : 1U) << "queued for more than 600 s";
+        EXPECT_EQ(conn->last_check_time, coarse(START + (checked ? 601 : 0)));
+    }
+}
+
+TEST_F(DataRound, AStreamIsIdleAfterMoreThanFiveMinutes) {
+    open(1);
+    for (const int64_t seconds : {300, 301}) {
+        set_clock(START + seconds);
+        gwa_connection_data_stream_idle_check(conn);
+        EXPECT_EQ(conn->streams.count, seconds == 300 ? 1 : 0);
+    }
+}
+
+TEST_F(DataRound, ANewerOrderOrAPollerThatFailsClosesTheConnection) {
+    gwa_host_list servers;
+    for (int i = 0; i < GWA_HOST_COUNT; i++) {
+        text_copy(servers.hosts[i], "relay.example.com");
+        servers.ports[i] = 1;
+    }
+    gwa_connection_data_order_all(&gwa_connections.data, servers);
+    EXPECT_TRUE(closes_in(1));
+    EXPECT_TRUE(conn->closed);
+    conn->order.taken = conn->order.serial;
+    connect();
+    EXPECT_FALSE(conn->closed);
+    close(std::exchange(conn->poller.epfd, -1));
+    EXPECT_TRUE(closes_in(1));
+    connect();
+    close(std::exchange(conn->poller.epfd, -1));
+    gwa_connection_run = 0;
+    EXPECT_FALSE(closes_in(1)) << "the daemon stops, and the worker frees the connection itself";
+}
+
+}  // namespace
