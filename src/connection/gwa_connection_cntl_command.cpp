@@ -3,7 +3,7 @@
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_file.h"
-#include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_socket_recv.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

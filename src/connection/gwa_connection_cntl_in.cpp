@@ -8,7 +8,7 @@
 #include "connection/gwa_connection_cntl_command.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
-#include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_socket_recv.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

@@ -23,7 +23,7 @@ enum class policy : uint8_t { SEND, HOLD, FAILED };
 static policy traffic_policy(gwa_connection_data* conn) {
     int level = 0;
     const int waited =
-        gwa_socket_send_buffer_wait(conn->socket, SEND_BUFFER_LIMIT, 0, &level, SEND_BUFFER_WAIT_S);
+        gwa_socket_send_buffer_wait(conn->socket, SEND_BUFFER_LIMIT, 0, &level, SEND_BUFFER_WAIT_S, gwa_connection_running);
     if (!gwa_connection_running()) {
         conn->output.state = gwa_out_state::DRAINED;
         return policy::HOLD;

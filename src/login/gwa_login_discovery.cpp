@@ -14,6 +14,7 @@
 #include "runtime/gwa_types.h"
 #include "runtime/gwa_util_net.h"
 #include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_socket_recv.h"
 
 namespace {
 

@@ -12,6 +12,7 @@
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_socket_recv.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

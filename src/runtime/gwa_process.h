@@ -21,8 +21,8 @@ inline bool gwa_connection_running() {
     return gwa_process_running() && gwa_connection_run.load(std::memory_order_relaxed) != 0;
 }
 
-// What a restart point is told. REINIT and EXIT go to the supervisor, RESTART and EXIT to the
-// worker of a data connection.
+// What the supervisor is told: REINIT or EXIT. RESTART is the number that the log gives a data
+// connection which begins anew.
 enum gwa_jump : int {
     GWA_JUMP_NONE = 0,
     GWA_JUMP_REINIT = 1,

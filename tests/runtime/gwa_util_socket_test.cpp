@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "runtime/gwa_types.h"
+#include "runtime/gwa_util_socket_recv.h"
 #include "support/fake_time.h"
 #include "support/files.h"
 #include "support/log_of.h"
@@ -220,7 +221,9 @@ TEST(SendBufferLevel, FollowsTheQuarterMarks) {
 TEST_F(SendBufferWait, EndsWhenDrainedOrAtTheLimit) {
     run_flags running{true};
     int level = 9;
-    const auto wait = [&](int fd) { return gwa_socket_send_buffer_wait(fd, 1000, 0, &level, 1); };
+    const auto wait = [&](int fd) {
+        return gwa_socket_send_buffer_wait(fd, 1000, 0, &level, 1, gwa_connection_running);
+    };
     EXPECT_EQ(wait(sockets.ours), GWA_OK);
     EXPECT_EQ(level, 0);
     std::string text(4000, 'x');
