@@ -1,8 +1,5 @@
 #include "connection/gwa_connection_data_in.h"
 
-#include <sys/socket.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -17,42 +14,8 @@
 namespace {
 
 constexpr int FRAMES_PER_PASS = 64;  // half a megabyte at most, then sending has its turn
-constexpr int HEADER_LIMIT_S = 10;
-constexpr int HEARTBEAT_LIMIT_S = 10;
-constexpr int PAYLOAD_LIMIT_S = 120;
-constexpr int DISCARD_LIMIT_S = 120;
-constexpr size_t SCRATCH_SIZE = 2048;
-
-enum class fill : uint8_t {
-    DONE,     // the step has all of its bytes
-    BLOCKED,  // the rest is not there yet
-    CLOSED,   // end of file
-    FAILED,   // errno
-};
 
 }  // namespace
-
-// ---- The steps of a frame ----
-
-// Begins a step. The time of a header begins with its first byte.
-static void step_begin(gwa_data_input* input, gwa_input_step step, uint32_t want) {
-    input->step = step;
-    input->have = 0;
-    input->want = want;
-    input->begun = gwa_time_seconds();
-}
-
-static void next_frame(gwa_data_input* input) {
-    step_begin(input, gwa_input_step::HEADER, GWA_HEADER_SIZE);
-}
-
-void gwa_connection_data_extra_discard(gwa_connection_data* conn, uint32_t count) {
-    step_begin(&conn->input, gwa_input_step::EXTRA_DISCARD, count);
-}
-
-bool gwa_connection_data_discards_extra(const gwa_connection_data* conn) {
-    return conn->input.step == gwa_input_step::EXTRA_DISCARD;
-}
 
 // The extra discard has ended, whole or not. Exception 47: a heartbeat that was under way before it
 // began may have had its answer thrown away; it counts as answered, or there would never be another
@@ -60,71 +23,8 @@ bool gwa_connection_data_discards_extra(const gwa_connection_data* conn) {
 // fits.
 static gwa_step extra_discard_ended(gwa_connection_data* conn) {
     conn->heartbeat_resp = conn->heartbeat.seq;
-    next_frame(&conn->input);
+    gwa_input_next_frame(&conn->input);
     return gwa_step::GOES_ON;
-}
-
-static bool frame_has_begun(const gwa_data_input& input) {
-    return input.step != gwa_input_step::HEADER || input.have > 0;
-}
-
-// How long a step may take.
-static int step_limit_s(gwa_input_step step) {
-    switch (step) {
-        case gwa_input_step::HEADER: return HEADER_LIMIT_S;
-        case gwa_input_step::HEARTBEAT: return HEARTBEAT_LIMIT_S;
-        case gwa_input_step::PAYLOAD: return PAYLOAD_LIMIT_S;
-        case gwa_input_step::DISCARD:
-        case gwa_input_step::EXTRA_DISCARD: break;
-    }
-    return DISCARD_LIMIT_S;
-}
-
-// Whether the current step has used up its time. A clock that was set back starts it over.
-static bool step_is_late(gwa_data_input* input) {
-    const int64_t now = gwa_time_seconds();
-    input->begun = std::min(input->begun, now);
-    return now >= input->begun + step_limit_s(input->step);
-}
-
-// ---- Receiving ----
-
-// Where the next bytes of the current step go; a discard gets rid of them.
-static uint8_t* step_target(gwa_data_input* input, uint8_t (&scratch)[SCRATCH_SIZE]) {
-    switch (input->step) {
-        case gwa_input_step::HEADER:
-        case gwa_input_step::HEARTBEAT: return input->bytes + input->have;
-        case gwa_input_step::PAYLOAD: return input->payload + input->have;
-        case gwa_input_step::DISCARD:
-        case gwa_input_step::EXTRA_DISCARD: break;
-    }
-    return scratch;
-}
-
-static bool step_discards(gwa_input_step step) {
-    return step == gwa_input_step::DISCARD || step == gwa_input_step::EXTRA_DISCARD;
-}
-
-// Receives for the current step until it is complete or the socket has no more.
-static fill step_fill(int fd, gwa_data_input* input) {
-    uint8_t scratch[SCRATCH_SIZE];
-    while (input->have < input->want) {
-        const size_t missing = input->want - input->have;
-        const size_t room =
-            step_discards(input->step) ? std::min(missing, sizeof scratch) : missing;
-        const ssize_t got = recv(fd, step_target(input, scratch), room, 0);
-        if (got == 0) {
-            return fill::CLOSED;
-        }
-        if (got == -1) {
-            return errno == EAGAIN ? fill::BLOCKED : fill::FAILED;
-        }
-        if (!frame_has_begun(*input)) {
-            input->begun = gwa_time_seconds();
-        }
-        input->have += static_cast<uint32_t>(got);
-    }
-    return fill::DONE;
 }
 
 // ---- What ends a pass ----
@@ -138,17 +38,17 @@ static gwa_step step_failed(gwa_connection_data* conn) {
         case gwa_input_step::DISCARD: break;
         case gwa_input_step::EXTRA_DISCARD: return extra_discard_ended(conn);
     }
-    return gwa_connection_data_close(conn);
+    return gwa_step::CLOSED;
 }
 
 // The socket has nothing more for now.
 static gwa_step input_blocked(gwa_connection_data* conn) {
-    if (!frame_has_begun(conn->input)) {
+    if (!gwa_input_frame_has_begun(&conn->input)) {
         conn->input.more = gwa_more::DRAINED;
         return gwa_step::GOES_ON;
     }
     conn->input.more = gwa_more::WAITS;  // so that every round looks at the time
-    if (!step_is_late(&conn->input)) {
+    if (!gwa_input_step_is_late(&conn->input)) {
         return gwa_step::GOES_ON;
     }
     GWA_LOG(ERROR, "recv timeout...");
@@ -156,7 +56,7 @@ static gwa_step input_blocked(gwa_connection_data* conn) {
 }
 
 static gwa_step input_closed(gwa_connection_data* conn) {
-    if (!frame_has_begun(conn->input)) {
+    if (!gwa_input_frame_has_begun(&conn->input)) {
         conn->input.more = gwa_more::DRAINED;
         // Oddity 20: an orderly close by the server looks like a drained socket; heartbeats or a
         // failing send find out.
@@ -169,14 +69,14 @@ static gwa_step input_closed(gwa_connection_data* conn) {
 }
 
 static gwa_step input_failed(gwa_connection_data* conn) {
-    const bool begun = frame_has_begun(conn->input);
+    const bool begun = gwa_input_frame_has_begun(&conn->input);
     if (begun && errno == ECONNREFUSED) {
         GWA_LOG(ERROR, "recv failed, connection refused fd %d %s", conn->socket, strerror(errno));
     } else {
         GWA_LOG(ERROR, "recv failed fd %d %s", conn->socket, strerror(errno));
     }
     conn->input.more = gwa_more::WAITS;  // should it go on, the next round meets the error again
-    return begun ? step_failed(conn) : gwa_connection_data_close(conn);
+    return begun ? step_failed(conn) : gwa_step::CLOSED;
 }
 
 // ---- What a frame means ----
@@ -192,9 +92,9 @@ static gwa_step expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
     GWA_LOG(DEBUG, "recv heartbeat response on conn %d", conn->id);
     if (length != GWA_HEARTBEAT_PAYLOAD) {
         GWA_LOG(ERROR, "heartbeat response is invalid");
-        step_begin(&conn->input, gwa_input_step::DISCARD, length);  // exception 41
+        gwa_input_step_begin(&conn->input, gwa_input_step::DISCARD, length);  // exception 41
     } else {
-        step_begin(&conn->input, gwa_input_step::HEARTBEAT, length);
+        gwa_input_step_begin(&conn->input, gwa_input_step::HEARTBEAT, length);
     }
     return gwa_step::GOES_ON;
 }
@@ -203,7 +103,7 @@ static gwa_step expect_payload(gwa_connection_data* conn, uint32_t length) {
     if (length > 0) {
         conn->input.payload = static_cast<uint8_t*>(GWA_MALLOC(length));
         gwa_connection_memory_charge(conn, length);
-        step_begin(&conn->input, gwa_input_step::PAYLOAD, length);
+        gwa_input_step_begin(&conn->input, gwa_input_step::PAYLOAD, length);
     }
     return gwa_step::GOES_ON;
 }
@@ -220,17 +120,17 @@ static gwa_step header_done(gwa_connection_data* conn) {
     if (gwa_protocol_check(&input.header) != GWA_OK) {
         GWA_LOG(ERROR, "protcol check failed, conn %d", conn->id);
         gwa_hexdump(input.bytes, GWA_HEADER_SIZE);
-        return gwa_connection_data_close(conn);
+        return gwa_step::CLOSED;
     }
-    next_frame(&input);
+    gwa_input_next_frame(&input);
     const uint32_t length = input.header.length;
     switch (static_cast<gwa_command>(input.header.command)) {
         case gwa_command::CLOSE_STREAM: return close_stream(conn, input.header.stream_id);
         case gwa_command::CLOSE_CONNECTION:
             GWA_LOG(FATAL, "close the TCP connection %d", conn->id);
-            return gwa_connection_data_close(conn);
+            return gwa_step::CLOSED;
         case gwa_command::RESPONSE_DEVICE_INFO:
-            step_begin(&input, gwa_input_step::DISCARD, length);
+            gwa_input_step_begin(&input, gwa_input_step::DISCARD, length);
             return gwa_step::GOES_ON;
         case gwa_command::HEARTBEAT: return expect_heartbeat(conn, length);
         default: return expect_payload(conn, length);  // stream data, whatever the command says
@@ -243,10 +143,10 @@ static gwa_step heartbeat_done(gwa_connection_data* conn) {
     if (sequence + 1 != conn->heartbeat.seq) {
         GWA_LOG(FATAL, "heartbeat response not match, seq = %u, must %u", sequence,
                 conn->heartbeat.seq - 1);
-        return gwa_connection_data_close(conn);
+        return gwa_step::CLOSED;
     }
     conn->heartbeat_resp = sequence + 1;
-    next_frame(&conn->input);
+    gwa_input_next_frame(&conn->input);
     return gwa_step::GOES_ON;
 }
 
@@ -255,7 +155,7 @@ static gwa_step payload_done(gwa_connection_data* conn) {
     uint8_t* const payload = input.payload;
     input.payload = nullptr;  // the dispatch owns it
     gwa_counter_add(conn->traffic.bytes_in, input.header.length);
-    next_frame(&input);  // before the dispatch, which may order a discard instead
+    gwa_input_next_frame(&input);  // before the dispatch, which may order a discard instead
     gwa_connection_remote_data_parse(conn, &input.header, payload, input.header.length);
     return gwa_step::GOES_ON;
 }
@@ -269,18 +169,18 @@ static gwa_step step_done(gwa_connection_data* conn) {
         case gwa_input_step::EXTRA_DISCARD: return extra_discard_ended(conn);
     }
     gwa_counter_add(conn->traffic.bytes_in, conn->input.want);
-    next_frame(&conn->input);
+    gwa_input_next_frame(&conn->input);
     return gwa_step::GOES_ON;
 }
 
 gwa_step gwa_connection_data_remote_in_handle(gwa_connection_data* conn) {
     for (int headers = 0; headers < FRAMES_PER_PASS;) {
         headers += conn->input.step == gwa_input_step::HEADER ? 1 : 0;
-        switch (step_fill(conn->socket, &conn->input)) {
-            case fill::BLOCKED: return input_blocked(conn);
-            case fill::CLOSED: return input_closed(conn);
-            case fill::FAILED: return input_failed(conn);
-            case fill::DONE: break;
+        switch (gwa_input_step_fill(&conn->input, conn->socket)) {
+            case gwa_input_fill::BLOCKED: return input_blocked(conn);
+            case gwa_input_fill::CLOSED: return input_closed(conn);
+            case gwa_input_fill::FAILED: return input_failed(conn);
+            case gwa_input_fill::DONE: break;
         }
         if (step_done(conn) == gwa_step::CLOSED) {
             return gwa_step::CLOSED;

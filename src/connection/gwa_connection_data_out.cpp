@@ -22,8 +22,8 @@ enum class policy : uint8_t { SEND, HOLD, FAILED };
 // is no reason to complain or to start over.
 static policy traffic_policy(gwa_connection_data* conn) {
     int level = 0;
-    const int waited =
-        gwa_socket_send_buffer_wait(conn->socket, SEND_BUFFER_LIMIT, 0, &level, SEND_BUFFER_WAIT_S, gwa_connection_running);
+    const int waited = gwa_socket_send_buffer_wait(conn->socket, SEND_BUFFER_LIMIT, 0, &level,
+                                                   SEND_BUFFER_WAIT_S, gwa_connection_running);
     if (!gwa_connection_running()) {
         conn->output.state = gwa_out_state::DRAINED;
         return policy::HOLD;
@@ -52,7 +52,7 @@ static gwa_step send_node(gwa_connection_data* conn, gwa_output_node* node, bool
                                      &sent)) {
         case gwa_sent::FAILED:
             GWA_LOG(DEBUG, "send to remote socket error fd %d %s", conn->socket, strerror(errno));
-            return gwa_connection_data_close(conn);
+            return gwa_step::CLOSED;
         case gwa_sent::NOTHING:
             if (sent == 0) {
                 GWA_LOG(INFO, "send to remote socket return 0");
@@ -83,7 +83,7 @@ gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn) {
     switch (traffic_policy(conn)) {
         case policy::SEND: break;
         case policy::HOLD: return gwa_step::GOES_ON;
-        case policy::FAILED: return gwa_connection_data_close(conn);
+        case policy::FAILED: return gwa_step::CLOSED;
     }
     conn->output.state = gwa_out_state::DRAINED;
     for (bool sent_any = false; gwa_connection_running(); sent_any = true) {

@@ -7,7 +7,7 @@
 #include "connection/gwa_connection_data_record.h"
 
 // Sends queued frames until the socket would block, after the send buffer has drained far enough.
-// A failing socket closes the connection.
+// CLOSED when the socket fails.
 gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn);
 // Whether frames wait that nothing but the next pass keeps from being sent.
 bool gwa_connection_data_can_send(gwa_connection_data* conn);

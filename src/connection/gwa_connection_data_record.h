@@ -1,5 +1,4 @@
-// gwa_connection_data_record.h - the record of a data connection, its memory figure, its frames,
-// and its beginning and end.
+// gwa_connection_data_record.h - the record of a data connection, its memory figure and its frames.
 //
 // Owner:   five records, static; reset by their makers, never freed.
 // Threads: each record belongs to its worker. Others touch what is atomic, the order (under its
@@ -17,6 +16,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "connection/gwa_connection_data_input.h"
 #include "connection/gwa_connection_heartbeat.h"
 #include "connection/gwa_connection_order.h"
 #include "connection/gwa_connection_queue.h"
@@ -26,17 +26,10 @@
 
 struct gwa_stream;  // gwa_stream.h; a connection lists its streams, a stream names its connection
 
-// What becomes of a connection in a step. Whoever learns that it is closed touches it no more and
-// passes that on, up to the worker.
+// What becomes of a connection in a step. CLOSED: it has failed, or is told to end. Whoever learns
+// that touches it no more and passes it on, up to the round or the poller's callback, which frees
+// it, and to the worker, which begins anew.
 enum class [[nodiscard]] gwa_step : uint8_t{GOES_ON, CLOSED};
-
-// What a source of input can still give, told by what brings it about.
-enum class gwa_more : uint8_t {
-    DRAINED,   // an event of the poller
-    HAS_MORE,  // the next round, which does not wait
-    WAITS,     // each round looks: for memory, for the rest of a frame, after a failed read
-    CLOSED,    // nothing
-};
 
 enum gwa_connection_flag : uint32_t {  // a bit set, stored whole by the main thread
     GWA_CONNECTION_ADDRESS_SET = 1,    // there is an order
@@ -56,26 +49,6 @@ struct gwa_data_order {
     char domain[GWA_HOST_SIZE] = "";
     uint16_t port = 0;
     uint32_t server_address = 0;  // IPv4, host order; 0: not resolved yet
-};
-
-// The frame that is arriving. It survives from pass to pass, so that a frame split anywhere holds
-// up nobody (exception 50).
-enum class gwa_input_step : uint8_t {
-    HEADER,
-    HEARTBEAT,
-    PAYLOAD,
-    DISCARD,        // a payload of the protocol
-    EXTRA_DISCARD,  // what follows a request whose local port was dead: oddity 21
-};
-struct gwa_data_input {
-    gwa_more more = gwa_more::DRAINED;
-    gwa_input_step step = gwa_input_step::HEADER;
-    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};  // the header as received, terminated for the dump
-    gwa_header header = {};                   // the same, checked, in host order
-    uint8_t* payload = nullptr;               // charged to the connection's memory
-    uint32_t have = 0;                        // bytes of the current step
-    uint32_t want = GWA_HEADER_SIZE;
-    int64_t begun = 0;  // s, wall clock; a HEADER begins with its first byte
 };
 
 enum class gwa_out_state : uint16_t {  // of the last output pass
@@ -103,7 +76,7 @@ struct gwa_connection_data {
     pthread_t thread{};
     bool thread_started = false;  // main thread's: there is something to join
     int socket = -1;
-    bool closed = false;  // since the last init2
+    bool closed = false;  // and freed, since the last init2
     poll_set poller;
     gwa_data_order order;
     gwa_data_input input;
@@ -115,13 +88,6 @@ struct gwa_connection_data {
     int32_t last_check_time = 0;      // coarse clock
     gwa_traffic traffic;              // never reset by a restart
 };
-
-// Makes the record ready for a login: empty lists and counters, a fresh poller. 0 or -1.
-int gwa_connection_data_init2(gwa_connection_data* conn);
-// Frees streams, queued frames, a half-read payload, the poller and the socket.
-void gwa_connection_data_free(gwa_connection_data* conn);
-// Frees everything and says so. Always CLOSED.
-gwa_step gwa_connection_data_close(gwa_connection_data* conn);
 
 // ---- The memory figure (worker only) ----
 
@@ -142,9 +108,6 @@ inline uint32_t gwa_connection_memory(const gwa_connection_data* conn) {
 // A charged node for a charged heap buffer, which it owns from here on.
 gwa_output_node* gwa_connection_data_node_new(gwa_connection_data* conn, uint8_t* buffer,
                                               uint32_t size);
-// A charged frame of stream data with room for `length` payload bytes.
-gwa_output_node* gwa_connection_data_frame_new(gwa_connection_data* conn, const gwa_stream* stream,
-                                               uint32_t length);
 // Frees a charged node that is in no queue.
 void gwa_connection_data_node_drop(gwa_connection_data* conn, gwa_output_node* node);
 // Puts a node of this connection on its output queue by priority and counts it.

@@ -1,5 +1,9 @@
 #include "connection/gwa_connection_data_round.h"
 
+#include <unistd.h>
+
+#include <cstdlib>
+
 #include "connection/gwa_connection_data_addr.h"
 #include "connection/gwa_connection_data_in.h"
 #include "connection/gwa_connection_data_out.h"
@@ -10,6 +14,7 @@
 
 namespace {
 
+constexpr int FIRST_WAIT_MS = 100;
 constexpr int WAIT_BUSY_MS = 100;
 constexpr int WAIT_IDLE_MS = 1000;
 constexpr int PAUSE_US = 100;
@@ -18,18 +23,68 @@ constexpr int32_t STREAM_IDLE_S = 300;
 
 }  // namespace
 
+int gwa_connection_data_init2(gwa_connection_data* conn) {
+    conn->closed = false;
+    conn->socket = -1;
+    conn->streams.count.store(0, std::memory_order_relaxed);
+    conn->streams.more = gwa_more::DRAINED;
+    conn->output.count.store(0, std::memory_order_relaxed);
+    conn->heartbeat_resp = conn->heartbeat.seq;
+    if (poll_init(&conn->poller) != GWA_OK) {
+        GWA_LOG(RESULT, "init epoll failed");
+        return GWA_FAILED;
+    }
+    conn->poller.timeout = FIRST_WAIT_MS;
+    return GWA_OK;
+}
+
+static void free_half_read_payload(gwa_connection_data* conn) {
+    if (conn->input.payload != nullptr) {
+        gwa_connection_memory_release(conn, conn->input.header.length);
+        free(conn->input.payload);
+    }
+    conn->input = {};
+}
+
+void gwa_connection_data_free(gwa_connection_data* conn) {
+    GWA_LOG(DEBUG, "connection data id %d free ...", conn->id);
+    gwa_stream_free_all(&conn->streams.all);
+    free_half_read_payload(conn);
+    gwa_connection_queue_sweep(
+        &conn->output.queue, [](const gwa_output_node&) { return true; },
+        [conn](gwa_output_node* node) { gwa_connection_data_node_release(conn, node); });
+    poll_exit(&conn->poller);  // closes the socket if it was registered
+    if (conn->socket >= 0) {
+        close(conn->socket);
+        conn->socket = -1;
+    }
+    conn->output.state = gwa_out_state::IDLE;
+    GWA_LOG(DEBUG, "connection data id %d free success", conn->id);
+}
+
+static void gwa_connection_data_close(gwa_connection_data* conn) {
+    GWA_LOG(FATAL, "close connection data %d start ...", conn->id);
+    gwa_connection_data_free(conn);
+    GWA_LOG(FATAL, "start jump to restart ...");
+    conn->closed = true;
+}
+
 void gwa_connection_data_remote_handle(uint32_t events, void* argument) {
     gwa_connection_data* const conn = static_cast<gwa_connection_data*>(argument);
     if (conn == nullptr) {
         GWA_LOG(ERROR, "arg is null");
         return;
     }
-    if ((events & EPOLLIN) != 0 && gwa_connection_data_remote_in_handle(conn) == gwa_step::CLOSED) {
-        return;  // the poller sees that its set is closed, and tells the round
+    gwa_step step = gwa_step::GOES_ON;
+    if ((events & EPOLLIN) != 0) {
+        step = gwa_connection_data_remote_in_handle(conn);
     }
-    if ((events & EPOLLOUT) != 0 &&
-        gwa_connection_data_remote_out_handle(conn) == gwa_step::CLOSED) {
-        return;
+    if (step == gwa_step::GOES_ON && (events & EPOLLOUT) != 0) {
+        step = gwa_connection_data_remote_out_handle(conn);
+    }
+    if (step == gwa_step::CLOSED) {
+        // The poller sees that its set is gone, and tells the round.
+        gwa_connection_data_close(conn);
     }
 }
 
@@ -58,7 +113,7 @@ static gwa_step poller_failed(gwa_connection_data* conn) {
         return gwa_step::CLOSED;
     }
     GWA_LOG(FATAL, "epoll error conn %d", conn->id);
-    return gwa_connection_running() ? gwa_connection_data_close(conn) : gwa_step::GOES_ON;
+    return gwa_connection_running() ? gwa_step::CLOSED : gwa_step::GOES_ON;
 }
 
 // Streams that stopped reading read again, as far as there is memory.
@@ -82,7 +137,7 @@ static gwa_step input_again(gwa_connection_data* conn) {
 
 // Heartbeat, or else keepalive. Whether one of the two was due.
 static bool probe(gwa_connection_data* conn) {
-    if (gwa_connection_data_discards_extra(conn)) {
+    if (conn->input.step == gwa_input_step::EXTRA_DISCARD) {
         return false;  // exception 47: the answer would be thrown away with the rest
     }
     switch (gwa_connection_silence(&conn->heartbeat)) {
@@ -101,10 +156,7 @@ static void drop_stale(gwa_connection_data* conn) {
     }
 }
 
-gwa_step gwa_connection_data_round(gwa_connection_data* conn) {
-    if (gwa_connection_data_order_waits(conn)) {
-        return gwa_connection_data_close(conn);  // log in anew, to the new address
-    }
+static gwa_step relay(gwa_connection_data* conn) {
     if (events_wait(conn) == GWA_FAILED) {
         return poller_failed(conn);
     }
@@ -122,6 +174,15 @@ gwa_step gwa_connection_data_round(gwa_connection_data* conn) {
         gwa_usleep(PAUSE_US);
     }
     return gwa_step::GOES_ON;
+}
+
+gwa_step gwa_connection_data_round(gwa_connection_data* conn) {
+    // A newer order closes it too: to log in anew, to the new address.
+    const gwa_step step = gwa_connection_data_order_waits(conn) ? gwa_step::CLOSED : relay(conn);
+    if (step == gwa_step::CLOSED && !conn->closed) {
+        gwa_connection_data_close(conn);
+    }
+    return step;
 }
 
 void gwa_connection_data_stream_idle_check(gwa_connection_data* conn) {

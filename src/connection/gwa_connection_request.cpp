@@ -10,7 +10,6 @@
 #include <cstring>
 #include <utility>
 
-#include "connection/gwa_connection_data_in.h"
 #include "connection/gwa_connection_request_debug.h"
 #include "connection/gwa_stream.h"
 #include "login/gwa_login.h"
@@ -76,11 +75,10 @@ static bool request_is_ours(const char* uri) {
 }
 
 // Reads and checks what a new stream needs to know. False: the request is refused, and logged.
-static bool request_read(const gwa_connection_data* conn, const gwa_stream* stream,
-                         const payload_owner& payload, request* out) {
+static bool request_read(const gwa_stream* stream, const payload_owner& payload, request* out) {
     const char* const head = reinterpret_cast<const char*>(payload.bytes);
     if (gwa_http_uri_get(head, payload.length, out->uri, sizeof out->uri) != GWA_OK) {
-        GWA_LOG(ERROR, "get uri failed, conn %d stream id %u", conn->id, stream->id);
+        GWA_LOG(ERROR, "get uri failed, conn %d stream id %u", stream->connection->id, stream->id);
         return false;
     }
     if (!request_is_ours(out->uri)) {
@@ -169,7 +167,8 @@ static bool stream_open(gwa_stream* stream, const request& wanted, payload_owner
         GWA_LOG(ERROR, "connect failed");
         // Oddity 21, although this frame's payload has been read. The input pass does it, so that
         // nobody else waits for the bytes.
-        gwa_connection_data_extra_discard(stream->connection, payload->length);
+        gwa_input_step_begin(&stream->connection->input, gwa_input_step::EXTRA_DISCARD,
+                             payload->length);
         return false;
     }
     stream_begin(stream, fd.release(), payload);
@@ -187,10 +186,10 @@ void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_heade
     }
     gwa_stream* const stream = stream_new(conn, header->stream_id);
     request wanted;
-    if (request_read(conn, stream, payload, &wanted)) {
+    if (request_read(stream, payload, &wanted)) {
         stream->priority = static_cast<uint32_t>(wanted.priority);
         if (wanted.port == GWA_SELF_DEBUG_PORT) {
-            gwa_self_debug(conn, stream, wanted.uri);
+            gwa_self_debug(stream, wanted.uri);
         } else if (stream_open(stream, wanted, &payload)) {
             return;
         }

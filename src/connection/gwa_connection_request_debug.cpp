@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "connection/gwa_connection_data_addr.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
@@ -43,15 +44,13 @@ constexpr http_status HTTP_UNAVAILABLE{503, "Gateway Internal Error"};
 
 }  // namespace
 
-static bool must_stop(const gwa_connection_data* conn) {
-    return !gwa_connection_running() ||
-           (conn->flags.load(std::memory_order_relaxed) & GWA_CONNECTION_STOP) != 0;
+static bool must_stop(const gwa_stream* stream) {
+    return !gwa_connection_running() || gwa_connection_data_told_to_stop(stream->connection);
 }
 
 // A charged, zeroed answer frame of the stream; the caller fills in the payload and its length.
-static gwa_output_node* answer_node(gwa_connection_data* conn, const gwa_stream* stream) {
-    gwa_output_node* const node =
-        gwa_connection_data_frame_new(conn, stream, ANSWER_BUFFER - GWA_HEADER_SIZE);
+static gwa_output_node* answer_node(const gwa_stream* stream) {
+    gwa_output_node* const node = gwa_stream_frame_new(stream, ANSWER_BUFFER - GWA_HEADER_SIZE);
     memset(gwa_connection_payload_of(node), 0, ANSWER_BUFFER - GWA_HEADER_SIZE);
     gwa_protocol_build(node->data, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM,
                        stream->id, 0);
@@ -69,9 +68,8 @@ static uint32_t text_length(int printed) {  // what snprintf has put into the an
     return static_cast<uint32_t>(std::clamp<int>(printed, 0, ANSWER_TEXT_MAX - 1));
 }
 
-static void answer(gwa_connection_data* conn, const gwa_stream* stream, const http_status& status,
-                   const char* body) {
-    gwa_output_node* const node = answer_node(conn, stream);
+static void answer(const gwa_stream* stream, const http_status& status, const char* body) {
+    gwa_output_node* const node = answer_node(stream);
     const uint32_t length = text_length(
         snprintf(answer_text(node), ANSWER_TEXT_MAX,
                  "HTTP/1.1 %d %s\r\nContent-Type:text/plain\r\nContent-Length:%d\r\n\r\n%s",
@@ -80,11 +78,11 @@ static void answer(gwa_connection_data* conn, const gwa_stream* stream, const ht
                        stream->id, length);
     node->remaining = GWA_HEADER_SIZE + length;
     GWA_LOG(DEBUG, "debug response [%s]", answer_text(node));
-    gwa_connection_data_send(conn, node);
+    gwa_connection_data_send(stream->connection, node);
 }
 
 // Runs the script with the shell and waits for it, or for the order to stop, which ends the script.
-static void diagnostic_script(const gwa_connection_data* conn) {
+static void diagnostic_script(const gwa_stream* stream) {
     char command[DIAGNOSTIC_PATH_SIZE];
     snprintf(command, sizeof command, "%s/bin/diag.sh -c sysdiag.txt", gwa_process_paths.home);
     char shell[] = "sh", option[] = "-c";
@@ -108,7 +106,7 @@ static void diagnostic_script(const gwa_connection_data* conn) {
         return;  // the answer then tells of the file that is not there
     }
     while (waitpid(child, nullptr, WNOHANG) == 0) {
-        if (must_stop(conn)) {
+        if (must_stop(stream)) {
             kill(-child, SIGKILL);
             waitpid(child, nullptr, 0);
             return;
@@ -118,7 +116,7 @@ static void diagnostic_script(const gwa_connection_data* conn) {
 }
 
 // The time that the caller gives the box to write its file.
-static void diagnostic_pause(const gwa_connection_data* conn, const char* uri) {
+static void diagnostic_pause(const gwa_stream* stream, const char* uri) {
     constexpr std::string_view name = "timeout";
     int32_t seconds = DIAGNOSTIC_WAIT_S;
     if (gwa_uri_param_int_get(uri, name.data(), name.size(), &seconds) != GWA_OK) {
@@ -127,7 +125,7 @@ static void diagnostic_pause(const gwa_connection_data* conn, const char* uri) {
     } else if (seconds < DIAGNOSTIC_WAIT_MIN_S || seconds > DIAGNOSTIC_WAIT_MAX_S) {
         seconds = DIAGNOSTIC_WAIT_S;
     }
-    for (int32_t slept = 0; slept < seconds && !must_stop(conn); slept++) {
+    for (int32_t slept = 0; slept < seconds && !must_stop(stream); slept++) {
         gwa_sleep(1);
     }
 }
@@ -145,19 +143,18 @@ static bool read_exactly(int fd, uint8_t* to, size_t length) {
 }
 
 // Frames the file in chunks behind `frames`. Returns the size of the last chunk that it tried.
-static int diagnostic_chunks(gwa_connection_data* conn, const gwa_stream* stream, int fd,
-                             int file_size, list<gwa_output_node>* frames) {
+static int diagnostic_chunks(const gwa_stream* stream, int fd, int file_size,
+                             list<gwa_output_node>* frames) {
     int chunk = 0;
     int have = 0;
     for (int nodes = 1; have < file_size && nodes < DIAGNOSTIC_NODES; nodes++) {
         chunk = std::min<int>(file_size - have, GWA_PAYLOAD_MAX);
-        gwa_output_node* const node =
-            gwa_connection_data_frame_new(conn, stream, static_cast<uint32_t>(chunk));
+        gwa_output_node* const node = gwa_stream_frame_new(stream, static_cast<uint32_t>(chunk));
         GWA_LOG(DEBUG, "mem size = %d, read_size = %d, read_cnt = %d",
                 static_cast<int>(node->capacity), chunk, have);
         if (!read_exactly(fd, gwa_connection_payload_of(node), static_cast<size_t>(chunk))) {
             GWA_LOG(ERROR, "read diag file failed");
-            gwa_connection_data_node_drop(conn, node);
+            gwa_connection_data_node_drop(stream->connection, node);
             break;
         }
         frames->push_back(*node);
@@ -179,10 +176,9 @@ static void diagnostic_header(gwa_output_node* node, const http_status& status, 
 }
 
 // Runs the diagnostic and answers with the file that its script has written.
-static void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* stream,
-                              const char* uri) {
-    diagnostic_script(conn);
-    diagnostic_pause(conn, uri);
+static void gwa_http_get_file(const gwa_stream* stream, const char* uri) {
+    diagnostic_script(stream);
+    diagnostic_pause(stream, uri);
 
     char path[DIAGNOSTIC_PATH_SIZE];
     snprintf(path, sizeof path, "%s/tmp/wkr/sysdiag.txt", gwa_process_paths.home);
@@ -198,44 +194,44 @@ static void gwa_http_get_file(gwa_connection_data* conn, const gwa_stream* strea
     }
 
     list<gwa_output_node> frames;
-    gwa_output_node* const head = answer_node(conn, stream);
+    gwa_output_node* const head = answer_node(stream);
     frames.push_back(*head);
-    const int last_chunk = diagnostic_chunks(conn, stream, fd.fd, file_size, &frames);
+    const int last_chunk = diagnostic_chunks(stream, fd.fd, file_size, &frames);
     diagnostic_header(head, status, last_chunk);
     while (gwa_output_node* const node = frames.first()) {
         list_unlink(*node);
-        gwa_connection_data_send(conn, node);
+        gwa_connection_data_send(stream->connection, node);
     }
 }
 
-static void set_log_level(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
+static void set_log_level(const gwa_stream* stream, const char* uri) {
     constexpr std::string_view name = "loglv";
     int32_t level = 0;
     if (gwa_uri_param_int_get(uri, name.data(), name.size(), &level) != GWA_OK) {
         GWA_LOG(ERROR, "not contain loglv field");
-        answer(conn, stream, HTTP_NOT_FOUND, "not contain loglv field");
+        answer(stream, HTTP_NOT_FOUND, "not contain loglv field");
         return;
     }
     gwa_log_level_set(level);  // oddity 25: answered alike, whatever comes of it
-    answer(conn, stream, HTTP_OK, "OK");
+    answer(stream, HTTP_OK, "OK");
 }
 
-void gwa_self_debug(gwa_connection_data* conn, const gwa_stream* stream, const char* uri) {
+void gwa_self_debug(const gwa_stream* stream, const char* uri) {
     constexpr std::string_view name = "x-qv-gwad-opt";
     char operation[PARAMETER_SIZE];
     size_t size = sizeof operation;
     if (gwa_uri_param_str_get(uri, name.data(), name.size(), operation, &size) != GWA_OK) {
         GWA_LOG(ERROR, "not contain x-qv-gwad-opt field");
-        answer(conn, stream, HTTP_NOT_FOUND, "not contain x-qv-gwad-opt field");
+        answer(stream, HTTP_NOT_FOUND, "not contain x-qv-gwad-opt field");
     } else if (strcmp(operation, "log") == 0) {
-        set_log_level(conn, stream, uri);
+        set_log_level(stream, uri);
     } else if (strcmp(operation, "echo") == 0) {
         GWA_LOG(REFUSAL, "echo ...");
-        answer(conn, stream, HTTP_OK, "echo");
+        answer(stream, HTTP_OK, "echo");
     } else if (strcmp(operation, "diag") == 0) {
         GWA_LOG(REFUSAL, "diagnostic ...");
-        gwa_http_get_file(conn, stream, uri);
+        gwa_http_get_file(stream, uri);
     } else {
-        answer(conn, stream, HTTP_NOT_FOUND, "File Not Found");
+        answer(stream, HTTP_NOT_FOUND, "File Not Found");
     }
 }

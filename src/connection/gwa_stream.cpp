@@ -30,7 +30,7 @@ static void local_node_release(gwa_connection_data* conn, gwa_output_node* node)
 
 // Frames what was read and queues it for the server.
 static void send_to_server(gwa_stream* stream, const uint8_t* bytes, uint32_t length) {
-    gwa_output_node* const node = gwa_connection_data_frame_new(stream->connection, stream, length);
+    gwa_output_node* const node = gwa_stream_frame_new(stream, length);
     memcpy(gwa_connection_payload_of(node), bytes, length);
     stream->last_activity = gwa_now_get();
     gwa_connection_data_send(stream->connection, node);
@@ -81,6 +81,15 @@ void gwa_stream_add(list<gwa_stream>* streams, gwa_stream* stream) {
     if (streams != nullptr && stream != nullptr) {
         streams->push_back(*stream);
     }
+}
+
+gwa_output_node* gwa_stream_frame_new(const gwa_stream* stream, uint32_t length) {
+    gwa_output_node* const node =
+        gwa_connection_frame_new(gwa_command::DATA, GWA_FLAG_STREAM, stream->id, length);
+    gwa_connection_memory_charge(stream->connection, node->capacity);
+    gwa_connection_memory_charge(stream->connection, GWA_NODE_COUNTED);
+    node->priority = stream->priority;
+    return node;
 }
 
 int gwa_stream_local_output_enqueue(gwa_stream* stream, uint8_t* data, uint32_t length) {

@@ -24,6 +24,9 @@ gwa_stream* gwa_stream_find_by_id(list<gwa_stream>* streams, uint32_t id);
 // Links a stream at the tail. Null arguments do nothing.
 void gwa_stream_add(list<gwa_stream>* streams, gwa_stream* stream);
 
+// A charged frame of the stream with room for `length` payload bytes, for its connection to send.
+gwa_output_node* gwa_stream_frame_new(const gwa_stream* stream, uint32_t length);
+
 // Queues a charged heap buffer of `length` bytes, which the stream owns from here on, for the local
 // socket; the node is charged here. 0.
 int gwa_stream_local_output_enqueue(gwa_stream* stream, uint8_t* data, uint32_t length);

@@ -154,7 +154,8 @@ struct data_floor : connection_floor {
     gwa_output_node* frame_new(uint32_t stream_id) {
         gwa_stream stream;
         stream.id = stream_id;
-        return gwa_connection_data_frame_new(conn, &stream, 0);
+        stream.connection = conn;
+        return gwa_stream_frame_new(&stream, 0);
     }
 };
 

@@ -96,7 +96,8 @@ TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
     constexpr uint32_t MUCH = 2 << 20;
     gwa_stream stream;
     stream.id = 5;
-    gwa_output_node* const node = gwa_connection_data_frame_new(conn, &stream, MUCH);
+    stream.connection = conn;
+    gwa_output_node* const node = gwa_stream_frame_new(&stream, MUCH);
     std::fill_n(gwa_connection_payload_of(node), MUCH, uint8_t{'m'});
     gwa_connection_data_send(conn, node);
     gwa_connection_data_send(conn, frame_new(6));
@@ -135,11 +136,12 @@ TEST_F(DataOutput, ASocketThatFailsClosesItAndTakesTheFramesAlong) {
     gwa_connection_data_send(conn, frame_new(1));
     gwa_connection_data_send(conn, frame_new(2));
     shutdown(conn->socket, SHUT_WR);
-    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::CLOSED);
+    EXPECT_TRUE(closes_in(1));
     EXPECT_EQ(gwa_connection_memory(conn), 0U);
     connect();
     const int fd = std::exchange(conn->socket, -1);
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::CLOSED) << "nobody can tell";
+    gwa_connection_data_free(conn);
     close(fd);
     connect();
     gwa_connection_run = 0;  // no failure: the daemon stops
