@@ -47,7 +47,6 @@ static void order_take(gwa_data_order* order) {
     text_copy(order->domain, order->ordered_domain);
     order->port = order->ordered_port;
     order->taken = order->serial.load(std::memory_order_relaxed);
-    order->server_address = 0;
 }
 
 void gwa_connection_data_order_all(gwa_connection_data (*table)[GWA_DATA_CONNECTIONS],

@@ -1,7 +1,10 @@
 #include "connection/gwa_connection_cntl_in.h"
 
+#include <fcntl.h>
+
 #include "connection/connection_floor.h"
 #include "connection/gwa_connection_cntl_out.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -118,10 +121,12 @@ TEST_F(ControlInput, ASocketThatFailsOrEndsRestartsTheProcess) {
     shutdown(sockets.peer.get(), SHUT_WR);
     gwa_connection_cntl_handle(EPOLLIN, cntl);
     EXPECT_EQ(restarts, 1);
-    const linger reset{1, 0};
-    setsockopt(sockets.peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-    sockets.peer.reset();
-    gwa_connection_cntl_handle(EPOLLIN, cntl);
+    const unique_fd file(open("/dev/null", O_RDONLY | O_CLOEXEC));  // no socket
+    ASSERT_EQ(dup2(file.get(), cntl->socket), cntl->socket);
+    const auto said =
+        log_lines_of(GWA_LEVEL_ERROR, [this] { gwa_connection_cntl_handle(EPOLLIN, cntl); });
+    EXPECT_EQ(said, std::vector{"<3> recv failed fd " + std::to_string(cntl->socket) +
+                                " Socket operation on non-socket"});
     EXPECT_EQ(restarts, 2);
     gwa_process_run = 0;
     gwa_connection_cntl_next_frame_wait(cntl);

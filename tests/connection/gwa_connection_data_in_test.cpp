@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include "connection/connection_floor.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -63,6 +64,18 @@ TEST_F(DataInput, CommandsThatEndItAndCommandsThatDoNot) {
     EXPECT_TRUE(closes_in(1));
     EXPECT_EQ(gwa_counter_get(conn->traffic.packets_in), 6U)
         << "what is behind it is not looked at";
+}
+
+TEST_F(DataInput, HeadersAreShownInBothDirections) {
+    const std::string asked = echo_request(9);
+    const auto said = log_lines_of(GWA_LEVEL_DEBUG, [&] { reply_to(asked); });
+    std::vector<std::string> lengths;
+    std::copy_if(said.begin(), said.end(), std::back_inserter(lengths),
+                 [](const std::string& line) { return line.starts_with("<7> length    : "); });
+    const auto length_of = [](const std::string& frame) {
+        return "<7> length    : " + std::to_string(frame.size() - HEADER_SIZE);
+    };
+    EXPECT_EQ(lengths, (std::vector{length_of(asked), length_of(echo_answer(9))}));
 }
 
 TEST_F(DataInput, ABadHeaderClosesItAndIsShown) {

@@ -1,6 +1,7 @@
 #include "connection/gwa_connection_data_out.h"
 
 #include "connection/connection_floor.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ TEST_F(DataOutput, HeartbeatsFollowTheClockOneAtATime) {
     EXPECT_EQ(sent(), "");
     EXPECT_EQ(reply_to(heartbeat_frame(41)), heartbeat_frame(42))
         << "answered, and still silent for a minute";
+    EXPECT_EQ(gwa_counter_get(conn->traffic.bytes_in), heartbeat_frame(41).size());
     server_sends(heartbeat_frame(41));
     EXPECT_TRUE(closes_in(1)) << "a wrong number starts the connection over";
 }
@@ -129,6 +131,21 @@ TEST_F(DataOutput, ThePolicyHoldsBackWhatTheServerDoesNotRead) {
     sent();
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     EXPECT_EQ(conn->output.send_level, 0);
+    EXPECT_EQ(sent(), frame_bytes(DATA, 1));
+}
+
+TEST_F(DataOutput, ASocketWithoutRoomTellsWhenItHasSome) {
+    const int smallest = 1;  // so little that the policy sees an almost empty buffer
+    setsockopt(conn->socket, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
+    fill_socket();
+    gwa_connection_data_send(conn, frame_new(1));
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_INFO, [this] { rounds(1); }), std::vector<std::string>());
+    EXPECT_EQ(conn->output.state, gwa_out_state::BLOCKED);
+    EXPECT_FALSE(gwa_connection_data_can_send(conn));
+    sent();
+    const int64_t waited = fake_time::waited_us;
+    rounds(1);
+    EXPECT_EQ(fake_time::waited_us, waited);
     EXPECT_EQ(sent(), frame_bytes(DATA, 1));
 }
 

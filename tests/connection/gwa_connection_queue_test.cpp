@@ -53,6 +53,7 @@ TEST(OutputQueue, PriorityInsertGoesBehindTheFirstGreaterAndNeverAheadOfItsOwnSt
         {{{'P', 0}, {'Q', 0}, {'R', 0}}, "PQR"},
         {{{'P', 9, 0, GWA_NODE_PARTLY_SENT}, {'X', 0}}, "PX"},
         {{{'P', 9, 0, GWA_NODE_PARTLY_SENT}, {'A', 5}, {'X', 0}}, "PAX"},
+        {{{'P', 5, 0, GWA_NODE_PARTLY_SENT}, {'A', 3}, {'B', 9}, {'X', 4}}, "PABX"},
         {{{'Y', 9, 1}, {'a', 4, 2}, {'b', 4, 2}, {'c', 4, 2}}, "Yabc"},
         {{{'Y', 9, 1}, {'a', 4, 2}, {'r', 0}, {'b', 4, 2}, {'Z', 9, 1}}, "YrabZ"},
         {{{'Y', 9, 1}, {'a', 4, 2}, {'Z', 9, 1}, {'b', 2, 3}, {'c', 4, 2}}, "YbacZ"},
