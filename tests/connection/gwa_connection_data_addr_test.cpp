@@ -19,8 +19,9 @@ struct DataAddress : data_floor {
     void after(int64_t seconds, std::function<void()> event) {
         fake_time::event = [at = fake_time::now_us + seconds * 1'000'000, event] {
             if (fake_time::now_us >= at) {
-                std::exchange(fake_time::event, [] {});
-                event();
+                const auto now = event;  // before the next line takes it away
+                fake_time::event = [] {};
+                now();
             }
         };
     }
