@@ -19,19 +19,25 @@ void list_unlink(list_link& link);
 // Makes `link` point at itself: in no list, or an empty list when it is a head.
 void list_reset(list_link& link);
 
-// A typed ring of records that derive from list_link.
+// A place in a ring, on the way through it.
+struct list_cursor {
+    list_link *link, *next;  // next is read early: the loop body may free its own record
+    list_cursor& operator++() { return *this = {next, next->next}; }
+    bool operator==(const list_cursor& other) const { return link == other.link; }
+};
+
+// A typed ring of records that derive from list_link. Its iterators move by what they all share:
+// g++ 12 folds functions of the same body into one although their types differ, and then takes the
+// stores that fill an iterator of the other type for dead.
 template <typename T>
 struct list {
     list_link head;
-    struct iterator {
-        list_link *link, *next;  // next is read early: the loop body may free its own record
+    struct iterator : list_cursor {
         T& operator*() const { return static_cast<T&>(*link); }
-        iterator& operator++() { return *this = {next, next->next}; }
-        bool operator==(const iterator& other) const { return link == other.link; }
     };
     bool empty() const { return head.next == &head; }
-    iterator begin() { return {head.next, head.next->next}; }
-    iterator end() { return {&head, head.next}; }
+    iterator begin() { return {{head.next, head.next->next}}; }
+    iterator end() { return {{&head, head.next}}; }
     T* first() { return empty() ? nullptr : static_cast<T*>(head.next); }
     T* last() { return empty() ? nullptr : static_cast<T*>(head.prev); }
     void push_front(T& record) { list_insert_before(*head.next, record); }
