@@ -2,10 +2,11 @@
 // position is checked before wherever it comes from outside. libstdc++'s own function throws, and
 // for that alone the box would have to carry the whole library.
 
+#include <string_view>  // declares it
+
 #include "runtime/gwa_process.h"
 
 namespace std {
-[[noreturn]] void __throw_out_of_range_fmt(const char* format, ...);
 void __throw_out_of_range_fmt(const char*, ...) {
     gwa_process_abort(GWA_FILE_NAME, __LINE__, __func__);
 }
