@@ -70,7 +70,7 @@ int port_info_init(const char* path) {
     if (path == nullptr || strlen(path) >= sizeof address.sun_path) {
         return -1;
     }
-    strcpy(address.sun_path, path);
+    memcpy(address.sun_path, path, strlen(path) + 1);
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd != -1 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
         close(fd);

@@ -74,7 +74,7 @@ static int deliver(const char* path, int type, const void* bytes, size_t length)
         fprintf(stderr, "gwad-announce: the socket's path is too long: %s\n", path);
         return 1;
     }
-    strcpy(address.sun_path, path);
+    memcpy(address.sun_path, path, strlen(path) + 1);
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     if (fd == -1 || setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &PATIENCE, sizeof PATIENCE) == -1 ||
         connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 ||

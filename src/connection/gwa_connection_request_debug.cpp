@@ -19,8 +19,6 @@
 #include "runtime/gwa_util_http.h"
 #include "runtime/gwa_util_time.h"
 
-extern char** environ;
-
 namespace {
 
 constexpr size_t PARAMETER_SIZE = 128;

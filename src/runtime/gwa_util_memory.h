@@ -13,6 +13,7 @@
 void* gwa_malloc(int size, const char* file, int line, const char* function);
 #define GWA_MALLOC(size) gwa_malloc(static_cast<int>(size), GWA_FILE_NAME, __LINE__, __func__)
 // A default-made record on the heap; trivially destructible, so free() releases it.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): parentheses around a type are no type
 #define GWA_NEW(type) (new (GWA_MALLOC(sizeof(type))) type{})
 
 // The size that gwa_malloc takes: powers of two from 32 to 8192, larger ones as they are; 0

@@ -22,7 +22,8 @@ std::string bytes_text(uint64_t bytes) {
     }
     auto scaled = static_cast<double>(bytes) / STEP;
     const char* unit = "KMGTPE";
-    for (; scaled >= STEP; scaled /= STEP) {
+    while (scaled >= STEP) {
+        scaled /= STEP;
         ++unit;
     }
     snprintf(text, sizeof text, "%.1f %ciB", scaled, *unit);
