@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# lib.sh - what the scripts share: messages, the packages they need, the time that a step takes.
-# Sourced by scripts/demo and scripts/test, which run with `set -eu` in the repository's root.
+# lib.sh - what the scripts share: messages, the packages that they need, builds, waiting.
+# Sourced by scripts that run with `set -eu` in the repository's root.
 
 # say LINE...
 say() {
@@ -10,6 +10,14 @@ say() {
 die() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
     exit 1
+}
+
+# usage STATUS [FILE]: prints the comment at the script's head and ends; on standard error unless the
+# status is 0, which is for those who have asked.
+usage() {
+    [ "$1" -eq 0 ] || exec >&2
+    sed -n '2,/^set -eu/{s/^# \{0,1\}//p}' "${2:-scripts/${0##*/}}"
+    exit "$1"
 }
 
 # Runs a command as root: directly, or through sudo, which may ask for the user's password.
@@ -87,4 +95,28 @@ quietly() {
 
 jobs_count() {
     nproc 2>/dev/null || echo 2
+}
+
+# build PRESET TARGET...: programs without their tests.
+build() {
+    local preset=$1
+    shift
+    quietly "build/$preset/configure.log" cmake --preset "$preset" -DBUILD_TESTING=OFF
+    quietly "build/$preset/build.log" \
+        cmake --build --preset "$preset" -j "$(jobs_count)" --target "$@"
+}
+
+# wait_for LIMIT COMMAND...: tries the command every 200 ms for LIMIT seconds.
+wait_for() {
+    local end=$((SECONDS + $1))
+    shift
+    until "$@"; do
+        [ "$SECONDS" -lt "$end" ] || return 1
+        sleep 0.2
+    done
+}
+
+# relay_port NAME FILE: one of the ports in the line that gwrelay has written to its output.
+relay_port() {
+    sed -n "s/^ready .*$1=\([0-9]*\).*/\1/p" "$2"
 }

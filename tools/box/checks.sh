@@ -111,16 +111,16 @@ check_debug_port() {
     check_pages || return 1
     [ "$(lines_in_log '<7>')" -eq "$after" ] || fail "level 3 logs as much as level 7" || return 1
     fetch "$box_url/10010/?x-qv-gwad-opt=diag&timeout=5" "$work/diag" || return 1
-    [ "$(cat "$work/diag")" = "$(on_box "cat /tmp/wkr/sysdiag.txt")" ] &&
-        grep -q '^Linux box' "$work/diag" || fail "diag: $(cat "$work/diag")"
+    { [ "$(cat "$work/diag")" = "$(on_box "cat /tmp/wkr/sysdiag.txt")" ] &&
+        grep -q '^Linux box' "$work/diag"; } || fail "diag: $(cat "$work/diag")"
 }
 
 # The interface before the network card has another random address at each boot.
 check_box_id() {
     local id
     id=$(on_box "tr -d : </sys/class/net/eth0/address") || return 1
-    [ "$(on_box "cat /sys/class/net/dummy0/addr_assign_type")" = 1 ] &&
-        on_box 'test $(cat /sys/class/net/dummy0/ifindex) -lt $(cat /sys/class/net/eth0/ifindex)' ||
+    { [ "$(on_box "cat /sys/class/net/dummy0/addr_assign_type")" = 1 ] &&
+        on_box "cd /sys/class/net && test \$(cat dummy0/ifindex) -lt \$(cat eth0/ifindex)"; } ||
         fail "no interface with a random address comes before the network card" || return 1
     [ "${box_url##*/}" = "$id" ] || fail "the id is ${box_url##*/}, the network card $id"
 }

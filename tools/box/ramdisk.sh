@@ -61,12 +61,8 @@ get_packages() {
 
 build_programs() {
     say "Building gwad for mipsel and gwrelay for this machine ..."
-    quietly build/mipsel/configure.log cmake --preset mipsel
-    quietly build/mipsel/build.log \
-        cmake --build --preset mipsel -j "$(jobs_count)" --target installed_programs
-    quietly build/release/configure.log cmake --preset release -DBUILD_TESTING=OFF
-    quietly build/release/build.log \
-        cmake --build --preset release -j "$(jobs_count)" --target gwrelay
+    build mipsel installed_programs
+    build release gwrelay
 }
 
 # Copies the libraries that the programs name, and the loader, from the cross compiler's.
