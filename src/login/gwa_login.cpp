@@ -35,7 +35,7 @@ constexpr int DEVICE_INFO_COUNT = 16;
 // The identity of this box as the server sees it. What is in the texts before gwa_login_init fills
 // them is what a box without that value reports.
 gwa_mutex device_info_lock;  // workers refresh ip_text and serialise the table
-device_info_pair device_info[DEVICE_INFO_COUNT];
+device_info_pair device_info[DEVICE_INFO_COUNT] GWA_GUARDED_BY(device_info_lock);
 char mac_text[MAC_SIZE];
 char ip_text[ADDRESS_SIZE] GWA_GUARDED_BY(device_info_lock);
 gwa_firmware_value firmware_version;
