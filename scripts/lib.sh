@@ -66,6 +66,13 @@ need_packages() {
     esac
 }
 
+# need_test_packages WHAT_FOR PACKAGE...: those, and what it takes to build everything for this
+# machine and to run all tests.
+need_test_packages() {
+    need_packages "$@" g++ cmake make libgtest-dev libasio-dev curl nginx-light util-linux iproute2 \
+        busybox groff-base
+}
+
 # Runs an installation during which Debian starts no service: nobody asked for a web server on
 # port 80, and where that port is taken its package would even fail to install.
 without_services() {
