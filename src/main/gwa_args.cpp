@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "gwad_commit.h"
+#include "gwad_config.h"
 #include "login/gwa_login.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_print.h"
@@ -102,7 +103,9 @@ static void option_take(options& to, int letter, const char* program) {
         case 'I': to.device_id = optarg; return;
         case 'H': to.home = optarg; return;
         case 'b': to.background = true; return;
-        case 'v': printf("version : 0.1, git commit : %s\n", GWAD_COMMIT); printed_exit(0);
+        case 'v':
+            printf("version : " GWAD_VERSION ", git commit : %s\n", GWAD_COMMIT);
+            printed_exit(0);
         case 'h': usage_print(program); printed_exit(0);
         default:
             printf("?? getopt returned character '%c' code 0x%x, %d\n", letter,

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "gwad_config.h"
 #include "support/child.h"
 
 namespace {
@@ -70,7 +71,7 @@ TEST_F(Arguments, ThatOnlyPrintOrCannotBeTaken) {
     }
     child version([] { parse({"-v"}); });
     EXPECT_EQ(version.wait(), 0);
-    EXPECT_EQ(version.output().find("version : 0.1, git commit : "), 0U);
+    EXPECT_EQ(version.output().find("version : " GWAD_VERSION ", git commit : "), 0U);
 }
 
 TEST_F(Arguments, SetTheLevelBeforeTheBanner) {

@@ -64,9 +64,15 @@ else
     echo "groff is not there: the manual page has not been checked"
 fi
 
-if ! "$root/usr/sbin/gwad" -v >/dev/null 2>&1 || [ "$architecture" != "$(dpkg --print-architecture)" ]; then
+version=$(dpkg-deb -f "$package" Version)
+grep -q "^\.TH GWAD 8 \"\" \"gwad $version\" " "$root/usr/share/man/man8/gwad.8" ||
+    fail "the manual page is of another version than the package, $version"
+
+if ! "$root/usr/sbin/gwad" -v >"$work/out" 2>&1 || [ "$architecture" != "$(dpkg --print-architecture)" ]; then
     exit 0
 fi
+grep -q "^version : $version, git commit : " "$work/out" ||
+    fail "the program is of another version than the package, $version: $(cat "$work/out")"
 
 # --- the init script ---
 #

@@ -57,6 +57,11 @@ bool set_times(options& to, const char* value) {
 
 bool show_help(options& to, const char*);
 
+bool show_version(options&, const char*) {
+    puts("gwrelay " GWRELAY_VERSION);
+    exit(EXIT_SUCCESS);
+}
+
 constexpr option_row OPTIONS[] = {
     {"listen", "ADDRESS", "address that everything listens on (127.0.0.1)",
      set_text<&options::listen>},
@@ -86,6 +91,7 @@ constexpr option_row OPTIONS[] = {
      set_timeout<&options::linger_timeout>},
     {"quiet", nullptr, "log problems only (-q)", set_fixed<&options::level, PROBLEM>},
     {"verbose", nullptr, "log every frame header as well (-v)", set_fixed<&options::level, FRAME>},
+    {"version", nullptr, "show the version", show_version},
     {"help", nullptr, "show this text (-h)", show_help},
 };
 
@@ -126,8 +132,11 @@ std::optional<report_times> report_times_parse(std::string_view t1, std::string_
 
 bool options_parse(int argc, char** argv, options& to) {
     std::vector<option> names;
-    for (const option_row& row : OPTIONS) {  // a short name is the long one's first letter
-        const bool has_short = std::string_view("qvh").find(row.name[0]) != std::string_view::npos;
+    const auto letter = [](const option_row& row) { return row.name[0]; };
+    for (const option_row& row : OPTIONS) {  // a short name is the first letter, of the first row
+        const bool has_short =
+            std::string_view("qvh").find(row.name[0]) != std::string_view::npos &&
+            std::ranges::find(OPTIONS, row.name[0], letter) == &row;
         names.push_back({row.name, row.value ? required_argument : no_argument, nullptr,
                          has_short ? row.name[0] : 0});
     }
@@ -139,8 +148,7 @@ bool options_parse(int argc, char** argv, options& to) {
             return false;
         }
         const option_row* row =
-            code == 0 ? &OPTIONS[index]
-                      : std::ranges::find(OPTIONS, code, [](const auto& s) { return s.name[0]; });
+            code == 0 ? &OPTIONS[index] : std::ranges::find(OPTIONS, code, letter);
         if (!row->set(to, optarg)) {
             fprintf(stderr, "gwrelay: bad value for --%s: %s\n", row->name, optarg);
             return false;
