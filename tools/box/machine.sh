@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# machine.sh - the emulated box: its power switch, its network cable and a way to run commands on it.
+# machine.sh - the emulated box: its power switch, its network cable, a way to run commands on it, and
+# a socket for a debugger.
 # Sourced by scripts/box, which has set `work`, a short-lived folder, and box_dir.
 
 BOOT_LIMIT=120    # s: an emulator on a busy machine is slow
@@ -15,6 +16,7 @@ machine_start() {
         -chardev "socket,id=console,path=$work/console,server=on,wait=off,logfile=$work/console.log" \
         -chardev "socket,id=agent,path=$work/agent,server=on,wait=off" \
         -serial chardev:console -serial chardev:agent \
+        -gdb "unix:$work/gdb,server=on,wait=off" \
         -monitor "unix:$work/monitor,server=on,wait=off" >"$work/qemu.log" 2>&1 </dev/null &
     machine_pid=$!
     wait_for 10 test -S "$work/monitor" || die "the emulator does not start: $(cat "$work/qemu.log")"
