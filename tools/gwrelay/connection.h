@@ -21,7 +21,7 @@ constexpr auto NEVER = steady::time_point::max();
 
 // Above this a connection is full, and nobody adds a further portion of a stream. Big enough to
 // keep a fast socket busy, small enough that a thousand slow ones do no harm.
-constexpr size_t OUTBOX_LIMIT = size_t{256} * 1024;
+constexpr size_t OUTBOX_LIMIT = 256 * 1024;
 
 // Coroutines wait here for something to change. There is no state and nothing is remembered: test
 // the condition, then wait, in a loop.

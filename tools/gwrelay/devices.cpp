@@ -6,7 +6,7 @@
 namespace {
 
 constexpr size_t QUERY_MAX = 4096;
-constexpr size_t CONTROL_INPUT = 2 * FRAME_MAX, DATA_INPUT = size_t{256} * 1024;
+constexpr size_t CONTROL_INPUT = 2 * FRAME_MAX, DATA_INPUT = 256 * 1024;
 constexpr uint8_t CONTROL_LOGIN_VERSION = 3, DATA_LOGIN_VERSION = 2;
 constexpr size_t DEVICE_ID_MAX = 47;
 constexpr size_t PORTS_MAX = 16;

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr size_t HEAD_MAX = size_t{64} * 1024;
+constexpr size_t HEAD_MAX = 64 * 1024;
 constexpr size_t DEVICE_URI_MAX = 4095;  // a device looks at no more of a request's URI
 constexpr uint16_t PORT_MAX = 65534;
 constexpr std::chrono::seconds FAREWELL{2};
