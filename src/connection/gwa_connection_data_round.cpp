@@ -103,8 +103,7 @@ static int events_wait(gwa_connection_data* conn) {
                           gwa_connection_data_can_send(conn);
     const bool busy = !conn->streams.all.empty() || has_output(conn);
     conn->poller.timeout = busy ? WAIT_BUSY_MS : WAIT_IDLE_MS;
-    conn->poller.no_wait = has_more;
-    return poll_wait(&conn->poller);
+    return has_more ? poll_now(&conn->poller) : poll_wait(&conn->poller);
 }
 
 // The poller has failed, or one of its callbacks has closed the connection and its set with it.

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "main/gwa_log.h"
 #include "runtime/gwa_util_memory.h"
@@ -35,6 +36,10 @@ static bool set_unlock(poll_set* set) {
     return error == 0;
 }
 
+// Relaxed: the flag says nothing about other memory. An entry that is dead stays allocated until
+// the owner itself frees it between two batches, or with the set.
+static bool is_live(const poll_entry* entry) { return entry->live.load(std::memory_order_relaxed); }
+
 static void free_entries(list<poll_entry>& entries) {
     for (poll_entry& entry : entries) {
         free(&entry);
@@ -46,7 +51,7 @@ static void free_entries(list<poll_entry>& entries) {
 static poll_entry* find_live(poll_set* set, int fd) {
     for (list_link* link = set->fd_list.head.prev; link != &set->fd_list.head; link = link->prev) {
         auto* entry = static_cast<poll_entry*>(link);
-        if (entry->live && entry->fd == fd) {
+        if (is_live(entry) && entry->fd == fd) {
             return entry;
         }
     }
@@ -58,16 +63,7 @@ int poll_init(poll_set* set) {
         GWA_LOG(ERROR, "set is NULL");
         return -1;
     }
-    // Field by field, because `generation` goes on counting: a batch whose callback closes the set
-    // and makes it anew must still notice.
-    set->epfd = -1;
-    memset(set->events, 0, sizeof set->events);
-    set->fd_count = 0;
-    list_reset(set->fd_list.head);
-    list_reset(set->removed.head);
-    set->first_fd = -1;
-    set->timeout = 0;
-    set->no_wait = false;
+    new (set) poll_set{};
     // Oddity 12: only -1 counts as a failure; the default attributes leave nothing that can fail.
     if (pthread_rwlock_init(&set->rwlock, nullptr) == -1) {
         GWA_LOG(ERROR, "init rwlock faile");
@@ -100,7 +96,7 @@ void poll_exit(poll_set* set) {
     }
     for (list_link* link = set->fd_list.head.prev; link != &set->fd_list.head; link = link->prev) {
         auto* entry = static_cast<poll_entry*>(link);
-        if (!entry->live) {
+        if (!is_live(entry)) {
             continue;  // epoll refused it, and whoever tried to add it has closed it
         }
         if (epoll_ctl(set->epfd, EPOLL_CTL_DEL, entry->fd, nullptr) == -1) {
@@ -114,7 +110,6 @@ void poll_exit(poll_set* set) {
     free_entries(set->fd_list);
     free_entries(set->removed);
     set->fd_count = 0;
-    set->generation++;
     if (set->epfd >= 0) {
         close(set->epfd);
         set->epfd = -1;
@@ -152,7 +147,7 @@ int poll_add(poll_set* set, int fd, poll_callback callback, void* argument, int*
     }
     set->fd_list.push_front(*entry);
     if (set->fd_count == 0) {
-        set->first_fd = fd;
+        set->first_fd.store(fd, std::memory_order_relaxed);
     }
     set->fd_count++;
     // Under the lock: otherwise another thread's poll_del could come in between and leave epoll
@@ -166,7 +161,7 @@ int poll_add(poll_set* set, int fd, poll_callback callback, void* argument, int*
         // but is dead from here on: its descriptor number soon belongs to somebody else.
         GWA_LOG(ERROR, "add fd %d fail, %s", static_cast<int>(reinterpret_cast<uintptr_t>(entry)),
                 strerror(errno));
-        entry->live = false;
+        entry->live.store(false, std::memory_order_relaxed);
     }
     return set_unlock(set) && added ? 0 : -1;
 }
@@ -191,7 +186,7 @@ int poll_del(poll_set* set, int fd) {
         }
         set->fd_count--;
         list_unlink(*entry);
-        entry->live = false;
+        entry->live.store(false, std::memory_order_relaxed);
         set->removed.push_back(*entry);  // an event of the current batch may still name it
     }
     return set_unlock(set) ? 0 : -1;
@@ -231,12 +226,8 @@ static int begin_wait(poll_set* set) {
     return set_unlock(set) ? count : -1;
 }
 
-// The time-out of this wait in ms; uses up `no_wait`.
-static int wait_timeout(poll_set* set) {
-    if (set->no_wait) {
-        set->no_wait = false;
-        return 0;
-    }
+// The time-out of a wait in ms.
+static int wait_timeout(const poll_set* set) {
     if (set->timeout < POLL_TIMEOUT_MIN || set->timeout > POLL_TIMEOUT_MAX) {
         GWA_LOG(ERROR, "timeout error %d, use default", set->timeout);
         return TIMEOUT_DEFAULT;
@@ -244,40 +235,28 @@ static int wait_timeout(poll_set* set) {
     return set->timeout;
 }
 
-// Delivers one event. False: it ends the owner's loop. A callback may leave by a jump, so no lock
-// is held around it and no local needs a destructor.
-static bool dispatch(poll_set* set, epoll_event event) {
+// Delivers one event. False: it ends the owner's loop, or its callback has closed the set.
+static bool dispatch(poll_set* set, const epoll_event& event) {
     const auto* entry = static_cast<const poll_entry*>(event.data.ptr);
-    if (!set_lock(set)) {
-        return false;
-    }
-    const bool live = entry->live;
-    const int fd = entry->fd;
-    const poll_callback callback = entry->callback;
-    void* argument = entry->argument;
-    const bool is_first = fd == set->first_fd;
-    if (!set_unlock(set)) {
-        return false;
-    }
-    if (!live) {
-        return true;  // removed earlier in this batch
+    if (!is_live(entry)) {
+        return true;  // removed since the wait
     }
     if ((event.events & (EPOLLIN | EPOLLOUT)) != 0) {
-        const uint32_t generation = set->generation;
-        callback(event.events, argument);
-        return set->generation == generation;  // else the rest of the batch names freed entries
+        entry->callback(event.events, entry->argument);
+        return set->epfd != -1;  // closed: nothing that the batch names is there any more
     }
     if ((event.events & (EPOLLERR | EPOLLHUP)) != 0) {
-        GWA_LOG(ERROR, "epoll event error, fd %d, event 0x%x", fd, event.events);
-        if (is_first) {
+        GWA_LOG(ERROR, "epoll event error, fd %d, event 0x%x", entry->fd, event.events);
+        if (entry->fd == set->first_fd.load(std::memory_order_relaxed)) {
             return false;
         }
-        poll_del(set, fd);
+        poll_del(set, entry->fd);
     }
     return true;
 }
 
-int poll_wait(poll_set* set) {
+// Both kinds of wait under one name, which the log shows for either.
+static int poll_wait(poll_set* set, bool patient) {
     if (set == nullptr) {
         GWA_LOG(ERROR, "set is NULL");
         return -1;
@@ -286,7 +265,8 @@ int poll_wait(poll_set* set) {
         GWA_LOG(ERROR, "no fd in set");
         return -1;
     }
-    const int count = gwa_time.epoll_wait(set->epfd, set->events, POLL_BATCH, wait_timeout(set));
+    const int timeout = patient ? wait_timeout(set) : 0;
+    const int count = gwa_time.epoll_wait(set->epfd, set->events, POLL_BATCH, timeout);
     if (count == -1) {
         if (errno == EINTR) {
             return 0;
@@ -301,3 +281,7 @@ int poll_wait(poll_set* set) {
     }
     return 0;
 }
+
+int poll_wait(poll_set* set) { return poll_wait(set, true); }
+
+int poll_now(poll_set* set) { return poll_wait(set, false); }

@@ -1,26 +1,27 @@
 // poll.h - readiness for one thread: an epoll descriptor and the table of what is registered on it.
 //
 // Owner:   the thread that waits; the set lives by value in that thread's connection record.
-// Threads: poll_add and poll_del from any thread and from callbacks; poll_init, poll_wait and
-//          poll_exit from the owner.
+// Threads: poll_add, poll_del and poll_rearm from any thread and from callbacks; poll_exit from the
+//          owner, its callbacks included; poll_init, poll_wait and poll_now from the owner only.
 // Results: 0, or -1 after the reason has been logged; nothing is retried.
 // Outside: epoll(7), edge-triggered.
 //
 //     (made)  -> READY     poll_init
-//     READY   -> READY     poll_add, poll_del, poll_wait
+//     READY   -> READY     poll_add, poll_del, poll_rearm, poll_wait, poll_now
 //     READY   -> CLOSED    poll_exit; only poll_init may follow
 #pragma once
 
 #include <pthread.h>
 #include <sys/epoll.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "runtime/gwa_list.h"
 
 // Runs on the owner's thread with no lock held. Readiness is edge-triggered, so it reads or writes
-// until EAGAIN. It may remove any descriptor of its set, and even close the set: what is gone is
-// skipped in this batch.
+// until EAGAIN. It may remove any descriptor of its set, its own included: what is gone is skipped
+// in this batch (exception 53). It may even close the set, which ends the batch.
 using poll_callback = void (*)(uint32_t events, void* argument);
 
 constexpr int POLL_BATCH = 16;           // events taken by one wait
@@ -32,7 +33,9 @@ struct poll_entry : list_link {
     poll_callback callback = nullptr;
     void* argument = nullptr;  // borrowed; outlives the registration
     int* owner = nullptr;      // the variable that holds `fd`, or null; see poll_add
-    bool live = true;          // false: epoll refused it, or it has been removed
+    // False for good once it has been removed, or epoll has refused it. Cleared under the lock;
+    // dispatching looks at it without.
+    std::atomic<bool> live{true};
 };
 
 struct poll_set {
@@ -40,13 +43,11 @@ struct poll_set {
     epoll_event events[POLL_BATCH] = {};
     int fd_count = 0;
     list<poll_entry> fd_list;  // guarded by rwlock; newest first
-    list<poll_entry> removed;  // guarded by rwlock; freed when no batch can name them any more
-    int first_fd = -1;         // guarded by rwlock; the owner's main socket: a hang-up on it ends
-                               // the owner's loop
+    list<poll_entry> removed;  // guarded by rwlock; no longer live, but events may still name them
+    // The owner's main socket: a hang-up on it ends the owner's loop. Written under the lock.
+    std::atomic<int> first_fd{-1};
     pthread_rwlock_t rwlock = PTHREAD_RWLOCK_INITIALIZER;
-    int timeout = 0;          // ms, 1 to 60000; the owner sets it before each wait
-    bool no_wait = false;     // the owner knows of more work: the next wait returns at once
-    uint32_t generation = 0;  // counts poll_exit, so that a batch notices that its set was closed
+    int timeout = 0;  // ms, 1 to 60000; the owner sets it before each poll_wait
 };
 
 // Makes the set ready, empty, with a time-out of 0. Again allowed after poll_exit.
@@ -62,5 +63,8 @@ int poll_add(poll_set* set, int fd, poll_callback callback, void* argument, int*
 int poll_del(poll_set* set, int fd);
 // Makes the next wait report `fd` again if it is ready, although its edge has passed. 0 or -1.
 int poll_rearm(poll_set* set, int fd);
-// Waits once, at most `timeout`, and runs the callbacks of what became ready. -1: tear down.
+// Waits once, at most `timeout`, and runs the callbacks of what became ready. -1: tear down, unless
+// a callback has closed the set, which has done so.
 int poll_wait(poll_set* set);
+// The same without waiting, whatever `timeout` says: for an owner that knows of more work.
+int poll_now(poll_set* set);

@@ -58,9 +58,7 @@ struct DlnaStatus : testing::Test {
     }
     void handle_events(int waits = 8) {
         for (int i = 0; i < waits; i++) {
-            poller.timeout = 1;
-            poller.no_wait = true;
-            poll_wait(&poller);
+            poll_now(&poller);
         }
     }
     int clients() const { return poller.fd_count - 1; }
