@@ -86,21 +86,50 @@ TEST_F(TimerWalk, RearmsPeriodicTimersFromThePass) {
 }
 
 TEST_F(TimerWalk, LeavesOutTheLastOnlyAfterAnInsertionBeforeAnother) {
-    for (const bool another : {false, true}) {
+    struct row {
+        uint32_t a, b, c;     // the intervals with which they are armed again, 11 s after the start
+        uint32_t d;           // a one-shot timer's, which waits meanwhile; 0: there is none
+        const char* pending;  // in the order in which they fire next
+    };
+    const row rows[] = {
+        {10, 20, 30, 0, "abc"},      // each in turn is the last of all, and none is before another
+        {30, 20, 10, 0, "cba"},      // none but the first is the last of all
+        {20, 10, 30, 0, "ba"},       // c would be the last after b was put before a
+        {20, 10, 20, 0, "ba"},       // the same with a deadline like the last one's
+        {20, 10, 19, 0, "bca"},      // c is not the last
+        {10, 100, 20, 50, "acd"},    // b would be the last after a was put before d
+        {10, 100, 200, 50, "ad"},    // b, and c after it
+        {100, 200, 10, 50, "cdab"},  // the last come first
+        {39, 10, 100, 50, "bda"},    // a, as late as d, comes after it
+        {38, 39, 40, 50, "ad"},      // b, as late as d, would be the last
+    };
+    for (const row& each : rows) {
         fake_time::now_us = 0;
-        start(a, 10, GWA_TIMER_PERIODIC);
-        start(b, 10, GWA_TIMER_PERIODIC);
-        gwa_timer_expire_modify(b.timer, 100);
-        if (another) {
-            start(c, 50);
+        for (subject* periodic : {&a, &b, &c}) {
+            start(*periodic, 10, GWA_TIMER_PERIODIC);
         }
-        EXPECT_EQ(pass(11 * SECOND), "ab");
-        EXPECT_EQ(pass(200 * SECOND), another ? "ac" : "ab");
-        EXPECT_EQ(gwa_timer_stop(b.timer), 0);
-        EXPECT_EQ(gwa_timer_start(b.timer), 0);
-        EXPECT_EQ(pass(301 * SECOND), "ab") << "a timer that was left out can be started anew";
+        gwa_timer_expire_modify(a.timer, each.a);
+        gwa_timer_expire_modify(b.timer, each.b);
+        gwa_timer_expire_modify(c.timer, each.c);
+        if (each.d != 0) {
+            start(d, each.d);
+        }
+        EXPECT_EQ(pass(11 * SECOND), "abc");
+        EXPECT_EQ(pass(500 * SECOND), each.pending) << each.a << " " << each.b << " " << each.c;
         destroy_all();
     }
+}
+
+TEST_F(TimerWalk, StartsATimerAnewThatWasLeftOut) {
+    start(a, 10, GWA_TIMER_PERIODIC);
+    start(b, 10, GWA_TIMER_PERIODIC);
+    start(c, 50);
+    gwa_timer_expire_modify(b.timer, 100);
+    EXPECT_EQ(pass(11 * SECOND), "ab");
+    EXPECT_EQ(pass(200 * SECOND), "ac");
+    EXPECT_EQ(gwa_timer_stop(b.timer), 0);
+    EXPECT_EQ(gwa_timer_start(b.timer), 0);
+    EXPECT_EQ(pass(301 * SECOND), "ab");
 }
 
 TEST_F(TimerWalk, LetsACallbackChangeItsList) {
@@ -115,6 +144,10 @@ TEST_F(TimerWalk, LetsACallbackChangeItsList) {
         {"destroys itself", GWA_TIMER_PERIODIC, [&] { destroy(a); }, "abc", ""},
         {"starts itself", GWA_TIMER_ONCE, [&] { gwa_timer_start(a.timer); }, "abc", "a"},
         {"starts itself", GWA_TIMER_PERIODIC, [&] { gwa_timer_start(a.timer); }, "abc", "a"},
+        {"stops itself again", GWA_TIMER_PERIODIC,
+         [&] { gwa_timer_start(a.timer), gwa_timer_stop(a.timer); }, "abc", ""},
+        {"starts itself again", GWA_TIMER_PERIODIC,
+         [&] { gwa_timer_stop(a.timer), gwa_timer_start(a.timer); }, "abc", "a"},
         {"stops the next", GWA_TIMER_ONCE, [&] { gwa_timer_stop(b.timer); }, "ac", ""},
         {"destroys the next", GWA_TIMER_PERIODIC, [&] { destroy(b); }, "ac", "a"},
         {"destroys all others", GWA_TIMER_ONCE, [&] { destroy(b), destroy(c); }, "a", ""},
@@ -153,30 +186,111 @@ TEST_F(TimerWalk, StartRunsWhatIsAlreadyDueAtOnce) {
 
 // What is freed once too often or never, the address sanitizer tells.
 TEST_F(TimerWalk, FreesByModeWhenFiredOnceAndWhenDestroyed) {
-    for (uint32_t turn = 0; turn < 8; turn++) {
-        const uint32_t mode = turn / 2 * GWA_TIMER_FREE_SELF;  // none, itself, its argument, both
-        gwa_timer* timer = nullptr;
-        void* argument = malloc(1);
-        ASSERT_EQ(gwa_timer_init([](void*) {}, argument, 1, mode, list, &timer), 0);
-        ASSERT_EQ(gwa_timer_start(timer), 0);
-        turn % 2 == 0 ? gwa_timer_destroy(timer) : (pass(fake_time::now_us + 2 * SECOND), 0);
-        free((mode & GWA_TIMER_FREE_ARG) != 0 ? nullptr : argument);
-        free((mode & GWA_TIMER_FREE_SELF) != 0 ? nullptr : timer);
+    struct self {
+        gwa_timer* timer;
+        int (*action)(gwa_timer*);
+    };
+    const auto act = [](void* argument) {
+        auto* owner = static_cast<self*>(argument);
+        std::exchange(owner->action, [](gwa_timer*) { return 0; })(owner->timer);
+    };
+    int (*const actions[])(gwa_timer*) = {nullptr, [](gwa_timer*) { return 0; }, gwa_timer_stop,
+                                          gwa_timer_start};
+    for (const uint32_t mode : {0, 4, 8, 12}) {
+        for (const auto action : actions) {
+            auto* argument = static_cast<self*>(malloc(sizeof(self)));
+            argument->action = action;
+            gwa_timer* timer = nullptr;
+            ASSERT_EQ(gwa_timer_init(act, argument, 1, mode, list, &timer), 0);
+            argument->timer = timer;
+            ASSERT_EQ(gwa_timer_start(timer), 0);
+            if (action == nullptr) {
+                EXPECT_EQ(gwa_timer_destroy(timer), 0);
+            }
+            pass(fake_time::now_us + 2 * SECOND);
+            pass(fake_time::now_us + 2 * SECOND);  // for the one that has started itself
+            free((mode & GWA_TIMER_FREE_ARG) != 0 ? nullptr : argument);
+            free((mode & GWA_TIMER_FREE_SELF) != 0 ? nullptr : timer);
+        }
     }
 }
 
-TEST(TimerThread, RunsTheDefaultListAndEndsOnRequest) {
-    // A clock that the test moves, and sleeps so short that nobody waits, but for the test's own,
-    // which leave the thread time to end.
-    static std::atomic<int32_t> now_s = 0, state = 0;
-    static const pthread_t test_thread = pthread_self();
-    const fake_time restored;
-    gwa_time = restored.saved;
-    gwa_time.now_us = [] { return now_s * SECOND; };
-    gwa_time.sleep_us = [](int64_t) {
-        usleep(pthread_equal(pthread_self(), test_thread) ? 100000 : 500);
+TEST_F(TimerWalk, RefusesWhatMakesNoSense) {
+    gwa_timer* homeless = nullptr;
+    ASSERT_EQ(gwa_timer_init(callback, nullptr, 1, 0, nullptr, &homeless), 0);
+    const std::pair<const char*, std::function<int()>> calls[] = {
+        {"callback is null", [&] { return gwa_timer_init(nullptr, &a, 1, 0, list, &a.timer); }},
+        {"timer is null", [&] { return gwa_timer_init(callback, &a, 1, 0, list, nullptr); }},
+        {"timer is inited", [] { return gwa_timer_start(nullptr); }},
+        {"timer is inited", [] { return gwa_timer_stop(nullptr); }},
+        {"timer is inited", [] { return gwa_timer_destroy(nullptr); }},
+        {"timer is inited", [] { return gwa_timer_expire_modify(nullptr, 1); }},
+        {"timer is inited", [&] { return gwa_timer_start(homeless); }},
+        {"list is null", [] { return gwa_timer_list_init(nullptr); }},
+        {"timer list is inited", [] { return gwa_timer_list_destroy(nullptr); }},
     };
+    for (const auto& [text, call] : calls) {
+        const std::string log = log_of([&] { EXPECT_EQ(call(), -1) << text; });
+        EXPECT_TRUE(log.ends_with("() <3> " + std::string(text) + "\n")) << log;
+    }
+    free(homeless);
+    EXPECT_EQ(gwa_timer_default_exit(), 0) << "there is no default list";
+}
+
+TEST_F(TimerWalk, ShowsWhatIsPendingOneWayAndTheOther) {
+    start(a, 1);
+    start(b, 2);
+    start(c, 30);
+    const auto intervals = [&] {  // of the shown timers, and a dash a headline
+        std::string shown;
+        const std::string log = log_of([&] { gwa_timer_list_show(list); });
+        for (size_t at = 0; (at = log.find("<7> timer ", at)) != std::string::npos; at++) {
+            const size_t expire = log.find("expire ", at);
+            shown += log.compare(at, 14, "<7> timer list") == 0 ? "-" : log.substr(expire + 7, 2);
+        }
+        return shown;
+    };
+    EXPECT_EQ(intervals(), "-302,1,-1,2,30");
+    a.action = [&] { EXPECT_EQ(intervals(), "-302,-2,30") << "b is due as well"; };
+    EXPECT_EQ(pass(9 * SECOND), "ab");
+}
+
+// A clock that the test moves. The list's thread sleeps a moment a pass or, held up, until it is
+// let go; the test's own sleeps, which are for the thread to end, last until it has.
+struct thread_clock {
+    static inline std::atomic<int32_t> now_s;
+    static inline std::atomic<bool> held, asleep;
+    static inline gwa_timer_list* ending;
+    static inline int probes;
+    static inline pthread_t test_thread;
+    const fake_time restored;
+
+    thread_clock() {
+        now_s = 0, held = asleep = false, ending = nullptr, probes = 0,
+        test_thread = pthread_self();
+        gwa_time = restored.saved;
+        gwa_time.now_us = [] { return now_s * SECOND; };
+        gwa_time.sleep_us = [](int64_t) {
+            if (pthread_equal(pthread_self(), test_thread) != 0) {
+                probes += ending != nullptr ? 1 : 0;
+                eventually([] { return held || ending == nullptr || ending->ended; });
+                return;
+            }
+            asleep = true;
+            do {
+                usleep(500);
+            } while (held);
+        };
+    }
+};
+
+TEST(TimerThread, RunsTheDefaultListAndEndsOnRequest) {
+    const thread_clock clock;
+    static std::atomic<int32_t> state = 0;
     ASSERT_EQ(gwa_timer_default_init(), 0);
+    gwa_timer_list* const list = gwa_timer_default_list;
+    EXPECT_EQ(gwa_timer_default_init(), 0);
+    EXPECT_EQ(gwa_timer_default_list, list) << "there is one already";
     gwa_timer *timer = nullptr, *pending = nullptr;
     const auto slow = [](void*) {
         state = 1;
@@ -187,15 +301,32 @@ TEST(TimerThread, RunsTheDefaultListAndEndsOnRequest) {
     ASSERT_EQ(gwa_timer_init(slow, nullptr, 9999, GWA_TIMER_ONCE, nullptr, &pending), 0);
     ASSERT_EQ(gwa_timer_start(pending), 0);
     ASSERT_EQ(gwa_timer_start(timer), 0);
-    now_s = 77;
+    clock.now_s = 77;
     EXPECT_TRUE(eventually([] { return state != 0; }));
     EXPECT_EQ(gwa_timer_stop(timer), 0);
     EXPECT_EQ(state, 2) << "stop returned while the callback was running";
     free(timer);
 
     // Frees what is still pending.
+    clock.ending = list;
     const std::string log = log_of([] { EXPECT_EQ(gwa_timer_default_exit(), 0); });
     EXPECT_NE(log.find("main thread have exited\n"), std::string::npos);
+    EXPECT_EQ(clock.probes, 1);
     EXPECT_EQ(gwa_timer_default_list, nullptr);
     EXPECT_EQ(gwa_now_get(), 77);
+}
+
+TEST(TimerThread, KeepsAListThatItIsStillAsleepOver) {
+    const thread_clock clock;
+    clock.held = true;
+    gwa_timer_list* list = nullptr;
+    ASSERT_EQ(gwa_timer_list_init(&list), 0);
+    EXPECT_TRUE(eventually([&] { return clock.asleep.load(); }));
+    clock.ending = list;
+    const std::string log = log_of([&] { EXPECT_EQ(gwa_timer_list_destroy(list), 0); });
+    EXPECT_NE(log.find("main thread not exit\n"), std::string::npos) << log;
+    EXPECT_EQ(clock.probes, 3);
+    clock.held = false;
+    EXPECT_TRUE(eventually([&] { return list->ended.load(); })) << "it has been asked to end";
+    free(list);
 }
