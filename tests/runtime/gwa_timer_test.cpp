@@ -286,7 +286,8 @@ struct thread_clock {
 
 TEST(TimerThread, RunsTheDefaultListAndEndsOnRequest) {
     const thread_clock clock;
-    static std::atomic<int32_t> state = 0;
+    static std::atomic<int32_t> state;
+    state = 0;
     ASSERT_EQ(gwa_timer_default_init(), 0);
     gwa_timer_list* const list = gwa_timer_default_list;
     EXPECT_EQ(gwa_timer_default_init(), 0);
