@@ -5,6 +5,7 @@
 
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
+#include "runtime/gwa_util_send_buffer.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 

@@ -9,14 +9,8 @@
 #include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_time.h"
 
-namespace {
-
-constexpr int64_t US_PER_S = 1000000;
-
-}  // namespace
-
 static int64_t deadline_after(int64_t now, const gwa_timer* timer) {
-    return now + int64_t{timer->interval} * US_PER_S;
+    return now + int64_t{timer->interval} * GWA_US_PER_SECOND;
 }
 
 // The first timer, from the tail on, that is due later than `deadline`, or the head.
@@ -189,8 +183,9 @@ int gwa_timer_start(gwa_timer* timer) {
     timer->deadline = deadline_after(started, timer);
     const int64_t now = gwa_time.now_us();
     if (timer->deadline < now) {
-        GWA_LOG(DEBUG, "timer (%ld) now (%ld)", static_cast<long>(timer->deadline / US_PER_S),
-                static_cast<long>(now / US_PER_S));
+        GWA_LOG(DEBUG, "timer (%ld) now (%ld)",
+                static_cast<long>(timer->deadline / GWA_US_PER_SECOND),
+                static_cast<long>(now / GWA_US_PER_SECOND));
         GWA_LOG(DEBUG, "warning: timer %p is expired before start", static_cast<void*>(timer));
         timer->callback(timer->argument);  // from here on the timer may be gone
         return unlock_list(list);

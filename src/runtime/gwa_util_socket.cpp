@@ -1,9 +1,7 @@
 #include "runtime/gwa_util_socket.h"
 
 #include <fcntl.h>
-#include <linux/sockios.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstring>
@@ -16,8 +14,6 @@
 namespace {
 
 constexpr int SEND_SLICE_MS = 500;
-constexpr int SEND_BUFFER_LOW_LEVEL = 2;    // below it less than a quarter is queued
-constexpr int SEND_BUFFER_PAUSE_US = 1000;  // a level: the fuller, the longer
 
 }  // namespace
 
@@ -73,7 +69,7 @@ int gwa_sendn(int fd, const void* buffer, int length) {
     int sent = 0;
     while (sent < length) {
         const gwa_wait_result result =
-            gwa_socket_wait_slice(fd, POLLOUT, TIME_NO_LIMIT, SEND_SLICE_MS);
+            gwa_socket_wait_slice(fd, POLLOUT, GWA_NO_LIMIT, SEND_SLICE_MS);
         if (result == gwa_wait_result::RAN_OUT) {
             continue;
         }
@@ -108,51 +104,4 @@ int gwa_sendto(int fd, const void* buffer, int length, uint32_t address, uint16_
         return GWA_FAILED;
     }
     return GWA_OK;
-}
-
-int gwa_socket_send_buffer_level(int queued, int limit) {
-    const int half = limit >> 1;
-    const int quarter = limit >> 2;
-    if (queued == 0) {
-        return 0;
-    }
-    if (queued >= limit) {
-        return 5;
-    }
-    if (queued < quarter) {
-        return 1;
-    }
-    if (queued <= half) {
-        return 2;
-    }
-    return queued < half + quarter ? 3 : 4;
-}
-
-int gwa_socket_send_buffer_status(int fd, int limit) {
-    int queued = 0;
-    if (ioctl(fd, SIOCOUTQ, &queued) == -1) {
-        GWA_LOG(ERROR, "ioctl error on socket %d, %s", fd, strerror(errno));
-        return GWA_FAILED;
-    }
-    return gwa_socket_send_buffer_level(queued, limit);
-}
-
-int gwa_socket_send_buffer_wait(int fd, int limit, int32_t /*ignored*/, int* level, int seconds,
-                                bool (*wanted)()) {
-    const time_limit until = gwa_time_limit_start(seconds);
-    while (wanted()) {
-        *level = gwa_socket_send_buffer_status(fd, limit);
-        if (*level < 0) {
-            return GWA_FAILED;
-        }
-        if (*level < SEND_BUFFER_LOW_LEVEL) {
-            return GWA_OK;
-        }
-        if (gwa_time_limit_left_us(until) <= 0) {
-            return GWA_TIMED_OUT;
-        }
-        gwa_usleep(*level * SEND_BUFFER_PAUSE_US);
-    }
-    *level = -1;
-    return GWA_FAILED;
 }

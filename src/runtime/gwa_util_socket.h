@@ -1,4 +1,4 @@
-// gwa_util_socket.h - connecting and sending with limits, and the fill level of a send buffer.
+// gwa_util_socket.h - connecting and sending, with limits.
 //
 // Owner:   nothing here closes a descriptor.
 // Threads: stateless; any thread, several at a time.
@@ -32,14 +32,3 @@ int gwa_sendn(int fd, const void* buffer, int length);
 
 // One datagram to an IPv4 address and port, both in host order. 0 or -1.
 int gwa_sendto(int fd, const void* buffer, int length, uint32_t address, uint16_t port);
-
-// How full the send buffer is against `limit` bytes: 0 empty, 1 to 4 by quarters, 5 full; or -1.
-// SIOCOUTQ, tcp(7).
-int gwa_socket_send_buffer_status(int fd, int limit);
-// The pure part of it: the level of `queued` bytes against `limit`.
-int gwa_socket_send_buffer_level(int queued, int limit);
-
-// Waits until less than a quarter of `limit` is queued. 0, -1 failed or no longer `wanted`, -2 time
-// ran out; the level seen last, or -1, goes to `level`. The third argument is accepted and ignored.
-int gwa_socket_send_buffer_wait(int fd, int limit, int32_t ignored, int* level, int seconds,
-                                bool (*wanted)());

@@ -45,7 +45,7 @@ static ssize_t recv_polled(int fd, void* buffer, size_t length) {
 }
 
 void gwa_socket_readable_wait(int fd, int milliseconds) {
-    gwa_socket_wait_slice(fd, POLLIN, TIME_NO_LIMIT, milliseconds);
+    gwa_socket_wait_slice(fd, POLLIN, GWA_NO_LIMIT, milliseconds);
 }
 
 // The receive that follows a wait: it does not block, should the readiness have been an error.
@@ -74,7 +74,7 @@ int gwa_recvn_timeout(int fd, void* buffer, size_t length, int seconds) {
     if (seconds <= 0) {
         return GWA_FAILED;
     }
-    const time_limit limit = gwa_time_limit_start(seconds);
+    const gwa_time_limit limit = gwa_limit_start(seconds);
     bool waited = false;  // the last thing that happened was a wait without result
     for (size_t received = 0; received < length;) {
         const ssize_t count =
@@ -91,7 +91,7 @@ int gwa_recvn_timeout(int fd, void* buffer, size_t length, int seconds) {
             GWA_LOG(ERROR, "recv error %s", strerror(errno));
             return GWA_FAILED;
         }
-        if (gwa_time_limit_left_us(limit) <= 0) {
+        if (gwa_limit_left_us(limit) <= 0) {
             if (!waited) {
                 return GWA_FAILED;  // late already: there was no wait that could have run out
             }
@@ -121,7 +121,7 @@ int gwa_recvn(int fd, void* buffer, size_t length) {
         if (count == 0) {
             // Not a look every 100 us: a server that is silent for minutes would cost the box a
             // good part of its processor.
-            gwa_socket_wait_slice(fd, POLLIN, TIME_NO_LIMIT, SLICE_MS);
+            gwa_socket_wait_slice(fd, POLLIN, GWA_NO_LIMIT, SLICE_MS);
         }
         received += static_cast<size_t>(count);
     } while (received < length);
@@ -129,7 +129,7 @@ int gwa_recvn(int fd, void* buffer, size_t length) {
 }
 
 int gwa_recvn_timeout_fast(int fd, void* buffer, size_t length, int seconds) {
-    const time_limit limit = gwa_time_limit_start(seconds);
+    const gwa_time_limit limit = gwa_limit_start(seconds);
     size_t received = 0;
     do {
         const ssize_t count =
@@ -145,7 +145,7 @@ int gwa_recvn_timeout_fast(int fd, void* buffer, size_t length, int seconds) {
             break;
         }
         gwa_usleep(FAST_POLL_US);
-        if (gwa_time_limit_left_us(limit) <= 0) {
+        if (gwa_limit_left_us(limit) <= 0) {
             GWA_LOG(ERROR, "recv timeout...");
             break;
         }

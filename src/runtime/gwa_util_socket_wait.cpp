@@ -6,31 +6,20 @@
 #include <cerrno>
 
 #include "runtime/gwa_process.h"
-#include "runtime/gwa_util_time.h"
 
 namespace {
 
-constexpr int64_t US_PER_SECOND = 1000000;
 constexpr int64_t US_PER_MS = 1000;
 constexpr int SLICE_MS = 500;  // how late a wait may notice the process run flag
 
 }  // namespace
 
-time_limit gwa_time_limit_start(int seconds) {
-    const int64_t span_us = int64_t{seconds} * US_PER_SECOND;
-    return {gwa_time.now_us() + span_us, gwa_time.steady_us() + span_us};
-}
-
-int64_t gwa_time_limit_left_us(const time_limit& limit) {
-    return std::min(limit.wall_us - gwa_time.now_us(), limit.steady_us - gwa_time.steady_us());
-}
-
-gwa_wait_result gwa_socket_wait_slice(int fd, short events, const time_limit& limit, int slice_ms) {
+gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit& limit, int slice_ms) {
     if (fd < 0) {
         errno = EBADF;  // poll(2) would skip the entry and report a time-out
         return gwa_wait_result::FAILED;
     }
-    const int64_t left_ms = (gwa_time_limit_left_us(limit) + US_PER_MS - 1) / US_PER_MS;
+    const int64_t left_ms = (gwa_limit_left_us(limit) + US_PER_MS - 1) / US_PER_MS;
     const auto wait_ms = static_cast<int>(std::clamp<int64_t>(left_ms, 0, slice_ms));
     pollfd entry{fd, events, 0};
     const int count = gwa_time.poll(&entry, 1, gwa_process_running() ? wait_ms : 0);
@@ -48,10 +37,10 @@ gwa_wait_result gwa_socket_wait_slice(int fd, short events, const time_limit& li
 }
 
 gwa_wait_result gwa_socket_wait(int fd, short events, int seconds) {
-    const time_limit limit{TIME_NEVER_US, gwa_time.steady_us() + int64_t{seconds} * US_PER_SECOND};
+    const gwa_time_limit limit{GWA_NEVER_US, gwa_time.steady_us() + int64_t{seconds} * GWA_US_PER_SECOND};
     for (;;) {
         const gwa_wait_result result = gwa_socket_wait_slice(fd, events, limit, SLICE_MS);
-        if (result != gwa_wait_result::RAN_OUT || gwa_time_limit_left_us(limit) <= 0) {
+        if (result != gwa_wait_result::RAN_OUT || gwa_limit_left_us(limit) <= 0) {
             return result;
         }
     }

@@ -8,19 +8,7 @@
 
 #include <cstdint>
 
-// When something is over, by both clocks. A box sets its wall clock by hours soon after it starts:
-// set back, it must not prolong a wait.
-struct time_limit {
-    int64_t wall_us;
-    int64_t steady_us;
-};
-constexpr int64_t TIME_NEVER_US = INT64_MAX / 2;  // half: sums with it must not overflow
-constexpr time_limit TIME_NO_LIMIT{TIME_NEVER_US, TIME_NEVER_US};
-
-// The limit that is so many seconds away.
-time_limit gwa_time_limit_start(int seconds);
-// What is left of it; 0 or less: it has come.
-int64_t gwa_time_limit_left_us(const time_limit& limit);
+#include "runtime/gwa_util_time.h"
 
 enum class gwa_wait_result : uint8_t {
     READY,    // a hang-up or an error too: the next call on the descriptor names it
@@ -30,6 +18,6 @@ enum class gwa_wait_result : uint8_t {
 };
 
 // Waits for events of poll(2), for one slice of what is left.
-gwa_wait_result gwa_socket_wait_slice(int fd, short events, const time_limit& limit, int slice_ms);
+gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit& limit, int slice_ms);
 // Waits up to `seconds`, however the wall clock is set meanwhile. RAN_OUT: all of them.
 gwa_wait_result gwa_socket_wait(int fd, short events, int seconds);

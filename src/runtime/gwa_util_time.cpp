@@ -9,26 +9,25 @@
 
 namespace {
 
-constexpr int64_t US_PER_SECOND = 1000000;
 constexpr int64_t NS_PER_US = 1000;
 constexpr int SLEEP_MAX_S = 30 * 24 * 3600;
 
 int64_t wall_clock_us() {
     timeval now{};
     gettimeofday(&now, nullptr);
-    return int64_t{now.tv_sec} * US_PER_SECOND + now.tv_usec;
+    return int64_t{now.tv_sec} * GWA_US_PER_SECOND + now.tv_usec;
 }
 
 int64_t steady_clock_us() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * US_PER_SECOND + now.tv_nsec / NS_PER_US;
+    return int64_t{now.tv_sec} * GWA_US_PER_SECOND + now.tv_nsec / NS_PER_US;
 }
 
 void sleep_once(int64_t us) {
     timespec span{};
-    span.tv_sec = static_cast<time_t>(us / US_PER_SECOND);
-    span.tv_nsec = static_cast<long>(us % US_PER_SECOND * NS_PER_US);
+    span.tv_sec = static_cast<time_t>(us / GWA_US_PER_SECOND);
+    span.tv_nsec = static_cast<long>(us % GWA_US_PER_SECOND * NS_PER_US);
     nanosleep(&span, nullptr);
 }
 
@@ -37,7 +36,7 @@ void sleep_once(int64_t us) {
 gwa_time_source gwa_time = {wall_clock_us, steady_clock_us, sleep_once, poll, epoll_wait};
 std::atomic<int32_t> gwa_now{0};
 
-int64_t gwa_time_seconds() { return gwa_time.now_us() / US_PER_SECOND; }
+int64_t gwa_time_seconds() { return gwa_time.now_us() / GWA_US_PER_SECOND; }
 
 void gwa_now_refresh() {
     gwa_now.store(static_cast<int32_t>(gwa_time_seconds()), std::memory_order_relaxed);
@@ -63,7 +62,7 @@ int gwa_sleep(int seconds) {
         if (slept > 0 && !gwa_process_running()) {
             break;
         }
-        gwa_time.sleep_us(US_PER_SECOND);
+        gwa_time.sleep_us(GWA_US_PER_SECOND);
     }
     return 0;
 }
@@ -74,4 +73,13 @@ int gwa_usleep(int microseconds) {
     }
     gwa_time.sleep_us(microseconds);
     return 0;
+}
+
+gwa_time_limit gwa_limit_start(int seconds) {
+    const int64_t span_us = int64_t{seconds} * GWA_US_PER_SECOND;
+    return {gwa_time.now_us() + span_us, gwa_time.steady_us() + span_us};
+}
+
+int64_t gwa_limit_left_us(const gwa_time_limit& limit) {
+    return std::min(limit.wall_us - gwa_time.now_us(), limit.steady_us - gwa_time.steady_us());
 }

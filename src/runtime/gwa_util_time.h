@@ -21,6 +21,8 @@ struct gwa_time_source {
 };
 extern gwa_time_source gwa_time;
 
+constexpr int64_t GWA_US_PER_SECOND = 1000000;
+
 // The wall clock in whole seconds, as time(2) has it; 64 bits, so that sums with limits cannot
 // wrap.
 int64_t gwa_time_seconds();
@@ -50,3 +52,15 @@ int32_t gwa_moment_never();
 int gwa_sleep(int seconds);
 // Sleeps microseconds in one step. 0, or -1 for a negative argument.
 int gwa_usleep(int microseconds);
+
+// When a wait is over, by both clocks. A box sets its wall clock by hours soon after it starts: set
+// back, it must not prolong a wait.
+struct gwa_time_limit {
+    int64_t wall_us;
+    int64_t steady_us;
+};
+constexpr int64_t GWA_NEVER_US = INT64_MAX / 2;  // half: sums with it must not overflow
+constexpr gwa_time_limit GWA_NO_LIMIT{GWA_NEVER_US, GWA_NEVER_US};
+gwa_time_limit gwa_limit_start(int seconds);
+// 0 or less: it is over.
+int64_t gwa_limit_left_us(const gwa_time_limit& limit);

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int64_t SECOND = 1000000;  // us
+constexpr int64_t SECOND = GWA_US_PER_SECOND;  // us
 
 class TimerWalk : public testing::Test {  // a list that only the test walks
    protected:
@@ -148,6 +148,7 @@ TEST_F(TimerWalk, LetsACallbackChangeItsList) {
          [&] { gwa_timer_start(a.timer), gwa_timer_stop(a.timer); }, "abc", ""},
         {"starts itself again", GWA_TIMER_PERIODIC,
          [&] { gwa_timer_stop(a.timer), gwa_timer_start(a.timer); }, "abc", "a"},
+        {"starts the next over", GWA_TIMER_ONCE, [&] { gwa_timer_start(b.timer); }, "ac", "b"},
         {"stops the next", GWA_TIMER_ONCE, [&] { gwa_timer_stop(b.timer); }, "ac", ""},
         {"destroys the next", GWA_TIMER_PERIODIC, [&] { destroy(b); }, "ac", "a"},
         {"destroys all others", GWA_TIMER_ONCE, [&] { destroy(b), destroy(c); }, "a", ""},
@@ -255,8 +256,8 @@ TEST_F(TimerWalk, ShowsWhatIsPendingOneWayAndTheOther) {
     EXPECT_EQ(pass(9 * SECOND), "ab");
 }
 
-// A clock that the test moves. The list's thread sleeps a moment a pass or, held up, until it is
-// let go; the test's own sleeps, which are for the thread to end, last until it has.
+// A clock that the test moves. The list's thread sleeps a moment after each pass or, while it is
+// held, until it is let go. The test's own sleeps, which wait for that thread to end, end with it.
 struct thread_clock {
     static inline std::atomic<int32_t> now_s;
     static inline std::atomic<bool> held, asleep;
