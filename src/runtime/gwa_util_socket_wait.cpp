@@ -14,7 +14,8 @@ constexpr int SLICE_MS = 500;  // how late a wait may notice the process run fla
 
 }  // namespace
 
-gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit& limit, int slice_ms) {
+gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit& limit,
+                                      int slice_ms) {
     if (fd < 0) {
         errno = EBADF;  // poll(2) would skip the entry and report a time-out
         return gwa_wait_result::FAILED;
@@ -37,7 +38,8 @@ gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit
 }
 
 gwa_wait_result gwa_socket_wait(int fd, short events, int seconds) {
-    const gwa_time_limit limit{GWA_NEVER_US, gwa_time.steady_us() + int64_t{seconds} * GWA_US_PER_SECOND};
+    const gwa_time_limit limit{GWA_NEVER_US,
+                               gwa_time.steady_us() + int64_t{seconds} * GWA_US_PER_SECOND};
     for (;;) {
         const gwa_wait_result result = gwa_socket_wait_slice(fd, events, limit, SLICE_MS);
         if (result != gwa_wait_result::RAN_OUT || gwa_limit_left_us(limit) <= 0) {

@@ -18,6 +18,7 @@ enum class gwa_wait_result : uint8_t {
 };
 
 // Waits for events of poll(2), for one slice of what is left.
-gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit& limit, int slice_ms);
+gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit& limit,
+                                      int slice_ms);
 // Waits up to `seconds`, however the wall clock is set meanwhile. RAN_OUT: all of them.
 gwa_wait_result gwa_socket_wait(int fd, short events, int seconds);

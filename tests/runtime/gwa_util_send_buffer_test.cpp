@@ -24,7 +24,9 @@ TEST(SendBufferWait, EndsWhenDrainedOrAtTheLimit) {
     socket_pair sockets;
     run_flags running{true};
     int level = 9;
-    const auto wait = [&](int fd) { return gwa_socket_send_buffer_wait(fd, 1000, 0, &level, 1); };
+    const auto wait = [&](int fd) {
+        return gwa_socket_send_buffer_wait(fd, 1000, 0, &level, 1, gwa_connection_running);
+    };
     EXPECT_EQ(wait(sockets.ours), GWA_OK);
     EXPECT_EQ(level, 0);
     const std::string text(4000, 'x');
