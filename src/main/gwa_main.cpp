@@ -22,7 +22,7 @@
 #include "reporters/gwa_link.h"
 #include "reporters/port_info.h"
 #include "runtime/gwa_process.h"
-#include "runtime/gwa_timer.h"
+#include "runtime/gwa_timer_list.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {

@@ -9,6 +9,8 @@
 #include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_time.h"
 
+gwa_timer_list* gwa_timer_default_list = nullptr;
+
 static int64_t deadline_after(int64_t now, const gwa_timer* timer) {
     return now + int64_t{timer->interval} * GWA_US_PER_SECOND;
 }

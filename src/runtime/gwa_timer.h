@@ -1,4 +1,4 @@
-// gwa_timer.h - one-second timers on the sorted lists of gwa_timer_list.h.
+// gwa_timer.h - one-second timers on sorted lists; their makers and threads are gwa_timer_list.h's.
 //
 // Owner:   a timer belongs to its creator unless its mode says otherwise.
 // Threads: any thread, callbacks included; the list's recursive mutex guards its timers, and is
@@ -14,10 +14,12 @@
 //     PENDING -> PENDING   it fires as a periodic timer
 #pragma once
 
+#include <pthread.h>
+
+#include <atomic>
 #include <cstdint>
 
 #include "runtime/gwa_list.h"
-#include "runtime/gwa_timer_list.h"
 
 using gwa_timer_callback = void (*)(void* argument);
 
@@ -28,6 +30,8 @@ enum gwa_timer_mode : uint32_t {  // a bit set
     GWA_TIMER_FREE_ARG = 8,   // the same for its argument
 };
 
+struct gwa_timer_list;
+
 struct gwa_timer : list_link {  // linked while it is pending, else it points at itself
     gwa_timer_list* list = nullptr;
     gwa_timer_callback callback = nullptr;  // may use this API on its own list and its own timer
@@ -36,6 +40,20 @@ struct gwa_timer : list_link {  // linked while it is pending, else it points at
     int64_t deadline = 0;   // wall clock, us; 64 bits, so that no sum wraps
     uint32_t mode = 0;
 };
+
+struct gwa_timer_list {
+    pthread_t thread{};      // set once, by the creator; zero in a list that no thread serves
+    pthread_mutex_t mutex;   // recursive; guards the rest but `ended`
+    list<gwa_timer> timers;  // pending; deadlines grow from the tail towards the front
+    list<gwa_timer> due;     // what the running pass still has to fire, in the same order
+    // Whose callback the pass runs. Null once that callback has taken away what would follow it: by
+    // destroying the timer, or by stopping it when it is periodic.
+    gwa_timer* firing = nullptr;
+    bool destroy = false;  // asks the thread to end
+    // The thread's last act. Whoever acquires it true may free the list: nobody reads it any more.
+    std::atomic<bool> ended{false};
+};
+extern gwa_timer_list* gwa_timer_default_list;  // null when there is none
 
 // Makes a stopped timer. A null list is the default list.
 int gwa_timer_init(gwa_timer_callback callback, void* argument, uint32_t interval, uint32_t mode,

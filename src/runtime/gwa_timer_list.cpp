@@ -4,12 +4,9 @@
 #include <cstring>
 
 #include "main/gwa_log.h"
-#include "runtime/gwa_timer.h"
 #include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_thread.h"
 #include "runtime/gwa_util_time.h"
-
-gwa_timer_list* gwa_timer_default_list = nullptr;
 
 namespace {
 

@@ -6,28 +6,7 @@
 // Results: 0, or -1 after the reason has been logged.
 #pragma once
 
-#include <pthread.h>
-
-#include <atomic>
-
-#include "runtime/gwa_list.h"
-
-struct gwa_timer;
-
-struct gwa_timer_list {
-    pthread_t thread{};      // set once, by the creator; zero in a list that no thread serves
-    pthread_mutex_t mutex;   // recursive; guards the rest but `ended`
-    list<gwa_timer> timers;  // pending; deadlines grow from the tail towards the front
-    list<gwa_timer> due;     // what the running pass still has to fire, in the same order
-    // Whose callback the pass runs. Null once that callback has taken away what would follow it: by
-    // destroying the timer, or by stopping it when it is periodic.
-    gwa_timer* firing = nullptr;
-    bool destroy = false;  // asks the thread to end
-    // The thread's last act. Whoever acquires it true may free the list: nobody reads it any more.
-    std::atomic<bool> ended{false};
-};
-
-extern gwa_timer_list* gwa_timer_default_list;  // null when there is none
+#include "runtime/gwa_timer.h"
 
 // Makes a list and its thread.
 int gwa_timer_list_init(gwa_timer_list** out);

@@ -9,7 +9,7 @@
 #include "reporters/control_queue.h"
 #include "reporters/dlna_client.h"
 #include "runtime/gwa_process.h"
-#include "runtime/gwa_timer.h"
+#include "runtime/gwa_timer_list.h"
 #include "runtime/gwa_types.h"
 #include "support/fake_time.h"
 #include "support/files.h"

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 
+#include "runtime/gwa_timer_list.h"
 #include "support/eventually.h"
 #include "support/fake_time.h"
 #include "support/log_of.h"

@@ -1,174 +1,21 @@
 #include "runtime/gwa_util_socket.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-
-#include <cerrno>
-#include <functional>
 
 #include "runtime/gwa_types.h"
-#include "runtime/gwa_util_socket_recv.h"
 #include "support/fake_time.h"
 #include "support/files.h"
-#include "support/log_of.h"
 #include "support/run_flags.h"
 #include "support/socket_pair.h"
 
 namespace {
 
-constexpr int64_t SECOND_US = 1000000;
-
-// The exact reads, which differ in how they wait and in what they answer.
-struct exact_read {
-    const char* name;
-    std::function<int(int fd, void* buffer, size_t length)> run;
-    int whole;      // result for 8 bytes
-    int cut_short;  // result when the process run flag clears after 3 of them
-};
-const exact_read EXACT_READS[] = {
-    {"recvn_timeout", [](int f, void* b, size_t n) { return gwa_recvn_timeout(f, b, n, 9); }, 0,
-     -1},
-    {"recvn", gwa_recvn, 8, -1},
-    {"recvn_timeout_fast",
-     [](int f, void* b, size_t n) { return gwa_recvn_timeout_fast(f, b, n, 9); }, 8, 3},
-};
-
-struct Sockets : testing::Test {
+struct Sendn : testing::Test {
     fake_time time;
     socket_pair sockets;
-    char buffer[9] = "";
-    static constexpr size_t SIZE = 8;
 };
-using RecvnTimeoutFast = Sockets;
-using RecvTimeout = Sockets;
-using RecvDiscard = Sockets;
-using Sendn = Sockets;
 
 }  // namespace
-
-TEST(ExactRead, PutsTogetherWhatComesInPieces) {
-    for (const exact_read& read : EXACT_READS) {
-        SCOPED_TRACE(read.name);
-        fake_time time;
-        socket_pair sockets;
-        ASSERT_TRUE(sockets.peer_says("abc"));
-        size_t said = 0;
-        time.event = [&] {  // one byte whenever the code finds nothing and looks at the clock
-            said < 5 && sockets.peer_says(std::string_view("defgh").substr(said++, 1));
-        };
-        char buffer[9] = "";
-        EXPECT_EQ(read.run(sockets.ours, buffer, 8), read.whole);
-        EXPECT_STREQ(buffer, "abcdefgh");
-    }
-}
-
-TEST(ExactRead, EndsWhenThePeerClosesOrTheProcessStops) {
-    for (const exact_read& read : EXACT_READS) {
-        SCOPED_TRACE(read.name);
-        fake_time time;
-        socket_pair sockets;
-        run_flags flags{true};
-        char buffer[8];
-        int looks = 0;
-        time.event = [&] { gwa_process_run = ++looks < 5; };
-        ASSERT_TRUE(sockets.peer_says("abc"));
-        EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), read.cut_short);
-        ASSERT_TRUE(sockets.peer_says("abc"));
-        sockets.peer.reset();
-        EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), GWA_FAILED);
-    }
-}
-
-TEST(ExactRead, OfNothingAnswersAtOnce) {
-    fake_time time;
-    socket_pair sockets;
-    char none;
-    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, &none, 0, 1), GWA_OK);
-    EXPECT_EQ(gwa_recvn(sockets.ours, &none, 0), GWA_FAILED);
-    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, &none, 0, 1), GWA_FAILED);
-    EXPECT_EQ(time.now_us, 0);
-}
-
-TEST(RecvnTimeout, TellsARunOutWaitFromALateStart) {
-    const std::pair<int64_t, int> ticks[] = {{0, GWA_TIMED_OUT}, {2 * SECOND_US, GWA_FAILED}};
-    for (const auto& [tick_us, result] : ticks) {
-        fake_time time;
-        socket_pair sockets;
-        time.tick_us = tick_us;
-        char buffer[8];
-        const std::string log = log_of(
-            [&] { EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, 1), result); });
-        EXPECT_EQ(log.find("<3> recv timeout in 1 second\n") != log.npos, result == GWA_TIMED_OUT);
-        EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, 0), GWA_FAILED);
-    }
-}
-
-TEST(RecvnTimeout, FindsARemainderBelowTheLowWaterMark) {
-    fake_time time;
-    socket_pair sockets{AF_INET};
-    const int mark = 16;
-    ASSERT_EQ(setsockopt(sockets.ours, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark), 0);
-    int looks = 0;
-    time.event = [&] { ++looks == 3 && sockets.peer_says("hello"); };  // after the first try
-    char buffer[6] = "";
-    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, 5, 5), GWA_OK);
-    EXPECT_STREQ(buffer, "hello");
-    EXPECT_EQ(time.now_us, 50000) << "the wait that did not tell of it";
-}
-
-TEST_F(RecvnTimeoutFast, ReturnsWhatCameBeforeTheDeadline) {
-    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, SIZE, 10), 0);
-    EXPECT_EQ(time.now_us, 10 * SECOND_US);
-    ASSERT_TRUE(sockets.peer_says("abc"));
-    int looks = 0;
-    time.event = [&] { time.set_us -= ++looks == 9 ? 3600 * SECOND_US : 0; };
-    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, buffer, SIZE, 10), 3);
-    EXPECT_EQ(time.now_us, 20 * SECOND_US) << "a clock set back prolongs nothing";
-}
-
-TEST_F(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    constexpr int HIGH_FD = 1500;  // a descriptor set of select ends at 1024
-    ASSERT_EQ(dup2(sockets.ours, HIGH_FD), HIGH_FD);
-    const auto receive = [&](int seconds) {
-        return gwa_recv_timeout(HIGH_FD, buffer, SIZE, seconds);
-    };
-    ASSERT_TRUE(sockets.peer_says("abc"));
-    EXPECT_EQ(receive(0), GWA_FAILED);
-    EXPECT_EQ(receive(1), 3);
-    EXPECT_EQ(receive(1), GWA_TIMED_OUT);
-    EXPECT_EQ(time.now_us, SECOND_US);
-    sockets.peer.reset();
-    EXPECT_EQ(receive(1), 0);
-    close(HIGH_FD);
-    EXPECT_EQ(receive(1), GWA_FAILED);
-    EXPECT_EQ(gwa_recv_timeout(-1, buffer, SIZE, 1), GWA_FAILED);
-}
-
-TEST_F(RecvTimeout, OutlastsASignalAndAClockThatIsSet) {
-    static int waits, peer;
-    waits = 0, peer = sockets.peer.get();
-    gwa_time.poll = [](pollfd* entries, nfds_t count, int) {
-        switch (waits++) {
-            case 0: errno = EINTR; return -1;
-            case 1: fake_time::set_us = 3600 * SECOND_US; return 0;
-            default: write_all(peer, "x"); return poll(entries, count, 0);
-        }
-    };
-    EXPECT_EQ(gwa_recv_timeout(sockets.ours, buffer, SIZE, 10), 1);
-}
-
-TEST_F(RecvDiscard, DropsExactlyTheCount) {
-    ASSERT_TRUE(sockets.peer_says(std::string(8192, 'x') + "rest"));
-    const std::pair<int, int> counts[] = {{0, 0}, {-5, 0}, {8193, -1}, {8192, 0}, {5, -1}};
-    for (const auto& [count, result] : counts) {
-        EXPECT_EQ(gwa_recv_discard(sockets.ours, count), result) << count;
-    }
-    EXPECT_EQ(time.now_us, 120 * SECOND_US) << "spent on the one byte that was not there";
-}
 
 TEST(Connect, SucceedsFailsTimesOutOrStopsWithTheProcess) {
     fake_time time;
