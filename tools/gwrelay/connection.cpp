@@ -4,13 +4,14 @@
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 
+#include "http.h"
+
 namespace {
 
-constexpr size_t OUTBOX_MAX =
-    4 * OUTBOX_LIMIT;  // reached only by answers that a device never takes
+// Of frames, and reached only by answers that a device never takes. Users get nothing unasked.
+constexpr size_t OUTBOX_MAX = 4 * OUTBOX_LIMIT;
 constexpr size_t SMALL_RECEIVE = 16384;
 constexpr size_t HEAD_STEP = 8192;
-constexpr std::string_view HEAD_END = "\r\n\r\n";
 
 std::string peer_name(const tcp::socket& socket) {
     asio::error_code failed;
@@ -84,6 +85,9 @@ void connection::send_frame(const frame& whole) {
                  whole.payload.size());
         frame_append(filling, whole);
         wake();
+        if (filling.size() > OUTBOX_MAX) {
+            refuse("does not take what it asks for");
+        }
     }
 }
 
@@ -91,9 +95,6 @@ void connection::wake() {
     if (sending.empty()) {
         last_taken = steady::now();
         queued.notify();
-    }
-    if (filling.size() > OUTBOX_MAX) {
-        refuse("does not take what it asks for");
     }
 }
 
@@ -105,6 +106,11 @@ void connection::close() {
         queued.notify();
         changed.notify();
     }
+}
+
+void connection::reset_when_closed(bool reset) {
+    asio::error_code ignored;
+    socket.set_option(asio::socket_base::linger(reset, 0), ignored);
 }
 
 void connection::refuse(const std::string& why) {
@@ -157,9 +163,9 @@ awaitable<size_t> connection_http_head(connection& link, std::string& bytes, siz
         if (got == 0) {
             break;
         }
-        const size_t end = bytes.find(HEAD_END, filled - std::min(filled, HEAD_END.size()));
-        if (end != std::string::npos && end + HEAD_END.size() <= max) {
-            co_return end + HEAD_END.size();
+        const size_t length = http_head_length(bytes, filled);
+        if (length > 0 && length <= max) {
+            co_return length;
         }
     }
     co_return 0;

@@ -59,6 +59,7 @@ struct connection {
     void send(std::string_view bytes);
     void send_frame(const frame& whole);
     void close();
+    void reset_when_closed(bool reset);   // instead of a plain end, which some peers misunderstand
     void refuse(const std::string& why);  // one log line, then close
     void expect_within(std::chrono::seconds time, const char* reason);
     void tick(steady::time_point now);  // once a second

@@ -118,9 +118,7 @@ void data_login(relay& hub, const std::shared_ptr<data_link>& link, const frame&
     if (link->owner == nullptr) {
         return;
     }
-    // With a reset in the end: a device takes a plain end of a data connection for a pause.
-    asio::error_code ignored;
-    link->socket.set_option(asio::socket_base::linger(true, 0), ignored);
+    link->reset_when_closed(true);  // a device takes a plain end of a data connection for a pause
     link->owner->data.push_back(link);
     link->name += " data of " + link->owner->name;
     link->send_frame({.code = command::LOGIN_ANSWER});
@@ -184,7 +182,7 @@ awaitable<void> manager_serve(relay& hub, std::shared_ptr<connection> link) {
         link->send(http_reply(200, "application/json", hub.manager_body));
     } else {
         log_line(PROBLEM, "%s: not an address query: %s", link->name.c_str(),
-                 log_text(bytes.substr(0, bytes.find('\r'))).c_str());
+                 log_text(bytes.substr(0, bytes.find_first_of("\r\n"))).c_str());
         link->send(http_reply(404, "application/json", "{\"ret\":1}"));
     }
     co_await connection_flush(*link);

@@ -107,11 +107,13 @@ std::string route_to_device(const device& owner, uint16_t port, std::string_view
 
 // The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
 std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
-    if (request.path == "/") {
-        return http_reply(200, "text/html; charset=utf-8", page_html(hub));
-    }
-    if (request.path == "/status.json") {
-        return http_reply(200, "application/json", page_json(hub));
+    const bool front_page = request.path == "/";
+    if (front_page || request.path == "/status.json") {
+        if (request.method != "GET" && request.method != "HEAD") {
+            return http_reply(405, "text/plain", "Use GET.\n", "Allow: GET, HEAD\r\n");
+        }
+        return front_page ? http_reply(200, "text/html; charset=utf-8", page_html(hub))
+                          : http_reply(200, "application/json", page_json(hub));
     }
     const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
     const path_parts parts = path_split(request.path);
@@ -143,27 +145,32 @@ awaitable<void> answer(relay& hub, std::shared_ptr<user_link> user, std::string_
     if (!request) {
         if (!bytes.empty()) {
             log_line(PROBLEM, "%s: not an HTTP request: %s", user->name.c_str(),
-                     log_text(bytes.substr(0, bytes.find('\r'))).c_str());
+                     log_text(bytes.substr(0, bytes.find_first_of("\r\n"))).c_str());
         }
-        user->send(too_long ? http_text_reply(431, "The request head is longer than 64 KiB.")
-                            : http_text_reply(400, "This is not an HTTP/1.1 request."));
+        user->reply(too_long ? http_text_reply(431, "The request head is longer than 64 KiB.")
+                             : http_text_reply(400, "This is not an HTTP/1.1 request."));
         co_return;
     }
     user->what = log_text(std::string(request->method) + " " + std::string(request->path));
     if (request->method == "HEAD") {
+        user->head_only = true;
         user->response = http_tracker(http_tracker::kind::RESPONSE_TO_HEAD);
     }
     std::string head;
     const std::string reply = route(hub, *user, *request, head);
-    user->send(reply);
     if (reply.empty()) {
         co_await stream_open(hub, user, head.append(bytes.substr(head_length)));
+    } else {
+        user->reply(reply);
     }
 }
 
 }  // namespace
 
 awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user) {
+    // Until everything has gone out, an end of the connection, whatever its reason, must not look
+    // like the end of a response.
+    user->reset_when_closed(true);
     std::string bytes;
     const size_t head_length = co_await connection_http_head(*user, bytes, HEAD_MAX);
     user->deadline = NEVER;
@@ -171,6 +178,7 @@ awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user) {
     asio::co_spawn(user->socket.get_executor(), stream_upload(user), asio::detached);
     co_await stream_carry(hub, user);
     co_await connection_flush(*user);
+    user->reset_when_closed(false);
     // Closing while the user still sends would reset the connection and could cost him the end of
     // the response. So his side goes on for a moment, into the void.
     asio::error_code ignored;

@@ -8,7 +8,9 @@ namespace {
 
 constexpr size_t HEAD_MAX = 65536;
 constexpr int SWITCHING_PROTOCOLS = 101, NO_CONTENT = 204, NOT_MODIFIED = 304;
-constexpr std::string_view LINE_END = "\r\n", HEAD_END = "\r\n\r\n";
+constexpr std::string_view HTTP = "HTTP/1.";
+// What is of one of these types and has no length is sent while things happen, however rarely.
+constexpr std::string_view OPEN_TYPES[] = {"text/event-stream", "multipart/x-mixed-replace"};
 
 const char* reason_of(int code) {
     switch (code) {
@@ -28,11 +30,22 @@ const char* reason_of(int code) {
 
 }  // namespace
 
+size_t http_head_length(std::string_view bytes, size_t known) {
+    size_t line_end = bytes.find('\n', known - std::min<size_t>(known, 2));
+    for (; line_end != bytes.npos; line_end = bytes.find('\n', line_end + 1)) {
+        const size_t next = line_end + (bytes.substr(line_end + 1).starts_with('\r') ? 2 : 1);
+        if (bytes.substr(next).starts_with('\n')) {
+            return next + 1;
+        }
+    }
+    return 0;
+}
+
 std::string_view http_line_take(std::string_view& rest) {
-    const size_t end = std::min(rest.find(LINE_END), rest.size());
+    const size_t end = std::min(rest.find('\n'), rest.size());
     const std::string_view line = rest.substr(0, end);
-    rest.remove_prefix(std::min(end + LINE_END.size(), rest.size()));
-    return line;
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    return line.substr(0, line.size() - (line.ends_with('\r') ? 1 : 0));
 }
 
 std::string_view http_header(std::string_view lines, std::string_view name) {
@@ -54,6 +67,7 @@ bool http_request::upgrades() const {
 
 std::optional<http_request> http_request_parse(std::string_view head) {
     const std::string_view first = http_line_take(head);
+    head = head.substr(0, head.size() - (head.ends_with("\r\n") ? 2 : 1));  // the empty line
     const size_t method_end = first.find(' '), target_end = first.rfind(' ');
     if (method_end == target_end) {  // also when there is no blank at all
         return std::nullopt;
@@ -64,7 +78,7 @@ std::optional<http_request> http_request_parse(std::string_view head) {
                                .version = first.substr(target_end + 1),
                                .path = target.substr(0, mark),
                                .query = target.substr(std::min(mark + 1, target.size())),
-                               .headers = head.substr(0, head.size() - LINE_END.size())};
+                               .headers = head};
     const bool target_fits = target.starts_with('/') &&
                              std::all_of(target.begin(), target.end(),
                                          [](unsigned char c) { return c > ' ' && c != 0x7f; });
@@ -72,14 +86,19 @@ std::optional<http_request> http_request_parse(std::string_view head) {
     return target_fits && version_fits ? std::optional(request) : std::nullopt;
 }
 
+std::string_view query_part_take(std::string_view& query) {
+    const size_t end = std::min(query.find('&'), query.size());
+    const std::string_view part = query.substr(0, end);
+    query.remove_prefix(std::min(end + 1, query.size()));
+    return part;
+}
+
 std::optional<std::string> query_take(std::string_view query, std::string_view name,
                                       std::string* rest) {
     std::optional<std::string> value;
     std::string kept;
     while (!query.empty()) {
-        const size_t end = std::min(query.find('&'), query.size());
-        const std::string_view part = query.substr(0, end);
-        query.remove_prefix(std::min(end + 1, query.size()));
+        const std::string_view part = query_part_take(query);
         const size_t equals = part.find('=');
         if (equals != part.npos && part.substr(0, equals) == name) {
             value = percent_decode(part.substr(equals + 1));
@@ -114,60 +133,71 @@ void http_tracker::feed(std::string_view bytes) {
     while (!bytes.empty()) {
         switch (state) {
             case phase::HEAD:
-                if (take_until(bytes, HEAD_END)) {
-                    state = after_head();
-                    text.clear();
-                }
-                break;
             case phase::CHUNK_SIZE:
-                if (take_until(bytes, LINE_END)) {
-                    state = after_chunk_size();
-                    text.clear();
-                }
-                break;
-            case phase::TRAILER:
-                if (take_until(bytes, LINE_END)) {
-                    state = text == LINE_END ? phase::COMPLETE : phase::TRAILER;
-                    text.clear();
-                }
-                break;
+            case phase::CHUNK_END:
+            case phase::TRAILER: feed_text(bytes); break;
             case phase::BODY:
             case phase::CHUNK: {
                 const size_t used = std::min<uint64_t>(left, bytes.size());
                 bytes.remove_prefix(used);
                 left -= used;
                 if (left == 0) {
-                    state = state == phase::BODY ? phase::COMPLETE : phase::CHUNK_SIZE;
+                    state = state == phase::BODY ? phase::COMPLETE : phase::CHUNK_END;
                 }
                 break;
             }
             case phase::ENDLESS:
-            case phase::TUNNEL:
+            case phase::STAYS_OPEN:
             case phase::COMPLETE: return;
         }
     }
 }
 
-// Moves bytes into `text` until it ends with the mark; false while it does not.
-bool http_tracker::take_until(std::string_view& bytes, std::string_view mark) {
-    do {
-        text += bytes.front();
-        bytes.remove_prefix(1);
-    } while (!bytes.empty() && !text.ends_with(mark));
-    if (text.size() > HEAD_MAX) {
+// Moves bytes into `text` up to the end of the head or line that is due, and goes on from there
+// when it has come.
+void http_tracker::feed_text(std::string_view& bytes) {
+    const size_t known = text.size();
+    text += bytes;
+    const size_t length = state == phase::HEAD ? http_head_length(text, known)
+                                               : text.find('\n', known) + 1;  // 0 at npos
+    if (foreign() || (length > 0 ? length : text.size()) > HEAD_MAX) {
         state = phase::ENDLESS;
-        text.clear();
+    } else if (length == 0) {
+        bytes = {};
+        return;
+    } else {
+        bytes.remove_prefix(length - known);
+        text.resize(length);
+        state = after_text();
     }
-    return text.ends_with(mark);
+    text.clear();
+}
+
+// Whether what has come of the head begins otherwise than a response does.
+bool http_tracker::foreign() const {
+    return state == phase::HEAD && message_kind != kind::REQUEST &&
+           !text.starts_with(HTTP.substr(0, text.size()));
+}
+
+http_tracker::phase http_tracker::after_text() {
+    const bool empty = text == "\n" || text == "\r\n";
+    switch (state) {
+        case phase::HEAD: return after_head();
+        case phase::CHUNK_SIZE: return after_chunk_size();
+        case phase::CHUNK_END: return empty ? phase::CHUNK_SIZE : phase::ENDLESS;
+        default: return empty ? phase::COMPLETE : phase::TRAILER;
+    }
 }
 
 http_tracker::phase http_tracker::after_head() {
     const bool request = message_kind == kind::REQUEST;
     if (!request) {
-        const bool http = text.starts_with("HTTP/1.");
-        status = http ? number_parse<int>(std::string_view(text).substr(9, 3)).value_or(0) : 0;
-        if (status < 100 || status == SWITCHING_PROTOCOLS) {  // another protocol, or none at all
-            return status == SWITCHING_PROTOCOLS ? phase::TUNNEL : phase::ENDLESS;
+        status = number_parse<int>(std::string_view(text).substr(HTTP.size() + 2, 3)).value_or(0);
+        if (status == SWITCHING_PROTOCOLS) {
+            return phase::STAYS_OPEN;
+        }
+        if (status < 100) {
+            return phase::ENDLESS;
         }
         if (status < 200) {
             return phase::HEAD;  // an interim answer; the real one follows
@@ -177,21 +207,24 @@ http_tracker::phase http_tracker::after_head() {
             return phase::COMPLETE;
         }
     }
-    const std::string encoding = lower_case(http_header(text, "transfer-encoding"));
-    if (encoding.find("chunked") != std::string::npos) {
+    if (lower_case(http_header(text, "transfer-encoding")).find("chunked") != std::string::npos) {
         return phase::CHUNK_SIZE;
     }
     const auto length = number_parse<uint64_t>(http_header(text, "content-length"));
     left = length.value_or(0);
-    return left > 0 ? phase::BODY : length || request ? phase::COMPLETE : phase::ENDLESS;
+    if (length || request) {
+        return left > 0 ? phase::BODY : phase::COMPLETE;
+    }
+    const std::string type = lower_case(http_header(text, "content-type"));
+    const bool open = std::ranges::any_of(
+        OPEN_TYPES, [&type](std::string_view known) { return type.starts_with(known); });
+    return open ? phase::STAYS_OPEN : phase::ENDLESS;
 }
 
 http_tracker::phase http_tracker::after_chunk_size() {
     const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), left, 16);
-    if (failed != std::errc{} || left > UINT64_MAX - LINE_END.size()) {
+    if (failed != std::errc{}) {
         return phase::ENDLESS;
     }
-    const bool last = left == 0;
-    left += LINE_END.size();  // the chunk's own line end
-    return last ? phase::TRAILER : phase::CHUNK;
+    return left == 0 ? phase::TRAILER : phase::CHUNK;
 }

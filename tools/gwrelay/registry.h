@@ -26,12 +26,14 @@ struct user_link : connection {
     std::shared_ptr<data_link> route;  // carries the stream; null before it opens and once it ended
     uint32_t stream_id = 0;            // 0 while there is no stream
     uint16_t port = 0;
-    std::string what;  // method and path, safe to log
+    std::string what;        // method and path, safe to log
+    bool head_only = false;  // the method is HEAD
     http_tracker request{http_tracker::kind::REQUEST}, response{http_tracker::kind::RESPONSE};
     uint64_t to_device = 0, from_device = 0;
     bool user_ended = false;                        // he sends no more; he may still read
     steady::time_point last_moved = steady::now();  // a byte, in either direction
     void ended() override;
+    void reply(std::string_view whole);  // an answer of the relay itself
 };
 
 struct data_link : connection {

@@ -6,6 +6,7 @@ namespace {
 
 constexpr size_t UPLOAD_MAX = 8 * FRAME_PAYLOAD_MAX;  // received at once
 constexpr char NO_ANSWER[] = "no answer";
+constexpr char USER_CLOSED[] = "user closed", RESPONSE_SILENT[] = "response silent";
 
 void send_to_device(user_link& user, std::string_view bytes) {
     user.to_device += bytes.size();
@@ -35,10 +36,11 @@ const char* end_reason(const relay& hub, const user_link& user) {
     // The service's end is not told. And closing one's sending side looks the same as leaving; a
     // user who is gone shows when something is sent to him. So in both cases only silence tells.
     if (user.user_ended && user.idle() && quiet >= hub.settings.linger_timeout) {
-        return "user closed";
+        return USER_CLOSED;
     }
-    if (user.response.endless() && user.idle() && quiet >= hub.settings.linger_timeout) {
-        return "response silent";
+    if (user.response.endless() && !user.response.stays_open() && user.idle() &&
+        quiet >= hub.settings.linger_timeout) {
+        return RESPONSE_SILENT;
     }
     if (!user.response.started() && quiet >= hub.settings.answer_timeout) {
         return NO_ANSWER;
@@ -72,9 +74,9 @@ awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, s
     if (route == nullptr || route->full()) {
         log_line(PROBLEM, "device %s: no data connection for %s", user->owner->name.c_str(),
                  user->what.c_str());
-        user->send(http_text_reply(503, route == nullptr
-                                            ? "The device has no data connection."
-                                            : "The device's data connections are full."));
+        user->reply(http_text_reply(503, route == nullptr
+                                             ? "The device has no data connection."
+                                             : "The device's data connections are full."));
         co_return;
     }
     user->route = route;
@@ -129,13 +131,25 @@ awaitable<void> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
         reason = end_reason(hub, *user);
     }
     stream_close(*user, reason);
-    if (!user->response.started() && reason != NO_ANSWER) {
-        user->send(http_text_reply(502, std::string("No answer: ") + reason));
-    } else if (!user->response.started()) {
-        user->send(
+    if (user->response.started()) {
+        // Nothing but silence tells the end of an endless response. Any other end has cut it off.
+        const bool silent = reason == USER_CLOSED || reason == RESPONSE_SILENT;
+        if (!user->response.complete() && !(user->response.endless() && silent)) {
+            user->close();
+        }
+        co_return;
+    }
+    if (reason != NO_ANSWER) {
+        user->reply(http_text_reply(502, std::string("No answer: ") + reason));
+    } else {
+        user->reply(
             http_text_reply(504, "The device does not answer. Does anything listen on port " +
                                      std::to_string(user->port) + "?"));
     }
+}
+
+void user_link::reply(std::string_view whole) {
+    send(whole.substr(0, head_only ? http_head_length(whole) : whole.size()));
 }
 
 void user_link::ended() {
