@@ -114,6 +114,13 @@ TEST_F(Flow, CarriesFiftyStreamsAtOnce) {
     }
 }
 
+TEST_F(Flow, APathSpeaksToTheWebServerAlone) {
+    const std::string name = "x-qv-port=10010&x-qv-gwad-opt=echo&";
+    file_write(web.path(name), "file");
+    EXPECT_EQ(curl(curl_url(web.port, name)), "file");
+    EXPECT_EQ(curl(curl_url(10010, "?" + name)), "echo");
+}
+
 TEST_F(Flow, LeavesNothingBehindAfterTwoThousandStreams) {
     constexpr int STREAMS = 2000;
     file_write(web.path("short"), "short");

@@ -16,6 +16,7 @@ TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
         {"GET /box/80/\t HTTP/1.1\r\n\r\n", "400"},
         {"GET /box/80/ HTTP/2\r\n\r\n", "400"},
         {"GET /box/80/?gwrelay-pri=x" + http + "\r\n", "400"},
+        {"GET /box/80/?gwrelay-pri=-1" + http + "\r\n", "400"},
         {"PUT /box/80/" + http + "\r\n", "405"},
         {"POST /" + http + "\r\n", "405"},
         {"GET /box/65535/" + http + "\r\n", "404"},

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
+#include "device_request.h"
 #include "page.h"
 #include "stream.h"
 
 namespace {
 
 constexpr size_t HEAD_MAX = 64 * 1024;
-constexpr size_t DEVICE_URI_MAX = 4095;  // a device looks at no more of a request's URI
 constexpr uint16_t PORT_MAX = 65534;
 constexpr std::chrono::seconds FAREWELL{2};
 
@@ -57,54 +57,6 @@ std::string answer_report_times(device& owner, const http_request& request) {
                : http_text_reply(503, "The device has no control connection.");
 }
 
-// The head as the device gets it. Its parameters come first in the query, where neither a long
-// query nor the user's own parameters can get in their way. One request a connection: the device
-// cannot signal where a response ends, so on a connection that stays open a second request would go
-// to whatever service the first one was for.
-std::string head_for_device(const http_request& request, std::string_view target) {
-    std::string head(request.method);
-    head.append(" ").append(target).append(" ").append(request.version).append("\r\n");
-    const bool keeps = request.upgrades();
-    for (std::string_view rest = request.headers; !rest.empty();) {
-        const std::string_view line = http_line_take(rest);
-        const std::string name = lower_case(line.substr(0, line.find(':')));
-        if (keeps || (name != "connection" && name != "keep-alive")) {
-            head.append(line).append("\r\n");
-        }
-    }
-    return head.append(keeps ? "\r\n" : "Connection: close\r\n\r\n");
-}
-
-// What the device gets as the request's head goes to `head`; or the result is the user's answer.
-std::string route_to_device(const device& owner, uint16_t port, std::string_view rest,
-                            const http_request& request, std::string& head) {
-    if (request.method != "GET" && request.method != "POST" && request.method != "HEAD") {
-        // a device drops the others without a word
-        return http_reply(405, "text/plain", "Devices take GET, POST and HEAD.\n",
-                          "Allow: GET, POST, HEAD\r\n");
-    }
-    const bool sayable = std::ranges::all_of(
-        owner.id, [](unsigned char c) { return c > ' ' && c != '&' && c != 0x7f; });
-    if (!sayable) {  // the device compares undecoded text, up to a blank or an ampersand
-        return http_text_reply(502, "This device's id does not fit into a request.");
-    }
-    std::string query(request.query);
-    std::string target =
-        std::string(rest) + "?x-qv-devid=" + owner.id + "&x-qv-port=" + std::to_string(port);
-    if (const auto priority = query_take(request.query, "gwrelay-pri", &query)) {
-        const auto value = number_parse<int32_t>(*priority);
-        if (!value) {
-            return http_text_reply(400, "gwrelay-pri is a number.");
-        }
-        target += "&x-qv-pri=" + std::to_string(*value);
-    }
-    if (target.size() > DEVICE_URI_MAX) {
-        return http_text_reply(414, "The device would not see where this is going.");
-    }
-    head = head_for_device(request, target.append(query.empty() ? "" : "&").append(query));
-    return {};
-}
-
 // The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
 std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
     const bool front_page = request.path == "/";
@@ -135,7 +87,7 @@ std::string route(relay& hub, user_link& user, const http_request& request, std:
     }
     user.owner = found->second;
     user.port = *port;
-    return route_to_device(*user.owner, *port, parts.rest, request, head);
+    return device_request_head(*user.owner, *port, parts.rest, request, head);
 }
 
 awaitable<void> answer(relay& hub, std::shared_ptr<user_link> user, std::string_view bytes,

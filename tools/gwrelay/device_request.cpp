@@ -1,0 +1,99 @@
+#include "device_request.h"
+
+#include <algorithm>
+#include <span>
+
+namespace {
+
+constexpr size_t DEVICE_LOOKS_AT = 4096;  // the bytes of a request in which a device finds its URI
+
+struct {
+    std::string_view name, encoded;
+} constexpr NAMES[] = {{"x-qv-", "%78-qv-"}, {"loglv", "%6Coglv"}, {"timeout", "%74imeout"}};
+constexpr size_t NAMES_OF_ALL_PORTS = 1;  // a device looks for the others at its own port alone
+// What a user may tell the device itself.
+constexpr std::string_view OPERATION_NAMES[] = {"x-qv-gwad-opt=", "loglv=", "timeout="};
+
+std::string without_names(std::string_view text, uint16_t port) {
+    std::string safe(text);
+    const size_t count = port == MAINTENANCE_PORT ? std::size(NAMES) : NAMES_OF_ALL_PORTS;
+    for (const auto& [name, encoded] : std::span(NAMES, count)) {
+        for (size_t at = safe.find(name); at != safe.npos; at = safe.find(name, at)) {
+            safe.replace(at, name.size(), encoded);
+        }
+    }
+    return safe;
+}
+
+std::string query_without_names(std::string_view query, uint16_t port) {
+    if (port != MAINTENANCE_PORT) {
+        return without_names(query, port);
+    }
+    std::string safe;
+    while (!query.empty()) {
+        const std::string_view part = query_part_take(query);
+        const auto operation = std::ranges::find_if(
+            OPERATION_NAMES, [part](std::string_view name) { return part.starts_with(name); });
+        const size_t kept = operation == std::end(OPERATION_NAMES) ? 0 : operation->size();
+        safe.append(safe.empty() ? "" : "&").append(part.substr(0, kept));
+        safe += without_names(part.substr(kept), port);
+    }
+    return safe;
+}
+
+std::string parameters(const device& owner, uint16_t port) {
+    return "x-qv-devid=" + owner.id + "&x-qv-port=" + std::to_string(port);
+}
+
+// One request a connection: the device cannot signal where a response ends, so on a connection that
+// stays open a second request would go to whatever service the first one was for.
+std::string head_with(std::string_view target, const http_request& request) {
+    std::string head(request.method);
+    head.append(" ").append(target).append(" ").append(request.version).append("\r\n");
+    const bool keeps = request.upgrades();
+    for (std::string_view rest = request.headers; !rest.empty();) {
+        const std::string_view line = http_line_take(rest);
+        const std::string name = lower_case(line.substr(0, line.find(':')));
+        if (keeps || (name != "connection" && name != "keep-alive")) {
+            head.append(line).append("\r\n");
+        }
+    }
+    return head.append(keeps ? "\r\n" : "Connection: close\r\n\r\n");
+}
+
+}  // namespace
+
+std::string device_request_head(const device& owner, uint16_t port, std::string_view path,
+                                const http_request& request, std::string& head) {
+    if (request.method != "GET" && request.method != "POST" && request.method != "HEAD") {
+        // a device drops the others without a word
+        return http_reply(405, "text/plain", "Devices take GET, POST and HEAD.\n",
+                          "Allow: GET, POST, HEAD\r\n");
+    }
+    // The device compares undecoded text, up to a blank or an ampersand.
+    const bool sayable =
+        std::ranges::all_of(owner.id,
+                            [](unsigned char c) { return c > ' ' && c != '&' && c != 0x7f; }) &&
+        owner.id.find(NAMES[0].name) == owner.id.npos;
+    if (!sayable) {
+        return http_text_reply(502, "This device's id does not fit into a request.");
+    }
+    // The parameters come first in the query, where a long one cannot push them out of sight.
+    std::string query(request.query);
+    std::string target = without_names(path, port) + "?" + parameters(owner, port);
+    if (const auto priority = query_take(request.query, "gwrelay-pri", &query)) {
+        const auto value = number_parse<int32_t>(*priority);
+        if (!value || *value < 0) {
+            return http_text_reply(400, "gwrelay-pri is a number from 0 to 2147483647.");
+        }
+        target += "&x-qv-pri=" + std::to_string(*value);
+    }
+    const size_t own_size = target.size();
+    target.append(query.empty() ? "" : "&").append(query_without_names(query, port));
+    const size_t needed = port == MAINTENANCE_PORT ? target.size() : own_size;
+    if (request.method.size() + 1 + needed > DEVICE_LOOKS_AT) {
+        return http_text_reply(414, "The device would not see where this is going.");
+    }
+    head = head_with(target, request);
+    return {};
+}

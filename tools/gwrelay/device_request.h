@@ -1,0 +1,16 @@
+// device_request.h - requests as a device wants them, with its parameters in the URI.
+//
+// A device takes the first place in the whole URI, path included, where a parameter's name occurs,
+// and decodes nothing. So none of these names may stand in what a user has sent: the first
+// character of each is percent-encoded there, which means the same to the service that gets the
+// request.
+#pragma once
+
+#include "registry.h"
+
+constexpr uint16_t MAINTENANCE_PORT = 10010;  // the device itself, always there
+
+// The head of a request to that path of a port, as the device gets it, goes to `head`. Or the
+// result is the user's answer.
+std::string device_request_head(const device& owner, uint16_t port, std::string_view path,
+                                const http_request& request, std::string& head);
