@@ -72,6 +72,21 @@ struct Flow : testing::Test {
         EXPECT_EQ(run.wait(TRANSFER_PATIENCE), 0) << run.errors();
         return run.output();
     }
+    // What a user gets for one request of that method and path, which may have a body.
+    std::string request(const std::string& method, uint16_t port, const std::string& path,
+                        const std::string& body = {}) const {
+        const unique_fd fd = user(method, port, path, body.size());
+        write_all(fd.get(), body);
+        return read_to_end(fd.get());
+    }
+    unique_fd user(const std::string& method, uint16_t port, const std::string& path,
+                   size_t body_size = 0) const {
+        unique_fd fd = loopback_connect(relay->front);
+        write_all(fd.get(), method + " /" + DEVICE_ID + "/" + std::to_string(port) + path +
+                                " HTTP/1.1\r\nContent-Length: " + std::to_string(body_size) +
+                                "\r\n\r\n");
+        return fd;
+    }
     std::string curl_url(uint16_t port, const std::string& path) const {
         return "url = \"http://127.0.0.1:" + std::to_string(relay->front) + "/" + DEVICE_ID + "/" +
                std::to_string(port) + "/" + path + "\"\n";
@@ -112,6 +127,34 @@ TEST_F(Flow, CarriesFiftyStreamsAtOnce) {
         const std::string got = file_read(downloads.path + "/" + std::to_string(i));
         EXPECT_TRUE(got == noise(SIZE + i, i)) << i << ": " << got.size() << " bytes";
     }
+}
+
+TEST_F(Flow, ADeadPortIsToldAtOnceAndCostsNobodyHisStream) {
+    constexpr size_t USERS = 10;  // two on each data connection
+    std::atomic<bool> go_on = false;
+    local_service halves([&](int fd) {
+        read_until(fd, "\r\n\r\n");
+        write_all(fd, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\nhalf");
+        eventually([&] { return go_on.load(); }, TRANSFER_PATIENCE);
+        write_all(fd, "half");
+    });
+    std::vector<unique_fd> users;
+    for (size_t i = 0; i < USERS; ++i) {
+        users.push_back(user("GET", halves.port(), "/"));
+        EXPECT_TRUE(read_until(users.back().get(), "half").ends_with("half"));
+    }
+    const uint16_t dead_port = loopback_listener(-1).port;
+    for (size_t i = 0; i < USERS; ++i) {
+        EXPECT_TRUE(request("GET", dead_port, "/").starts_with("HTTP/1.1 502 "));
+        const std::string body = "GET /?x-qv-devid=test-box&x-qv-port=" + std::to_string(web.port);
+        EXPECT_TRUE(request("POST", dead_port, "/", body + std::string(100000, 'b'))
+                        .starts_with("HTTP/1.1 502 "));
+    }
+    go_on = true;
+    for (const unique_fd& fd : users) {
+        EXPECT_EQ(read_exact(fd.get(), 4), "half");
+    }
+    EXPECT_EQ(text_count(device.log(), "login remote server success"), 6);
 }
 
 TEST_F(Flow, APathSpeaksToTheWebServerAlone) {

@@ -6,6 +6,8 @@
 namespace {
 
 constexpr size_t DEVICE_LOOKS_AT = 4096;  // the bytes of a request in which a device finds its URI
+constexpr char LAST_PRIORITY[] = "2147483647";
+constexpr size_t PADDING_MIN = 10;
 
 struct {
     std::string_view name, encoded;
@@ -96,4 +98,14 @@ std::string device_request_head(const device& owner, uint16_t port, std::string_
     }
     head = head_with(target, request);
     return {};
+}
+
+std::string device_echo_request(const device& owner, size_t size) {
+    const std::string head = "GET /?" + parameters(owner, MAINTENANCE_PORT) +
+                             "&x-qv-gwad-opt=echo&x-qv-pri=" + LAST_PRIORITY + " HTTP/1.1\r\n";
+    return head + device_padding(size - std::min(size, head.size() + 2)) + "\r\n";
+}
+
+std::string device_padding(size_t size) {
+    return "X-Pad: " + std::string(std::max(size, PADDING_MIN) - (PADDING_MIN - 1), '0') + "\r\n";
 }

@@ -14,3 +14,8 @@ constexpr uint16_t MAINTENANCE_PORT = 10010;  // the device itself, always there
 // result is the user's answer.
 std::string device_request_head(const device& owner, uint16_t port, std::string_view path,
                                 const http_request& request, std::string& head);
+// A request that the device answers itself, in the order in which it got several of them. It has
+// `size` bytes, and some hundred at least.
+std::string device_echo_request(const device& owner, size_t size = 0);
+// A header line of `size` bytes, ten at least, that means nothing to anybody.
+std::string device_padding(size_t size);

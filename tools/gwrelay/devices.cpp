@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <random>
 
+#include "guard.h"
+#include "stream.h"
+
 namespace {
 
 constexpr size_t QUERY_MAX = 4096;
@@ -136,11 +139,14 @@ void data_nudge(const relay& hub, data_link& link) {
 }
 
 awaitable<void> data_deliver(const relay& hub, data_link& link, const frame& got) {
-    const auto found = link.streams.find(got.stream_id);
+    const auto found = link.streams.find(guard_stream(got.stream_id));
     if (found == link.streams.end()) {
         co_return;  // late data of a stream that its user has left
     }
     const std::shared_ptr<user_link> user = found->second;
+    if (!stream_heard(*user, got.stream_id)) {
+        co_return;
+    }
     const auto carries = [&user, &link] { return user->route.get() == &link && !user->closed; };
     link.deadline = NEVER;  // from here on silence is the relay's own doing
     data_nudge(hub, link);

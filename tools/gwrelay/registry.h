@@ -20,14 +20,18 @@ struct control_link : connection {
     void ended() override;
 };
 
+enum class port_state : uint8_t { ALIVE, DEAD, UNKNOWN };
+
 struct user_link : connection {
     using connection::connection;
     std::shared_ptr<device> owner;     // set with the stream, stays for the log
     std::shared_ptr<data_link> route;  // carries the stream; null before it opens and once it ended
     uint32_t stream_id = 0;            // 0 while there is no stream
     uint16_t port = 0;
-    std::string what;        // method and path, safe to log
-    bool head_only = false;  // the method is HEAD
+    port_state port_is = port_state::ALIVE;  // while unknown, the rest of his request waits
+    std::string held;                        // what waits of it, apart from what he has yet to send
+    std::string what;                        // method and path, safe to log
+    bool head_only = false;                  // the method is HEAD
     http_tracker request{http_tracker::kind::REQUEST}, response{http_tracker::kind::RESPONSE};
     uint64_t to_device = 0, from_device = 0;
     bool user_ended = false;                        // he sends no more; he may still read

@@ -2,10 +2,13 @@
 
 #include <array>
 
+#include "device_request.h"
+#include "guard.h"
+
 namespace {
 
 constexpr size_t UPLOAD_MAX = 8 * FRAME_PAYLOAD_MAX;  // received at once
-constexpr char NO_ANSWER[] = "no answer";
+constexpr char NO_ANSWER[] = "no answer", NO_LISTENER[] = "nothing listens on the port";
 constexpr char USER_CLOSED[] = "user closed", RESPONSE_SILENT[] = "response silent";
 
 void send_to_device(user_link& user, std::string_view bytes) {
@@ -29,6 +32,9 @@ const char* end_reason(const relay& hub, const user_link& user) {
     }
     if (user.route == nullptr) {
         return "data connection ended";
+    }
+    if (user.port_is == port_state::DEAD) {
+        return NO_LISTENER;
     }
     if (user.response.complete() && (user.request.complete() || user.user_ended)) {
         return "response complete";
@@ -81,21 +87,36 @@ awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, s
     }
     user->route = route;
     uint32_t& last_id = user->owner->last_stream_id;
-    user->stream_id = last_id = last_id == UINT32_MAX ? 1 : last_id + 1;
+    do {
+        user->stream_id = last_id = last_id % STREAM_ID_MAX + 1;
+    } while (route->streams.contains(last_id));
     route->streams[user->stream_id] = user;
     log_line(EVENT, "device %s: stream %u to port %u opened on %s for %s: %s",
              user->owner->name.c_str(), user->stream_id, user->port, route->name.c_str(),
              user->name.c_str(), user->what.c_str());
-    const size_t opening = std::min(bytes.size(), FRAME_PAYLOAD_MAX);
-    send_to_device(*user, std::string_view(bytes).substr(0, opening));
-    // When nothing listens on the port, the device throws away as many bytes of this connection as
-    // the opening frame carried. It may have these: a login answer of that size, which it skips
-    // when the port is alive. Without them it would eat other users' frames.
-    if (hub.settings.dead_port_guard) {
-        const std::string nothing(opening - FRAME_HEADER, '\0');
-        route->send_frame({.code = command::LOGIN_ANSWER, .payload = nothing});
+    const bool guarded = hub.settings.dead_port_guard && user->port != MAINTENANCE_PORT;
+    if (guarded) {
+        guard_lengthen(bytes, *user->owner);
     }
-    send_to_device(*user, std::string_view(bytes).substr(opening));
+    const size_t opening = guarded ? std::min(bytes.size(), FRAME_PAYLOAD_MAX) : bytes.size();
+    send_to_device(*user, std::string_view(bytes).substr(0, opening));
+    if (guarded) {
+        guard_send(*user, opening);
+        user->port_is = port_state::UNKNOWN;
+        user->held = bytes.substr(opening);
+    }
+}
+
+bool stream_heard(user_link& user, uint32_t id) {
+    if (user.port_is == port_state::UNKNOWN) {
+        const bool dead = id == user.stream_id + GUARD_SECOND;
+        user.port_is = dead ? port_state::DEAD : port_state::ALIVE;
+        if (!dead) {
+            send_to_device(user, std::exchange(user.held, {}));
+        }
+        user.changed.notify();
+    }
+    return id == user.stream_id;
 }
 
 awaitable<void> stream_upload(std::shared_ptr<user_link> user) {
@@ -105,6 +126,10 @@ awaitable<void> stream_upload(std::shared_ptr<user_link> user) {
         co_await user->socket.async_wait(tcp::socket::wait_read,
                                          asio::redirect_error(asio::use_awaitable, failed));
         const std::shared_ptr<data_link> route = user->route;
+        if (route != nullptr && user->port_is != port_state::ALIVE) {
+            co_await user->changed.wait();  // a device would take the rest for a new request
+            continue;
+        }
         if (route != nullptr && route->full()) {
             co_await route->changed.wait();  // the device takes less than he sends
             continue;
@@ -139,12 +164,15 @@ awaitable<void> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
         }
         co_return;
     }
-    if (reason != NO_ANSWER) {
+    const std::string port = std::to_string(user->port);
+    if (reason == NO_LISTENER) {
+        user->reply(http_text_reply(502, "Nothing listens on port " + port + " of the device."));
+    } else if (reason != NO_ANSWER) {
         user->reply(http_text_reply(502, std::string("No answer: ") + reason));
+    } else if (user->port_is == port_state::UNKNOWN) {
+        user->reply(http_text_reply(504, "The device does not answer."));
     } else {
-        user->reply(
-            http_text_reply(504, "The device does not answer. Does anything listen on port " +
-                                     std::to_string(user->port) + "?"));
+        user->reply(http_text_reply(504, "Nothing on port " + port + " of the device answers."));
     }
 }
 

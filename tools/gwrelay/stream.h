@@ -6,6 +6,9 @@
 
 #include "registry.h"
 
+// A frame of the stream's, or the answer to one of its echo requests, has come. False: the answer,
+// which is not for the user.
+bool stream_heard(user_link& user, uint32_t id);
 // Opens a stream to the user's device with these bytes, the request's head and what came of the
 // body. Without a way to the device the user is answered instead.
 awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, std::string bytes);
