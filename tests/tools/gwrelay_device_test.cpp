@@ -1,41 +1,8 @@
 // What devices talk to: the address manager, control and data connections.
 
-#include <csignal>
-
 #include "gwrelay_fixture.h"
 
 namespace {
-
-TEST(GwrelayOptions, BadOnesAreNamedAndEndWithStatusOne) {
-    const std::pair<strings, const char*> cases[] = {
-        {{"--front-port=65535"}, "front-port"},
-        {{"--data-port=80x"}, "data-port"},
-        {{"--report-times=1,3600"}, "report-times"},
-        {{"--stall-timeout=0"}, "stall-timeout"},
-        {{"--announce", std::string(64, 'a')}, "at most 63"},
-        {{"--announce=a\"b"}, "cannot be told"},
-        {{"--listen=0.0.0.0"}, "cannot be told"},
-        {{"--listen=nowhere", "--announce=a"}, "cannot listen"},
-        {{"surplus"}, "surplus"},
-        {{"--unknown"}, "--help"}};
-    for (const auto& [arguments, expected] : cases) {
-        child process(relay::command_line(arguments));
-        EXPECT_EQ(process.wait(), 1) << expected;
-        EXPECT_NE(process.errors().find(expected), std::string::npos) << process.errors();
-    }
-}
-
-TEST(GwrelayProcess, EndsInOrderOnASignalWithConnectionsOfEveryKind) {
-    for (const int number : {SIGINT, SIGTERM}) {
-        relay hub;
-        const unique_fd control = control_login(hub, "box");
-        const unique_fd data = data_login(hub, "box");
-        const unique_fd user = user_sends(hub, GET_BOX);
-        const unique_fd silent = loopback_connect(hub.manager);
-        ASSERT_FALSE(frame_read(data.get()).empty());
-        EXPECT_EQ(hub.process.terminate(TEST_PATIENCE, number), 0) << hub.process.errors();
-    }
-}
 
 TEST(GwrelayManager, NamesTheControlServerInOneWrite) {
     relay hub({"--announce=relay.example.com"});
@@ -50,11 +17,26 @@ TEST(GwrelayManager, NamesTheControlServerInOneWrite) {
     EXPECT_TRUE(closed_by_peer(fd.get()));
     for (const char* query : {"GET /addrmgr/device_get_proxy HTTP/1.1\r\n\r\n",
                               "POST /addrmgr/device_get_proxy?devid=box HTTP/1.1\r\n\r\n",
+                              "GET /addrmgr/device_get_proxy?devid= HTTP/1.1\r\n\r\n",
                               "GET /other?devid=box HTTP/1.1\r\n\r\n", "rubbish\r\n\r\n"}) {
         const unique_fd other = loopback_connect(hub.manager);
         write_all(other.get(), query);
         EXPECT_TRUE(read_to_end(other.get()).ends_with(R"({"ret":1})")) << query;
     }
+}
+
+TEST(GwrelayManager, TakesAQueryOfAPage) {
+    relay hub;
+    const std::string start = "GET /addrmgr/device_get_proxy?devid=", end = " HTTP/1.1\n\n";
+    const std::string longest = start + std::string(4096 - start.size() - end.size(), 'd') + end;
+    const unique_fd fd = loopback_connect(hub.manager), other = loopback_connect(hub.manager);
+    write_all(fd.get(), longest);
+    EXPECT_TRUE(
+        read_to_end(fd.get()).starts_with("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"));
+    write_all(other.get(), "\r" + longest);
+    EXPECT_EQ(read_to_end(other.get()), "");
+    EXPECT_TRUE(eventually(
+        [&] { return hub.process.errors().find("query too long") != std::string::npos; }));
 }
 
 TEST(GwrelayControl, OrdersTheDataConnectionsInTheLoginAnswer) {
@@ -145,7 +127,25 @@ TEST(GwrelayFrames, BadOnesCloseTheirConnectionAndNothingElse) {
         read_to_end(fd.get());
         EXPECT_TRUE(closed_by_peer(fd.get(), A_MOMENT)) << testing::PrintToString(bytes);
     }
-    EXPECT_TRUE(still_echoes(control_login(hub, "box")));
+    EXPECT_TRUE(still_echoes(control_login(hub, std::string(47, 'x'))));
+}
+
+// However they are cut on their way.
+TEST(GwrelayFrames, GoodOnesAreUnderstoodInPieces) {
+    const relay hub({"-q"});
+    const unique_fd fd = control_login(hub, "box");
+    const std::string beat = heartbeat_frame(0x01020304);
+    const std::string report =
+        frame_bytes(PORT_INFO, 0, "{\"" + std::string(PAYLOAD_MAX - 6, 'k') + "\":1}");
+    for (const size_t cut : {1UL, 15UL, 16UL, 17UL, 19UL}) {
+        write_all(fd.get(), beat.substr(0, cut));
+        EXPECT_TRUE(stays_silent(fd.get(), test_duration{5}));
+        write_all(fd.get(),
+                  beat.substr(cut) + beat + report + report + report.substr(0, 100 + cut));
+        EXPECT_EQ(frame_read(fd.get()) + frame_read(fd.get()), beat + beat);
+        write_all(fd.get(), report.substr(100 + cut));
+    }
+    EXPECT_TRUE(still_echoes(fd));
 }
 
 TEST(GwrelayFrames, SilenceEndsAConnectionThatHasNotLoggedIn) {
@@ -157,6 +157,33 @@ TEST(GwrelayFrames, SilenceEndsAConnectionThatHasNotLoggedIn) {
     for (const unique_fd& fd : silent) {
         EXPECT_TRUE(closed_by_peer(fd.get()));
     }
+}
+
+TEST(GwrelayFrames, SilenceEndsALoggedInConnectionUnlessItsHeartBeats) {
+    const relay hub({"--silence-timeout=2"});
+    const unique_fd control = control_login(hub, "box"), data = data_login(hub, "box");
+    const unique_fd silent = control_login(hub, "other"), silent_data = data_login(hub, "other");
+    for (test_duration time{}; time < 3 * A_SECOND; time += A_SECOND / 2) {
+        EXPECT_TRUE(still_echoes(control) && still_echoes(data)) << time.count();
+        EXPECT_TRUE(stays_silent(control.get(), A_SECOND / 2));
+    }
+    EXPECT_TRUE(closed_by_peer(silent.get(), A_MOMENT));
+    EXPECT_EQ(read_with_end(silent_data), "reset:");
+}
+
+TEST(GwrelayFrames, WhoTakesNoAnswersIsNotAnsweredForEver) {
+    const relay hub({"-q"});
+    unique_fd fd = loopback_connect(hub.control, SMALL_BUFFER);
+    write_all(fd.get(), frame_bytes(DEVICE_INFO, 0, info("box"), 3));
+    std::string beats;
+    while (beats.size() < 1024 * 1024) {
+        beats += heartbeat_frame(1);
+    }
+    int sent = 0;
+    while (sent < 32 && write_all(fd.get(), beats)) {
+        ++sent;
+    }
+    EXPECT_LT(sent, 32);
 }
 
 }  // namespace

@@ -225,6 +225,31 @@ TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
     EXPECT_TRUE(arrived == body);
 }
 
+TEST(GwrelayStream, CarriesADownloadOfManyFrames) {
+    const one_stream stream;
+    const std::string bytes = OK + "Content-Length: 3000000\r\n\r\n" + noise(3000000, 3);
+    std::string frames;
+    for (size_t at = 0, size = 1; at < bytes.size();
+         at += size, size = size * 7 % PAYLOAD_MAX + 1) {
+        frames += frame_bytes(DATA, 1, bytes.substr(at, size));
+    }
+    std::thread device([&] { stream.device_says(frames); });
+    EXPECT_TRUE(read_with_end(stream.user) == "end:" + bytes);
+    device.join();
+}
+
+// A device that takes nothing for a while is as patient as its heartbeats are.
+TEST(GwrelayStream, AFullDataConnectionIsNotForNewRequests) {
+    const one_stream stream(
+        {"--stall-timeout=1", "--answer-timeout=2"},
+        "POST /box/80/ HTTP/1.1\r\nContent-Length: " + std::to_string(MANY_BYTES) + "\r\n\r\n");
+    ASSERT_LT(write_until_held_back(stream.user, std::string(MANY_BYTES, 'u')), MANY_BYTES);
+    const std::string refused = fetch(stream.hub, GET_BOX);
+    EXPECT_TRUE(refused.starts_with("HTTP/1.1 503 ") && refused.ends_with("are full.\n"))
+        << refused;
+    EXPECT_FALSE(closed_by_peer(stream.data.get(), test_duration{1}));
+}
+
 TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     relay hub({NO_GUARD, "--stall-timeout=2", "--silence-timeout=5"});
     const unique_fd slow = data_login(hub, "box");
@@ -234,6 +259,8 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     const std::string flood = flood_of_stream_1();
     const size_t sent = write_until_held_back(slow, flood);
     ASSERT_LT(sent, flood.size()) << "the relay keeps it all in memory";
+    const std::string page = fetch(hub, "GET / HTTP/1.1\r\n\r\n");
+    EXPECT_NE(page.find("<td>held back by a slow user</td>"), page.npos) << page;
     std::vector<unique_fd> others;
     for (uint32_t stream = 2; stream < 5; ++stream) {  // all on the one that is not held back
         others.push_back(user_sends(hub, GET_BOX));
