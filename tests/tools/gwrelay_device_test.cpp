@@ -25,20 +25,6 @@ TEST(GwrelayManager, NamesTheControlServerInOneWrite) {
     }
 }
 
-TEST(GwrelayManager, TakesAQueryOfAPage) {
-    relay hub;
-    const std::string start = "GET /addrmgr/device_get_proxy?devid=", end = " HTTP/1.1\n\n";
-    const std::string longest = start + std::string(4096 - start.size() - end.size(), 'd') + end;
-    const unique_fd fd = loopback_connect(hub.manager), other = loopback_connect(hub.manager);
-    write_all(fd.get(), longest);
-    EXPECT_TRUE(
-        read_to_end(fd.get()).starts_with("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"));
-    write_all(other.get(), "\r" + longest);
-    EXPECT_EQ(read_to_end(other.get()), "");
-    EXPECT_TRUE(eventually(
-        [&] { return hub.process.errors().find("query too long") != std::string::npos; }));
-}
-
 TEST(GwrelayControl, OrdersTheDataConnectionsInTheLoginAnswer) {
     relay hub;
     std::string answer, json;

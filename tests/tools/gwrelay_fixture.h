@@ -74,16 +74,11 @@ inline bool still_echoes(const unique_fd& fd) {
 struct one_stream {
     relay hub;
     unique_fd data, user;
-    explicit one_stream(const strings& options = {}, const std::string& request = GET_BOX,
-                        int buffer = 0)
-        : hub(with_no_guard(options)),
+    explicit one_stream(strings options = {}, const std::string& request = GET_BOX, int buffer = 0)
+        : hub((options.push_back(NO_GUARD), options)),
           data(data_login(hub, "box")),
           user(user_sends(hub, request, buffer)) {
         EXPECT_EQ(frame_stream(frame_read(data.get())), 1U);
-    }
-    static strings with_no_guard(strings options) {
-        options.push_back(NO_GUARD);
-        return options;
     }
     bool device_says(const std::string& frames) const { return write_all(data.get(), frames); }
     std::string device_hears() const { return frame_read(data.get()); }

@@ -83,6 +83,13 @@ TEST(GwrelayFrontDoor, SendsReportTimesOnRequest) {
     EXPECT_TRUE(eventually([&] { return asked("POST", "t1=2&t2=3600") == "503"; }));
 }
 
+TEST(GwrelayFrontDoor, AnswersAUserWhoSaysHalf) {
+    const relay hub;
+    const unique_fd user = user_sends(hub, "GET / HTTP/1.1\r\n");
+    shutdown(user.get(), SHUT_WR);
+    EXPECT_TRUE(read_with_end(user).starts_with("end:HTTP/1.1 400 "));
+}
+
 // Closing on a user who still sends would reset his connection.
 TEST(GwrelayFrontDoor, HearsAUserOutWhoseAnswerIsKnown) {
     const relay hub;

@@ -215,7 +215,6 @@ void control_link::ended() {
         owner->left = steady::now();
         owner->control = nullptr;
     }
-    owner = nullptr;
 }
 
 awaitable<void> data_serve(relay& hub, std::shared_ptr<data_link> link) {
@@ -249,5 +248,4 @@ void data_link::ended() {
         user->route = nullptr;
         user->changed.notify();
     }
-    owner = nullptr;
 }
