@@ -1,8 +1,5 @@
 // The program: its options, its log, its end.
 
-#include <sys/resource.h>
-
-#include <algorithm>
 #include <csignal>
 #include <regex>
 #include <sstream>
@@ -59,25 +56,6 @@ TEST(GwrelayProcess, EndsInOrderOnASignalWithConnectionsOfEveryKind) {
         ASSERT_FALSE(frame_read(data.get()).empty());
         EXPECT_EQ(hub.process.terminate(TEST_PATIENCE, number), 0) << hub.process.errors();
     }
-}
-
-TEST(GwrelayProcess, WaitsForADescriptorWhenItHasNoMore) {
-    rlimit usual{};
-    getrlimit(RLIMIT_NOFILE, &usual);
-    const rlimit few{16, usual.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &few);
-    const relay hub;
-    setrlimit(RLIMIT_NOFILE, &usual);
-    std::vector<unique_fd> users;
-    for (rlim_t i = 0; i < few.rlim_cur; ++i) {
-        users.push_back(loopback_connect(hub.front));
-    }
-    EXPECT_TRUE(stays_silent(users.back().get(), A_SECOND));
-    const std::string log = hub.process.errors();
-    EXPECT_NE(log.find(" accept failed: Too many open files\n"), log.npos);
-    EXPECT_LT(std::ranges::count(log, '\n'), 20);
-    users.clear();
-    EXPECT_TRUE(fetch(hub, GET_BOX).starts_with("HTTP/1.1 404 "));
 }
 
 // Each line with the time in front, and nothing in it that a device or a user could make a line of.

@@ -180,13 +180,17 @@ bool http_tracker::foreign() const {
 }
 
 http_tracker::phase http_tracker::after_text() {
-    const bool empty = text == "\n" || text == "\r\n";
-    switch (state) {
-        case phase::HEAD: return after_head();
-        case phase::CHUNK_SIZE: return after_chunk_size();
-        case phase::CHUNK_END: return empty ? phase::CHUNK_SIZE : phase::ENDLESS;
-        default: return empty ? phase::COMPLETE : phase::TRAILER;
+    if (state == phase::HEAD) {
+        return after_head();
     }
+    if (state == phase::CHUNK_SIZE) {
+        return after_chunk_size();
+    }
+    const bool empty = text == "\n" || text == "\r\n";
+    if (state == phase::CHUNK_END) {
+        return empty ? phase::CHUNK_SIZE : phase::ENDLESS;
+    }
+    return empty ? phase::COMPLETE : phase::TRAILER;
 }
 
 http_tracker::phase http_tracker::after_head() {
