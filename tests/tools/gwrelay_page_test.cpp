@@ -55,7 +55,7 @@ struct busy {
             [this] { return fetch(hub, GET_JSON).find(":false,") != std::string::npos; }));
     }
     static unique_fd log_in(unique_fd fd, uint8_t version) {
-        const std::string id = R"( { "deviceid" : "<b)"
+        const std::string id = R"( { "deviceid":"no" , "deviceid" : "<b)"
                                "\xff"
                                R"(>","a\"\\&'":-1.5e+3 , "z":true} )";
         write_all(fd.get(), frame_bytes(DEVICE_INFO, 0, id, version));

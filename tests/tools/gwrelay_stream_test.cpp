@@ -185,6 +185,28 @@ TEST(GwrelayStream, LastsUntilTheRequestIsWholeToo) {
     EXPECT_EQ(stream.device_hears(), frame_bytes(CLOSE_STREAM, 1));
 }
 
+TEST(GwrelayStream, AnUploadUnderWayIsNotCutByTheAnswersTimeOut) {
+    const one_stream stream({"--answer-timeout=1"},
+                            "POST /box/80/ HTTP/1.1\r\nContent-Length: 5\r\n\r\n");
+    for (int byte = 0; byte < 5; ++byte) {
+        EXPECT_TRUE(stays_silent(stream.user.get(), A_SECOND / 2));
+        write_all(stream.user.get(), "b");
+        EXPECT_EQ(stream.device_hears(), frame_bytes(DATA, 1, "b"));
+    }
+}
+
+// The relay waits for him only until it has handed over everything, and a moment more.
+TEST(GwrelayStream, ALateReaderGetsAWholeResponse) {
+    const one_stream stream({}, GET_BOX, SMALL_BUFFER);
+    const std::string response = OK + "Content-Length: 100000\r\n\r\n" + noise(100000, 4);
+    for (size_t at = 0; at < response.size(); at += PAYLOAD_MAX) {
+        stream.device_says(frame_bytes(DATA, 1, response.substr(at, PAYLOAD_MAX)));
+    }
+    EXPECT_EQ(stream.device_hears(), frame_bytes(CLOSE_STREAM, 1));
+    EXPECT_TRUE(stays_silent(stream.data.get(), 4 * A_SECOND));
+    EXPECT_TRUE(read_with_end(stream.user) == "end:" + response);
+}
+
 TEST(GwrelayStream, AUserWhoLeavesIsForgottenAndLateDataIsDropped) {
     one_stream stream;
     const linger at_once{1, 0};
@@ -264,7 +286,7 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     // The device hears from the relay all the while. Taking nothing at all costs the reader his
     // stream: then the connection is read again.
     EXPECT_EQ(frame_read(slow.get()), frame_bytes(LOGIN_ANSWER));
-    read_until(slow.get(), frame_bytes(CLOSE_STREAM, 1));
+    EXPECT_LT(read_until(slow.get(), frame_bytes(CLOSE_STREAM, 1)).size(), 6 * HEADER_SIZE);
     EXPECT_TRUE(read_with_end(reader).starts_with("reset:"));
     EXPECT_TRUE(write_all(slow.get(), std::string_view(flood).substr(sent)));
     write_all(slow.get(), frame_bytes(HEARTBEAT, 0, "beat", 2));
