@@ -59,7 +59,6 @@ TEST(GwrelayGuard, IsAsLongAsTheOpeningFrameCarries) {
         }
         EXPECT_EQ(device.hears(), frame_bytes(CLOSE_STREAM, stream));
     }
-    EXPECT_EQ(stream, 65U);
 }
 
 TEST(GwrelayGuard, ADeadPortIsToldAtOnceAndItsBodyIsNeverSent) {
