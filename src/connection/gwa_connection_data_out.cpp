@@ -141,34 +141,41 @@ void gwa_connection_data_keepalive_handle(gwa_connection_data* conn) {
     gwa_connection_silence_shorten(&conn->heartbeat);
 }
 
-void gwa_connection_data_output_free_by_id(gwa_connection_data* conn, uint32_t stream_id) {
-    const auto unwanted = [stream_id](const gwa_output_node& node) {
-        if (node.stream_id != stream_id || (node.flags & GWA_NODE_STATIC) != 0) {
-            return false;  // the heartbeat has id 0 too, and is no stream's
-        }
-        if ((node.flags & GWA_NODE_PARTLY_SENT) != 0) {
-            GWA_LOG(REFUSAL, "the buff is suspended, stream id %u", stream_id);
-            return false;  // the server has part of it and waits for the rest
-        }
-        GWA_LOG(INFO, "free the buff now, stream id %u", stream_id);
-        return true;
-    };
+// Releases every queued node that `unwanted` picks.
+template <typename Unwanted>
+static void sweep(gwa_connection_data* conn, Unwanted unwanted) {
     gwa_connection_queue_sweep(&conn->output.queue, unwanted, [conn](gwa_output_node* node) {
         gwa_connection_data_node_release(conn, node);
     });
 }
 
+static bool is_dropped_with(uint32_t stream_id, const gwa_output_node& node) {
+    if (node.stream_id != stream_id || (node.flags & GWA_NODE_STATIC) != 0) {
+        return false;  // the heartbeat has id 0 too, and is no stream's
+    }
+    if ((node.flags & GWA_NODE_PARTLY_SENT) != 0) {
+        GWA_LOG(REFUSAL, "the buff is suspended, stream id %u", stream_id);
+        return false;  // the server has part of it and waits for the rest
+    }
+    GWA_LOG(INFO, "free the buff now, stream id %u", stream_id);
+    return true;
+}
+
+void gwa_connection_data_output_free_by_id(gwa_connection_data* conn, uint32_t stream_id) {
+    sweep(conn,
+          [stream_id](const gwa_output_node& node) { return is_dropped_with(stream_id, node); });
+}
+
+static bool is_too_old(const gwa_output_node& node) {
+    const bool fixed = (node.flags & (GWA_NODE_PARTLY_SENT | GWA_NODE_STATIC)) != 0;
+    if (fixed || gwa_seconds_since(node.enqueue_time) <= BUFFER_TIMEOUT_S) {
+        return false;
+    }
+    GWA_LOG(ERROR, "buffer blocked too long time, stream id %u", node.stream_id);
+    return true;
+}
+
 void gwa_connection_data_buffer_timeout_check(gwa_connection_data* conn) {
     GWA_LOG(CREATE, "check buffer timeout now conn id %d ...", conn->id);
-    const auto unwanted = [](const gwa_output_node& node) {
-        const bool fixed = (node.flags & (GWA_NODE_PARTLY_SENT | GWA_NODE_STATIC)) != 0;
-        if (fixed || gwa_seconds_since(node.enqueue_time) <= BUFFER_TIMEOUT_S) {
-            return false;
-        }
-        GWA_LOG(ERROR, "buffer blocked too long time, stream id %u", node.stream_id);
-        return true;
-    };
-    gwa_connection_queue_sweep(&conn->output.queue, unwanted, [conn](gwa_output_node* node) {
-        gwa_connection_data_node_release(conn, node);
-    });
+    sweep(conn, is_too_old);
 }
