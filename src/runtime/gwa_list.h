@@ -26,9 +26,7 @@ struct list_cursor {
     bool operator==(const list_cursor& other) const { return link == other.link; }
 };
 
-// A typed ring of records that derive from list_link. Its iterators move by what they all share:
-// g++ 12 folds functions of the same body into one although their types differ, and then takes the
-// stores that fill an iterator of the other type for dead.
+// A typed ring of records that derive from list_link.
 template <typename T>
 struct list {
     list_link head;
