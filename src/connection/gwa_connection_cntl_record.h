@@ -1,5 +1,6 @@
 // gwa_connection_cntl_record.h - the record of the control connection, what others may ask of it,
-// and what its failure leads to: never a repair of the socket, always a restart of the process.
+// and what its failure leads to: never a repair of the socket, always a restart of the process
+// (oddity 19).
 //
 // Owner:   one record, static; reset by its makers, never freed.
 // Threads: the main thread. Others touch what is atomic, and the queue through its operations.
@@ -43,7 +44,8 @@ struct gwa_connection_cntl {
     std::atomic<int32_t> send_level{0};  // 0 to 5, from what the kernel has not sent yet
 };
 
-// While that many wait, the server reads nothing: what local services go on telling is dropped.
+// While that many wait, the server reads nothing: what local services go on telling is dropped
+// (exception 42).
 constexpr uint32_t GWA_REPORTS_MAX = 256;
 // Queues a report, of which the connection takes possession. Any thread.
 void gwa_connection_cntl_report(gwa_connection_cntl* cntl, gwa_output_node* node);

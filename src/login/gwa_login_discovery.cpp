@@ -90,7 +90,8 @@ static uint16_t control_port(const char* text) {
     return port < 1 || port > REPLY_PORT_MAX ? 0 : static_cast<uint16_t>(port);
 }
 
-// It looks for characters, not for key names: whatever key carries the address is accepted.
+// It looks for characters, not for key names: whatever key carries the address is accepted (oddity
+// 8).
 int gwa_cntrl_ip_parse(char* reply, size_t length, uint32_t* address, uint16_t* port) {
     if (length < REPLY_MIN) {
         return GWA_FAILED;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <ctime>
 
@@ -87,6 +88,7 @@ static bool stamped_line_begin() GWA_REQUIRES(log_lock) {
 
 int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
                   ...) {
+    const int reason = errno;  // callers go on to speak of it
     const gwa_lock held(log_lock);
     if (stamped_line_begin()) {
         gwa_line_add(&log_sink, "[gwad] %s %d %s() <%d> ", file, line_and_level / GWA_LOG_LEVELS,
@@ -97,6 +99,7 @@ int gwa_log_write(const char* file, int line_and_level, const char* function, co
         va_end(arguments);
         gwa_line_end(&log_sink);
     }
+    errno = reason;
     return 0;
 }
 

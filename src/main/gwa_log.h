@@ -34,19 +34,9 @@ inline bool gwa_log_enabled(int level) {
            gwa_log_level.load(std::memory_order_relaxed) >= level;
 }
 
-// The name of a source file without its folders. GCC has it from version 12 on.
-#ifdef __FILE_NAME__
-#define GWA_FILE_NAME __FILE_NAME__
-#else
-consteval const char* gwa_log_file_name(const char* path) {
-    const char* name = path;
-    for (const char* at = path; *at != '\0'; ++at) {
-        name = *at == '/' ? at + 1 : name;
-    }
-    return name;
-}
-#define GWA_FILE_NAME gwa_log_file_name(__FILE__)
-#endif
+// The name of a source file without its folders; compilers do the search. g++ has __FILE_NAME__
+// from version 12 on only.
+#define GWA_FILE_NAME (__builtin_strrchr("/" __FILE__, '/') + 1)
 
 // Writes one line; the level is tested before the arguments are formatted.
 #define GWA_LOG(level, text, ...) GWA_LOG_UNENDED(level, text "\n" __VA_OPT__(, ) __VA_ARGS__)

@@ -62,7 +62,6 @@ static void check_timer_start() {
                        &check_timer) != 0) {
         GWA_LOG(ERROR, "init check timer failed");
     }
-    gwa_now_refresh();
     if (check_timer != nullptr && gwa_timer_start(check_timer) != 0) {
         GWA_LOG(ERROR, "start check timer failed");
     }
@@ -193,6 +192,7 @@ int gwa_main(int argc, char* argv[]) {
     gwa_restart_init(argv);
     args_parse(argc, argv);
     srand(static_cast<unsigned>(gwa_time_seconds()));
+    gwa_now_start();
     if (gwa_timer_default_init() != 0) {
         GWA_LOG(ERROR, "init default timer list failed");
         gwa_log_close();

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <ctime>
@@ -59,7 +60,7 @@ static void signals_reset() {
     signals_reset();
     gwa_close_all_fds();
     timespec left{PAUSE_S, 0};
-    while (nanosleep(&left, &left) == -1) {
+    while (nanosleep(&left, &left) == -1 && errno == EINTR) {
     }
     execl(GWAD_INIT_SCRIPT, "gwadsh", "start", static_cast<char*>(nullptr));
     // No init script, as on a developer's machine: a relay client that comes back by itself is
@@ -91,7 +92,8 @@ void gwa_restart() {
     }
     GWA_EXIT_LOG();
     if (!gwa_process_running()) {
-        // A signal has come since the fork: the child still sleeps, and is taken back.
+        // Exception 55: a signal has come since the fork. The child still sleeps, and is taken
+        // back.
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         return;

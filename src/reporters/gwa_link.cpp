@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "main/gwa_log.h"
@@ -110,6 +111,9 @@ void gwa_link_handle(uint32_t events, void* argument) {
     uint8_t datagram[DATAGRAM_SIZE] = {};
     while (gwa_process_running()) {
         const ssize_t got = recv(*fd, datagram, sizeof datagram, 0);
+        if (got == -1 && errno == ENOBUFS) {
+            continue;  // exception 61: messages were lost, the ones that are queued were not
+        }
         if (got < 1) {
             return;
         }

@@ -31,7 +31,8 @@ enum gwa_jump : int {
 };
 
 // The code that the supervisor takes up at its next round; it is a loop with a result code rather
-// than a longjmp, so that no frame below it is abandoned. Any thread stores, the main thread takes.
+// than a longjmp, so that no frame below it is abandoned. Any thread may store, the main thread
+// takes; so far nobody does but tests.
 extern std::atomic<int32_t> gwa_process_jump;
 
 constexpr int GWA_HOME_SIZE = 128;  // at most 127 characters
@@ -60,7 +61,7 @@ void gwa_process_paths_init(const char* home);
 // so that no build flag removes it. Use GWA_BROKEN_RULE.
 [[noreturn]] void gwa_process_abort(const char* file, int line, const char* function);
 
-// Logs the fatal line: function, file, line, so that the words "line %s" show the file name.
+// Logs the fatal line: function, file, line, so that the words "line %s" show the file (oddity 3).
 #define GWA_EXIT_LOG() \
     GWA_LOG(FATAL, "exit from func %s, line %s : %d", __func__, GWA_FILE_NAME, __LINE__)
 

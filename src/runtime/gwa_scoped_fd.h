@@ -1,4 +1,4 @@
-// gwa_scoped_fd.h - the owner of one descriptor, for code that no jump can pass.
+// gwa_scoped_fd.h - the owner of one descriptor.
 #pragma once
 
 #include <unistd.h>

@@ -105,7 +105,7 @@ static void drop_all(gwa_timer_list* list) {
 }
 
 int gwa_timer_expire_check(gwa_timer_list* list) {
-    const int64_t now = gwa_time.now_us();
+    const int64_t now = gwa_time.steady_us();
     if (pthread_mutex_lock(&list->mutex) != 0) {
         GWA_LOG(DEBUG, "lock failed, return");
         return -1;
@@ -176,14 +176,14 @@ static int unlock_list(gwa_timer_list* list) {
 }
 
 int gwa_timer_start(gwa_timer* timer) {
-    const int64_t started = gwa_time.now_us();
+    const int64_t started = gwa_time.steady_us();
     gwa_timer_list* list = lock_list_of(timer);
     if (list == nullptr) {
         return -1;
     }
     detach(timer);  // linked twice it would break the ring
     timer->deadline = deadline_after(started, timer);
-    const int64_t now = gwa_time.now_us();
+    const int64_t now = gwa_time.steady_us();
     if (timer->deadline < now) {
         GWA_LOG(DEBUG, "timer (%ld) now (%ld)",
                 static_cast<long>(timer->deadline / GWA_US_PER_SECOND),

@@ -37,7 +37,7 @@ struct gwa_timer : list_link {  // linked while it is pending, else it points at
     gwa_timer_callback callback = nullptr;  // may use this API on its own list and its own timer
     void* argument = nullptr;
     uint32_t interval = 0;  // s
-    int64_t deadline = 0;   // wall clock, us; 64 bits, so that no sum wraps
+    int64_t deadline = 0;   // us, by the clock that nobody sets; 64 bits, so that no sum wraps
     uint32_t mode = 0;
 };
 

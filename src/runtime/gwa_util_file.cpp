@@ -65,8 +65,10 @@ static bool firmware_line_take(const char* line, unsigned id, gwa_firmware_value
 
 int gwa_fwver_get(const char* path, gwa_firmware_value& version, gwa_firmware_value& component,
                   gwa_firmware_value& terminal) {
-    FILE* file = fopen(path, "re");
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // exception 57
+    FILE* file = fd == -1 ? nullptr : fdopen(fd, "r");
     if (file == nullptr) {
+        close(fd);
         GWA_LOG(ERROR, "open firmware version file %s", path);
         return GWA_FAILED;
     }

@@ -12,8 +12,8 @@
 // terminated; looks at the first 4096 bytes only. A URI longer than the buffer is cut. 0 or -1.
 int gwa_http_uri_get(const char* head, size_t length, char* uri, size_t size);
 
-// An integer parameter of a URI. Only the first occurrence of `name` counts, wherever in the text
-// it is, and it must be followed by "=". Values outside 32 bits are clamped. 0 or -1.
+// An integer parameter of a URI. Only the first occurrence of `name` counts (oddity 9), wherever in
+// the text it is, and it must be followed by "=". Values outside 32 bits are clamped. 0 or -1.
 int gwa_uri_param_int_get(const char* text, const char* name, size_t name_length, int32_t* out);
 // A text parameter, up to a blank, "&" or the end; cut to the buffer and always terminated. `size`
 // gives the buffer's size and takes the value's length. 0 or -1.

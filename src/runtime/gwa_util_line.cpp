@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -56,16 +57,26 @@ void gwa_line_close(gwa_line_sink* sink) {
     sink->stuck = false;
 }
 
+// The mode belongs to the description, which sinks share: of two at a time one would undo the
+// other's mode, and block. Not a lock, because a signal handler may find it taken by its own
+// thread.
+static std::atomic_flag switching;
+
 ptrdiff_t gwa_line_write_now(const gwa_line_sink* sink, const char* bytes, size_t size) {
     switch (sink->way) {
         case gwa_line_way::WRITE: break;
         case gwa_line_way::SEND: return send(sink->fd, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
         case gwa_line_way::SWITCH: {
+            if (switching.test_and_set(std::memory_order_acquire)) {
+                errno = EAGAIN;
+                return -1;
+            }
             const int flags = fcntl(sink->fd, F_GETFL);
             fcntl(sink->fd, F_SETFL, flags | O_NONBLOCK);
             const ssize_t written = write(sink->fd, bytes, size);
             const int reason = errno;
             fcntl(sink->fd, F_SETFL, flags);
+            switching.clear(std::memory_order_release);
             errno = reason;
             return written;
         }

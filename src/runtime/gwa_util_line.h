@@ -1,8 +1,9 @@
 // gwa_util_line.h - whole lines to a descriptor that may stop taking them: a terminal, a pipe or a
 // socket that nobody reads any more.
 //
-// Nobody who stops reading may stop the daemon, so a line that finds no room is dropped, and it is
-// dropped whole: of one that was taken in part the rest is kept, and goes out before any other.
+// Nobody who stops reading may stop the daemon (exception 49), so a line that finds no room is
+// dropped, and it is dropped whole: of one that was taken in part the rest is kept, and goes out
+// before any other.
 //
 // Owner:   the holder of a sink closes it; a lock of the holder's guards it.
 // Threads: any, under that lock; gwa_line_write_now alone needs none.

@@ -74,7 +74,7 @@ int gwa_recvn_timeout(int fd, void* buffer, size_t length, int seconds) {
     if (seconds <= 0) {
         return GWA_FAILED;
     }
-    const gwa_time_limit limit = gwa_limit_start(seconds);
+    const gwa_time_limit limit = gwa_limit_steady(seconds);
     bool waited = false;  // the last thing that happened was a wait without result
     for (size_t received = 0; received < length;) {
         const ssize_t count =

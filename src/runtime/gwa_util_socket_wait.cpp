@@ -38,8 +38,7 @@ gwa_wait_result gwa_socket_wait_slice(int fd, short events, const gwa_time_limit
 }
 
 gwa_wait_result gwa_socket_wait(int fd, short events, int seconds) {
-    const gwa_time_limit limit{GWA_NEVER_US,
-                               gwa_time.steady_us() + int64_t{seconds} * GWA_US_PER_SECOND};
+    const gwa_time_limit limit = gwa_limit_steady(seconds);
     for (;;) {
         const gwa_wait_result result = gwa_socket_wait_slice(fd, events, limit, SLICE_MS);
         if (result != gwa_wait_result::RAN_OUT || gwa_limit_left_us(limit) <= 0) {

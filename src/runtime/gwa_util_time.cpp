@@ -38,8 +38,17 @@ std::atomic<int32_t> gwa_now{0};
 
 int64_t gwa_time_seconds() { return gwa_time.now_us() / GWA_US_PER_SECOND; }
 
+// Wall clock less steady clock at the start; only read while threads run.
+static int64_t coarse_clock_offset_us = 0;
+
 void gwa_now_refresh() {
-    gwa_now.store(static_cast<int32_t>(gwa_time_seconds()), std::memory_order_relaxed);
+    const int64_t now_us = gwa_time.steady_us() + coarse_clock_offset_us;
+    gwa_now.store(static_cast<int32_t>(now_us / GWA_US_PER_SECOND), std::memory_order_relaxed);
+}
+
+void gwa_now_start() {
+    coarse_clock_offset_us = gwa_time.now_us() - gwa_time.steady_us();
+    gwa_now_refresh();
 }
 
 int32_t gwa_moment_never() {
@@ -78,6 +87,10 @@ int gwa_usleep(int microseconds) {
 gwa_time_limit gwa_limit_start(int seconds) {
     const int64_t span_us = int64_t{seconds} * GWA_US_PER_SECOND;
     return {gwa_time.now_us() + span_us, gwa_time.steady_us() + span_us};
+}
+
+gwa_time_limit gwa_limit_steady(int seconds) {
+    return {GWA_NEVER_US, gwa_time.steady_us() + int64_t{seconds} * GWA_US_PER_SECOND};
 }
 
 int64_t gwa_limit_left_us(const gwa_time_limit& limit) {

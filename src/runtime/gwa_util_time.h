@@ -27,12 +27,16 @@ constexpr int64_t GWA_US_PER_SECOND = 1000000;
 // wrap.
 int64_t gwa_time_seconds();
 
-// The coarse clock: seconds from time(2), set at start and once a second by the timer thread. Being
-// a second late harms nobody: relaxed. 32 bits, which is what the box can share between threads:
-// it wraps in January 2038, so moments are compared by their difference only.
+// The coarse clock: seconds, from time(2) at the start on by the clock that nobody sets: a box gets
+// the time by NTP soon after it has started, and no stream may age by years then (exception 51).
+// Kept by the timer thread, once a second. Being a second late harms nobody: relaxed. 32 bits,
+// which is what the box can share between threads: it wraps in January 2038, so moments are
+// compared by their difference only.
 extern std::atomic<int32_t> gwa_now;
 inline int32_t gwa_now_get() { return gwa_now.load(std::memory_order_relaxed); }
 void gwa_now_refresh();
+// Takes the time once. Main thread, before others run.
+void gwa_now_start();
 
 // A moment of the coarse clock, `seconds` before `moment`.
 inline int32_t gwa_moment_before(int32_t moment, int32_t seconds) {
@@ -62,5 +66,7 @@ struct gwa_time_limit {
 constexpr int64_t GWA_NEVER_US = INT64_MAX / 2;  // half: sums with it must not overflow
 constexpr gwa_time_limit GWA_NO_LIMIT{GWA_NEVER_US, GWA_NEVER_US};
 gwa_time_limit gwa_limit_start(int seconds);
+// By the steady clock alone: a clock set forward does not end the wait.
+gwa_time_limit gwa_limit_steady(int seconds);
 // 0 or less: it is over.
 int64_t gwa_limit_left_us(const gwa_time_limit& limit);

@@ -21,7 +21,8 @@
 
 // Runs on the owner's thread with no lock held. Readiness is edge-triggered, so it reads or writes
 // until EAGAIN. It may remove any descriptor of its set, its own included: what is gone is skipped
-// in this batch (exception 53). It may even close the set, which ends the batch.
+// in this batch (exception 53). It may even close the set, which ends the batch, but not make it
+// anew.
 using poll_callback = void (*)(uint32_t events, void* argument);
 
 constexpr int POLL_BATCH = 16;           // events taken by one wait

@@ -271,7 +271,7 @@ struct thread_clock {
         now_s = 0, held = asleep = false, ending = nullptr, probes = 0,
         test_thread = pthread_self();
         gwa_time = restored.saved;
-        gwa_time.now_us = [] { return now_s * SECOND; };
+        gwa_time.now_us = gwa_time.steady_us = [] { return now_s * SECOND; };
         gwa_time.sleep_us = [](int64_t) {
             if (pthread_equal(pthread_self(), test_thread) != 0) {
                 probes += ending != nullptr ? 1 : 0;

@@ -1,10 +1,11 @@
 // guard.h - what follows the opening frame of a stream, and tells whether its port is alive.
 //
 // When nothing listens on a port, a device says nothing and throws away as many further bytes of
-// the data connection as the opening frame carried. So an echo request to the device itself
-// follows, exactly as long with its header, and a second one behind it. With a dead port the device
-// answers only the second. Otherwise it answers both, the first one first: it sends frames of the
-// same priority in the order in which it made them when none of a greater one waits.
+// the data connection as the opening frame carried (oddity 21, exception 45). So an echo request to
+// the device itself follows, exactly as long with its header, and a second one behind it. With a
+// dead port the device answers only the second. Otherwise it answers both, the first one first: it
+// sends frames of the same priority in the order in which it made them when none of a greater one
+// waits.
 //
 // An echo request opens nothing on the device. Its answer comes under an id that no user's stream
 // has and that names the stream, so nothing has to be kept of it, whether or not it ever comes.
