@@ -13,7 +13,9 @@
 
 namespace {
 
-constexpr int FRAMES_PER_PASS = 64;  // half a megabyte at most, then sending has its turn
+constexpr int FRAMES_PER_PASS = 64;         // half a megabyte at most, then sending has its turn
+constexpr uint32_t UPLOADS_MAX = 0x200000;  // bytes that may wait for services
+constexpr int32_t STUCK_S = 30;             // so long may they keep the server waiting
 
 }  // namespace
 
@@ -39,6 +41,30 @@ static gwa_step step_failed(gwa_connection_data* conn) {
         case gwa_input_step::EXTRA_DISCARD: return extra_discard_ended(conn);
     }
     return gwa_step::CLOSED;
+}
+
+// Exception 59: services take less than users send. What they have not taken yet is bounded, so
+// the payload stays in the socket, and TCP tells the server; the frame's time stands still.
+static bool uploads_are_full(const gwa_connection_data* conn) {
+    return conn->input.step == gwa_input_step::PAYLOAD &&
+           (conn->streams.waiting > UPLOADS_MAX ||
+            (conn->streams.waiting > 0 && gwa_connection_memory(conn) > GWA_MEMORY_CEILING));
+}
+
+static gwa_step input_held(gwa_connection_data* conn) {
+    gwa_data_input& input = conn->input;
+    const int32_t now = gwa_now_get();
+    if (!input.held) {
+        input.held = true;
+        input.held_since = now;
+    }
+    if (gwa_seconds_since(input.held_since) >= STUCK_S) {
+        gwa_stream_give_up_stuck(conn, STUCK_S);
+        input.held_since = now;
+    }
+    input.begun = gwa_time_seconds();
+    input.more = gwa_more::WAITS;
+    return gwa_step::GOES_ON;
 }
 
 // The socket has nothing more for now.
@@ -85,6 +111,7 @@ static gwa_step close_stream(gwa_connection_data* conn, uint32_t stream_id) {
     GWA_LOG(REFUSAL, "close the stream id %u", stream_id);
     gwa_connection_data_output_free_by_id(conn, stream_id);
     gwa_stream_local_destroy_by_id(&conn->streams.all, stream_id);
+    gwa_stream_forget(conn, stream_id);
     return gwa_step::GOES_ON;
 }
 
@@ -175,6 +202,10 @@ static gwa_step step_done(gwa_connection_data* conn) {
 
 gwa_step gwa_connection_data_remote_in_handle(gwa_connection_data* conn) {
     for (int headers = 0; headers < FRAMES_PER_PASS;) {
+        if (uploads_are_full(conn)) {
+            return input_held(conn);
+        }
+        conn->input.held = false;
         headers += conn->input.step == gwa_input_step::HEADER ? 1 : 0;
         switch (gwa_input_step_fill(&conn->input, conn->socket)) {
             case gwa_input_fill::BLOCKED: return input_blocked(conn);

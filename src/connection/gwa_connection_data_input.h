@@ -33,7 +33,9 @@ struct gwa_data_input {
     uint8_t* payload = nullptr;               // charged to the connection's memory
     uint32_t have = 0;                        // bytes of the current step
     uint32_t want = GWA_HEADER_SIZE;
-    int64_t begun = 0;  // s, wall clock; a HEADER begins with its first byte
+    int64_t begun = 0;       // s, wall clock; a HEADER begins with its first byte
+    bool held = false;       // services take too little: the frame waits
+    int32_t held_since = 0;  // coarse clock; the first pass in a row that was held
 };
 
 enum class gwa_input_fill : uint8_t {

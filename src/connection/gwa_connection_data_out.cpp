@@ -1,5 +1,6 @@
 #include "connection/gwa_connection_data_out.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -12,32 +13,54 @@
 namespace {
 
 constexpr int SEND_BUFFER_LIMIT = 0x20000;  // bytes; what the login asks the kernel for
-constexpr int SEND_BUFFER_WAIT_S = 30;
+constexpr int64_t HELD_MAX_US = 30 * GWA_US_PER_SECOND;  // then a line tells of it
 constexpr int32_t BUFFER_TIMEOUT_S = 600;
+// Frames that are kept ready for the next pass: as much as the send buffer can take. What exceeds
+// that is better kept by the services.
+constexpr int FRAMES_READY = SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
 
 enum class policy : uint8_t { SEND, HOLD, FAILED };
 
 }  // namespace
 
-// The traffic policy: whether this pass may send. The wait also fails when the daemon stops; that
-// is no reason to complain or to start over.
+// The server reads less than we have for it. Says so once in a while.
+static void hold(gwa_connection_data* conn) {
+    gwa_data_output& output = conn->output;
+    const int64_t now = gwa_time.steady_us();
+    if (output.held_passes++ == 0) {
+        output.held_since_us = now;
+    } else if (now - output.held_since_us >= HELD_MAX_US) {
+        GWA_LOG(INFO, "traffic policy timeout, conn %d", conn->id);
+        output.held_since_us = now;
+    }
+}
+
+// One look at the send buffer, without a wait. GWA_OK: frames may leave, GWA_TIMED_OUT: not now,
+// GWA_FAILED: the look has failed, or the daemon stops.
+static int look(const gwa_connection_data* conn, int* level) {
+    return gwa_socket_send_buffer_wait(conn->socket, SEND_BUFFER_LIMIT, 0, level, 0,
+                                       gwa_connection_running);
+}
+
+// The traffic policy: whether this pass may send. A pass that may not holds up nothing else
+// (exception 58). A stop of the daemon is no reason to complain or to start over.
 static policy traffic_policy(gwa_connection_data* conn) {
     int level = 0;
-    const int waited = gwa_socket_send_buffer_wait(conn->socket, SEND_BUFFER_LIMIT, 0, &level,
-                                                   SEND_BUFFER_WAIT_S, gwa_connection_running);
+    const int looked = look(conn, &level);
     if (!gwa_connection_running()) {
         conn->output.state = gwa_out_state::DRAINED;
         return policy::HOLD;
     }
     conn->output.send_level.store(level, std::memory_order_relaxed);
-    if (waited == GWA_FAILED) {
+    if (looked == GWA_FAILED) {
         GWA_LOG(ERROR, "traffic policy failed, conn %d, restart it", conn->id);
         return policy::FAILED;
     }
-    if (waited == GWA_TIMED_OUT) {
-        GWA_LOG(INFO, "traffic policy timeout, conn %d", conn->id);
+    if (looked == GWA_TIMED_OUT) {
+        hold(conn);
         return policy::HOLD;
     }
+    conn->output.held_passes = 0;
     return policy::SEND;
 }
 
@@ -76,10 +99,6 @@ static gwa_step send_node(gwa_connection_data* conn, gwa_output_node* node, bool
     return gwa_step::GOES_ON;
 }
 
-static bool is_blocked(const gwa_data_output& output) {
-    return output.state == gwa_out_state::BLOCKED || output.state == gwa_out_state::PARTLY_SENT;
-}
-
 gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn) {
     switch (traffic_policy(conn)) {
         case policy::SEND: break;
@@ -95,15 +114,26 @@ gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn) {
         if (send_node(conn, node, sent_any) == gwa_step::CLOSED) {
             return gwa_step::CLOSED;
         }
-        if (is_blocked(conn->output)) {
+        if (gwa_connection_data_is_blocked(conn)) {
             break;
         }
     }
     return gwa_step::GOES_ON;
 }
 
-bool gwa_connection_data_can_send(gwa_connection_data* conn) {
-    return !is_blocked(conn->output) && gwa_connection_queue_is_empty(&conn->output.queue) == 0;
+bool gwa_connection_data_is_blocked(const gwa_connection_data* conn) {
+    return conn->output.state == gwa_out_state::BLOCKED ||
+           conn->output.state == gwa_out_state::PARTLY_SENT;
+}
+
+int gwa_connection_data_hold_ms(const gwa_connection_data* conn) {
+    int level = 0;
+    return look(conn, &level) == GWA_TIMED_OUT ? level : 0;
+}
+
+int gwa_connection_data_room(const gwa_connection_data* conn) {
+    const auto queued = static_cast<int>(conn->output.count.load(std::memory_order_relaxed));
+    return std::max(FRAMES_READY - queued, 0);
 }
 
 // Whether a heartbeat may go out: an unanswered one blocks the next.

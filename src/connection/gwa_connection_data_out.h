@@ -6,11 +6,15 @@
 
 #include "connection/gwa_connection_data_record.h"
 
-// Sends queued frames until the socket would block, after the send buffer has drained far enough.
-// CLOSED when the socket fails.
+// Sends queued frames until the socket would block, unless the send buffer is too full: then the
+// frames are held for a later pass. CLOSED when the socket fails.
 gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn);
-// Whether frames wait that nothing but the next pass keeps from being sent.
-bool gwa_connection_data_can_send(gwa_connection_data* conn);
+// Whether the last pass has found the socket full, so that an event tells of room.
+bool gwa_connection_data_is_blocked(const gwa_connection_data* conn);
+// How long the next wait may be, in ms, when a pass would be held; else 0.
+int gwa_connection_data_hold_ms(const gwa_connection_data* conn);
+// How many more frames should be made ready for the next pass.
+int gwa_connection_data_room(const gwa_connection_data* conn);
 
 // Queues a heartbeat, if none is outstanding and nothing else waits. After silence of output.
 void gwa_connection_data_heartbeat_handle(gwa_connection_data* conn);

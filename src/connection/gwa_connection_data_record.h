@@ -62,11 +62,15 @@ struct gwa_data_output {
     std::atomic<uint32_t> count{0};  // heap nodes on it
     gwa_out_state state = gwa_out_state::IDLE;
     std::atomic<int32_t> send_level{0};  // fill level of the kernel's buffer, as last seen
+    uint32_t held_passes = 0;            // passes in a row that the traffic policy has held
+    int64_t held_since_us = 0;           // steady clock; the first of them
 };
 
 struct gwa_data_streams {
     list<gwa_stream> all;
-    std::atomic<int32_t> count{0};
+    list<gwa_stream> gone;              // given up by us, but not yet closed by the server
+    std::atomic<int32_t> count{0};      // of `all`
+    uint32_t waiting = 0;               // bytes that services have not taken yet
     gwa_more more = gwa_more::DRAINED;  // of their local sockets, as the last wakeup left them
 };
 
@@ -95,6 +99,8 @@ struct gwa_connection_data {
 constexpr uint32_t GWA_NODE_COUNTED = 40;
 constexpr uint32_t GWA_STREAM_COUNTED = 108;
 constexpr uint32_t GWA_MEMORY_LIMIT = 0x400000;  // bytes; above it streams stop reading
+// Above it the exempt ones stop as well, and uploads: a box may have 64 MB in all (exception 59).
+constexpr uint32_t GWA_MEMORY_CEILING = 0x500000;
 
 // Every path charges and releases through these two, so that the figure returns to zero.
 void gwa_connection_memory_charge(gwa_connection_data* conn, uint32_t size);

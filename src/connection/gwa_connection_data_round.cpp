@@ -29,6 +29,7 @@ int gwa_connection_data_init2(gwa_connection_data* conn) {
     conn->streams.count.store(0, std::memory_order_relaxed);
     conn->streams.more = gwa_more::DRAINED;
     conn->output.count.store(0, std::memory_order_relaxed);
+    conn->output.held_passes = 0;
     conn->heartbeat_resp = conn->heartbeat.seq;
     if (poll_init(&conn->poller) != GWA_OK) {
         GWA_LOG(RESULT, "init epoll failed");
@@ -48,7 +49,7 @@ static void free_half_read_payload(gwa_connection_data* conn) {
 
 void gwa_connection_data_free(gwa_connection_data* conn) {
     GWA_LOG(DEBUG, "connection data id %d free ...", conn->id);
-    gwa_stream_free_all(&conn->streams.all);
+    gwa_stream_free_all(conn);
     free_half_read_payload(conn);
     gwa_connection_queue_sweep(
         &conn->output.queue, [](const gwa_output_node&) { return true; },
@@ -96,14 +97,34 @@ static bool has_memory(const gwa_connection_data* conn) {
     return gwa_connection_memory(conn) < GWA_MEMORY_LIMIT;
 }
 
-// Waits for events, unless there is work that no event will tell of, and runs their callbacks.
-static int events_wait(gwa_connection_data* conn) {
-    const bool has_more = conn->input.more == gwa_more::HAS_MORE ||
-                          conn->streams.more == gwa_more::HAS_MORE ||
-                          gwa_connection_data_can_send(conn);
-    const bool busy = !conn->streams.all.empty() || has_output(conn);
-    conn->poller.timeout = busy ? WAIT_BUSY_MS : WAIT_IDLE_MS;
-    return has_more ? poll_now(&conn->poller) : poll_wait(&conn->poller);
+// How long this round may wait for events, in ms. 0: there is work that no event will tell of.
+static int wait_ms(gwa_connection_data* conn) {
+    const bool reads =
+        conn->streams.more == gwa_more::HAS_MORE && gwa_connection_data_room(conn) > 0;
+    if (reads || conn->input.more == gwa_more::HAS_MORE) {
+        return 0;
+    }
+    if (conn->output.held_passes > 0) {
+        return gwa_connection_data_hold_ms(conn);
+    }
+    const bool sends = has_output(conn);
+    if (sends && !gwa_connection_data_is_blocked(conn)) {
+        return 0;
+    }
+    return sends || !conn->streams.all.empty() ? WAIT_BUSY_MS : WAIT_IDLE_MS;
+}
+
+// Waits for events and runs their callbacks.
+static int events_wait(gwa_connection_data* conn, int limit_ms) {
+    conn->poller.timeout = limit_ms;
+    return limit_ms == 0 ? poll_now(&conn->poller) : poll_wait(&conn->poller);
+}
+
+// Another number after anything has come or gone.
+static uint32_t progress(const gwa_connection_data* conn) {
+    return static_cast<uint32_t>(gwa_counter_get(conn->traffic.bytes_in) +
+                                 gwa_counter_get(conn->traffic.bytes_out)) +
+           gwa_connection_memory(conn);
 }
 
 // The poller has failed, or one of its callbacks has closed the connection and its set with it.
@@ -117,8 +138,9 @@ static gwa_step poller_failed(gwa_connection_data* conn) {
 
 // Streams that stopped reading read again, as far as there is memory.
 static void streams_wakeup(gwa_connection_data* conn) {
-    conn->streams.more =
-        has_memory(conn) ? gwa_stream_local_in_wakeup(&conn->streams.all) : gwa_more::DRAINED;
+    conn->streams.more = has_memory(conn) ? gwa_stream_local_in_wakeup(
+                                                &conn->streams.all, gwa_connection_data_room(conn))
+                                          : gwa_more::DRAINED;
 }
 
 // The round's own input pass. Streams that have waited for memory do not wait any longer when the
@@ -134,17 +156,16 @@ static gwa_step input_again(gwa_connection_data* conn) {
     return gwa_step::GOES_ON;
 }
 
-// Heartbeat, or else keepalive. Whether one of the two was due.
-static bool probe(gwa_connection_data* conn) {
+// Heartbeat, or else keepalive.
+static void probe(gwa_connection_data* conn) {
     if (conn->input.step == gwa_input_step::EXTRA_DISCARD) {
-        return false;  // exception 47: the answer would be thrown away with the rest
+        return;  // exception 47: the answer would be thrown away with the rest
     }
     switch (gwa_connection_silence(&conn->heartbeat)) {
-        case gwa_silence::NONE: return false;
+        case gwa_silence::NONE: break;
         case gwa_silence::OUT: gwa_connection_data_heartbeat_handle(conn); break;
         case gwa_silence::IN: gwa_connection_data_keepalive_handle(conn); break;
     }
-    return true;
 }
 
 static void drop_stale(gwa_connection_data* conn) {
@@ -156,10 +177,13 @@ static void drop_stale(gwa_connection_data* conn) {
 }
 
 static gwa_step relay(gwa_connection_data* conn) {
-    if (events_wait(conn) == GWA_FAILED) {
+    const uint32_t before = progress(conn);
+    const int limit_ms = wait_ms(conn);
+    if (events_wait(conn, limit_ms) == GWA_FAILED) {
         return poller_failed(conn);
     }
-    if (has_output(conn) && gwa_connection_data_remote_out_handle(conn) == gwa_step::CLOSED) {
+    const bool sends = has_output(conn) || conn->output.held_passes > 0;
+    if (sends && gwa_connection_data_remote_out_handle(conn) == gwa_step::CLOSED) {
         return gwa_step::CLOSED;
     }
     streams_wakeup(conn);
@@ -167,10 +191,11 @@ static gwa_step relay(gwa_connection_data* conn) {
     if (read_again && input_again(conn) == gwa_step::CLOSED) {
         return gwa_step::CLOSED;
     }
-    const bool probed = probe(conn);
+    probe(conn);
     drop_stale(conn);
-    if (!read_again || probed) {
-        gwa_usleep(PAUSE_US);
+    const bool idle = limit_ms == 0 && progress(conn) == before;
+    if (idle || conn->output.held_passes == 1) {
+        gwa_usleep(PAUSE_US);  // a server nearby takes what it has got meanwhile
     }
     return gwa_step::GOES_ON;
 }
@@ -189,7 +214,7 @@ void gwa_connection_data_stream_idle_check(gwa_connection_data* conn) {
     for (gwa_stream& stream : conn->streams.all) {
         if (gwa_seconds_since(stream.last_activity) > STREAM_IDLE_S) {
             GWA_LOG(ERROR, "stream idle too long time, stream id %d", static_cast<int>(stream.id));
-            gwa_stream_free(&stream);
+            gwa_stream_give_up(&stream);
         }
     }
 }

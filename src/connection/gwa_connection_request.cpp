@@ -184,6 +184,10 @@ void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_heade
         stream_feed(known, &payload);
         return;
     }
+    if (gwa_stream_is_gone(conn, header->stream_id)) {
+        GWA_LOG(DEBUG, "drop data of the freed stream id %u", header->stream_id);
+        return;
+    }
     gwa_stream* const stream = stream_new(conn, header->stream_id);
     request wanted;
     if (request_read(stream, payload, &wanted)) {

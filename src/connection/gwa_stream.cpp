@@ -10,22 +10,26 @@
 #include "main/gwa_log.h"
 #include "runtime/gwa_util_time.h"
 
-namespace {
-
-// One wakeup pass reads at most this often from one stream: large enough that a single download is
-// not held up by the pause between two rounds, small enough that it does not hold up the others.
-constexpr int READS_PER_ROUND = 16;
-
-}  // namespace
-
 // Streams of priority 0 go on reading when memory is short.
 static bool memory_is_short(const gwa_stream* stream) {
-    return stream->priority != 0 && gwa_connection_memory(stream->connection) > GWA_MEMORY_LIMIT;
+    const uint32_t limit = stream->priority != 0 ? GWA_MEMORY_LIMIT : GWA_MEMORY_CEILING;
+    return gwa_connection_memory(stream->connection) > limit;
 }
 
-static void local_node_release(gwa_connection_data* conn, gwa_output_node* node) {
+// Bytes begin to wait for the service, or wait no longer.
+static void waiting_add(gwa_stream* stream, uint32_t bytes) {
+    stream->waiting += bytes;
+    stream->connection->streams.waiting += bytes;
+}
+static void waiting_take(gwa_stream* stream, uint32_t bytes) {
+    stream->waiting -= bytes;
+    stream->connection->streams.waiting -= bytes;
+}
+
+static void local_node_release(gwa_stream* stream, gwa_output_node* node) {
+    waiting_take(stream, node->remaining);
     list_unlink(*node);
-    gwa_connection_data_node_drop(conn, node);
+    gwa_connection_data_node_drop(stream->connection, node);
 }
 
 // Frames what was read and queues it for the server.
@@ -45,25 +49,12 @@ static void read_failed(gwa_stream* stream, ssize_t got) {
                 stream->connection->id, stream->id);
         return;
     }
+    if (errno == EAGAIN) {
+        stream->more = gwa_more::DRAINED;  // the poller will tell: no round need look
+        return;
+    }
     stream->more = gwa_more::WAITS;
-    if (errno != EAGAIN) {
-        GWA_LOG(ERROR, "recv error fd %d, %s", stream->socket, strerror(errno));
-    }
-}
-
-// Reads from a stream until its data, its share of the round or the memory ends.
-static void read_share(gwa_stream* stream) {
-    GWA_LOG(DEBUG, "wakeup stream socket %d", stream->socket);
-    for (int reads = 0; reads < READS_PER_ROUND; reads++) {
-        gwa_stream_local_in_handle(stream);
-        if (stream->more != gwa_more::HAS_MORE) {
-            return;
-        }
-        if (memory_is_short(stream)) {
-            stream->more = gwa_more::WAITS;
-            return;
-        }
-    }
+    GWA_LOG(ERROR, "recv error fd %d, %s", stream->socket, strerror(errno));
 }
 
 gwa_stream* gwa_stream_find_by_id(list<gwa_stream>* streams, uint32_t id) {
@@ -93,7 +84,11 @@ gwa_output_node* gwa_stream_frame_new(const gwa_stream* stream, uint32_t length)
 }
 
 int gwa_stream_local_output_enqueue(gwa_stream* stream, uint8_t* data, uint32_t length) {
+    if (stream->local_output.empty()) {
+        stream->last_taken = gwa_now_get();  // it has not been asked before
+    }
     stream->local_output.push_back(*gwa_connection_data_node_new(stream->connection, data, length));
+    waiting_add(stream, length);
     return GWA_OK;
 }
 
@@ -110,12 +105,15 @@ void gwa_stream_local_out_handle(gwa_stream* stream) {
             GWA_LOG(ERROR, "send to local server error fd %d", stream->socket);
             return;
         }
-        node->cursor += sent;
-        node->remaining -= static_cast<uint32_t>(sent);
+        stream->last_taken = gwa_now_get();
+        const auto taken = static_cast<uint32_t>(sent);
+        waiting_take(stream, taken);
+        node->cursor += taken;
+        node->remaining -= taken;
         if (node->remaining > 0) {
             return;  // the writable event resumes
         }
-        local_node_release(stream->connection, node);
+        local_node_release(stream, node);
     }
 }
 
@@ -160,42 +158,58 @@ void gwa_stream_local_handle(uint32_t events, void* argument) {
     }
 }
 
+static bool has_more(const gwa_stream& stream) { return stream.more == gwa_more::HAS_MORE; }
+
 static bool wants_wakeup(const gwa_stream& stream) {
-    return stream.socket >= 0 &&
-           (stream.more == gwa_more::HAS_MORE || stream.more == gwa_more::WAITS);
+    return has_more(stream) || stream.more == gwa_more::WAITS;
 }
 
-gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams) {
-    gwa_more more = gwa_more::DRAINED;
+// Reads a frame from every stream that `wants` it, in turn, until the budget is used up. The last
+// one that was read, or `last`.
+static list_link* read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&),
+                            int* budget, list_link* last) {
+    for (gwa_stream& stream : *streams) {
+        if (*budget > 0 && wants(stream)) {
+            GWA_LOG(DEBUG, "wakeup stream socket %d", stream.socket);
+            gwa_stream_local_in_handle(&stream);
+            last = &stream;
+            --*budget;
+        }
+    }
+    return last;
+}
+
+static bool any_has_more(list<gwa_stream>* streams) {
+    for (const gwa_stream& stream : *streams) {
+        if (has_more(stream)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
     if (streams == nullptr) {
         GWA_LOG(ERROR, "head is null");
-        return more;
+        return gwa_more::DRAINED;
     }
-    gwa_stream* first_short = nullptr;  // the first one that memory kept from its share
-    for (gwa_stream& stream : *streams) {
-        if (!wants_wakeup(stream)) {
-            continue;
-        }
-        if (first_short == nullptr && memory_is_short(&stream)) {
-            first_short = &stream;
-        }
-        read_share(&stream);
-        if (stream.more == gwa_more::HAS_MORE) {
-            more = gwa_more::HAS_MORE;
-        }
+    // Who waits for memory or has failed is tried once a pass.
+    list_link* last = read_turn(streams, wants_wakeup, &frames, &streams->head);
+    while (frames > 0 && any_has_more(streams)) {
+        last = read_turn(streams, has_more, &frames, last);
     }
-    if (first_short != nullptr) {
-        // The next pass starts with the stream that came off badly in this one.
+    if (last != &streams->head) {
         list_unlink(streams->head);
-        list_insert_before(*first_short, streams->head);
+        list_insert_before(*last->next, streams->head);
     }
-    return more;
+    return any_has_more(streams) ? gwa_more::HAS_MORE : gwa_more::DRAINED;
 }
 
-void gwa_stream_free(gwa_stream* stream) {
+// Takes everything of a stream away but its record, which is in no list then.
+static void strip(gwa_stream* stream) {
     gwa_connection_data* const conn = stream->connection;
     while (gwa_output_node* const node = stream->local_output.first()) {
-        local_node_release(conn, node);
+        local_node_release(stream, node);
     }
     list_unlink(*stream);
     if (stream->socket >= 0) {
@@ -204,8 +218,57 @@ void gwa_stream_free(gwa_stream* stream) {
         stream->socket = -1;
     }
     conn->streams.count.fetch_sub(1, std::memory_order_relaxed);
-    gwa_connection_memory_release(conn, GWA_STREAM_COUNTED);
+}
+
+static void record_free(gwa_stream* stream) {
+    gwa_connection_memory_release(stream->connection, GWA_STREAM_COUNTED);
     free(stream);
+}
+
+void gwa_stream_free(gwa_stream* stream) {
+    strip(stream);
+    record_free(stream);
+}
+
+void gwa_stream_give_up(gwa_stream* stream) {
+    strip(stream);
+    stream->connection->streams.gone.push_back(*stream);
+}
+
+bool gwa_stream_is_gone(gwa_connection_data* conn, uint32_t id) {
+    return gwa_stream_find_by_id(&conn->streams.gone, id) != nullptr;
+}
+
+void gwa_stream_forget(gwa_connection_data* conn, uint32_t id) {
+    gwa_stream* const stream = gwa_stream_find_by_id(&conn->streams.gone, id);
+    if (stream != nullptr) {
+        list_unlink(*stream);
+        record_free(stream);
+    }
+}
+
+static void give_up_stuck(gwa_stream* stream) {
+    GWA_LOG(ERROR, "local service takes nothing too long time, stream id %u", stream->id);
+    gwa_stream_give_up(stream);
+}
+
+void gwa_stream_give_up_stuck(gwa_connection_data* conn, int32_t seconds) {
+    gwa_stream* fullest = nullptr;  // of those whose services still take something
+    bool any_stuck = false;
+    for (gwa_stream& stream : conn->streams.all) {
+        if (stream.local_output.empty()) {
+            continue;
+        }
+        if (gwa_seconds_since(stream.last_taken) >= seconds) {
+            give_up_stuck(&stream);
+            any_stuck = true;
+        } else if (fullest == nullptr || stream.waiting > fullest->waiting) {
+            fullest = &stream;
+        }
+    }
+    if (!any_stuck && fullest != nullptr) {
+        give_up_stuck(fullest);
+    }
 }
 
 void gwa_stream_local_destroy_by_id(list<gwa_stream>* streams, uint32_t id) {
@@ -217,8 +280,11 @@ void gwa_stream_local_destroy_by_id(list<gwa_stream>* streams, uint32_t id) {
     gwa_stream_free(stream);
 }
 
-void gwa_stream_free_all(list<gwa_stream>* streams) {
-    while (gwa_stream* const stream = streams->first()) {
+void gwa_stream_free_all(gwa_connection_data* conn) {
+    while (gwa_stream* const stream = conn->streams.all.first()) {
         gwa_stream_free(stream);
+    }
+    while (gwa_stream* const stream = conn->streams.gone.first()) {
+        gwa_stream_forget(conn, stream->id);
     }
 }

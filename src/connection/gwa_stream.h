@@ -11,12 +11,14 @@
 
 struct gwa_stream : list_link {
     uint32_t id = 0;                    // chosen by the server
-    uint32_t priority = 0;              // 0 is exempt from the memory limit
+    uint32_t priority = 0;              // 0 is exempt from the memory limit, not from the ceiling
     int socket = -1;                    // to the service
     gwa_more more = gwa_more::DRAINED;  // of what the service says
     gwa_connection_data* connection = nullptr;
     list<gwa_output_node> local_output;  // payloads for the service
+    uint32_t waiting = 0;                // bytes of them that it has not taken yet
     int32_t last_activity = 0;           // coarse clock, last payload in either direction
+    int32_t last_taken = 0;              // coarse clock, when the service last took a byte
 };
 
 // The first stream with that id, or null.
@@ -36,12 +38,22 @@ void gwa_stream_local_out_handle(gwa_stream* stream);
 void gwa_stream_local_in_handle(gwa_stream* stream);
 // Poller callback of a local socket; the argument is the stream.
 void gwa_stream_local_handle(uint32_t events, void* argument);
-// Reads again from every stream that stopped short, in turn, as long as its data and the budget of
-// the round last. HAS_MORE: there is a stream that could go on at once.
-gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams);
+// Reads again from the streams that stopped short, a frame each in turn, `frames` in all; the next
+// pass goes on behind the last one that was read. HAS_MORE: there is a stream that could go on at
+// once.
+gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames);
 
 // Takes the queued payloads, the registration, the socket, the count and the record away.
 void gwa_stream_free(gwa_stream* stream);
+// The same on our own account. What the server still sends under its id is dropped until it closes
+// the stream: it must not be taken for a new request (exception 60).
+void gwa_stream_give_up(gwa_stream* stream);
+bool gwa_stream_is_gone(gwa_connection_data* conn, uint32_t id);
+// The server has closed a stream that may have been given up.
+void gwa_stream_forget(gwa_connection_data* conn, uint32_t id);
+// Gives up every stream whose service has taken nothing for so many seconds of what waits for it,
+// or else the one for which most is waiting.
+void gwa_stream_give_up_stuck(gwa_connection_data* conn, int32_t seconds);
 void gwa_stream_local_destroy_by_id(list<gwa_stream>* streams, uint32_t id);
-// Frees every stream.
-void gwa_stream_free_all(list<gwa_stream>* streams);
+// Frees every stream, those that are gone too.
+void gwa_stream_free_all(gwa_connection_data* conn);

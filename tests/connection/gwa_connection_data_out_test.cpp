@@ -107,7 +107,7 @@ TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     EXPECT_EQ(conn->output.state, gwa_out_state::PARTLY_SENT);
     EXPECT_EQ(conn->heartbeat.last_out_time, coarse(START + 9));
-    EXPECT_FALSE(gwa_connection_data_can_send(conn)) << "the socket will tell";
+    EXPECT_FALSE(gwa_connection_data_takes_more(conn)) << "the socket will tell";
     std::string heard;
     while (conn->output.count > 0 && !HasFailure()) {
         heard += sent();
@@ -141,7 +141,7 @@ TEST_F(DataOutput, ASocketWithoutRoomTellsWhenItHasSome) {
     gwa_connection_data_send(conn, frame_new(1));
     EXPECT_EQ(log_lines_of(GWA_LEVEL_INFO, [this] { rounds(1); }), std::vector<std::string>());
     EXPECT_EQ(conn->output.state, gwa_out_state::BLOCKED);
-    EXPECT_FALSE(gwa_connection_data_can_send(conn));
+    EXPECT_FALSE(gwa_connection_data_takes_more(conn));
     sent();
     const int64_t waited = fake_time::waited_us;
     rounds(1);
