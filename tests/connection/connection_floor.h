@@ -2,13 +2,11 @@
 // worker, and the server at the other end.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 
 #include <functional>
-#include <string>
-#include <utility>
 
 #include "connection/gwa_connection.h"
 #include "connection/gwa_connection_cntl.h"
@@ -16,9 +14,9 @@
 #include "connection/gwa_connection_data_round.h"
 #include "connection/gwa_stream.h"
 #include "login/gwa_login.h"
-#include "runtime/gwa_util_time.h"
 #include "support/fake_time.h"
 #include "support/frames.h"
+#include "support/log_of.h"
 #include "support/run_flags.h"
 #include "support/socket_pair.h"
 
@@ -49,6 +47,11 @@ struct connection_floor : testing::Test {
         const std::string fill(1 << 20, 'f');
         while (send(sockets.ours, fill.data(), fill.size(), MSG_DONTWAIT) > 0) {
         }
+    }
+    // From here on the descriptor is no socket.
+    static void spoil(int fd) {
+        const unique_fd file(open("/dev/null", O_RDWR | O_CLOEXEC));
+        ASSERT_EQ(dup2(file.get(), fd), fd);
     }
 };
 
@@ -98,7 +101,9 @@ struct control_floor : connection_floor {
 struct data_floor : connection_floor {
     gwa_connection_data* conn = &gwa_connections.data[0];
     char device_id[GWA_DEVICE_ID_SIZE] = "box";
-    std::string all_sent;  // by rounds_until_idle
+    std::string all_sent;        // by rounds_until_idle
+    loopback_listener listener;  // a service on the box,
+    unique_fd accepted;          // and the connection of the stream that was opened last
 
     data_floor() : connection_floor(true, AF_UNIX) {
         gwa_device_id = device_id;
@@ -150,25 +155,20 @@ struct data_floor : connection_floor {
         rounds_until_idle();
         return all_sent;
     }
-    // A frame without payload.
-    gwa_output_node* frame_new(uint32_t stream_id) {
+    // Queues a frame of a stream, though there may be none.
+    gwa_output_node* queue_frame(uint32_t stream_id, const std::string& payload = "") {
         gwa_stream stream;
         stream.id = stream_id;
         stream.connection = conn;
-        return gwa_stream_frame_new(&stream, 0);
+        gwa_output_node* const node =
+            gwa_stream_frame_new(&stream, static_cast<uint32_t>(payload.size()));
+        payload.copy(reinterpret_cast<char*>(gwa_connection_payload_of(node)), payload.size());
+        gwa_connection_data_send(conn, node);
+        return node;
     }
-};
-
-// A service on the box: a listening socket that the connection's streams reach.
-inline std::string request(int port, const std::string& more = "") {
-    return "GET /?x-qv-devid=box&x-qv-port=" + std::to_string(port) + more + " HTTP/1.1\r\n\r\n";
-}
-struct stream_floor : data_floor {
-    loopback_listener listener;
-    unique_fd accepted;
-
-    gwa_stream* open(uint32_t stream_id, const std::string& more = "") {
-        server_sends(frame_bytes(DATA, stream_id, request(listener.port, more)));
+    // A stream to the service.
+    gwa_stream* open_stream(uint32_t stream_id, const std::string& more = "") {
+        server_sends(request_frame(stream_id, listener.port, more));
         rounds(1);
         accepted = listener.accept();
         return gwa_stream_find_by_id(&conn->streams.all, stream_id);
@@ -183,12 +183,3 @@ struct stream_floor : data_floor {
                });
     }
 };
-
-// What the daemon itself answers, which needs no service.
-inline std::string echo_request(uint32_t stream) {
-    return frame_bytes(DATA, stream, request(10010, "&x-qv-gwad-opt=echo"));
-}
-inline std::string echo_answer(uint32_t stream) {
-    return frame_bytes(
-        DATA, stream, "HTTP/1.1 200 OK\r\nContent-Type:text/plain\r\nContent-Length:4\r\n\r\necho");
-}

@@ -18,88 +18,60 @@ struct ControlCommands : control_floor {
                            static_cast<uint32_t>(payload.size()));
         return gwa_connection_cntl_proto_handle(cntl, bytes);
     }
-    size_t unread() {
-        char bytes[GWA_FRAME_MAX];
-        return static_cast<size_t>(
-            std::max<ssize_t>(recv(cntl->socket, bytes, sizeof bytes, MSG_DONTWAIT), 0));
-    }
 };
 
 TEST_F(ControlCommands, TakeExactlyTheirLengthAndLeaveTheRest) {
+    const temp_dir home;
+    const std::string file = home.path + "/session.id", id = "0123456789abcdef0123456789abcdef";
+    text_copy(gwa_process_paths.session_id_file, file);
+    file_write(file, "what was there before, and longer than a session id");
     cntl->hooks.reporting_times = [](uint32_t t1, uint32_t t2) {
         times_taken[0] = t1;
         times_taken[1] = t2;
         return 0;
     };
-    const std::string times("\0\0\0\7\0\0\x0e\x11", 8);
+    cntl->hooks.order = [](const gwa_host_list& servers) { servers_taken = servers; };
+    std::string order = R"(host1host2host3host4host5 "h" port1port2port3port4port5 "7")";
+    order.resize(127, ' ');
     const struct {
         gwa_command command;
         std::string payload;
         int result;
         size_t left;
     } cases[] = {
+        {gwa_command::ALLOC_SESSION_ID, id, 0, 0},
         {gwa_command::ALLOC_SESSION_ID, std::string(31, 's'), -1, 31},
         {gwa_command::ALLOC_SESSION_ID, std::string(33, 's'), -1, 33},
-        {gwa_command::CONTROL_REPORTING, times.substr(0, 4), -1, 4},
-        {gwa_command::CONTROL_REPORTING, times, 0, 0},
+        {gwa_command::CONTROL_REPORTING, be32(7), -1, 4},
+        {gwa_command::CONTROL_REPORTING, be32(7) + be32(3601), 0, 0},
         {gwa_command::SET_PRIVACY_DATA, std::string(GWA_PAYLOAD_MAX, 'p'), 0, 0},
         {gwa_command::REPORT_STATUS, "1234", 0, 0},
         {gwa_command::RESPONSE_DEVICE_INFO, "{}", -1, 2},
         {gwa_command::DATA, "x", -1, 1},
-        {gwa_command::REPORT_DEVICE_INFO, "x", -1, 1},
-        {gwa_command::CLOSE_STREAM, "x", -1, 1},
-        {gwa_command::REPORT_PORT_INFO, "x", -1, 1},
-        {gwa_command::NEW_DATA_CONNECTION, std::string(127, 'n'), 0, 0},
+        {gwa_command::NEW_DATA_CONNECTION, order, 0, 0},
     };
     uint64_t bytes_in = 0;
     int64_t now = START;
     for (const auto& [command, payload, result, left] : cases) {
         set_clock(++now);
         EXPECT_EQ(handle(command, payload), result) << static_cast<int>(command);
-        EXPECT_EQ(unread(), left) << static_cast<int>(command);
+        EXPECT_EQ(sockets.unread(), static_cast<int>(left)) << static_cast<int>(command);
+        recv(cntl->socket, nullptr, left, MSG_DONTWAIT | MSG_TRUNC);
         bytes_in += GWA_HEADER_SIZE + payload.size() - left;
         EXPECT_EQ(gwa_counter_get(cntl->traffic.bytes_in), bytes_in);
         EXPECT_EQ(cntl->heartbeat.last_in_time == coarse(now), left == 0);
     }
     EXPECT_EQ(packets_in(), std::size(cases));
+    EXPECT_EQ(file_read(file), id);
     EXPECT_EQ(times_taken[0], 7U);
     EXPECT_EQ(times_taken[1], 3601U);
+    EXPECT_EQ(servers_taken.ports[4], 7);
+    uint8_t bad_header[GWA_HEADER_SIZE + 1] = {};
+    EXPECT_EQ(gwa_connection_cntl_proto_handle(cntl, bad_header), GWA_FAILED);
+    EXPECT_EQ(packets_in(), std::size(cases)) << "it counts for nothing";
+    EXPECT_EQ(restarts, 0);
     EXPECT_EXIT(handle(gwa_command::NEW_DATA_CONNECTION, std::string(128, 'n')),
                 testing::KilledBySignal(SIGABRT), "Assertion");
-}
-
-TEST_F(ControlCommands, ABadHeaderCountsForNothing) {
-    uint8_t bytes[GWA_HEADER_SIZE + 1] = {};
-    EXPECT_EQ(gwa_connection_cntl_proto_handle(cntl, bytes), GWA_FAILED);
-    EXPECT_EQ(packets_in(), 0U);
-    EXPECT_EQ(restarts, 0);
-}
-
-TEST_F(ControlCommands, TheSessionIdReplacesTheFile) {
-    const temp_dir home;
-    const std::string file = home.path + "/session.id";
-    text_copy(gwa_process_paths.session_id_file, file);
-    file_write(file, "what was there before, and longer than a session id");
-    const std::string id = "0123456789abcdef0123456789abcdef";
-    EXPECT_EQ(handle(gwa_command::ALLOC_SESSION_ID, id), 0);
-    EXPECT_EQ(file_read(file), id);
-}
-
-TEST_F(ControlCommands, AnOrderIsPassedOnWhole) {
-    cntl->hooks.order = [](const gwa_host_list& servers) { servers_taken = servers; };
-    std::string order = "{";
-    for (int i = 1; i <= GWA_HOST_COUNT; i++) {
-        const std::string n = std::to_string(i);
-        order += "\"host" + n + "\":\"h" + n + "\",\"port" + n + "\":\"7000" + n + "\",";
-    }
-    gwa_connection_cntl_remote_data_parse(cntl, order.c_str());
-    for (int i = 0; i < GWA_HOST_COUNT; i++) {
-        EXPECT_EQ(std::string(servers_taken.hosts[i]), "h" + std::to_string(i + 1));
-        EXPECT_EQ(servers_taken.ports[i], (70001 + i) & 0xffff) << "the low 16 bits";
-    }
-    servers_taken.ports[0] = 1;
-    gwa_connection_cntl_remote_data_parse(cntl, "{\"host1\":\"h1\"}");
-    EXPECT_EQ(servers_taken.ports[0], 1) << "half an order is none";
 }
 
 TEST_F(ControlCommands, WrongAnswersAddUpUntilARightOneComes) {

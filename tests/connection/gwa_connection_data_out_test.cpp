@@ -1,7 +1,6 @@
 #include "connection/gwa_connection_data_out.h"
 
 #include "connection/connection_floor.h"
-#include "support/log_of.h"
 
 namespace {
 
@@ -28,26 +27,25 @@ TEST_F(DataOutput, HeartbeatsFollowTheClockOneAtATime) {
 
 TEST_F(DataOutput, AKeepaliveGoesFirstAndComesAgainAMinuteLater) {
     set_clock(START + 241);
-    conn->heartbeat.last_out_time = coarse(START + 241);  // busy sending, nothing comes in
-    gwa_connection_data_send(conn, frame_new(1));
-    gwa_connection_data_keepalive_handle(conn);
-    EXPECT_EQ(conn->heartbeat.last_in_time, coarse(START + 61));
-    rounds(1);
-    EXPECT_EQ(sent(), heartbeat_frame(0) + frame_bytes(DATA, 1));
-    server_sends(heartbeat_frame(0));
-    rounds(1);
-    EXPECT_EQ(conn->heartbeat_resp, conn->heartbeat.seq);
-    // By the clock: 240 s of silence are not enough.
     for (const auto& [silent, expected] :
-         {std::pair{240, std::string()}, {241, heartbeat_frame(1)}}) {
-        heard_and_said_at(START + 241);
+         {std::pair{240, std::string()}, {241, heartbeat_frame(0)}}) {
+        heard_and_said_at(START + 241);  // busy sending, nothing comes in
         conn->heartbeat.last_in_time = coarse(START + 241 - silent);
         rounds(3);
         EXPECT_EQ(sent(), expected) << silent;
     }
+    EXPECT_EQ(conn->heartbeat.last_in_time, coarse(START + 61));
+    EXPECT_EQ(reply_to(heartbeat_frame(0)), "");
+    queue_frame(1);
+    gwa_connection_data_keepalive_handle(conn);
+    rounds(1);
+    EXPECT_EQ(sent(), heartbeat_frame(1) + frame_bytes(DATA, 1));
 }
 
 TEST_F(DataOutput, NothingFreesTheHeartbeatFrameOrUsesItTwice) {
+    queue_frame(3);
+    gwa_connection_data_heartbeat_handle(conn);  // finds the queue busy, takes its number back
+    gwa_connection_data_output_free_by_id(conn, 3);
     set_clock(START + 241);
     gwa_connection_data_keepalive_handle(conn);
     gwa_connection_data_output_free_by_id(conn, 0);
@@ -61,48 +59,28 @@ TEST_F(DataOutput, NothingFreesTheHeartbeatFrameOrUsesItTwice) {
     heard_and_said_at(START + 5000);
     rounds(1);
     EXPECT_EQ(sent(), heartbeat_frame(0));
-    EXPECT_EQ(gwa_connection_queue_is_empty(&conn->output.queue), 1);
     EXPECT_EQ(conn->heartbeat.node.flags, GWA_NODE_HEARTBEAT) << "ready for the next one";
     EXPECT_FALSE(gwa_connection_heartbeat_is_queued(&conn->heartbeat));
 }
 
-TEST_F(DataOutput, AHeartbeatThatFindsTheQueueBusyTakesItsNumberBack) {
-    gwa_connection_data_send(conn, frame_new(3));
-    gwa_connection_data_heartbeat_handle(conn);
-    EXPECT_EQ(conn->heartbeat.seq, 0U);
-    rounds(1);
-    EXPECT_EQ(sent(), frame_bytes(DATA, 3));
-    gwa_connection_data_heartbeat_handle(conn);
-    rounds(1);
-    EXPECT_EQ(sent(), heartbeat_frame(0));
-}
-
-TEST_F(DataOutput, StaleFramesAreDroppedButNotAPartlySentOne) {
-    gwa_output_node* const first = frame_new(1);
-    gwa_connection_data_send(conn, first);
-    gwa_connection_data_send(conn, frame_new(2));
-    gwa_connection_data_send(conn, frame_new(3));
-    first->flags |= GWA_NODE_PARTLY_SENT;
+TEST_F(DataOutput, UnwantedAndStaleFramesAreDroppedButNotAPartlySentOne) {
+    queue_frame(1)->flags |= GWA_NODE_PARTLY_SENT;
+    queue_frame(2);
+    queue_frame(3);
     gwa_connection_data_output_free_by_id(conn, 1);
     gwa_connection_data_output_free_by_id(conn, 2);
     EXPECT_EQ(conn->output.count, 2U);
-    set_clock(START + 600);
-    gwa_connection_data_buffer_timeout_check(conn);
-    EXPECT_EQ(conn->output.count, 2U);
-    set_clock(START + 601);
-    gwa_connection_data_buffer_timeout_check(conn);
-    EXPECT_EQ(conn->output.count, 1U);
+    for (const auto& [seconds, left] : {std::pair{600, 2U}, {601, 1U}}) {
+        set_clock(START + seconds);
+        gwa_connection_data_buffer_timeout_check(conn);
+        EXPECT_EQ(conn->output.count, left) << seconds;
+    }
 }
 
 TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
-    constexpr uint32_t MUCH = 2 << 20;
-    gwa_stream stream;
-    stream.id = 5;
-    stream.connection = conn;
-    gwa_output_node* const node = gwa_stream_frame_new(&stream, MUCH);
-    std::fill_n(gwa_connection_payload_of(node), MUCH, uint8_t{'m'});
-    gwa_connection_data_send(conn, node);
-    gwa_connection_data_send(conn, frame_new(6));
+    const std::string much(2 << 20, 'm');
+    queue_frame(5, much);
+    queue_frame(6);
     set_clock(START + 9);
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     EXPECT_EQ(conn->output.state, gwa_out_state::PARTLY_SENT);
@@ -114,14 +92,14 @@ TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
         EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     }
     heard += sent();
-    EXPECT_TRUE(heard == frame_bytes(DATA, 5, std::string(MUCH, 'm')) + frame_bytes(DATA, 6));
+    EXPECT_TRUE(heard == frame_bytes(DATA, 5, much) + frame_bytes(DATA, 6));
     EXPECT_EQ(gwa_counter_get(conn->traffic.bytes_out), heard.size());
     EXPECT_EQ(gwa_counter_get(conn->traffic.packets_out), 2U);
     EXPECT_EQ(conn->output.state, gwa_out_state::DRAINED);
 }
 
 TEST_F(DataOutput, ThePolicyHoldsBackWhatTheServerDoesNotRead) {
-    gwa_connection_data_send(conn, frame_new(1));
+    queue_frame(1);
     fill_socket();
     const int64_t before = fake_time::now_us;
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
@@ -138,7 +116,7 @@ TEST_F(DataOutput, ASocketWithoutRoomTellsWhenItHasSome) {
     const int smallest = 1;  // so little that the policy sees an almost empty buffer
     setsockopt(conn->socket, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
     fill_socket();
-    gwa_connection_data_send(conn, frame_new(1));
+    queue_frame(1);
     EXPECT_EQ(log_lines_of(GWA_LEVEL_INFO, [this] { rounds(1); }), std::vector<std::string>());
     EXPECT_EQ(conn->output.state, gwa_out_state::BLOCKED);
     EXPECT_FALSE(gwa_connection_data_takes_more(conn));
@@ -150,17 +128,14 @@ TEST_F(DataOutput, ASocketWithoutRoomTellsWhenItHasSome) {
 }
 
 TEST_F(DataOutput, ASocketThatFailsClosesItAndTakesTheFramesAlong) {
-    gwa_connection_data_send(conn, frame_new(1));
-    gwa_connection_data_send(conn, frame_new(2));
+    queue_frame(1);
+    queue_frame(2);
     shutdown(conn->socket, SHUT_WR);
     EXPECT_TRUE(closes_in(1));
     EXPECT_EQ(gwa_connection_memory(conn), 0U);
     connect();
-    const int fd = std::exchange(conn->socket, -1);
+    spoil(conn->socket);
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::CLOSED) << "nobody can tell";
-    gwa_connection_data_free(conn);
-    close(fd);
-    connect();
     gwa_connection_run = 0;  // no failure: the daemon stops
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     EXPECT_EQ(conn->output.state, gwa_out_state::DRAINED);

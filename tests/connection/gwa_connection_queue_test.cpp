@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <string>
 #include <vector>
-
-#include "support/frames.h"
-#include "support/socket_pair.h"
 
 namespace {
 
@@ -95,40 +91,6 @@ TEST(OutputQueue, AnEmptiedQueueForgetsItsHighestPriority) {
     named.insert({'C', 3, 3});
     named.insert({'D', 2, 4});
     EXPECT_EQ(named.order(), "BCD");
-}
-
-TEST(OutputQueue, ANodeIsSentAsFarAsTheSocketTakesIt) {
-    const socket_pair sockets;
-    gwa_output_queue queue;
-    gwa_traffic traffic;
-    constexpr uint32_t MUCH = 4 << 20;
-    gwa_output_node* const node =
-        gwa_connection_frame_new(gwa_command::DATA, GWA_FLAG_STREAM, 7, MUCH);
-    std::fill_n(gwa_connection_payload_of(node), MUCH, uint8_t{'m'});
-    int expected = 0, sent = 0;
-    const auto attempt = [&](int fd) {
-        return gwa_connection_node_send(&queue, node, fd, &traffic, &expected, &sent);
-    };
-    EXPECT_EQ(attempt(-1), gwa_sent::FAILED);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(gwa_connection_dequeue(&queue), node) << "whoever closes finds it there";
-    EXPECT_EQ(attempt(sockets.ours), gwa_sent::PART);
-    EXPECT_EQ(expected, static_cast<int>(MUCH + GWA_HEADER_SIZE));
-    EXPECT_EQ(static_cast<uint64_t>(sent), gwa_counter_get(traffic.bytes_out));
-    EXPECT_EQ(gwa_connection_dequeue(&queue), node);
-    EXPECT_NE(node->flags & GWA_NODE_PARTLY_SENT, 0U);
-    EXPECT_EQ(attempt(sockets.ours), gwa_sent::NOTHING);
-    EXPECT_EQ(gwa_connection_dequeue(&queue), node);
-    std::string heard;
-    while (gwa_sent::WHOLE != attempt(sockets.ours)) {
-        ASSERT_EQ(gwa_connection_dequeue(&queue), node);
-        heard += sockets.peer_hears();
-    }
-    heard += sockets.peer_hears();
-    EXPECT_EQ(gwa_connection_queue_is_empty(&queue), 1);
-    EXPECT_TRUE(heard == frame_bytes(DATA, 7, std::string(MUCH, 'm')));
-    EXPECT_EQ(gwa_counter_get(traffic.bytes_out), heard.size());
-    gwa_connection_node_free(node);
 }
 
 }  // namespace

@@ -1,12 +1,14 @@
 #include "connection/gwa_connection_request.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
+
+#include <filesystem>
 
 #include "connection/connection_floor.h"
 #include "runtime/gwa_process.h"
 #include "support/files.h"
-#include "support/log_of.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -25,8 +27,8 @@ TEST_F(Requests, ThatAreRefusedAreSilentAndCostNothing) {
         std::string payload;
         lines said;
     } cases[] = {
-        {request(0), {port_0 + "0] len 28"}},
-        {request(65535),
+        {request_text(0), {port_0 + "0] len 28"}},
+        {request_text(65535),
          {"<1> port is invalid, 65535, url [/?x-qv-devid=box&x-qv-port=65535] len 32"}},
         {"GET /?x-qv-devid=box&x-qv-port=x HTTP/1.1\r\n\r\n", {port_0 + "x] len 28"}},
         {"GET /?x-qv-devid=box HTTP/1.1\r\n\r\n",
@@ -46,24 +48,19 @@ TEST_F(Requests, ThatAreRefusedAreSilentAndCostNothing) {
 
 TEST_F(Requests, GoToEveryPortFromTheFirstToTheLast) {
     for (const int port : {1, 65534}) {
-        const lines said = said_of(request(port));
+        const lines said = said_of(request_text(port));
         ASSERT_GE(said.size(), 2U);
         EXPECT_EQ(said[0], "<6> destination port is " + std::to_string(port));
         EXPECT_EQ(said[1].substr(0, 23), "<6> create local socket");
-        server_sends(std::string(request(port).size(), '?'));  // if nobody listens there
-        rounds(1);
-        gwa_connection_data_free(conn);
+        gwa_connection_data_free(conn);  // with the discard, if nobody listens there
         connect();
     }
 }
 
-TEST_F(Requests, TheirPriorityIsFourUnlessTheySay) {
-    const loopback_listener listener;
+TEST_F(Requests, BecomeStreamsOfPriorityFourUnlessTheySay) {
     uint32_t id = 0;
     for (const auto& [more, priority] : {std::pair{"", 4U}, {"&x-qv-pri=9", 9U}}) {
-        server_sends(frame_bytes(DATA, ++id, request(listener.port, more)));
-        rounds(1);
-        const gwa_stream* const stream = gwa_stream_find_by_id(&conn->streams.all, id);
+        const gwa_stream* const stream = open_stream(++id, more);
         ASSERT_NE(stream, nullptr);
         EXPECT_EQ(stream->priority, priority);
         EXPECT_EQ(stream->last_activity, coarse(START));
@@ -72,37 +69,80 @@ TEST_F(Requests, TheirPriorityIsFourUnlessTheySay) {
 }
 
 TEST_F(Requests, AStreamThatThePollerRefusesIsTakenBack) {
-    const loopback_listener listener;
-    close(std::exchange(conn->poller.epfd, -1));
-    const std::string asked = request(listener.port);
-    uint8_t* const payload = static_cast<uint8_t*>(malloc(asked.size()));
-    memcpy(payload, asked.data(), asked.size());
-    const auto length = static_cast<uint32_t>(asked.size());
-    gwa_connection_memory_charge(conn, length);
-    gwa_header header{};
-    header.stream_id = 7;
-    header.length = length;
-    gwa_connection_remote_data_parse(conn, &header, payload, length);
+    server_sends(request_frame(7, listener.port));
+    const int epfd = std::exchange(conn->poller.epfd, -1);
+    EXPECT_EQ(gwa_connection_data_remote_in_handle(conn), gwa_step::GOES_ON);
+    conn->poller.epfd = epfd;
     EXPECT_EQ(conn->streams.count, 0);
     EXPECT_EQ(gwa_connection_memory(conn), 0U);
     EXPECT_TRUE(read_to_end(listener.accept().get()).starts_with("GET ")) << "and closed";
 }
 
-TEST_F(Requests, AnUnreadableDiagnosticFileSaysSo) {
+TEST_F(Requests, TheDaemonAnswersOnItsOwnPort) {
+    const std::string refused = "404 File Not Found";
+    const struct {
+        const char* query;
+        std::string status, body;
+    } cases[] = {
+        {"x-qv-gwad-opt=echo", "200 OK", "echo"},
+        {"x-qv-gwad-opt=log&loglv=9", "200 OK", "OK"},
+        {"x-qv-gwad-opt=log&loglv=2", "200 OK", "OK"},
+        {"x-qv-gwad-opt=log", refused, "not contain loglv field"},
+        {"x-qv-gwad-opt=reboot", refused, "File Not Found"},
+        {"x-qv-pri=0", refused, "not contain x-qv-gwad-opt field"},
+    };
+    for (const auto& [query, status, body] : cases) {
+        const std::string asked = request_frame(3, 10010, "&" + std::string(query));
+        EXPECT_EQ(reply_to(asked), debug_answer(3, status, body)) << query;
+    }
+    EXPECT_TRUE(gwa_log_enabled(2));
+    EXPECT_FALSE(gwa_log_enabled(3));
+}
+
+// Content-Length names the last chunk; the text's length goes where its text is, and the frame's
+// own stays 0.
+std::string diagnostic_head(const std::string& status, size_t last_chunk) {
+    std::string text = "HTTP/1.1 " + status + "\r\nContent-Type:text/plain\r\nContent-Length:" +
+                       std::to_string(last_chunk) + "\r\n\r\n";
+    return frame_bytes(DATA, 5) + text.replace(12, 4, be32(static_cast<uint32_t>(text.size())));
+}
+
+TEST_F(Requests, ForTheDiagnosticGetItsFileInFrames) {
+    static int slept;  // s
+    gwa_time.sleep_us = [](int64_t us) { us == 1'000'000 ? slept++ : usleep(1000); };
     const temp_dir home;
+    const std::string folder = home.path + "/tmp/wkr", file = folder + "/sysdiag.txt";
     text_copy(gwa_process_paths.home, home.path);
-    ASSERT_EQ(mkdir((home.path + "/tmp").c_str(), 0700), 0);
-    ASSERT_EQ(mkdir((home.path + "/tmp/wkr").c_str(), 0700), 0);
-    // A folder can be opened, has a size, and cannot be read.
-    ASSERT_EQ(mkdir((home.path + "/tmp/wkr/sysdiag.txt").c_str(), 0700), 0);
-    struct stat file {};
-    ASSERT_EQ(stat((home.path + "/tmp/wkr/sysdiag.txt").c_str(), &file), 0);
-    const int64_t before = fake_time::now_us;
-    EXPECT_EQ(said_of(request(10010, "&x-qv-gwad-opt=diag&timeout=5")).back(),
-              "<3> read diag file failed");
-    EXPECT_GE(fake_time::now_us - before, 5'000'000) << "the time that the box is given";
-    const std::string length = std::to_string(std::min<off_t>(file.st_size, GWA_PAYLOAD_MAX));
-    EXPECT_TRUE(sent().ends_with("\r\nContent-Length:" + length + "\r\n\r\n"));
+    fs::create_directories(folder);
+    fs::create_directory(home.path + "/bin");
+    const std::string report = noise(PAYLOAD_MAX + 100, 1);
+    file_write(home.path + "/report", report);
+    file_write(home.path + "/bin/diag.sh",
+               "#!/bin/sh\n[ $1 = -c ] && mv " + home.path + "/report " + folder + "/$2", true);
+    const std::string expected = diagnostic_head("200 OK", 100) +
+                                 frame_bytes(DATA, 5, report.substr(0, PAYLOAD_MAX)) +
+                                 frame_bytes(DATA, 5, report.substr(PAYLOAD_MAX));
+    for (const auto& [more, seconds] : {std::pair{"&timeout=5", 5},
+                                        {"&timeout=54", 54},
+                                        {"&timeout=4", 30},
+                                        {"&timeout=55", 30},
+                                        {"", 30}}) {
+        slept = 0;
+        EXPECT_EQ(reply_to(debug_request(5, std::string("diag") + more)), expected);
+        EXPECT_EQ(slept, seconds) << more;
+    }
+    fs::remove(file);
+    EXPECT_EQ(reply_to(debug_request(5, "diag")), diagnostic_head("404 File Not Found", 0));
+    fs::create_symlink(file, file);
+    EXPECT_EQ(reply_to(debug_request(5, "diag")), diagnostic_head("503 Gateway Internal Error", 0));
+    fs::remove(file);
+    fs::create_directory(file);  // can be opened, has a size, and cannot be read
+    fs::create_directory(file + "/some");
+    struct stat status {};
+    stat(file.c_str(), &status);
+    EXPECT_EQ(reply_to(debug_request(5, "diag")),
+              diagnostic_head("200 OK",
+                              std::min<size_t>(static_cast<size_t>(status.st_size), PAYLOAD_MAX)));
     gwa_process_paths.home[0] = '\0';
 }
 

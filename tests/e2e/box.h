@@ -1,30 +1,58 @@
 // box.h - the daemon as a child process, with a home directory of its own.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <string_view>
+#include <filesystem>
 
 #include "support/child.h"
 
-constexpr char DEVICE_ID[] = "test-box";
-constexpr char RESTART_LINE[] = "!!!! restart the process !!!!";
+bool isolated();  // on a machine of its own, so that whatever it leaves running ends with it
 
 struct box {
     temp_dir home;
-    std::unique_ptr<child> gwad;
+    child gwad;
 
     // Starts the daemon; it asks the address manager at localhost and this port.
-    explicit box(uint16_t manager_port, const char* verbose = "7");
+    explicit box(uint16_t manager_port, const char* verbose = "7")
+        : gwad(command_line(home.path, manager_port, verbose)) {}
 
     std::string log() const { return file_read(home.path + "/log"); }
     // True as soon as the text has been logged that many times.
-    bool logs(std::string_view text, int times = 1) const;
+    bool logs(std::string_view text, int times = 1) const {
+        return eventually([&] { return text_count(log(), text) >= times; });
+    }
     // True when the daemon ends with status 0 after saying that it restarts. Its successor starts
     // two seconds later.
-    bool restarts() const;
-    pid_t pid() const;  // by the pid file: also of a successor
-    int open_fds() const;
-};
+    bool restarts() {
+        return gwad.wait() == 0 && text_count(log(), "!!!! restart the process !!!!") == 1;
+    }
+    pid_t pid() const {  // by its file: also of a successor
+        return atoi(file_read(home.path + "/tmp/gwad.pid").c_str());
+    }
 
-int text_count(std::string_view text, std::string_view part);
+   private:
+    static std::vector<std::string> command_line(const std::string& home, uint16_t manager_port,
+                                                 const char* verbose) {
+        for (const char* folder : {"/tmp/wkr", "/etc", "/bin"}) {
+            std::filesystem::create_directories(home + folder);
+        }
+        file_write(home + "/etc/firmware", "CURVER=1.2.3\r\nCOMPONENT=c7\nTERMINAL=t9\n");
+        // A name that cannot be resolved costs a second at most, also where nothing is isolated.
+        return {"/usr/bin/env",
+                "RES_OPTIONS=timeout:1 attempts:1",
+                GWAD_PATH,
+                "-r",
+                "localhost",
+                "-p",
+                std::to_string(manager_port),
+                "-i",
+                "lo",
+                "-I",
+                "box",
+                "-H",
+                home,
+                "-l",
+                home + "/log",
+                "-V",
+                verbose};
+    }
+};

@@ -2,55 +2,71 @@
 // played step by step.
 #pragma once
 
-#include <array>
-#include <map>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include "box.h"
 #include "support/frames.h"
-#include "support/sockets.h"
+#include "support/service.h"
 
-constexpr int DATA_CONNECTIONS = 5;
-
-// What arrives for each stream, until the stream `last` has got that many bytes.
-std::map<uint32_t, std::string> streams_read(int fd, uint32_t last, size_t size);
-
-// A user's request as it opens a stream to a port of the box, and the frame with it.
-std::string request_text(uint16_t port, std::string_view more = {});
-std::string request_frame(uint32_t stream, uint16_t port, std::string_view more = {});
-// The same for one of the daemon's own operations.
-std::string debug_frame(uint32_t stream, std::string_view operation);
-// The daemon's answer to such a request.
-std::string debug_answer(std::string_view status, std::string_view body);
 // True when the daemon answers an echo and nothing else comes before the answer.
-bool echoes(int data_fd, uint32_t stream);
+inline bool echoes(const unique_fd& data, uint32_t stream) {
+    write_all(data.get(), debug_request(stream));
+    return frame_read(data.get()) == debug_answer(stream);
+}
 
-struct peer {
-    loopback_listener manager, control;
-    std::array<loopback_listener, DATA_CONNECTIONS> data;
+// All five data connections to one port; short enough for command 7. The device looks for a key and
+// takes the next quoted text, so one text serves five keys.
+inline std::string order_frame(const loopback_listener& server) {
+    return frame_bytes(DATA_ORDER, 0,
+                       R"(host1host2host3host4host5 "127.0.0.1" port1port2port3port4port5 ")" +
+                           std::to_string(server.port) + '"');
+}
 
-    // The five pairs; short enough for command 7.
-    std::string order() const;
-
-    // Answers one discovery with the control port. Hands back the request.
-    std::string discover() const;
-    // Discovery, then the login up to the session id request.
-    unique_fd login() const;
-    // Data connection 0 as it logs in; the other four get no answer.
-    unique_fd data_login() const;
-};
-
-// Answers the heartbeat that must come next.
-bool heartbeat_answer(int control_fd, uint32_t sequence);
+// The first data connection that comes, logged in.
+inline unique_fd data_login(const loopback_listener& server) {
+    unique_fd fd = server.accept();
+    const int at_once = 1;  // what is written apart arrives apart
+    setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
+    frame_read(fd.get());
+    write_all(fd.get(), frame_bytes(LOGIN_ANSWER));
+    return fd;
+}
 
 // A server and its daemon, which must end first, as it restarts when its connections do.
 struct session {
-    peer server;
+    loopback_listener manager, control_server, data_server;
     unique_fd control, data;
     box device;
 
-    explicit session(const char* verbose = "7") : device(server.manager.port, verbose) {}
-    // The login and the first heartbeat.
-    bool log_in();
-    // The same, the order and the data login.
-    bool relay();
+    explicit session(const char* verbose = "7") : device(manager.port, verbose) {}
+
+    // Answers one discovery with the control port. Hands back the request.
+    std::string discover() const {
+        const unique_fd fd = manager.accept();
+        std::string request = read_until(fd.get(), "\r\n\r\n");
+        write_all(fd.get(), "HTTP/1.1 200 OK\r\n\r\n{\"ret\":0,\"proxy\":\"127.0.0.1:" +
+                                std::to_string(control_server.port) + "\"}");
+        return request;
+    }
+    bool hears(const std::string& bytes) const {
+        return read_exact(control.get(), bytes.size()) == bytes;
+    }
+    bool sends(const std::string& bytes) const { return write_all(control.get(), bytes); }
+    // Discovery, then the login up to the session id request.
+    bool log_in_only() {
+        discover();
+        control = control_server.accept();
+        frame_read(control.get());
+        return sends(frame_bytes(LOGIN_ANSWER)) && hears(frame_bytes(SESSION_ID));
+    }
+    // The same, and the first heartbeat.
+    bool log_in() {
+        return log_in_only() && hears(heartbeat_frame(0)) && sends(heartbeat_frame(0));
+    }
+    bool order() { return log_in() && sends(order_frame(data_server)); }
+    // The same, and a data login.
+    bool relay() { return order() && (data = data_login(data_server)); }
+    bool sends_data(const std::string& bytes) const { return write_all(data.get(), bytes); }
 };

@@ -31,11 +31,17 @@ void file_write(const std::string& path, std::string_view bytes, bool executable
     if (executable) {
         // What runs is a copy that this process never had open: the child of another thread may
         // hold on to the file, and what is open for writing cannot be run.
-        const std::string copy = path + ".copy";
-        fs::permissions(path, fs::perms::owner_all);
-        child({"/bin/cp", path, copy}).wait();
-        fs::rename(copy, path);
+        child({"/usr/bin/install", "-m", "700", path, path + ".copy"}).wait();
+        fs::rename(path + ".copy", path);
     }
+}
+
+int text_count(std::string_view text, std::string_view part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + part.size())) {
+        ++count;
+    }
+    return count;
 }
 
 std::string noise(size_t size, uint32_t seed) {

@@ -34,6 +34,24 @@ std::string heartbeat_frame(uint32_t sequence) {
     return frame_bytes(HEARTBEAT, 0, be32(sequence), 2);
 }
 
+std::string request_text(int port, const std::string& more) {
+    return "GET /?x-qv-devid=box&x-qv-port=" + std::to_string(port) + more + " HTTP/1.1\r\n\r\n";
+}
+
+std::string request_frame(uint32_t stream, int port, const std::string& more) {
+    return frame_bytes(DATA, stream, request_text(port, more));
+}
+
+std::string debug_request(uint32_t stream, const std::string& operation) {
+    return request_frame(stream, 10010, "&x-qv-gwad-opt=" + operation);
+}
+
+std::string debug_answer(uint32_t stream, const std::string& status, const std::string& body) {
+    return frame_bytes(DATA, stream,
+                       "HTTP/1.1 " + status + "\r\nContent-Type:text/plain\r\nContent-Length:" +
+                           std::to_string(body.size()) + "\r\n\r\n" + body);
+}
+
 std::string frame_read(int fd, test_duration patience) {
     const std::string head = read_exact(fd, HEADER_SIZE, patience);
     return head.size() < HEADER_SIZE ? head
