@@ -27,7 +27,8 @@ enum class header_read {
 }  // namespace
 
 // The login's low-water mark, a whole header, hides a shorter rest from the poller. So the mark
-// follows what is missing. A failure costs time only: each round looks for a rest anyway.
+// follows what is missing; it may stay there, below a whole header, when the rest has come. A failure
+// costs time only: each round looks for a rest anyway.
 static void low_water_follow(const gwa_connection_cntl* cntl) {
     const int missing = static_cast<int>(GWA_HEADER_SIZE - cntl->input.have);
     setsockopt(cntl->socket, SOL_SOCKET, SO_RCVLOWAT, &missing, sizeof missing);
@@ -46,7 +47,6 @@ static void rest_drop_late(gwa_connection_cntl* cntl) {
     if (cntl->input.have > 0 && gwa_time.steady_us() - cntl->input.moved_us >= REST_LIMIT_US) {
         GWA_LOG(ERROR, "recv timeout..., %u bytes are dropped", cntl->input.have);
         cntl->input.have = 0;
-        low_water_follow(cntl);
     }
 }
 
@@ -74,9 +74,6 @@ static header_read header_receive(gwa_connection_cntl* cntl) {
         return header_read::INCOMPLETE;
     }
     cntl->input.have = 0;
-    if (before > 0) {
-        low_water_follow(cntl);
-    }
     return header_read::WHOLE;
 }
 

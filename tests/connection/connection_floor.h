@@ -55,6 +55,16 @@ struct connection_floor : testing::Test {
     }
 };
 
+// All five data connections to one server.
+inline gwa_host_list five_times(const char* domain) {
+    gwa_host_list servers;
+    for (int i = 0; i < GWA_HOST_COUNT; i++) {
+        text_copy(servers.hosts[i], domain);
+        servers.ports[i] = 80;
+    }
+    return servers;
+}
+
 struct control_floor : connection_floor {
     static constexpr int LOW_WATER = 16;  // as the login leaves it
     static inline int restarts;

@@ -5,13 +5,8 @@
 namespace {
 
 struct DataAddress : data_floor {
-    void order(const char* domain) {
-        gwa_host_list servers;
-        for (int i = 0; i < GWA_HOST_COUNT; i++) {
-            text_copy(servers.hosts[i], domain);
-            servers.ports[i] = 80;
-        }
-        gwa_connection_data_order_all(&gwa_connections.data, servers);
+    static void order(const char* domain) {
+        gwa_connection_data_order_all(&gwa_connections.data, five_times(domain));
     }
     // How often a wait for an address logs at the level of failures, when so many seconds later
     // something happens; and the seconds that have passed.
@@ -54,7 +49,7 @@ TEST_F(DataAddress, AnUnknownNameIsTriedEveryFourSecondsUntilThereIsAnEndOrANewe
     EXPECT_EQ(init(false, 2, [this] { conn->flags |= GWA_CONNECTION_STOP; }),
               (lines_and_seconds{1, 3}));
     conn->flags = GWA_CONNECTION_ADDRESS_SET;
-    EXPECT_EQ(init(true, 9, [this] { order("127.0.0.2"); }), (lines_and_seconds{3 + 5, 10 + 5}))
+    EXPECT_EQ(init(true, 9, [] { order("127.0.0.2"); }), (lines_and_seconds{3 + 5, 10 + 5}))
         << "three failures, and five workers told; taken at once";
     EXPECT_EQ(conn->order.server_address, INADDR_LOOPBACK + 1);
     text_copy(conn->order.domain, "no..name");

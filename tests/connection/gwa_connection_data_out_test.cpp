@@ -98,20 +98,6 @@ TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
     EXPECT_EQ(conn->output.state, gwa_out_state::DRAINED);
 }
 
-TEST_F(DataOutput, ThePolicyHoldsBackWhatTheServerDoesNotRead) {
-    queue_frame(1);
-    fill_socket();
-    const int64_t before = fake_time::now_us;
-    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
-    EXPECT_EQ(conn->output.send_level, 5);
-    EXPECT_EQ(fake_time::now_us - before, 30'000'000);
-    EXPECT_EQ(conn->output.count, 1U);
-    sent();
-    EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
-    EXPECT_EQ(conn->output.send_level, 0);
-    EXPECT_EQ(sent(), frame_bytes(DATA, 1));
-}
-
 TEST_F(DataOutput, ASocketWithoutRoomTellsWhenItHasSome) {
     const int smallest = 1;  // so little that the policy sees an almost empty buffer
     setsockopt(conn->socket, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);

@@ -48,9 +48,13 @@ TEST_F(DataRound, WaitsWhileNothingCanBeDone) {
     gwa_connection_memory_release(conn, taken);
     fill_socket();
     const int64_t before = fake_time::now_us;
-    rounds(10);
-    EXPECT_GE(fake_time::now_us - before, 10 * 100'000) << "frames, but no room for them";
+    rounds(2);
+    EXPECT_EQ((fake_time::now_us - before) / 1'000'000, 30) << "frames, but no room for them";
+    EXPECT_EQ(conn->output.send_level, 5);
     sent();
+    rounds(1);
+    EXPECT_EQ(frame_stream(sent()), 1U);
+    EXPECT_EQ(conn->output.send_level, 0);
 }
 
 TEST_F(DataRound, MemoryThatACloseSetsFreeWakesTheOthersAtOnce) {
@@ -95,12 +99,7 @@ TEST_F(DataRound, FreesIdleStreamsAndStaleFrames) {
 }
 
 TEST_F(DataRound, ANewerOrderOrAPollerThatFailsClosesTheConnection) {
-    gwa_host_list servers;
-    for (int i = 0; i < GWA_HOST_COUNT; i++) {
-        text_copy(servers.hosts[i], "relay.example.com");
-        servers.ports[i] = 1;
-    }
-    gwa_connection_data_order_all(&gwa_connections.data, servers);
+    gwa_connection_data_order_all(&gwa_connections.data, five_times("relay.example.com"));
     EXPECT_TRUE(closes_in(1));
     EXPECT_TRUE(conn->closed);
     conn->order.taken = conn->order.serial;

@@ -13,10 +13,9 @@
 
 namespace {
 
-// The real workers in a process of their own, with short pauses: ordered to a port, unless that is
-// 0, and then told to end or left to themselves.
-child workers(uint16_t port, bool end = false) {
-    return child([port, end] {
+// The real workers, ordered to a port, in a process of their own with short pauses.
+child workers(uint16_t port) {
+    return child([port] {
         gwa_time.sleep_us = [](int64_t) { usleep(100); };
         gwa_now_refresh();
         gwa_login_init("localhost", nullptr, nullptr, nullptr, "lo", "box");
@@ -27,10 +26,8 @@ child workers(uint16_t port, bool end = false) {
             text_copy(servers.hosts[i], "localhost");
             servers.ports[i] = port;
         }
-        if (port != 0) {
-            gwa_connection_data_order_all(&gwa_connections.data, servers);
-        }
-        end ? (void)gwa_connection_all_destroy(&gwa_connections.data) : (void)pause();
+        gwa_connection_data_order_all(&gwa_connections.data, servers);
+        pause();
     });
 }
 
@@ -71,22 +68,6 @@ TEST(Worker, StartsOverAfterItsConnectionHasClosed) {
                                "<1> long jump from 2 here\n", "<0> reinit thread ",
                                "<7> wait the control to init data addr\n"}))
         << program.errors();
-}
-
-TEST(Worker, EndsWhenItIsToldToWhereverItIs) {
-    const loopback_listener closed{-1};
-    for (const uint16_t port : {uint16_t{0}, closed.port}) {
-        child program = workers(port, true);
-        EXPECT_EQ(program.wait(), child::RETURNED);
-        for (int id = 0; id < GWA_DATA_CONNECTIONS; id++) {
-            for (const char* line :
-                 {"<0> signal to stop thread ", "<0> recv stop signal, this thread "}) {
-                EXPECT_EQ(text_count(program.errors(), line + std::to_string(id) + "\n"), 1)
-                    << line;
-            }
-        }
-        EXPECT_EQ(text_count(program.errors(), "join thread id"), 0);
-    }
 }
 
 }  // namespace

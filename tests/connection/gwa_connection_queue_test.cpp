@@ -18,11 +18,11 @@ struct entry {
 struct named_queue {
     gwa_output_queue queue;
     gwa_output_node nodes[16];
-    std::string names;
+    size_t count = 0;
 
     gwa_output_node* make(const entry& made) {
-        gwa_output_node* const node = &nodes[names.size()];
-        names += made.name;
+        gwa_output_node* const node = &nodes[count++];
+        node->capacity = static_cast<uint32_t>(made.name);
         node->priority = made.priority;
         node->stream_id = made.stream_id;
         node->flags = made.flags | GWA_NODE_HEARTBEAT;
@@ -32,7 +32,7 @@ struct named_queue {
     std::string order() {
         std::string result;
         for (gwa_output_node& node : queue.nodes) {
-            result += names[static_cast<size_t>(&node - nodes)];
+            result += static_cast<char>(node.capacity);
         }
         return result;
     }

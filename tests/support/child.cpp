@@ -76,8 +76,3 @@ std::optional<int> child::terminate(test_duration patience, int signal) {
 std::string child::output() const { return file_read(files.path + "/out"); }
 
 std::string child::errors() const { return file_read(files.path + "/err"); }
-
-bool child::output_contains(std::string_view text) {
-    const auto shown = [&] { return output().find(text) != std::string::npos; };
-    return eventually([&] { return shown() || !running(); }) && shown();
-}

@@ -10,7 +10,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "eventually.h"
@@ -37,8 +36,6 @@ class child {
 
     std::string output() const;  // standard output so far
     std::string errors() const;  // standard error so far
-    // True as soon as the text shows up; false at the deadline or when the program ended without.
-    bool output_contains(std::string_view text);
 
    private:
     temp_dir files;

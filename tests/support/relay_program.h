@@ -12,7 +12,7 @@ struct relay_program {
     // On ports of the kernel's choice unless the arguments say others.
     explicit relay_program(const std::vector<std::string>& arguments = {})
         : process(command_line(arguments)) {
-        process.output_contains("\n");
+        eventually([&] { return process.output().ends_with('\n') || !process.running(); });
         sscanf(process.output().c_str(), "ready manager=%hu control=%hu data=%hu front=%hu",
                &manager, &control, &data, &front);
     }

@@ -34,16 +34,14 @@ template <typename Wanted>
 std::string read_while(int fd, test_duration patience, Wanted wanted) {
     const auto deadline = steady::now() + patience;
     std::string bytes;
-    while (const size_t step = std::min(wanted(bytes), READ_STEP)) {
-        const size_t filled = bytes.size();
-        bytes.resize(filled + step);
-        const ssize_t got = wait_for(fd, POLLIN, deadline)
-                                ? recv(fd, bytes.data() + filled, step, MSG_DONTWAIT)
-                                : -1;
-        bytes.resize(filled + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    char buffer[READ_STEP];
+    size_t step = 0;
+    while ((step = std::min(wanted(bytes), READ_STEP)) > 0 && wait_for(fd, POLLIN, deadline)) {
+        const ssize_t got = recv(fd, buffer, step, MSG_DONTWAIT);
         if (got <= 0) {
             break;
         }
+        bytes.append(buffer, static_cast<size_t>(got));
     }
     return bytes;
 }
