@@ -3,35 +3,27 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 namespace {
 
-struct entry {
-    char name;
-    uint32_t priority;
-    uint32_t stream_id = 0;
-    uint32_t flags = 0;
-};
-
-// A queue of static nodes that tells its order by their names.
-struct named_queue {
-    gwa_output_queue queue;
-    gwa_output_node nodes[16];
+// A queue of static nodes that tells its order by their names. A node is made of its name, its
+// priority and its stream, like "P10"; the name of a partly sent one is '!'.
+struct named_queue : gwa_output_queue {
+    gwa_output_node made[16];
     size_t count = 0;
 
-    gwa_output_node* make(const entry& made) {
-        gwa_output_node* const node = &nodes[count++];
-        node->capacity = static_cast<uint32_t>(made.name);
-        node->priority = made.priority;
-        node->stream_id = made.stream_id;
-        node->flags = made.flags | GWA_NODE_HEARTBEAT;
+    gwa_output_node* make(const char* text) {
+        gwa_output_node* const node = &made[count++];
+        node->capacity = static_cast<uint32_t>(text[0]);
+        node->priority = static_cast<uint32_t>(text[1] - '0');
+        node->stream_id = static_cast<uint32_t>(text[2] - '0');
+        node->flags = GWA_NODE_HEARTBEAT;
+        node->flags |= text[0] == '!' ? GWA_NODE_PARTLY_SENT : 0U;
         return node;
     }
-    void insert(const entry& made) { gwa_connection_remote_output_enqueue(&queue, make(made)); }
     std::string order() {
         std::string result;
-        for (gwa_output_node& node : queue.nodes) {
+        for (const gwa_output_node& node : nodes) {
             result += static_cast<char>(node.capacity);
         }
         return result;
@@ -39,58 +31,42 @@ struct named_queue {
 };
 
 TEST(OutputQueue, PriorityInsertGoesBehindTheFirstGreaterAndNeverAheadOfItsOwnStream) {
-    const struct {
-        std::vector<entry> inserts;
-        const char* order;
-    } cases[] = {
-        {{{'P', 1}, {'R', 5}, {'Q', 3}}, "PRQ"},
-        {{{'P', 1}, {'R', 5}, {'Q', 0}}, "PQR"},
-        {{{'P', 1}, {'R', 5}, {'Q', 7}}, "PRQ"},
-        {{{'P', 0}, {'Q', 0}, {'R', 0}}, "PQR"},
-        {{{'P', 9, 0, GWA_NODE_PARTLY_SENT}, {'X', 0}}, "PX"},
-        {{{'P', 9, 0, GWA_NODE_PARTLY_SENT}, {'A', 5}, {'X', 0}}, "PAX"},
-        {{{'P', 5, 0, GWA_NODE_PARTLY_SENT}, {'A', 3}, {'B', 9}, {'X', 4}}, "PABX"},
-        {{{'Y', 9, 1}, {'a', 4, 2}, {'b', 4, 2}, {'c', 4, 2}}, "Yabc"},
-        {{{'Y', 9, 1}, {'a', 4, 2}, {'r', 0}, {'b', 4, 2}, {'Z', 9, 1}}, "YrabZ"},
-        {{{'Y', 9, 1}, {'a', 4, 2}, {'Z', 9, 1}, {'b', 2, 3}, {'c', 4, 2}}, "YbacZ"},
+    const std::pair<std::string, const char*> cases[] = {
+        {"P10 R50 Q30", "PRQ"},
+        {"P10 R50 Q00", "PQR"},
+        {"P10 R50 Q70", "PRQ"},
+        {"P00 Q00 R00", "PQR"},
+        {"!90 X00", "!X"},
+        {"!90 A50 X00", "!AX"},
+        {"!50 A30 B90 X40", "!ABX"},
+        {"Y91 a42 b42 c42", "Yabc"},
+        {"Y91 a42 r00 b42 Z91", "YrabZ"},
+        {"Y91 a42 Z91 b23 c42", "YbacZ"},
+        {"A91 --- B22 C33 D24", "BCD"},  // emptied, it forgets its highest priority
     };
     for (const auto& [inserts, order] : cases) {
-        named_queue named;
-        for (const entry& made : inserts) {
-            named.insert(made);
+        named_queue queue;
+        for (size_t at = 0; at < inserts.size(); at += 4) {
+            inserts[at] == '-'
+                ? (void)gwa_connection_dequeue(&queue)
+                : (void)gwa_connection_remote_output_enqueue(&queue, queue.make(&inserts[at]));
         }
-        EXPECT_EQ(named.order(), order);
+        EXPECT_EQ(queue.order(), order) << inserts;
     }
 }
 
 TEST(OutputQueue, APartlySentFrameKeepsTheFront) {
-    named_queue named;
-    gwa_output_queue* const queue = &named.queue;
-    EXPECT_EQ(gwa_connection_dequeue(queue), nullptr);
-    EXPECT_EQ(gwa_connection_queue_is_empty(queue), 1);
-    EXPECT_EQ(gwa_connection_enqueue_if_empty(queue, named.make({'P', 0})), 1);
-    EXPECT_EQ(gwa_connection_enqueue_if_empty(queue, named.make({'-', 0})), 0);
-    EXPECT_EQ(named.order(), "P");
-    gwa_connection_head_enqueue(queue, named.make({'H', 0}));
-    EXPECT_EQ(named.order(), "HP");
-
-    gwa_output_node* const front = gwa_connection_dequeue(queue);
-    front->flags |= GWA_NODE_PARTLY_SENT;
-    gwa_connection_head_enqueue(queue, front);
-    gwa_connection_head_enqueue(queue, named.make({'I', 0}));
-    EXPECT_EQ(named.order(), "HIP");
-    EXPECT_EQ(gwa_connection_dequeue(queue), front);
-    EXPECT_EQ(named.order(), "IP");
-}
-
-TEST(OutputQueue, AnEmptiedQueueForgetsItsHighestPriority) {
-    named_queue named;
-    named.insert({'A', 9, 1});
-    gwa_connection_dequeue(&named.queue);
-    named.insert({'B', 2, 2});
-    named.insert({'C', 3, 3});
-    named.insert({'D', 2, 4});
-    EXPECT_EQ(named.order(), "BCD");
+    named_queue queue;
+    EXPECT_EQ(gwa_connection_dequeue(&queue), nullptr);
+    EXPECT_EQ(gwa_connection_queue_is_empty(&queue), 1);
+    EXPECT_EQ(gwa_connection_enqueue_if_empty(&queue, queue.make("P00")), 1);
+    EXPECT_EQ(gwa_connection_enqueue_if_empty(&queue, queue.make("-00")), 0);
+    gwa_connection_head_enqueue(&queue, queue.make("!00"));
+    EXPECT_EQ(queue.order(), "!P");
+    gwa_connection_head_enqueue(&queue, queue.make("I00"));
+    EXPECT_EQ(queue.order(), "!IP");
+    EXPECT_EQ(gwa_connection_dequeue(&queue), &queue.made[2]);
+    EXPECT_EQ(queue.order(), "IP");
 }
 
 }  // namespace
