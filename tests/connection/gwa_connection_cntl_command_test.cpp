@@ -33,12 +33,7 @@ TEST_F(ControlCommands, TakeExactlyTheirLengthAndLeaveTheRest) {
     cntl->hooks.order = [](const gwa_host_list& servers) { servers_taken = servers; };
     std::string order = R"(host1host2host3host4host5 "h" port1port2port3port4port5 "7")";
     order.resize(127, ' ');
-    const struct {
-        gwa_command command;
-        std::string payload;
-        int result;
-        size_t left;
-    } cases[] = {
+    const std::tuple<gwa_command, std::string, int, size_t> cases[] = {
         {gwa_command::ALLOC_SESSION_ID, id, 0, 0},
         {gwa_command::ALLOC_SESSION_ID, std::string(31, 's'), -1, 31},
         {gwa_command::ALLOC_SESSION_ID, std::string(33, 's'), -1, 33},
@@ -76,11 +71,8 @@ TEST_F(ControlCommands, TakeExactlyTheirLengthAndLeaveTheRest) {
 
 TEST_F(ControlCommands, WrongAnswersAddUpUntilARightOneComes) {
     cntl->heartbeat.seq = 42;
-    const struct {
-        uint32_t answer;
-        int32_t misses;
-        int restarts;
-    } cases[] = {{42, 1, 0}, {40, 2, 0}, {41, 0, 0}, {7, 1, 0}, {7, 2, 0}, {7, 0, 1}};
+    const std::tuple<uint32_t, int32_t, int> cases[] = {{42, 1, 0}, {40, 2, 0}, {41, 0, 0},
+                                                        {7, 1, 0},  {7, 2, 0},  {7, 0, 1}};
     for (const auto& [answer, misses, restarted] : cases) {
         handle(gwa_command::HEARTBEAT, be32(answer));
         EXPECT_EQ(cntl->heartbeat_misses, misses) << answer;

@@ -9,10 +9,8 @@ using ControlInput = control_floor;
 
 // A refused payload is taken for headers; what is left of it is shorter than one.
 TEST_F(ControlInput, TheRestOfARefusedPayloadHoldsUpNobody) {
-    const struct {
-        command code;
-        size_t length, rest;
-    } cases[] = {{REPORT_TIMES, 4, 4}, {SESSION_ID, 31, 15}, {SESSION_ID, 33, 1}, {DATA, 9, 9}};
+    const std::tuple<command, size_t, size_t> cases[] = {
+        {REPORT_TIMES, 4, 4}, {SESSION_ID, 31, 15}, {SESSION_ID, 33, 1}, {DATA, 9, 9}};
     for (const auto& [code, length, rest] : cases) {
         SCOPED_TRACE(testing::Message() << code << " of " << length);
         const int64_t start = fake_time::now_us;

@@ -7,10 +7,8 @@ namespace {
 using ControlLoop = control_floor;
 
 TEST_F(ControlLoop, HeartbeatsFollowTheClockAndWaitForTheirAnswer) {
-    const struct {
-        int32_t silent_out, silent_in;  // s
-        bool beats;
-    } cases[] = {{60, 240, false}, {61, 0, true}, {60, 241, true}, {0, 0, false}};
+    const std::tuple<int32_t, int32_t, bool> cases[] = {
+        {60, 240, false}, {61, 0, true}, {60, 241, true}, {0, 0, false}};
     uint32_t sequence = 0;
     for (const auto& [silent_out, silent_in, beats] : cases) {
         set_clock(START);

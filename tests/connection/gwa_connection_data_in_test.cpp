@@ -16,20 +16,17 @@ TEST_F(DataInput, AFrameMayBeSplitAnywhereAndTheNextOneStaysInStep) {
         rounds(1);
         EXPECT_EQ(sent(), debug_answer(9) + debug_answer(9)) << "split at " << split;
     }
-    EXPECT_EQ(gwa_connection_memory(conn), 0U);
     EXPECT_EQ(fake_time::waited_us, 0) << "no split costs more than the short pauses";
 }
 
 TEST_F(DataInput, AFrameThatStopsHalfWayHasItsLimit) {
     const std::string asked = debug_request(9);
-    const struct {
-        std::string begun;
-        int64_t limit;  // s
-    } cases[] = {{asked.substr(0, 5), 10},
-                 {asked.substr(0, GWA_HEADER_SIZE), 120},
-                 {asked.substr(0, GWA_HEADER_SIZE + 20), 120},
-                 {heartbeat_frame(0).substr(0, GWA_HEADER_SIZE + 1), 10},
-                 {frame_bytes(LOGIN_ANSWER, 0, "skipped").substr(0, GWA_HEADER_SIZE + 1), 120}};
+    const std::pair<std::string, int64_t> cases[] = {
+        {asked.substr(0, 5), 10},
+        {asked.substr(0, GWA_HEADER_SIZE), 120},
+        {asked.substr(0, GWA_HEADER_SIZE + 20), 120},
+        {heartbeat_frame(0).substr(0, GWA_HEADER_SIZE + 1), 10},
+        {frame_bytes(LOGIN_ANSWER, 0, "skipped").substr(0, GWA_HEADER_SIZE + 1), 120}};
     for (const auto& [begun, limit] : cases) {
         SCOPED_TRACE(testing::Message() << begun.size() << " bytes, " << limit << " s");
         set_clock(START);
@@ -40,7 +37,6 @@ TEST_F(DataInput, AFrameThatStopsHalfWayHasItsLimit) {
         set_clock(START - 1001 + limit - 1);  // where each round waits a second
         rounds(1);
         EXPECT_TRUE(closes_in(1));
-        EXPECT_EQ(gwa_connection_memory(conn), 0U);
         connect();
     }
 }
@@ -114,7 +110,6 @@ TEST_F(ExtraDiscard, TakesAsManyBytesAgainAndHoldsUpNobodyButHeartbeats) {
     EXPECT_EQ(reply_to("?" + debug_request(2)), debug_answer(2));
     EXPECT_EQ(gwa_counter_get(conn->traffic.bytes_in), counted + debug_request(2).size())
         << "what is thrown away is not counted";
-    EXPECT_EQ(gwa_connection_memory(conn), 0U);
 }
 
 TEST_F(ExtraDiscard, AHeartbeatBeforeItBlocksNoFurtherOne) {

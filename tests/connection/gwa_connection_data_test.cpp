@@ -1,15 +1,7 @@
 #include "connection/gwa_connection_data.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include "connection/gwa_connection.h"
-#include "login/gwa_login.h"
-#include "main/gwa_log.h"
-#include "runtime/gwa_util_time.h"
+#include "connection/connection_floor.h"
 #include "support/child.h"
-#include "support/frames.h"
-#include "support/sockets.h"
 
 namespace {
 
@@ -21,12 +13,7 @@ child workers(uint16_t port) {
         gwa_login_init("localhost", nullptr, nullptr, nullptr, "lo", "box");
         gwa_connection_table_init();
         gwa_connection_data_init(&gwa_connections.data);
-        gwa_host_list servers;
-        for (int i = 0; i < GWA_HOST_COUNT; i++) {
-            text_copy(servers.hosts[i], "localhost");
-            servers.ports[i] = port;
-        }
-        gwa_connection_data_order_all(&gwa_connections.data, servers);
+        gwa_connection_data_order_all(&gwa_connections.data, five_times("localhost", port));
         pause();
     });
 }

@@ -1,4 +1,6 @@
 // Streams on one data connection, against a scripted server.
+#include <atomic>
+
 #include "peer.h"
 
 struct DataConnection : testing::Test, session {
@@ -30,15 +32,17 @@ TEST_F(DataConnection, NoticesTheShortRestOfAFrameAtOnce) {
 
 TEST_F(DataConnection, ClosesAStreamWithMuchQueued) {
     constexpr size_t TAKEN = 200000;
-    local_service endless([](int fd) {
+    std::atomic<bool> ended = false;
+    local_service endless([&](int fd) {
         while (write_all(fd, std::string(PAYLOAD_MAX, 'e'))) {
         }
+        ended = true;
     });
     // The echo overtakes what is queued for this stream, so what is not freed comes after it.
     ASSERT_TRUE(sends_data(request_frame(1, endless.port(), "&x-qv-pri=7")));
     EXPECT_GE(stream_reads(1, TAKEN).size(), TAKEN);
     ASSERT_TRUE(sends_data(frame_bytes(CLOSE_STREAM, 1) + debug_request(2)));
     EXPECT_EQ(stream_reads(2, 1), frame_payload(debug_answer(2)));
-    EXPECT_TRUE(eventually([&] { return endless.ended() == 1; }));
+    EXPECT_TRUE(eventually([&] { return ended.load(); }));
     EXPECT_TRUE(stays_silent(data.get(), test_duration{200}));
 }

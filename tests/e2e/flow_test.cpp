@@ -1,6 +1,8 @@
 // Users, relay, daemon and web server: whole requests by real programs.
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "box.h"
 #include "support/relay_program.h"
 #include "support/service.h"

@@ -1,13 +1,11 @@
 // SIGTERM ends the daemon in order and soon, whatever it waits for.
-#include <list>
-
 #include "peer.h"
 
 namespace {
 
 // One daemon on its way into a state, with what must stay open meanwhile.
 struct scene : session {
-    std::list<unique_fd> open;
+    std::vector<unique_fd> open;
     std::optional<local_service> service;
 
     int keep(unique_fd fd) { return open.emplace_back(std::move(fd)).get(); }
@@ -40,12 +38,6 @@ const struct {
      [](scene& at) {
          at.discover();
          return !frame_read(at.keep(at.control_server.accept())).empty();
-     }},
-    {"pause after a failed control login",
-     [](scene& at) {
-         at.discover();
-         at.control_server.accept();
-         return at.device.logs("login server failed");
      }},
     {"heartbeat waits for its answer",
      [](scene& at) { return at.log_in_only() && at.device.logs("wait heartbeat response"); }},

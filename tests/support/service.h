@@ -3,10 +3,9 @@
 
 #include <sys/socket.h>
 
-#include <atomic>
 #include <functional>
-#include <list>
 #include <thread>
+#include <vector>
 
 #include "sockets.h"
 
@@ -16,12 +15,8 @@ class local_service {
     explicit local_service(const std::function<void(int fd)>& story) {
         acceptor = std::thread([this, story] {
             while (unique_fd fd = listener.accept(std::chrono::hours{1})) {
-                served.emplace_back(std::move(fd), std::thread());
-                served.back().second =
-                    std::thread([this, story, number = served.back().first.get()] {
-                        story(number);
-                        ++stories_ended;
-                    });
+                const int number = fd.get();
+                served.emplace_back(std::move(fd), std::thread(story, number));
             }
         });
     }
@@ -36,11 +31,9 @@ class local_service {
     }
 
     uint16_t port() const { return listener.port; }
-    int ended() const { return stories_ended; }
 
    private:
     loopback_listener listener;
-    std::atomic<int> stories_ended{0};
-    std::list<std::pair<unique_fd, std::thread>> served;  // the acceptor's until it has ended
+    std::vector<std::pair<unique_fd, std::thread>> served;  // the acceptor's until it has ended
     std::thread acceptor;
 };
