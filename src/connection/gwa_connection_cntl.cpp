@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "connection/gwa_connection_cntl_in.h"
 #include "connection/gwa_connection_cntl_out.h"
@@ -79,11 +78,7 @@ int gwa_connection_cntl_exit(gwa_connection_cntl* cntl) {
     GWA_LOG(INFO, "connection cntl exit ...");
     if (cntl->initialised) {
         GWA_LOG(INFO, "poll exit");
-        poll_exit(&cntl->poller);  // closes the socket, which is registered there
-        if (cntl->socket >= 0) {
-            close(cntl->socket);
-            cntl->socket = -1;
-        }
+        poll_exit(&cntl->poller);  // closes the socket, which is registered there, and forgets it
         GWA_LOG(INFO, "destroy output queue");
         drop_queue(cntl);  // a reporter's timer may still come with a frame afterwards
         cntl->initialised = false;

@@ -1,7 +1,5 @@
 #include "connection/gwa_connection_data_round.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 
 #include "connection/gwa_connection_data_addr.h"
@@ -54,11 +52,7 @@ void gwa_connection_data_free(gwa_connection_data* conn) {
     gwa_connection_queue_sweep(
         &conn->output.queue, [](const gwa_output_node&) { return true; },
         [conn](gwa_output_node* node) { gwa_connection_data_node_release(conn, node); });
-    poll_exit(&conn->poller);  // closes the socket if it was registered
-    if (conn->socket >= 0) {
-        close(conn->socket);
-        conn->socket = -1;
-    }
+    poll_exit(&conn->poller);  // closes the socket, which is registered there, and forgets it
     conn->output.state = gwa_out_state::IDLE;
     GWA_LOG(DEBUG, "connection data id %d free success", conn->id);
 }

@@ -67,13 +67,15 @@ TEST_F(DataRound, MemoryThatACloseSetsFreeWakesTheOthersAtOnce) {
     ASSERT_TRUE(service_says(accepted, waiting, "late"));
     rounds(1);
     EXPECT_EQ(conn->output.count, 0U);
-    // The poller's event takes as many frames as a pass may, the round itself the one behind them.
     std::string frames;
-    for (int i = 0; i < 64; i++) {
+    for (int i = 0; i < 128; i++) {
         frames += frame_bytes(DATA, 9);
     }
+    const uint64_t before = gwa_counter_get(conn->traffic.packets_in);
     server_sends(frames + frame_bytes(CLOSE_STREAM, 1));
-    rounds(1);
+    EXPECT_EQ(gwa_connection_data_remote_in_handle(conn), gwa_step::GOES_ON);
+    EXPECT_EQ(gwa_counter_get(conn->traffic.packets_in), before + 64) << "what a pass may take";
+    rounds(1);  // as many again by the poller's event, by the round itself the one behind them
     EXPECT_EQ(conn->output.count, 1U);
     rounds(1);
     EXPECT_EQ(sent(), frame_bytes(DATA, 2, "late"));
