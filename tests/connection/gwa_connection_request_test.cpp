@@ -92,7 +92,8 @@ TEST_F(Requests, ForTheDiagnosticGetItsFileInFrames) {
     const std::string report = noise(PAYLOAD_MAX + 100, 1);
     file_write(home.path + "/report", report);
     file_write(home.path + "/bin/diag.sh",
-               "#!/bin/sh\n[ $1 = -c ] && mv " + home.path + "/report " + folder + "/$2", true);
+               "#!/bin/sh\n[ $1 = -c ] && mv " + home.path + "/report " + folder + "/$2 2>&-",
+               true);
     const std::string expected = diagnostic_head("200 OK", 100) +
                                  frame_bytes(DATA, 5, report.substr(0, PAYLOAD_MAX)) +
                                  frame_bytes(DATA, 5, report.substr(PAYLOAD_MAX));
