@@ -34,10 +34,10 @@ bool logs(const child& program, const std::vector<const char*>& lines) {
 TEST(Worker, ResolvesItsServerAnewAfterThreeFailedLogins) {
     const loopback_listener closed{-1};
     const child program = workers(closed.port);
-    EXPECT_TRUE(logs(program,
-                     {"<0> notify thread data conn 0 to init\n",
-                      "<2> try to login server 0x7f000001:", " more than 3 times, but all failed\n",
-                      "<0> re-resolve the domain localhost to 127.0.0.1\n"}))
+    EXPECT_TRUE(logs(
+        program, {"<0> notify thread data conn 0 to init\n",
+                  "<2> try to login server 0x7f000001:", " more than 3 times, but all failed\n",
+                  "<0> re-resolve the domain localhost to 127.0.0.1\n", "<7> connection data id "}))
         << program.errors();
 }
 
