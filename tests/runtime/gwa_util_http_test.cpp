@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -35,7 +36,7 @@ TEST(HttpUri, IsTakenFromTheRequestLine) {
     }
     char small[4];
     EXPECT_EQ(gwa_http_uri_get("GET /abcdef HTTP/1.0", 20, small, sizeof small), 0);
-    EXPECT_STREQ(small, "/ab");
+    EXPECT_STREQ(small, "/ab") << "cut";
 }
 
 TEST(UriParam, ReadsIntegers) {
@@ -53,34 +54,26 @@ TEST(UriParam, ReadsIntegers) {
 }
 
 TEST(UriParam, ReadsTexts) {
-    const std::pair<const char*, std::string_view> texts[] = {{"/?name=box&x=1", "box"},
-                                                              {"name=box HTTP", "box"},
-                                                              {"name=ninechars", "ninechars"},
-                                                              {"name=&x", ""},
-                                                              {"name=", ""},
-                                                              {"name=ninecharstoo", "ninechars"},
-                                                              {"/?names=x", REFUSED},
-                                                              {"name", REFUSED},
-                                                              {"", REFUSED}};
+    const std::pair<const char*, const char*> texts[] = {
+        {"/?name=box&x=1", "box"},       {"name=box HTTP", "box"},          {"name=&x", ""},
+        {"name=ninechars", "ninechars"}, {"name=ninechars10", "ninechars"}, {"/?names=x", REFUSED}};
     for (const auto& [text, expected] : texts) {
         char value[10] = "(refused)";
         size_t size = sizeof value;
         const int result = gwa_uri_param_str_get(text, "name", 4, value, &size);
         EXPECT_EQ(result, expected == REFUSED ? -1 : 0) << text;
-        EXPECT_EQ(value, expected) << text;
-        EXPECT_EQ(size, expected == REFUSED ? sizeof value : expected.size()) << text;
+        EXPECT_STREQ(value, expected) << text;
+        EXPECT_EQ(size, expected == REFUSED ? sizeof value : strlen(expected)) << text;
     }
 }
 
 TEST(JsonText, IsWhatStandsBetweenTheNextQuotes) {
     const std::tuple<std::string, const char*, int> samples[] = {
-        {R"("key":"value")", "value", 0},
         {R"("key":"1234567")", "1234567", 0},
         {R"("key" : "" )", "", 0},
         {R"("key":"12345678")", "1234567", -1},
         {R"("key":"val)", "val", -1},
         {R"("key":12)", "", -1},
-        {R"("key")", "", -1},
         {R"("key)", "", -1}};
     for (const auto& [text, value, result] : samples) {
         const std::vector<char> bytes(text.c_str(), text.c_str() + text.size() + 1);
@@ -90,19 +83,18 @@ TEST(JsonText, IsWhatStandsBetweenTheNextQuotes) {
     }
 }
 
-TEST(MimeType, FollowsTheExtension) {
+TEST(Url, TellsItsMimeTypeAndLosesItsPercents) {
     constexpr const char* UNKNOWN = "application/octet-stream";
-    const std::pair<std::string_view, const char*> urls[] = {
-        {"/a.b/c.html", "image/html"}, {"a.htm", "text/html"}, {"/a.JPG", UNKNOWN},
-        {"/a.jpg?x", UNKNOWN},         {"/a.", UNKNOWN},       {".jpg", UNKNOWN},
-        {"/plain", UNKNOWN},           {"", UNKNOWN}};
+    const std::pair<std::string_view, const char*> urls[] = {{"/a.b/c.html", "image/html"},
+                                                             {"a.htm", "text/html"},
+                                                             {"/a.JPG", UNKNOWN},
+                                                             {"/a.", UNKNOWN},
+                                                             {".jpg", UNKNOWN},
+                                                             {"", UNKNOWN}};
     for (const auto& [url, type] : urls) {
         const std::vector<char> bytes = exactly(url);
         EXPECT_STREQ(gwa_url_mime_get(bytes.data(), bytes.size()), type) << url;
     }
-}
-
-TEST(PercentDrop, KeepsTheCharacterBehindThePercent) {
     char out[9] = {};
     EXPECT_EQ(gwa_url_percent_drop("a%%b%20%", 8, out, 8), 5U);
     EXPECT_STREQ(out, "a%b20");

@@ -16,50 +16,32 @@ namespace {
 
 constexpr int LINES = 3000;  // more than any of them holds
 
-// Two ends: what is written to one is read from the other.
-struct two_ends {
-    const char* name;
+struct two_ends {  // what is written to one is read from the other
     unique_fd reader, writer;
-};
 
-two_ends pipe_ends() {
-    int both[2] = {-1, -1};
-    EXPECT_EQ(pipe2(both, O_CLOEXEC), 0);
-    return {"pipe", unique_fd(both[0]), unique_fd(both[1])};
-}
-
-two_ends socket_ends() {
-    int both[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, both), 0);
-    return {"socket", unique_fd(both[0]), unique_fd(both[1])};
-}
-
-two_ends terminal_ends() {
-    unique_fd master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    EXPECT_EQ(grantpt(master.get()) | unlockpt(master.get()), 0);
-    unique_fd slave(open(ptsname(master.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    termios plain{};
-    tcgetattr(slave.get(), &plain);
-    cfmakeraw(&plain);  // a line's end stays as it is
-    tcsetattr(slave.get(), TCSANOW, &plain);
-    return {"terminal", std::move(master), std::move(slave)};
-}
-
-struct numbered_lines {
-    char line[256];
-    gwa_line_sink sink{.buffer = line};
-    int number = 0;
-
-    void write(int count) {
-        for (int i = 0; i < count; i++, number++) {
-            if (gwa_line_begin(&sink)) {
-                gwa_line_add(&sink, "line %d %0*d", number, number % 200, 0);
-                gwa_line_add(&sink, "%s", "\n");
-                gwa_line_end(&sink);
-            }
+    explicit two_ends(const std::string& kind) {
+        int both[2] = {-1, -1};
+        if (kind == "pipe") {
+            EXPECT_EQ(pipe2(both, O_CLOEXEC), 0);
+        } else if (kind == "socket") {
+            EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, both), 0);
+        } else {
+            both[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+            EXPECT_EQ(grantpt(both[0]) | unlockpt(both[0]), 0);
+            both[1] = open(ptsname(both[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
+            termios plain{};
+            tcgetattr(both[1], &plain);
+            cfmakeraw(&plain);  // a line's end stays as it is
+            tcsetattr(both[1], TCSANOW, &plain);
         }
+        reader = unique_fd(both[0]);
+        writer = unique_fd(both[1]);
     }
 };
+
+std::string numbered_line(int number) {
+    return "line " + std::to_string(number) + " " + std::string(number % 200 + 1, '0') + "\n";
+}
 
 // Reads what there is, and goes on for as long as the mark is not there.
 std::string read_up_to(int fd, const std::string& mark) {
@@ -80,63 +62,65 @@ std::string read_up_to(int fd, const std::string& mark) {
 // How many whole lines with rising numbers there are, and nothing else.
 int lines_in(const std::string& text) {
     int last = -1, count = 0;
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = text.find('\n', at);
-        const std::string line = text.substr(at, end - at);
-        int number = -1, used = 0;
-        char zeroes[256] = "";
-        const int fields = sscanf(line.c_str(), "line %d %255[0]%n", &number, zeroes, &used);
-        const size_t width = std::max(number % 200, 1);
-        if (end == std::string::npos || fields != 2 || std::string(zeroes).size() != width ||
-            static_cast<size_t>(used) != line.size() || number <= last) {
-            ADD_FAILURE() << "not a whole line: " << line;
+    for (size_t at = 0, size = 0; at < text.size(); at += size, count++) {
+        const int number = atoi(text.c_str() + std::min(at + 5, text.size()));
+        const std::string line = numbered_line(number);
+        size = line.size();
+        if (text.compare(at, size, line) != 0 || number <= last) {
+            ADD_FAILURE() << "not a whole line: " << text.substr(at, size);
             return -1;
         }
         last = number;
-        at = end + 1;
-        count++;
     }
     return count;
 }
 
 TEST(LineSink, DropsWholeLinesWhileNobodyReadsAndBlocksNowhere) {
-    for (const two_ends& ends : {pipe_ends(), socket_ends(), terminal_ends()}) {
+    for (const char* kind : {"pipe", "socket", "terminal"}) {
         for (const bool private_descriptor : {true, false}) {
-            SCOPED_TRACE(std::string(ends.name) + (private_descriptor ? "" : ", shared"));
-            const int fd = ends.writer.get();
-            const int flags = fcntl(fd, F_GETFL);
-            numbered_lines lines;
-            gwa_line_open(&lines.sink, fd);
+            SCOPED_TRACE(std::string(kind) + (private_descriptor ? "" : ", shared"));
+            const two_ends ends(kind);
+            const int fd = ends.writer.get(), flags = fcntl(fd, F_GETFL);
+            char line[256];
+            gwa_line_sink sink{.buffer = line};
+            gwa_line_open(&sink, fd);
             if (!private_descriptor) {
-                gwa_line_close(&lines.sink);
-                lines.sink.fd = fd;
-                lines.sink.way = gwa_line_way::SWITCH;
+                gwa_line_close(&sink);
+                sink.fd = fd;
+                sink.way = gwa_line_way::SWITCH;
             }
-            lines.write(LINES);
+            const auto write = [&](int from, int to) {
+                for (int number = from; number < to; number++) {
+                    if (gwa_line_begin(&sink)) {
+                        gwa_line_add(&sink, "%s", numbered_line(number).c_str());
+                        gwa_line_end(&sink);
+                    }
+                }
+            };
+            write(0, LINES);
             EXPECT_EQ(fcntl(fd, F_GETFL), flags) << "others use it too";
             std::string text = read_up_to(ends.reader.get(), "line 0 ");  // somebody reads
-            lines.write(2);
-            text += read_up_to(ends.reader.get(), "line " + std::to_string(LINES + 1) + " 0\n");
+            write(LINES, LINES + 2);
+            text += read_up_to(ends.reader.get(), numbered_line(LINES + 1));
             EXPECT_GT(lines_in(text), 2);
             EXPECT_LT(lines_in(text), LINES) << "it held them all";
-            gwa_line_close(&lines.sink);
+            gwa_line_close(&sink);
         }
     }
 }
 
 TEST(LineSink, CutsALineThatDoesNotFitAndKeepsItsEnd) {
-    const two_ends ends = pipe_ends();
+    const two_ends ends("socket");
     char line[16];
     gwa_line_sink sink{.buffer = line};
     gwa_line_open(&sink, ends.writer.get());
     for (const int width : {13, 14, 15, 100}) {
         ASSERT_TRUE(gwa_line_begin(&sink));
-        gwa_line_add(&sink, "%0*d\n", width, 0);
+        gwa_line_add(&sink, "%0*d", width, 0);
+        gwa_line_add(&sink, "\n");
         gwa_line_end(&sink);
         const std::string expected = std::string(std::min(width, 14), '0') + "\n";
-        char got[32] = "";
-        EXPECT_EQ(read(ends.reader.get(), got, sizeof got), static_cast<ssize_t>(expected.size()));
-        EXPECT_EQ(got, expected) << width;
+        EXPECT_EQ(read_until(ends.reader.get(), "\n"), expected);
     }
     gwa_line_close(&sink);
     EXPECT_FALSE(gwa_line_begin(&sink)) << "closed";

@@ -8,7 +8,6 @@
 
 #include "runtime/gwa_types.h"
 #include "support/fake_time.h"
-#include "support/log_of.h"
 #include "support/run_flags.h"
 #include "support/socket_pair.h"
 
@@ -20,13 +19,14 @@ struct exact_read {
     std::function<int(int fd, void* buffer, size_t length)> run;
     int whole;      // result for 8 bytes
     int cut_short;  // result when the process run flag clears after 3 of them
+    int nothing;    // result for 0 bytes
 };
 const exact_read EXACT_READS[] = {
-    {"recvn_timeout", [](int f, void* b, size_t n) { return gwa_recvn_timeout(f, b, n, 9); }, 0,
-     -1},
-    {"recvn", gwa_recvn, 8, -1},
+    {"recvn_timeout", [](int f, void* b, size_t n) { return gwa_recvn_timeout(f, b, n, 9); }, 0, -1,
+     0},
+    {"recvn", gwa_recvn, 8, -1, -1},
     {"recvn_timeout_fast",
-     [](int f, void* b, size_t n) { return gwa_recvn_timeout_fast(f, b, n, 9); }, 8, 3},
+     [](int f, void* b, size_t n) { return gwa_recvn_timeout_fast(f, b, n, 9); }, 8, 3, -1},
 };
 
 struct Sockets : testing::Test {
@@ -35,79 +35,56 @@ struct Sockets : testing::Test {
     char buffer[9] = "";
     static constexpr size_t SIZE = 8;
 };
+using RecvnTimeout = Sockets;
 using RecvnTimeoutFast = Sockets;
 using RecvTimeout = Sockets;
 using RecvDiscard = Sockets;
 
 }  // namespace
 
-TEST(ExactRead, PutsTogetherWhatComesInPieces) {
-    for (const exact_read& read : EXACT_READS) {
-        SCOPED_TRACE(read.name);
-        fake_time time;
-        socket_pair sockets;
-        ASSERT_TRUE(sockets.peer_says("abc"));
-        size_t said = 0;
-        time.event = [&] {  // one byte whenever the code finds nothing and looks at the clock
-            said < 5 && sockets.peer_says(std::string_view("defgh").substr(said++, 1));
-        };
-        char buffer[9] = "";
-        EXPECT_EQ(read.run(sockets.ours, buffer, 8), read.whole);
-        EXPECT_STREQ(buffer, "abcdefgh");
-    }
-}
-
-TEST(ExactRead, EndsWhenThePeerClosesOrTheProcessStops) {
+TEST(ExactRead, PutsPiecesTogetherUntilThePeerClosesOrTheProcessStops) {
     for (const exact_read& read : EXACT_READS) {
         SCOPED_TRACE(read.name);
         fake_time time;
         socket_pair sockets;
         run_flags flags{true};
-        char buffer[8];
+        char buffer[9] = "";
+        EXPECT_EQ(read.run(sockets.ours, buffer, 0), read.nothing);
+        EXPECT_EQ(time.now_us, 0) << "at once";
+
+        ASSERT_TRUE(sockets.peer_says("abc"));
+        size_t said = 0;
+        time.event = [&] {  // one byte whenever the code finds nothing and looks at the clock
+            said < 5 && sockets.peer_says(std::string_view("defgh").substr(said++, 1));
+        };
+        EXPECT_EQ(read.run(sockets.ours, buffer, 8), read.whole);
+        EXPECT_STREQ(buffer, "abcdefgh");
+
         int looks = 0;
         time.event = [&] { gwa_process_run = ++looks < 5; };
         ASSERT_TRUE(sockets.peer_says("abc"));
-        EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), read.cut_short);
+        EXPECT_EQ(read.run(sockets.ours, buffer, 8), read.cut_short);
         ASSERT_TRUE(sockets.peer_says("abc"));
         sockets.peer.reset();
-        EXPECT_EQ(read.run(sockets.ours, buffer, sizeof buffer), GWA_FAILED);
+        EXPECT_EQ(read.run(sockets.ours, buffer, 8), GWA_FAILED);
     }
 }
 
-TEST(ExactRead, OfNothingAnswersAtOnce) {
-    fake_time time;
-    socket_pair sockets;
-    char none;
-    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, &none, 0, 1), GWA_OK);
-    EXPECT_EQ(gwa_recvn(sockets.ours, &none, 0), GWA_FAILED);
-    EXPECT_EQ(gwa_recvn_timeout_fast(sockets.ours, &none, 0, 1), GWA_FAILED);
-    EXPECT_EQ(time.now_us, 0);
+TEST_F(RecvnTimeout, TellsARunOutWaitFromALateStart) {
+    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, SIZE, 0), GWA_FAILED);
+    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, SIZE, 1), GWA_TIMED_OUT);
+    EXPECT_EQ(time.now_us, GWA_US_PER_SECOND);
+    time.tick_us = 2 * GWA_US_PER_SECOND;
+    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, SIZE, 1), GWA_FAILED);
 }
 
-TEST(RecvnTimeout, TellsARunOutWaitFromALateStart) {
-    const std::pair<int64_t, int> ticks[] = {{0, GWA_TIMED_OUT},
-                                             {2 * GWA_US_PER_SECOND, GWA_FAILED}};
-    for (const auto& [tick_us, result] : ticks) {
-        fake_time time;
-        socket_pair sockets;
-        time.tick_us = tick_us;
-        char buffer[8];
-        const std::string log = log_of(
-            [&] { EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, 1), result); });
-        EXPECT_EQ(log.find("<3> recv timeout in 1 second\n") != log.npos, result == GWA_TIMED_OUT);
-        EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, sizeof buffer, 0), GWA_FAILED);
-    }
-}
-
-TEST(RecvnTimeout, FindsARemainderBelowTheLowWaterMark) {
-    fake_time time;
-    socket_pair sockets{AF_INET};
+TEST_F(RecvnTimeout, FindsARemainderBelowTheLowWaterMark) {
+    const socket_pair tcp{AF_INET};
     const int mark = 16;
-    ASSERT_EQ(setsockopt(sockets.ours, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark), 0);
+    ASSERT_EQ(setsockopt(tcp.ours, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark), 0);
     int looks = 0;
-    time.event = [&] { ++looks == 3 && sockets.peer_says("hello"); };  // after the first try
-    char buffer[6] = "";
-    EXPECT_EQ(gwa_recvn_timeout(sockets.ours, buffer, 5, 5), GWA_OK);
+    time.event = [&] { ++looks == 3 && tcp.peer_says("hello"); };  // after the first try
+    EXPECT_EQ(gwa_recvn_timeout(tcp.ours, buffer, 5, 5), GWA_OK);
     EXPECT_STREQ(buffer, "hello");
     EXPECT_EQ(time.now_us, 50000) << "the wait that did not tell of it";
 }
