@@ -13,7 +13,6 @@
 #include "gwad_config.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
-#include "runtime/gwa_types.h"
 #include "runtime/gwa_util_file.h"
 #include "runtime/gwa_util_time.h"
 
@@ -31,13 +30,9 @@ std::atomic<int32_t> restarting{0};
 }  // namespace
 
 void gwa_restart_init(char* const* argv) {
-    // The path, not the link: after an update the new program is the one to run.
-    const ssize_t length = readlink(OWN_PROGRAM, program, sizeof program - 1);
-    if (length <= 0) {
-        text_copy(program, OWN_PROGRAM);
-    } else {
-        program[length] = '\0';
-    }
+    // The path, not the link: after an update the new program is the one to run. Where there is no
+    // such link, there is none to run either.
+    [[maybe_unused]] const ssize_t length = readlink(OWN_PROGRAM, program, sizeof program - 1);
     program_arguments = argv;
 }
 

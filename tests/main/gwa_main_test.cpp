@@ -1,7 +1,6 @@
 #include "main/gwa_main.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,89 +12,32 @@
 
 namespace {
 
-constexpr int NO_NAMESPACE = 77;
-
-class Daemon : public testing::Test {  // in a network namespace of its own: no server is reached
+class Daemon : public testing::Test {
    protected:
     temp_dir home;
-    std::string log = home.path + "/log";
+    const std::string log = home.path + "/log";
+    const loopback_listener manager, control;
     Daemon() { mkdir((home.path + "/tmp").c_str(), 0700); }
 
-    void run(const char* option, const char* value) const {
-        std::vector<std::string> arguments{"gwad", "-H",        home.path, "-l", log,
-                                           "-r",   "127.0.0.1", "-i",      "lo", "-I",
-                                           "box",  option,      value};
-        gwa_main(static_cast<int>(arguments.size()), argument_list(arguments).data());
-    }
-};
-
-}  // namespace
-
-TEST_F(Daemon, KeepsItsMessagesOutOfItsLogWhenStartedWithDescriptorsClosed) {
-    child program([&] {
-        close(STDERR_FILENO);  // the log would get its number
-        run("-V", "9");
-    });
-    EXPECT_EQ(program.wait(), 1);
-    const std::string text = file_read(log);
-    EXPECT_NE(text.find("exit from func"), std::string::npos) << text;
-    EXPECT_EQ(text.find("log level is invalid"), std::string::npos) << text;
-}
-
-TEST_F(Daemon, TakesUpTheJumpThatItIsAskedFor) {
-    const struct {
-        gwa_jump code;
-        const char* line;
-        bool goes_on;
-        int status;
-    } cases[] = {
-        {GWA_JUMP_NONE, "<1> set jump here\n", true, 0},
-        {GWA_JUMP_EXIT, "<0> exit process now\n", false, 0},
-        {GWA_JUMP_RESTART, "<7> unknown jump code 2\n", false, 255},
-    };
-    for (const auto& with : cases) {
-        child program([&] {
-            if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
-                _exit(NO_NAMESPACE);
-            }
-            gwa_time.sleep_us = [](int64_t) { usleep(1000); };
-            gwa_process_jump.store(with.code);
-            sigset_t ending;  // blocked, as a careless starter may leave it
-            sigemptyset(&ending);
-            sigaddset(&ending, SIGTERM);
-            sigprocmask(SIG_BLOCK, &ending, nullptr);
-            run("-p", "1");
-        });
-        const auto logged = [&] { return file_read(log).find(with.line) != std::string::npos; };
-        if (with.goes_on && eventually(logged)) {
-            kill(program.pid(), SIGTERM);
-        }
-        if (program.wait() == NO_NAMESPACE) {
-            GTEST_SKIP() << "this machine allows no private network namespace";
-        }
-        EXPECT_EQ(program.wait(), with.status);
-        EXPECT_TRUE(logged()) << file_read(log);
-        EXPECT_EQ(program.output().find("recv signal 15\n") != std::string::npos, with.goes_on);
-        unlink(log.c_str());
-    }
-}
-
-// The connection that there was is released, and the next one is as good.
-TEST_F(Daemon, ReleasesItsConnectionWhenAskedToStartOver) {
-    const loopback_listener manager, control;
-    child program([&] {
-        gwa_time.sleep_us = [](int64_t us) {  // the first pause of the control loop asks
-            static std::atomic<bool> asked{false};
-            if (us == 100'000 && !asked.exchange(true)) {
-                gwa_process_jump = GWA_JUMP_REINIT;
+    // In a child: its pauses are short, and the first one of the control loop asks for the jump.
+    void run(const std::string& verbose, gwa_jump jump) const {
+        static std::atomic<int> asked;
+        asked = jump;
+        gwa_time.sleep_us = [](int64_t us) {
+            if (us == 100'000 && asked != GWA_JUMP_NONE) {
+                gwa_process_jump = asked.exchange(GWA_JUMP_NONE);
             }
             usleep(1000);
         };
-        run("-p", std::to_string(manager.port).c_str());
-    });
-    unique_fd before;
-    for (uint32_t sequence = 0; sequence < 2; sequence++) {
-        SCOPED_TRACE(sequence);
+        std::vector<std::string> arguments{"gwad",      "-H", home.path,
+                                           "-l",        log,  "-r",
+                                           "127.0.0.1", "-p", std::to_string(manager.port),
+                                           "-i",        "lo", "-I",
+                                           "box",       "-V", verbose};
+        gwa_main(static_cast<int>(arguments.size()), argument_list(arguments).data());
+    }
+    // The server's side of a discovery and a login.
+    unique_fd login() const {
         const unique_fd asking = manager.accept();
         read_until(asking.get(), "\r\n\r\n");
         write_all(asking.get(), "HTTP/1.1 200 OK\r\n\r\n{\"ret\":0,\"to\":\"127.0.0.1:" +
@@ -105,15 +47,52 @@ TEST_F(Daemon, ReleasesItsConnectionWhenAskedToStartOver) {
                   frame_bytes(DEVICE_INFO, 0, "", 3).substr(0, 4));
         write_all(server.get(), frame_bytes(LOGIN_ANSWER));
         EXPECT_EQ(frame_read(server.get()), frame_bytes(SESSION_ID));
-        // The first one is due at once; the second connection has heard something not long ago.
-        if (sequence == 0) {
-            EXPECT_EQ(frame_read(server.get()), heartbeat_frame(0));
-            write_all(server.get(), heartbeat_frame(0));
-            EXPECT_TRUE(closed_by_peer(server.get()));
-        }
-        before = std::move(server);
+        return server;
     }
+    // The first heartbeat is due at once.
+    static void heartbeat_answer(const unique_fd& server) {
+        EXPECT_EQ(frame_read(server.get()), heartbeat_frame(0));
+        write_all(server.get(), heartbeat_frame(0));
+    }
+};
+
+}  // namespace
+
+TEST_F(Daemon, KeepsItsMessagesOutOfItsLogWhenStartedWithDescriptorsClosed) {
+    child program([&] {
+        close(STDERR_FILENO);  // the log would get its number
+        run("9", GWA_JUMP_NONE);
+    });
+    EXPECT_EQ(program.wait(), 1);
+    const std::string text = file_read(log);
+    EXPECT_NE(text.find("exit from func"), std::string::npos) << text;
+    EXPECT_EQ(text.find("log level is invalid"), std::string::npos) << text;
+}
+
+TEST_F(Daemon, EndsWhenAskedTo) {
+    for (const auto& [jump, status] : {std::pair{GWA_JUMP_EXIT, 0}, {GWA_JUMP_RESTART, 255}}) {
+        child program([&] { run("7", jump); });
+        const unique_fd server = login();
+        heartbeat_answer(server);
+        EXPECT_EQ(program.wait(), status) << jump;
+    }
+}
+
+// The connection that there was is released, and the next one is as good.
+TEST_F(Daemon, ReleasesItsConnectionWhenAskedToStartOver) {
+    child program([&] {
+        sigset_t ending;  // blocked, as a careless starter may leave it
+        sigemptyset(&ending);
+        sigaddset(&ending, SIGTERM);
+        sigprocmask(SIG_BLOCK, &ending, nullptr);
+        run("7", GWA_JUMP_REINIT);
+    });
+    const unique_fd first = login();
+    heartbeat_answer(first);
+    EXPECT_TRUE(closed_by_peer(first.get()));
+    const unique_fd second = login();  // which is not asked: it has heard something not long ago
     EXPECT_EQ(program.terminate(), 0);
+    EXPECT_TRUE(program.output().ends_with("recv signal 15\n"));
     const std::string text = file_read(log);
     const size_t released = text.find("connection cntl exit success");
     EXPECT_LT(text.find("<1> long jump from 1 here"), released);

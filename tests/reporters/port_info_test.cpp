@@ -12,8 +12,11 @@
 #include "support/files.h"
 #include "support/frames.h"
 #include "support/log_of.h"
+#include "support/sockets.h"
 
 namespace {
+
+using texts = std::vector<std::string>;
 
 struct PortInfo : testing::Test {
     temp_dir directory;
@@ -46,53 +49,45 @@ struct PortInfo : testing::Test {
         const uint32_t both[] = {module, port};
         sends(both, sizeof both);
     }
-    std::vector<std::string> frames_after_wait() {
+    // What has been reported after one wait.
+    static texts reports() {
         gwa_connections.cntl.poller.timeout = 1;
         poll_wait(&gwa_connections.cntl.poller);
-        return queued_frames();
+        texts found;
+        for (const std::string& frame : queued_frames()) {
+            found.push_back(frame_payload(frame));
+            EXPECT_EQ(frame, frame_bytes(PORT_INFO, 0, found.back()));
+        }
+        return found;
     }
 };
 
-std::string report_frame(const std::string& json) { return frame_bytes(PORT_INFO, 0, json); }
-
-TEST_F(PortInfo, ReportsEveryAnnouncementThatWaits) {
+TEST_F(PortInfo, ReportsEveryAnnouncementThatWaitsAndDropsGarbage) {
     announces(3, 8080);
     announces(4, 0);
-    announces(5, 70000);
-    EXPECT_EQ(frames_after_wait(),
-              (std::vector{report_frame("{\"http_port\":8080}"), report_frame("{\"ubq_port\":0}"),
-                           report_frame("{\"kctl_port\":70000}")}));
-}
-
-TEST_F(PortInfo, DropsGarbageAndGoesOn) {
     announces(6, 1);
     sends("", 0);
     sends("1234567", 7);
     sends(std::string(5000, 'x').data(), 5000);
-    announces(3, 1);
-    EXPECT_EQ(frames_after_wait(), std::vector{report_frame("{\"http_port\":1}")});
+    announces(5, 70000);
+    EXPECT_EQ(reports(),
+              (texts{"{\"http_port\":8080}", "{\"ubq_port\":0}", "{\"kctl_port\":70000}"}));
 }
 
 // A library that fails may have taken nothing off the socket.
 TEST_F(PortInfo, AFailingLibraryNeitherSpinsNorFillsTheLog) {
-    using lines = std::vector<std::string>;
     for (int i = 0; i < 9; i++) {  // what the socket holds, less one
         sends("bad", 3);
     }
     announces(3, 1);
-    EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [this] { EXPECT_TRUE(frames_after_wait().empty()); }),
-              lines(8, "<3> recv port info failed"));
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [] { EXPECT_EQ(reports(), texts{}); }),
+              texts(8, "<3> recv port info failed"));
     announces(6, 7);
     announces(4, 2);
     sends("bad", 3);
-    const lines said = log_lines_of(GWA_LEVEL_INFO, [this] {
-        EXPECT_EQ(frames_after_wait(), (std::vector{report_frame("{\"http_port\":1}"),
-                                                    report_frame("{\"ubq_port\":2}")}));
-    });
-    EXPECT_EQ(said, (lines{"<6> report port info module http_port port 1, json {\"http_port\":1}",
-                           "<3> module not support, 6",
-                           "<6> report port info module ubq_port port 2, json {\"ubq_port\":2}",
-                           "<3> recv port info failed"}))
+    const texts expected = {"{\"http_port\":1}", "{\"ubq_port\":2}"};
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [&] { EXPECT_EQ(reports(), expected); }),
+              (texts{"<3> module not support, 6", "<3> recv port info failed"}))
         << "the ninth in a row is not told of, the first one after a success is";
 }
 
@@ -101,6 +96,16 @@ TEST_F(PortInfo, NeitherBlocksNorReportsWithoutAnAnnouncement) {
     announces(3, 1);
     port_info_recv_handle(EPOLLOUT, nullptr);  // not what it waits for
     EXPECT_TRUE(queued_frames().empty());
+}
+
+TEST_F(PortInfo, StartsAnewWithoutLosingADescriptor) {
+    close(std::exchange(gwa_connections.cntl.poller.epfd, -1));  // it takes nobody in any more
+    const auto start = [&] {  // the number of the next descriptor
+        port_info_start(&gwa_connections.cntl, address.sun_path);
+        return unique_fd(dup(service)).get();
+    };
+    const int next = start();
+    EXPECT_EQ(start(), next) << "the socket of the start before is closed";
 }
 
 }  // namespace
