@@ -28,7 +28,6 @@ static int private_descriptor(int fd) {
 
 void gwa_line_open(gwa_line_sink* sink, int fd) {
     sink->fd = fd;
-    sink->own = false;
     sink->way = gwa_line_way::WRITE;
     struct stat what {};
     if (fstat(fd, &what) != 0 || S_ISREG(what.st_mode)) {

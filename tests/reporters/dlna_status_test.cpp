@@ -13,16 +13,15 @@
 #include "support/fake_time.h"
 #include "support/files.h"
 #include "support/frames.h"
-#include "support/log_of.h"
 #include "support/run_flags.h"
 #include "support/sockets.h"
 
 namespace {
 
+using words = std::vector<uint32_t>;
+
 // The reporter with a timer list that only passes when the test says so.
 struct DlnaStatus : testing::Test {
-    using words = std::vector<uint32_t>;
-    static constexpr int64_t START = 1'000'000;  // s
     run_flags flags{true};
     fake_time time;
     temp_dir home;
@@ -40,9 +39,7 @@ struct DlnaStatus : testing::Test {
         dlna_status_timers_stop();
         poll_exit(&poller);
         EXPECT_EQ(dlna_status_exit(), 0) << "the socket file is removed";
-        queued_frames();
-        free(gwa_timer_default_list);
-        gwa_timer_default_list = nullptr;
+        free(std::exchange(gwa_timer_default_list, nullptr));
         gwa_log_level_set(GWA_LEVEL_DEBUG);
     }
     void begin() {
@@ -50,32 +47,10 @@ struct DlnaStatus : testing::Test {
         dlna_status_start(&gwa_connections.cntl);
         EXPECT_EQ(poller.fd_count, 1);
     }
-    // The clock, in seconds from the start; what is due by then fires.
-    void at(int64_t seconds) {
-        fake_time::now_us = (START + seconds) * 1'000'000 + 1;
-        gwa_timer_expire_check(gwa_timer_default_list);
-    }
-    void handle_events(int waits = 8) {
-        for (int i = 0; i < waits; i++) {
-            poll_now(&poller);
-        }
-    }
     int clients() const { return poller.fd_count - 1; }
     static unique_fd client() { return unix_connect(gwa_process_paths.dlna_socket, SOCK_STREAM); }
-    // In host order, as the media server writes them.
-    static std::string bytes_of(const words& said) {
-        return {reinterpret_cast<const char*>(said.data()), said.size() * sizeof said[0]};
-    }
-    static void sends(const unique_fd& fd, std::string_view bytes) {
-        EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    void says(const unique_fd& fd, uint32_t word) {
-        sends(fd, bytes_of({word}));
-        handle_events();
-    }
     // The words that have been reported since the last look.
-    words reports() {
+    static words reports() {
         words found;
         for (const std::string& frame : queued_frames()) {
             found.push_back(load_be32(reinterpret_cast<const uint8_t*>(frame.data()) + 16));
@@ -83,91 +58,91 @@ struct DlnaStatus : testing::Test {
         }
         return found;
     }
+    // The clock, in seconds from the start; what is due by then fires.
+    static words at(int64_t seconds) {
+        constexpr int64_t START = 1'000'000;
+        fake_time::now_us = (START + seconds) * 1'000'000 + 1;
+        gwa_timer_expire_check(gwa_timer_default_list);
+        return reports();
+    }
+    words handle_events(int waits = 8) {
+        for (int i = 0; i < waits; i++) {
+            poll_now(&poller);
+        }
+        return reports();
+    }
+    words sends(const unique_fd& fd, std::string_view bytes, int waits = 8) {
+        EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+        return handle_events(waits);
+    }
+    // In host order, as the media server writes them.
+    static std::string bytes_of(const words& said) {
+        return {reinterpret_cast<const char*>(said.data()), said.size() * sizeof said[0]};
+    }
+    words says(const unique_fd& fd, uint32_t word) { return sends(fd, bytes_of({word})); }
 };
 
 TEST_F(DlnaStatus, ReportsTheFirstWordAtOnceAndLaterOnesNoMoreOftenThanT1) {
     unique_fd fd = client();
-    says(fd, 1);
-    EXPECT_EQ(reports(), words{1});
+    EXPECT_EQ(says(fd, 1), words{1});
     at(1);
-    says(fd, 2);
+    EXPECT_EQ(says(fd, 2), words{});
     at(3);
-    says(fd, 3);
-    EXPECT_EQ(reports(), words{}) << "a timer is pending";
-    at(5);
-    EXPECT_EQ(reports(), words{});
-    at(7);
-    EXPECT_EQ(reports(), words{3}) << "the newest word";
+    EXPECT_EQ(says(fd, 3), words{}) << "a timer is pending";
+    EXPECT_EQ(at(5), words{});
+    EXPECT_EQ(at(7), words{3}) << "the newest word";
     at(12);
-    says(fd, 4);
-    EXPECT_EQ(reports(), words{}) << "exactly t1 after the timed report is too early";
-    at(18);
-    EXPECT_EQ(reports(), words{4});
+    EXPECT_EQ(says(fd, 4), words{}) << "exactly t1 after the timed report is too early";
+    EXPECT_EQ(at(18), words{4});
     at(24);
-    says(fd, 5);
-    says(fd, 6);
-    EXPECT_EQ(reports(), (words{5, 6})) << "at once does not count as a timed report";
-    at(3601);
-    EXPECT_EQ(reports(), words{6}) << "the repeat after t2";
-    fd.reset();
-    handle_events();
-    EXPECT_EQ(clients(), 0);
+    EXPECT_EQ(says(fd, 5), words{5});
+    EXPECT_EQ(says(fd, 6), words{6}) << "at once does not count as a timed report";
+    EXPECT_EQ(at(3601), words{6}) << "the repeat after t2";
 }
 
 TEST_F(DlnaStatus, AWordThatComesWhileTheTimerFiresIsReportedByTheNextOne) {
     const unique_fd fd = client();
     says(fd, 1);
     says(fd, 2);
-    reports();
     fake_time::event = [&, said = false]() mutable {  // between the report and its end
         if (!said && gwa_connection_queue_is_empty(&gwa_connections.cntl.output) == 0) {
             said = true;
-            says(fd, 3);
+            EXPECT_EQ(says(fd, 3), words{2});
         }
     };
     fake_time::now_us += 5'000'001;  // due, and not yet longer ago than t1 in whole seconds
     gwa_timer_expire_check(gwa_timer_default_list);
-    EXPECT_EQ(reports(), words{2});
-    at(10);
-    EXPECT_EQ(reports(), words{});
-    at(11);
-    EXPECT_EQ(reports(), words{3});
-    at(30);
-    EXPECT_EQ(reports(), words{});
+    EXPECT_EQ(at(10), words{});
+    EXPECT_EQ(at(11), words{3});
+    EXPECT_EQ(at(30), words{});
 }
 
 TEST_F(DlnaStatus, TakesReportingTimesInTheirRangeOnly) {
-    const struct {
-        uint32_t t1, t2;
-        int result;
-    } cases[] = {{1, 3600, -1}, {2, 3600, 0}, {3599, 3600, 0}, {3600, 3600, -1},
-                 {5, 3599, -1}, {5, 3600, 0}, {0, 0, -1},      {5, UINT32_MAX, 0}};
+    const std::tuple<uint32_t, uint32_t, int> cases[] = {
+        {1, 3600, -1}, {2, 3600, 0}, {3599, 3600, 0},    {3600, 3600, -1},
+        {5, 3599, -1}, {0, 0, -1},   {5, UINT32_MAX, 0}, {5, 3600, 0}};
     for (const auto& [t1, t2, result] : cases) {
         EXPECT_EQ(dlna_status_interval_set(t1, t2), result) << t1 << " " << t2;
     }
-    dlna_status_interval_set(5, 3600);
     const unique_fd service = client();
     says(service, 1);
     at(3000);
     dlna_status_interval_set(2, 7200);  // counts from here
-    reports();
-    at(3601);
+    EXPECT_EQ(at(3601), words{});
     dlna_status_interval_set(3, 7200);  // no change of t2: the timer goes on
-    at(10199);
-    EXPECT_EQ(reports(), words{});
-    at(10201);
-    EXPECT_EQ(reports(), words{1});
+    EXPECT_EQ(at(10199), words{});
+    EXPECT_EQ(at(10201), words{1});
 }
 
 TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
     unique_fd slow = client(), half = client();
     sends(half, "ab");
     const std::string two_words = bytes_of({0x12345678, 9});
-    for (const auto& [begin, size] : {std::pair{0, 1}, {1, 1}, {2, 1}, {3, 5}}) {
-        sends(slow, std::string_view(two_words).substr(begin, size));
-        handle_events();
+    for (const size_t byte : {0, 1, 2}) {
+        EXPECT_EQ(sends(slow, two_words.substr(byte, 1)), words{});
     }
-    EXPECT_EQ(reports(), words{9}) << "the last one that is whole";
+    EXPECT_EQ(sends(slow, two_words.substr(3)), words{9}) << "the last one that is whole";
     EXPECT_EQ(clients(), 2);
     half.reset();
     handle_events();
@@ -176,17 +151,12 @@ TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
     at(10);  // from here on each word is reported at once
     words flood(1000, 7);
     flood.back() = 8;
-    sends(slow, bytes_of(flood));
-    handle_events(1);
-    EXPECT_EQ(reports(), words{7}) << "bounded";
-    handle_events(20);
-    EXPECT_EQ(reports().back(), 8U) << "and resumed";
-    says(slow, UINT32_MAX);
-    EXPECT_EQ(reports(), words{}) << "all ones is no word";
-    sends(slow, bytes_of({10}));
+    EXPECT_EQ(sends(slow, bytes_of(flood), 1), words{7}) << "bounded";
+    EXPECT_EQ(handle_events(20).back(), 8U) << "and resumed";
+    EXPECT_EQ(says(slow, UINT32_MAX), words{}) << "all ones is no word";
+    sends(slow, bytes_of({10}), 0);
     slow.reset();
-    handle_events();
-    EXPECT_EQ(reports(), words{10}) << "said and gone";
+    EXPECT_EQ(handle_events(), words{10}) << "said and gone";
     EXPECT_EQ(clients(), 0);
 }
 
@@ -199,32 +169,26 @@ TEST_F(DlnaStatus, SilentClientsKeepNobodyOut) {
         crowd.push_back(client());
         handle_events(2);
         if (i % 8 == 0) {
-            reports();
-            says(server, i + 1);
-            EXPECT_EQ(reports(), words{i + 1}) << "who speaks now and then stays";
+            EXPECT_EQ(says(server, i + 1), words{i + 1}) << "who speaks now and then stays";
         }
     }
     EXPECT_EQ(clients(), DLNA_CLIENTS_MAX);
     const unique_fd newest = client();
-    says(newest, 99);
-    EXPECT_EQ(reports(), words{99}) << "a new one is heard";
+    EXPECT_EQ(says(newest, 99), words{99}) << "a new one is heard";
     crowd.clear();
     handle_events();
     EXPECT_EQ(clients(), 2);
 }
 
 TEST_F(DlnaStatus, APassThatBeginsAnewKnowsNothingOfTheOldOne) {
-    unique_fd fd = client();
+    const unique_fd fd = client();
     says(fd, 1);
     says(fd, 2);
-    reports();
     poll_exit(&poller);
     begin();
-    at(100000);
-    EXPECT_EQ(reports(), words{}) << "no timer is left";
+    EXPECT_EQ(at(100000), words{}) << "no timer is left";
     const unique_fd anew = client();
-    says(anew, 3);
-    EXPECT_EQ(reports(), words{3}) << "the first word of this pass";
+    EXPECT_EQ(says(anew, 3), words{3}) << "the first word of this pass";
     EXPECT_EQ(clients(), 1);
 }
 

@@ -34,7 +34,6 @@ TEST(LinkWalk, FindsWhatAsksForARestartAndStopsAtWhatIsNotWhole) {
         std::string datagram;
         bool restart;
     } cases[] = {
-        {"nothing", "", false},
         {"a new address", address, true},
         {"a link, up or down", message(RTM_NEWLINK, 16, 16), true},
         {"removed, then new", removed + address, true},
@@ -43,7 +42,6 @@ TEST(LinkWalk, FindsWhatAsksForARestartAndStopsAtWhatIsNotWhole) {
         {"a length beyond the end", message(RTM_NEWADDR, 21, 20), false},
         {"a length beyond the end, then new", message(RTM_NEWROUTE, 41, 16) + address, false},
         {"a length below the header", message(RTM_NEWADDR, 15, 20) + address, false},
-        {"a length of zero", message(RTM_NEWROUTE, 0, 20) + address, false},
         {"a length that is huge", message(RTM_NEWADDR, UINT32_MAX, 20), false},
         {"a length that rounds up beyond the end", message(RTM_DELADDR, 17, 17), false},
         {"half a header behind a message", removed + address.substr(0, 15), false},

@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include "devid.h"
-#include "main/gwa_log.h"
+#include <utility>
+
 #include "reporters/control_queue.h"
 #include "support/files.h"
 #include "support/frames.h"
@@ -20,39 +19,35 @@ using texts = std::vector<std::string>;
 
 struct PortInfo : testing::Test {
     temp_dir directory;
-    sockaddr_un address{};
-    int service = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const std::string path = directory.path + "/port.sock";
+    poll_set& poller = gwa_connections.cntl.poller;
+    unique_fd service;
 
     PortInfo() {
         gwa_log_level_set(GWA_LOG_OFF);
         gwa_connection_table_init();
-        poll_init(&gwa_connections.cntl.poller);
-        address.sun_family = AF_UNIX;
-        text_copy(address.sun_path, directory.path + "/port.sock");
-        port_info_start(&gwa_connections.cntl, address.sun_path);
-        EXPECT_EQ(gwa_connections.cntl.poller.fd_count, 1);
+        poll_init(&poller);
+        port_info_start(&gwa_connections.cntl, path.c_str());
+        EXPECT_EQ(poller.fd_count, 1);
+        service = unix_connect(path, SOCK_DGRAM);
     }
     ~PortInfo() override {
-        poll_exit(&gwa_connections.cntl.poller);
-        const int other = dup(service);  // of the number that the poller has just closed
+        poll_exit(&poller);
+        const int other = dup(service.get());  // of the number that the poller has just closed
         port_info_socket_exit();
         EXPECT_EQ(close(other), 0) << "closed with the poller, so not once more";
-        close(service);
         gwa_log_level_set(GWA_LEVEL_DEBUG);
     }
-    void sends(const void* bytes, size_t size) {
-        EXPECT_EQ(
-            sendto(service, bytes, size, 0, reinterpret_cast<sockaddr*>(&address), sizeof address),
-            static_cast<ssize_t>(size));
+    void sends(std::string_view bytes) const {
+        EXPECT_EQ(send(service.get(), bytes.data(), bytes.size(), 0), ssize(bytes));
     }
-    void announces(uint32_t module, uint32_t port) {
+    void announces(uint32_t module, uint32_t port) const {
         const uint32_t both[] = {module, port};
-        sends(both, sizeof both);
+        sends({reinterpret_cast<const char*>(both), sizeof both});
     }
     // What has been reported after one wait.
-    static texts reports() {
-        gwa_connections.cntl.poller.timeout = 1;
-        poll_wait(&gwa_connections.cntl.poller);
+    texts reports() const {
+        poll_now(&poller);
         texts found;
         for (const std::string& frame : queued_frames()) {
             found.push_back(frame_payload(frame));
@@ -66,9 +61,9 @@ TEST_F(PortInfo, ReportsEveryAnnouncementThatWaitsAndDropsGarbage) {
     announces(3, 8080);
     announces(4, 0);
     announces(6, 1);
-    sends("", 0);
-    sends("1234567", 7);
-    sends(std::string(5000, 'x').data(), 5000);
+    sends("");
+    sends("1234567");
+    sends(std::string(5000, 'x'));
     announces(5, 70000);
     EXPECT_EQ(reports(),
               (texts{"{\"http_port\":8080}", "{\"ubq_port\":0}", "{\"kctl_port\":70000}"}));
@@ -77,14 +72,14 @@ TEST_F(PortInfo, ReportsEveryAnnouncementThatWaitsAndDropsGarbage) {
 // A library that fails may have taken nothing off the socket.
 TEST_F(PortInfo, AFailingLibraryNeitherSpinsNorFillsTheLog) {
     for (int i = 0; i < 9; i++) {  // what the socket holds, less one
-        sends("bad", 3);
+        sends("bad");
     }
     announces(3, 1);
-    EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [] { EXPECT_EQ(reports(), texts{}); }),
+    EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [&] { EXPECT_EQ(reports(), texts{}); }),
               texts(8, "<3> recv port info failed"));
     announces(6, 7);
     announces(4, 2);
-    sends("bad", 3);
+    sends("bad");
     const texts expected = {"{\"http_port\":1}", "{\"ubq_port\":2}"};
     EXPECT_EQ(log_lines_of(GWA_LEVEL_ERROR, [&] { EXPECT_EQ(reports(), expected); }),
               (texts{"<3> module not support, 6", "<3> recv port info failed"}))
@@ -99,10 +94,10 @@ TEST_F(PortInfo, NeitherBlocksNorReportsWithoutAnAnnouncement) {
 }
 
 TEST_F(PortInfo, StartsAnewWithoutLosingADescriptor) {
-    close(std::exchange(gwa_connections.cntl.poller.epfd, -1));  // it takes nobody in any more
-    const auto start = [&] {  // the number of the next descriptor
-        port_info_start(&gwa_connections.cntl, address.sun_path);
-        return unique_fd(dup(service)).get();
+    close(std::exchange(poller.epfd, -1));  // it takes nobody in any more
+    const auto start = [&] {                // the number of the next descriptor
+        port_info_start(&gwa_connections.cntl, path.c_str());
+        return unique_fd(dup(service.get())).get();
     };
     const int next = start();
     EXPECT_EQ(start(), next) << "the socket of the start before is closed";

@@ -165,30 +165,24 @@ TEST_F(TimerWalk, StartRunsWhatIsAlreadyDueAtOnce) {
 
 // What is freed once too often or never, the address sanitizer tells.
 TEST_F(TimerWalk, FreesByModeWhenFiredOnceAndWhenDestroyed) {
-    struct self {
-        gwa_timer* timer;
-        int (*action)(gwa_timer*);
-    };
-    const auto act = [](void* argument) {
-        auto* owner = static_cast<self*>(argument);
-        std::exchange(owner->action, [](gwa_timer*) { return 0; })(owner->timer);
-    };
-    const auto nothing = [](gwa_timer*) { return 0; };
+    static gwa_timer* timer;
+    static int (*action)(gwa_timer*);  // of its first firing
+    const auto act = [](void*) { std::exchange(action, [](gwa_timer*) { return 0; })(timer); };
     for (const uint32_t mode : {0, 4, 8, 12}) {
-        for (int (*const action)(gwa_timer*) :
-             {+nothing, &gwa_timer_stop, &gwa_timer_start, &gwa_timer_destroy}) {
-            auto* argument = static_cast<self*>(malloc(sizeof(self)));
-            ASSERT_EQ(gwa_timer_init(act, argument, 1, mode, list, &argument->timer), 0);
-            gwa_timer* const timer = argument->timer;
-            argument->action = action;
-            ASSERT_EQ(gwa_timer_start(timer), 0);
-            if (action == gwa_timer_destroy) {
-                gwa_timer_destroy(timer);
+        for (const bool destroyed : {true, false}) {
+            for (const auto first : {gwa_timer_stop, gwa_timer_start}) {
+                void* const argument = malloc(1);
+                ASSERT_EQ(gwa_timer_init(act, argument, 1, mode, list, &timer), 0);
+                action = first;
+                ASSERT_EQ(gwa_timer_start(timer), 0);
+                if (destroyed) {
+                    EXPECT_EQ(gwa_timer_destroy(timer), 0);
+                }
+                pass(fake_time::now_us + 2 * SECOND);
+                pass(fake_time::now_us + 2 * SECOND);  // for the one that has started itself
+                free((mode & GWA_TIMER_FREE_ARG) != 0 ? nullptr : argument);
+                free((mode & GWA_TIMER_FREE_SELF) != 0 ? nullptr : timer);
             }
-            pass(fake_time::now_us + 2 * SECOND);
-            pass(fake_time::now_us + 2 * SECOND);  // for the one that has started itself
-            free((mode & GWA_TIMER_FREE_ARG) != 0 ? nullptr : argument);
-            free((mode & GWA_TIMER_FREE_SELF) != 0 ? nullptr : timer);
         }
     }
 }

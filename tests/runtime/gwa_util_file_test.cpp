@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/files.h"
+#include "support/sockets.h"
 
 TEST(FirmwareVersion, TakesThreeKeys) {
     const std::string whole(32, 'v');
@@ -22,6 +23,7 @@ TEST(FirmwareVersion, TakesThreeKeys) {
     };
     const temp_dir home;
     const std::string firmware = home.path + "/firmware";
+    const int next = unique_fd(dup(STDIN_FILENO)).get();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content);
         file_write(firmware, c.content);
@@ -31,4 +33,5 @@ TEST(FirmwareVersion, TakesThreeKeys) {
         EXPECT_EQ(component, c.component);
         EXPECT_EQ(terminal, c.terminal);
     }
+    EXPECT_EQ(unique_fd(dup(STDIN_FILENO)).get(), next) << "a descriptor is lost";
 }

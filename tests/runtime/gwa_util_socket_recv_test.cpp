@@ -100,24 +100,20 @@ TEST_F(RecvnTimeoutFast, ReturnsWhatCameBeforeTheDeadline) {
 }
 
 TEST_F(RecvTimeout, ReceivesOnceOnAnyDescriptor) {
+    constexpr int HIGH_FD = 1500;  // a descriptor set of select ends at 1024
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    constexpr int HIGH_FD = 1500;  // a descriptor set of select ends at 1024
-    ASSERT_EQ(dup2(sockets.ours, HIGH_FD), HIGH_FD);
-    const auto receive = [&](int seconds) {
-        return gwa_recv_timeout(HIGH_FD, buffer, SIZE, seconds);
-    };
+    const unique_fd fd(dup2(sockets.ours, HIGH_FD));
     ASSERT_TRUE(sockets.peer_says("abc"));
-    EXPECT_EQ(receive(0), GWA_FAILED);
-    EXPECT_EQ(receive(1), 3);
-    EXPECT_EQ(receive(1), GWA_TIMED_OUT);
+    EXPECT_EQ(gwa_recv_timeout(fd.get(), buffer, SIZE, 0), GWA_FAILED);
+    EXPECT_EQ(gwa_recv_timeout(fd.get(), buffer, SIZE, 1), 3);
+    EXPECT_EQ(gwa_recv_timeout(fd.get(), buffer, SIZE, 1), GWA_TIMED_OUT);
     EXPECT_EQ(time.now_us, GWA_US_PER_SECOND);
     sockets.peer.reset();
-    EXPECT_EQ(receive(1), 0);
-    close(HIGH_FD);
-    EXPECT_EQ(receive(1), GWA_FAILED);
+    EXPECT_EQ(gwa_recv_timeout(fd.get(), buffer, SIZE, 1), 0);
+    EXPECT_EQ(gwa_recv_timeout(HIGH_FD + 1, buffer, SIZE, 1), GWA_FAILED);
     EXPECT_EQ(gwa_recv_timeout(-1, buffer, SIZE, 1), GWA_FAILED);
 }
 

@@ -6,12 +6,13 @@
 
 TEST(SizeFormat, ScalesByUnits) {
     constexpr uint64_t KIB = 1024, MIB = KIB * KIB, GIB = MIB * KIB, TIB = GIB * KIB;
-    const std::pair<uint64_t, const char*> sizes[] = {
-        {1023, "1023"},         {KIB, "1.000K"},         {1536, "1.500K"},    {MIB, "1.000M"},
-        {GIB - 1, "1023.999M"}, {3 * GIB / 2, "1.500G"}, {5 * TIB, "5.000T"}, {KIB * TIB, "XXX"}};
+    const std::pair<uint64_t, const char*> sizes[] = {{1023, "1023"},
+                                                      {KIB, "1.000K"},
+                                                      {MIB + MIB / 2, "1.500M"},
+                                                      {GIB - 1, "1023.999M"},
+                                                      {KIB * TIB - TIB, "1023.000T"},
+                                                      {KIB * TIB, "XXX"}};
     for (const auto& [value, text] : sizes) {
-        char buffer[16];
-        EXPECT_STREQ(gwa_size_format(value, buffer, sizeof buffer), text);
         EXPECT_STREQ(gwa_size_format(value, nullptr, 0), text);
     }
     char small[15] = "untouched";

@@ -147,12 +147,11 @@ TEST_F(Poll, LetsACallbackReplaceItselfAndAllOthers) {
 
 TEST_F(Poll, EndsTheBatchWhenACallbackClosesTheSet) {
     socket_pair three;
-    const int epfd = set.epfd, number = one.ours, removed = three.ours;
+    const int epfd = set.epfd, number = one.ours;
     seen.action = [&] {
-        EXPECT_EQ(poll_del(&set, removed), 0);
+        EXPECT_EQ(poll_del(&set, three.ours), 0);
         poll_exit(&set);
-        EXPECT_FALSE(is_open(number));
-        EXPECT_FALSE(is_open(epfd));
+        EXPECT_FALSE(is_open(number) || is_open(epfd));
     };
     EXPECT_NE(fcntl(epfd, F_GETFD) & FD_CLOEXEC, 0);
     for (int* fd : {&one.ours, &two.ours, &three.ours}) {
@@ -160,13 +159,11 @@ TEST_F(Poll, EndsTheBatchWhenACallbackClosesTheSet) {
     }
     EXPECT_EQ(poll_wait(&set), -1);
     EXPECT_EQ(seen.calls, 1);
-    EXPECT_EQ(one.ours, -1) << "its owner must not close the number again";
-    EXPECT_EQ(two.ours, -1);
+    EXPECT_TRUE(one.ours == -1 && two.ours == -1) << "owners must not close the number again";
     EXPECT_TRUE(is_open(three.ours)) << "it had been removed";
 
     EXPECT_EQ(poll_init(&set), 0);
-    EXPECT_EQ(set.fd_count, 0);
-    EXPECT_EQ(set.timeout, 0);
+    EXPECT_EQ(set.fd_count + set.timeout, 0);
     ASSERT_EQ(add(three.ours, seen_too), 0);
     EXPECT_EQ(poll_now(&set), 0);
     EXPECT_EQ(seen_too.calls, 1);
