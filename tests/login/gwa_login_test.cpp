@@ -27,21 +27,7 @@ TEST(LoginInit, RefusesBadArgumentsWithAReason) {
     }
 }
 
-TEST(LoginInit, FillsInDefaults) {
-    EXPECT_EQ(gwa_login_init(nullptr, nullptr, nullptr, nullptr, "lo", nullptr), 0);
-    EXPECT_STRNE(gwa_login.server_name, "");
-    EXPECT_EQ(gwa_login.server_address, 0u);
-    EXPECT_NE(gwa_login.backup_address, 0u);
-    EXPECT_EQ(gwa_login.local_address, LOOPBACK);
-    EXPECT_EQ(gwa_login.server_port, 9999);
-    EXPECT_STRNE(gwa_device_id, "") << "the device library's";
-    gwa_login_exit();
-    gwa_login_init("a", nullptr, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_STREQ(gwa_login.interface, "br-lan");
-    gwa_login_exit();
-}
-
-TEST(LoginInit, TakesWhatIsGiven) {
+TEST(LoginInit, TakesWhatIsGivenAndFillsInTheRest) {
     const std::string long_id(60, 'd');
     EXPECT_EQ(gwa_login_init(nullptr, "192.0.2.7", "65535", "10.0.0.9", "lo", long_id.c_str()), 0);
     EXPECT_STREQ(gwa_login.server_name, "") << "an address alone leaves no name to resolve";
@@ -51,6 +37,17 @@ TEST(LoginInit, TakesWhatIsGiven) {
     EXPECT_EQ(gwa_device_id, std::string(47, 'd'));
     gwa_login_exit();
     EXPECT_EQ(gwa_device_id, nullptr);
+    EXPECT_EQ(gwa_login_init(nullptr, nullptr, nullptr, nullptr, "lo", nullptr), 0);
+    EXPECT_STRNE(gwa_login.server_name, "");
+    EXPECT_EQ(gwa_login.server_address, 0u);
+    EXPECT_NE(gwa_login.backup_address, 0u);
+    EXPECT_EQ(gwa_login.server_port, 9999);
+    EXPECT_EQ(gwa_login.local_address, LOOPBACK);
+    EXPECT_STRNE(gwa_device_id, "") << "the device library's";
+    gwa_login_exit();
+    gwa_login_init("a", nullptr, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_STREQ(gwa_login.interface, "br-lan");
+    gwa_login_exit();
 }
 
 TEST(LoginDeviceInfo, StaysInsideItsBuffer) {
