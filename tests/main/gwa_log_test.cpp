@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,9 +77,8 @@ TEST(Log, GoesToItsFixedFileInTheBackground) {
 // Nor does what is printed, or the end of the process.
 TEST(Log, DoesNotHangOnATerminalThatNobodyReads) {
     child program([] {
-        const int master = posix_openpt(O_RDWR | O_NOCTTY);
-        EXPECT_EQ(grantpt(master) | unlockpt(master), 0);
-        const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
+        int master = -1, slave = -1;
+        EXPECT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
         dup2(slave, STDOUT_FILENO);
         dup2(slave, STDERR_FILENO);
         gwa_log_init(nullptr, false);

@@ -99,23 +99,23 @@ slow_has_begun() {
     until [ -s "$run/begun" ]; do sleep 0.05; done
 }
 
+# controls STATUS:COMMAND...
+controls() {
+    for step; do
+        expect "${step%:*}" control "${step#*:}"
+    done
+}
+
 starts_and_stops() {
-    expect 3 control status
-    expect 0 control start
-    expect 0 control start
+    controls 3:status 0:start 0:start
     [ ! -s "$run/out" ] || fail "start is not quiet: $(cat "$run/out")"
-    expect 0 control status
+    controls 0:status
     grep -q "process [0-9]*$" "$run/out" || fail "not one process: $(cat "$run/out")"
-    expect 0 control restart
-    expect 0 control status
+    controls 0:restart 0:status
     kill_all
-    expect 3 control status
+    controls 3:status
     printf %d $$ >"$run/home/tmp/gwad.pid" # somebody else has got the number
-    expect 0 control start
-    expect 0 control stop
-    expect 0 control stop
-    expect 3 control status
-    expect 2 control
+    controls 0:start 0:stop 0:stop 3:status 2:what
     [ "$(starts_in_log)" = 3 ] || fail "three starts were asked for: $(starts_in_log)"
 }
 

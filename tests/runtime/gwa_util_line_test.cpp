@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
@@ -25,13 +26,9 @@ struct two_ends {  // what is written to one is read from the other
         } else if (kind == "socket") {
             EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, both), 0);
         } else {
-            both[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-            EXPECT_EQ(grantpt(both[0]) | unlockpt(both[0]), 0);
-            both[1] = open(ptsname(both[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
-            termios plain{};
-            tcgetattr(both[1], &plain);
-            cfmakeraw(&plain);  // a line's end stays as it is
-            tcsetattr(both[1], TCSANOW, &plain);
+            termios raw{};
+            cfmakeraw(&raw);  // a line's end stays as it is
+            EXPECT_EQ(openpty(&both[0], &both[1], nullptr, &raw, nullptr), 0);
         }
         fcntl(both[0], F_SETFL, O_NONBLOCK);
         reader = unique_fd(both[0]);
