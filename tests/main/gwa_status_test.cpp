@@ -9,8 +9,6 @@
 
 namespace {
 
-using namespace std::string_literals;
-
 constexpr int NOBODY = GWA_DATA_CONNECTIONS, CNTL = -1;
 
 // Runs the check as often as said, with traffic on all connections but one, which falls silent
@@ -51,23 +49,20 @@ TEST(Status, WritesTheTable) {
     EXPECT_EQ(program.wait(), child::RETURNED);
     const std::string separator =
         "+----+----------+----------+----------+----------+------+--------+--------+--------+\n";
-    std::string table =
-        "+----+---------------------+---------------------+------+--------+--------+--------+\n"
+    const std::string first =
+        "> \n+----+---------------------+---------------------+------+--------+--------+--------+\n"
         "| id | in (Byte   Packet)  | out (Byte  Packet)  | stat | memory | buffer | stream |\n" +
         separator +
         "| c0 |    1.500K|        12|      1023|4294967296|     5|        |        |        |\n" +
-        separator;
-    for (const char id : {'0', '1', '2', '3'}) {
-        table += "| d"s + id + " |         0|         0|         0|         0|     0|" +
-                 "       0|       0|       0|\n" + separator;
-    }
-    table +=
+        separator +
+        "| d0 |         0|         0|         0|         0|     0|       0|       0|       0|\n";
+    const std::string last =
         "| d4 |    4.000G|         0|         0|         0|     2|  8.000K|       7|       3|\n" +
         separator;
     const std::string written = file_read(home.path + "/tmp/gwad.stat");
-    const size_t line_end = written.find('\n');
-    EXPECT_EQ(written.substr(0, 8), "time : <");
-    EXPECT_EQ(written.substr(line_end - 2), "> \n" + table);
+    EXPECT_TRUE(written.starts_with("time : <")) << written;
+    EXPECT_NE(written.find(first), std::string::npos) << written;
+    EXPECT_TRUE(written.ends_with(last)) << written;
 }
 
 TEST(Status, RestartsOnEveryEleventhRunWhenAnyConnectionIsSilent) {
