@@ -120,7 +120,7 @@ void connection::refuse(const std::string& why) {
     }
 }
 
-void connection::expect_within(std::chrono::seconds time, const char* reason) {
+void connection::expect_within(milliseconds time, const char* reason) {
     deadline = steady::now() + time;
     deadline_reason = reason;
 }

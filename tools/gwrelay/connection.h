@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "frames.h"
-#include "log.h"
+#include "options.h"
 
 using asio::awaitable;
 using asio::ip::tcp;
@@ -40,12 +40,12 @@ struct connection {
     tcp::socket socket;
     std::string name;  // the peer's address, and what is known about it; safe to log
     bool closed = false;
-    std::string filling, sending;  // one takes bytes while the other goes out in one write
-    event queued;                  // for the pump
-    event changed;                 // for all others: bytes went out, it closed, a second passed
+    std::string filling, sending;         // one takes bytes while the other goes out in one write
+    event queued;                         // for the pump
+    event changed;                        // for all others: bytes went out, it closed, a tick
     steady::time_point deadline = NEVER;  // closed then, with this reason:
     const char* deadline_reason = "";
-    std::chrono::seconds patience{};  // while the peer takes nothing of what waits for it
+    milliseconds patience{};  // while the peer takes nothing of what waits for it
     steady::time_point last_taken = steady::now();
     int unacknowledged = 0;  // bytes in the kernel; while they get fewer, the peer takes some
 
@@ -61,8 +61,8 @@ struct connection {
     void close();
     void reset_when_closed(bool reset);   // instead of a plain end, which some peers misunderstand
     void refuse(const std::string& why);  // one log line, then close
-    void expect_within(std::chrono::seconds time, const char* reason);
-    void tick(steady::time_point now);  // once a second
+    void expect_within(milliseconds time, const char* reason);
+    void tick(steady::time_point now);  // once a second, or as often as time-outs ask
 
    private:
     void wake();

@@ -10,7 +10,6 @@ namespace {
 
 constexpr size_t HEAD_MAX = 64 * 1024;
 constexpr uint16_t PORT_MAX = 65534;
-constexpr std::chrono::seconds FAREWELL{2};
 
 // A path in its three parts: "/<device id>/<second>/<rest>".
 struct path_parts {
@@ -135,7 +134,7 @@ awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user) {
     // the response. So his side goes on for a moment, into the void.
     asio::error_code ignored;
     user->socket.shutdown(tcp::socket::shutdown_send, ignored);
-    const auto until = steady::now() + FAREWELL;
+    const auto until = steady::now() + hub.settings.linger_timeout;
     while (!user->user_ended && !user->closed && steady::now() < until) {
         co_await user->changed.wait();
     }

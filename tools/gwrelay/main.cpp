@@ -1,5 +1,6 @@
 // main.cpp - binds the four ports and runs until SIGINT or SIGTERM.
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -9,8 +10,8 @@
 
 namespace {
 
-constexpr std::chrono::seconds TICK{1};
-constexpr std::chrono::milliseconds ACCEPT_PAUSE{200};
+constexpr milliseconds TICK{1000};
+constexpr milliseconds ACCEPT_PAUSE{200};
 
 struct listeners {
     tcp::acceptor manager, control, data, front;
@@ -76,9 +77,13 @@ awaitable<void> accept_loop(relay& hub, tcp::acceptor& acceptor,
 }
 
 awaitable<void> tick(relay& hub) {
+    const options& set = hub.settings;
+    const auto shortest = std::min({set.login_timeout, set.silence_timeout, set.stall_timeout,
+                                    set.answer_timeout, set.linger_timeout});
+    const auto every = std::min(TICK, shortest / 4);
     asio::steady_timer timer(co_await asio::this_coro::executor);
     for (;;) {
-        timer.expires_after(TICK);
+        timer.expires_after(every);
         co_await timer.async_wait(asio::use_awaitable);
         std::erase_if(hub.connections, [](const auto& link) { return link.expired(); });
         for (const auto& weak : hub.connections) {

@@ -12,7 +12,7 @@ namespace {
 
 constexpr uint16_t PORT_MAX = 65534;  // a device refuses 65535 wherever it checks a port
 constexpr uint32_t T1_MIN = 2, T1_MAX = 3599, T2_MIN = 3600, T2_MAX = 0x7fffffff;
-constexpr int TIMEOUT_MAX_S = 86400;
+constexpr double TIMEOUT_MIN_S = 0.01, TIMEOUT_MAX_S = 86400;
 // The device keeps a host in 64 bytes, and knows IPv4 addresses and names only.
 constexpr size_t HOST_MAX = 63;
 
@@ -42,9 +42,12 @@ bool set_port(options& to, const char* value) {
 
 template <auto Member>
 bool set_timeout(options& to, const char* value) {
-    const auto time = number_parse<int>(value);
-    to.*Member = std::chrono::seconds(time.value_or(0));
-    return time && *time > 0 && *time <= TIMEOUT_MAX_S;
+    const double time_s = number_parse<double>(value).value_or(0);
+    if (!(time_s >= TIMEOUT_MIN_S && time_s <= TIMEOUT_MAX_S)) {  // nor is what is no number
+        return false;
+    }
+    to.*Member = std::chrono::duration_cast<milliseconds>(std::chrono::duration<double>(time_s));
+    return true;
 }
 
 bool set_times(options& to, const char* value) {
@@ -79,7 +82,8 @@ constexpr option_row OPTIONS[] = {
     {"no-dead-port-guard", nullptr,
      "do not find out whether a port is alive: a dead one costs others data",
      set_fixed<&options::dead_port_guard, false>},
-    {"login-timeout", "S", "for a device's login and a user's request head (60)",
+    {"login-timeout", "S",
+     "for a device's login and a user's request head (60); any S may be a fraction",
      set_timeout<&options::login_timeout>},
     {"silence-timeout", "S", "ends a device that sends nothing, and an idle stream (300)",
      set_timeout<&options::silence_timeout>},

@@ -9,6 +9,8 @@
 
 #include "log.h"
 
+using std::chrono::milliseconds;
+
 // The reporting times of a device's media server, in seconds, within what a device accepts.
 struct report_times {
     uint32_t t1, t2;
@@ -24,11 +26,11 @@ struct options {
     std::optional<report_times> times;  // sent to every device after its login
     log_level level = EVENT;
 
-    std::chrono::seconds login_timeout{60};     // for a login, and for a user's request head
-    std::chrono::seconds silence_timeout{300};  // a device's heartbeats come every minute
-    std::chrono::seconds stall_timeout{120};    // a user who takes none of what waits for him
-    std::chrono::seconds answer_timeout{120};   // a request that nothing on the device answers
-    std::chrono::seconds linger_timeout{5};     // silence that ends what has no end of its own
+    milliseconds login_timeout{60'000};     // for a login, and for a user's request head
+    milliseconds silence_timeout{300'000};  // a device's heartbeats come every minute
+    milliseconds stall_timeout{120'000};    // a user who takes none of what waits for him
+    milliseconds answer_timeout{120'000};   // a request that nothing on the device answers
+    milliseconds linger_timeout{5000};      // silence that ends what has no end of its own
 };
 
 // Fills `to`. False: it makes no sense, and the error has been printed. Help ends the program.
