@@ -4,30 +4,18 @@
 
 namespace {
 
-const std::string HEAD = " HTTP/1.1\r\nHost: a\r\n", CLOSING = "Connection: close\r\n\r\n";
+const std::string HEAD = HTTP + "Host: a\r\n", CLOSING = "Connection: close\r\n\r\n";
 const std::string AT_80 = "x-qv-devid=box&x-qv-port=80";
 const std::string AT_10010 = "x-qv-devid=box&x-qv-port=10010";
 
-struct device_of_requests {
-    relay hub{{NO_GUARD}};
-    unique_fd data = data_login(hub, "box");
-    uint32_t stream = 0;
-
-    // What of a user's request reaches the device, which answers. Or the user's answer.
+struct answering : device {
+    // What of a user's request reaches the device, which answers.
     std::string request(const std::string& sent) {
-        const unique_fd user = user_sends(hub, sent);
-        pollfd first[] = {{data.get(), POLLIN, 0}, {user.get(), POLLIN, 0}};
-        poll(first, 2, static_cast<int>(TEST_PATIENCE.count()));
-        if (first[0].revents == 0) {
-            return read_to_end(user.get());
-        }
-        const std::string opening = frame_read(data.get());
-        const std::string answer = "HTTP/1.1 204 None\r\n\r\n";
-        EXPECT_EQ(frame_stream(opening), ++stream);
-        write_all(data.get(), frame_bytes(DATA, stream, answer));
-        EXPECT_EQ(read_with_end(user), "end:" + answer);
-        EXPECT_EQ(frame_read(data.get()), frame_bytes(CLOSE_STREAM, stream)) << sent;
-        return frame_payload(opening);
+        const unique_fd fd = user(sent);
+        answers(OK_X);
+        EXPECT_EQ(read_with_end(fd), "end:" + OK_X);
+        EXPECT_EQ(hears(), frame_bytes(CLOSE_STREAM, stream)) << sent;
+        return opening;
     }
 };
 
@@ -43,9 +31,9 @@ TEST(GwrelayRequest, GetsTheParametersInFrontAndAConnectionOfItsOwn) {
         {"GET /box/80/ws" + HEAD + upgrade, "GET /ws?" + AT_80 + HEAD + upgrade},
         {"GET /box/80/ HTTP/1.1\nHost: a\n\n", "GET /?" + AT_80 + HEAD + CLOSING},
     };
-    device_of_requests device;
+    answering box;
     for (const auto& [sent, expected] : cases) {
-        EXPECT_EQ(device.request(sent), expected);
+        EXPECT_EQ(box.request(sent), expected);
     }
 }
 
@@ -64,10 +52,9 @@ TEST(GwrelayRequest, SpeaksToTheDeviceOnlyAtItsOwnPort) {
          "/%6Coglv?" + AT_10010 +
              "&a=%6Coglv&loglv=%74imeout&%74imeout&%78-qv-gwad-opt&%78-qv-port=80"},
     };
-    device_of_requests device;
+    answering box;
     for (const auto& [sent, expected] : cases) {
-        EXPECT_EQ(device.request("GET " + sent + HEAD + "\r\n"),
-                  "GET " + expected + HEAD + CLOSING);
+        EXPECT_EQ(box.request("GET " + sent + HEAD + "\r\n"), "GET " + expected + HEAD + CLOSING);
     }
 }
 
@@ -75,19 +62,19 @@ TEST(GwrelayRequest, SpeaksToTheDeviceOnlyAtItsOwnPort) {
 // its own port.
 TEST(GwrelayRequest, IsRefusedWhenTheDeviceWouldNotSeeItsParameters) {
     constexpr size_t SEEN = 4096;
-    device_of_requests device;
+    answering box;
     for (const std::string start : {"GET /", "POST /"}) {
         const std::string path(SEEN - (start + "?" + AT_80).size(), 'a');
         const std::string sent = start + "box/80/" + path, seen = start + path + "?" + AT_80;
-        EXPECT_EQ(device.request(sent + HEAD + "\r\n"), seen + HEAD + CLOSING);
-        EXPECT_EQ(device.request(sent + "?b" + HEAD + "\r\n"), seen + "&b" + HEAD + CLOSING);
-        EXPECT_TRUE(device.request(sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
+        EXPECT_EQ(box.request(sent + HEAD + "\r\n"), seen + HEAD + CLOSING);
+        EXPECT_EQ(box.request(sent + "?b" + HEAD + "\r\n"), seen + "&b" + HEAD + CLOSING);
+        EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
     }
     const std::string operation = "?" + AT_10010 + "&x-qv-gwad-opt=";
     const std::string rest(SEEN - ("GET /" + operation).size(), 'a');
     const std::string sent = "GET /box/10010/?x-qv-gwad-opt=" + rest;
-    EXPECT_EQ(device.request(sent + HEAD + "\r\n"), "GET /" + operation + rest + HEAD + CLOSING);
-    EXPECT_TRUE(device.request(sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
+    EXPECT_EQ(box.request(sent + HEAD + "\r\n"), "GET /" + operation + rest + HEAD + CLOSING);
+    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
 }
 
 TEST(GwrelayRequest, NeedsAnIdThatTheDeviceWouldRecognise) {
@@ -98,9 +85,7 @@ TEST(GwrelayRequest, NeedsAnIdThatTheDeviceWouldRecognise) {
         for (const char c : id) {
             path += "%" + std::string(1, "0123456789abcdef"[c / 16]) + "0123456789ABCDEF"[c % 16];
         }
-        EXPECT_TRUE(
-            fetch(hub, "GET /" + path + "/80/" + HEAD + "\r\n").starts_with("HTTP/1.1 502 "))
-            << id;
+        EXPECT_TRUE(get(hub, "/" + path + "/80/").starts_with("HTTP/1.1 502 ")) << id;
     }
 }
 
