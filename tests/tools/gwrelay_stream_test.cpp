@@ -222,7 +222,7 @@ TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
 
 TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     const auto began = std::chrono::steady_clock::now();
-    device box({"--stall-timeout=1", "--silence-timeout=2.5"});
+    device box({"--stall-timeout=1", "--silence-timeout=5"});
     const unique_fd quick = data_login(box.hub, "box");
     const unique_fd reader = box.user(GET_BOX, SMALL_BUFFER);
     const std::string flood = data_frames(1, std::string(MANY_BYTES, 'x'));
@@ -244,11 +244,12 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     }
     const std::string heard = read_until(box.data.get(), frame_bytes(CLOSE_STREAM, 1));
     EXPECT_TRUE(heard.starts_with(frame_bytes(LOGIN_ANSWER)));
-    EXPECT_LT(heard.size() / HEADER_SIZE * test_duration{500},
-              std::chrono::steady_clock::now() - began + test_duration{1000});
+    EXPECT_LT(heard.size() / HEADER_SIZE * test_duration{1000},
+              std::chrono::steady_clock::now() - began + test_duration{2000});
     EXPECT_TRUE(read_with_end(reader).starts_with("reset:"));
     EXPECT_TRUE(write_all(box.data.get(), std::string_view(flood).substr(sent)));
-    EXPECT_TRUE(still_echoes(box.data));
+    box.says(heartbeat_frame(1));
+    EXPECT_TRUE(read_until(box.data.get(), heartbeat_frame(1)).ends_with(heartbeat_frame(1)));
 }
 
 }  // namespace
