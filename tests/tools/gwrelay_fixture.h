@@ -34,9 +34,13 @@ inline unique_fd say_to(uint16_t port, std::string_view bytes, int receive_buffe
     return fd;
 }
 
+inline std::string login_frame(uint8_t version, const std::string& json) {
+    return frame_bytes(DEVICE_INFO, 0, json, version);
+}
+
 inline unique_fd login(uint16_t port, uint8_t version, const std::string& json,
                        int receive_buffer = 0) {
-    unique_fd fd = say_to(port, frame_bytes(DEVICE_INFO, 0, json, version), receive_buffer);
+    unique_fd fd = say_to(port, login_frame(version, json), receive_buffer);
     EXPECT_FALSE(frame_read(fd.get()).empty());
     return fd;
 }
@@ -64,16 +68,10 @@ inline std::string body(const std::string& reply) {
 // Reads up to the end, and tells how that came in front of what was read: "end:", "reset:", or ":"
 // when there was none before the deadline.
 inline std::string read_with_end(const unique_fd& fd) {
-    std::string bytes;
-    for (char buffer[SMALL_BUFFER];;) {
-        pollfd entry{fd.get(), POLLIN, 0};
-        const bool ready = poll(&entry, 1, static_cast<int>(TEST_PATIENCE.count())) == 1;
-        const ssize_t got = ready ? recv(fd.get(), buffer, sizeof buffer, MSG_DONTWAIT) : -1;
-        if (got <= 0) {
-            return (got == 0 ? "end:" : ready && errno == ECONNRESET ? "reset:" : ":") + bytes;
-        }
-        bytes.append(buffer, static_cast<size_t>(got));
-    }
+    errno = 0;
+    const std::string bytes = read_to_end(fd.get());
+    const bool reset = errno == ECONNRESET;
+    return (reset ? "reset:" : closed_by_peer(fd.get(), test_duration{}) ? "end:" : ":") + bytes;
 }
 
 inline bool still_echoes(const unique_fd& fd) {
@@ -90,10 +88,10 @@ inline std::string data_frames(uint32_t stream, std::string_view bytes) {
     return frames;
 }
 
-// A relay, and the data connection of a device to it.
+// A relay, and a device with one data connection.
 struct device {
     relay hub;
-    unique_fd data = data_login(hub, "box");
+    unique_fd control = control_login(hub, "box"), data = data_login(hub, "box");
     uint32_t stream = 0;  // the last one's id
     std::string opening;  // the payload of its first frame
 

@@ -1,39 +1,41 @@
-// The front door: what it refuses, and what it answers itself.
+// The front door: what it refuses, what it answers itself, and what a device gets of the rest: its
+// parameters, and nothing else that looks like them.
 
 #include "gwrelay_fixture.h"
 
 namespace {
 
 TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
-    relay hub;
-    const unique_fd control = control_login(hub, "box");
-    const auto of_size = [](size_t size) {
-        const std::string start = "GET /box/80/" + HTTP + "A: ", end = "\r\n\r\n";
-        return start + std::string(size - start.size() - end.size(), 'a') + end;
+    const relay hub;
+    std::vector<unique_fd> devices;
+    for (const char* id : {"box", "a b", "a&b", "a\x7f", "x-qv-port=1"}) {
+        devices.push_back(control_login(hub, id));
+    }
+    const std::string http = " HTTP/1.1", start = "GET /box/80/" + HTTP + "A: ";
+    const std::string longest(65536 - start.size() - 4, 'a');
+    const std::pair<std::string, strings> cases[] = {
+        {"400",
+         {"rubbish", "GET /box/80/", "GET box/80/" + http, "GET /box/80/\t" + http,
+          "GET /box/80/\x7f" + http, "GET /box/80/ HTTP/2", "GET /box/80/?gwrelay-pri=x" + http,
+          "GET /box/80/?gwrelay-pri=-1" + http}},
+        {"404",
+         {"GET /box/65535/" + http, "GET /box/0/" + http, "GET /box/http/" + http,
+          "GET /box%/1/" + http}},
+        {"405", {"PUT /box/80/" + http, "POST /" + http}},
+        {"431", {start + longest + "a"}},
+        // carried, were the id one that a device recognises in its request
+        {"502",
+         {"GET /a%20b/80/" + http, "GET /a%26b/80/" + http, "GET /a%7F/80/" + http,
+          "GET /x-qv-port=1/80/" + http}},
+        // carried, were there a data connection
+        {"503",
+         {"GET /box/65534/ HTTP/1.0", "GET /%62o%78/1/?gwrelay-pri=0" + http, start + longest}},
     };
-    const std::pair<std::string, std::string> cases[] = {
-        {"rubbish\r\n\r\n", "400"},
-        {"GET /box/80/\r\n\r\n", "400"},
-        {"GET box/80/" + HTTP + "\r\n", "400"},
-        {"GET /box/80/\t" + HTTP + "\r\n", "400"},
-        {"GET /box/80/\x7f" + HTTP + "\r\n", "400"},
-        {"GET /box/80/ HTTP/2\r\n\r\n", "400"},
-        {"GET /box/80/?gwrelay-pri=x" + HTTP + "\r\n", "400"},
-        {"GET /box/80/?gwrelay-pri=-1" + HTTP + "\r\n", "400"},
-        {"PUT /box/80/" + HTTP + "\r\n", "405"},
-        {"POST /" + HTTP + "\r\n", "405"},
-        {"GET /box/65534/ HTTP/1.0\r\n\r\n", "503"},  // carried, were there a data connection
-        {"GET /box/65535/" + HTTP + "\r\n", "404"},
-        {"GET /box/0/" + HTTP + "\r\n", "404"},
-        {"GET /box/http/" + HTTP + "\r\n", "404"},
-        {"GET /%62o%78/1/?gwrelay-pri=0" + HTTP + "\r\n", "503"},
-        {"GET /box%/1/" + HTTP + "\r\n", "404"},
-        {of_size(65536), "503"},
-        {of_size(65537), "431"},
-    };
-    for (const auto& [request, code] : cases) {
-        EXPECT_TRUE(fetch(hub, request).starts_with("HTTP/1.1 " + code + " "))
-            << code << " " << request.substr(0, 80);
+    for (const auto& [code, requests] : cases) {
+        for (const std::string& request : requests) {
+            EXPECT_TRUE(fetch(hub, request + "\r\n\r\n").starts_with("HTTP/1.1 " + code + " "))
+                << code << " " << request.substr(0, 80);
+        }
     }
 }
 
@@ -102,6 +104,77 @@ TEST(GwrelayFrontDoor, AnswersHeadWithTheHeadAlone) {
         EXPECT_EQ(fetch(hub, "HEAD "s + path + HTTP + "\r\n") + body(whole), whole);
     }
     EXPECT_TRUE(has(fetch(hub, "PUT /status.json" + HTTP + "\r\n"), "\r\nAllow: GET, HEAD\r\n"));
+}
+
+const std::string HEAD = HTTP + "Host: a\r\n", CLOSING = "Connection: close\r\n\r\n";
+const std::string AT_80 = "x-qv-devid=box&x-qv-port=80";
+const std::string AT_10010 = "x-qv-devid=box&x-qv-port=10010";
+
+struct answering : device {
+    // What of a user's request reaches the device, which answers.
+    std::string request(const std::string& sent) {
+        const unique_fd fd = user(sent);
+        answers(OK_X);
+        EXPECT_EQ(read_with_end(fd), "end:" + OK_X);
+        EXPECT_EQ(hears(), frame_bytes(CLOSE_STREAM, stream)) << sent;
+        return opening;
+    }
+};
+
+TEST(GwrelayRequest, GetsTheParametersInFrontAndAConnectionOfItsOwn) {
+    const std::string upgrade = "Connection: Upgrade\r\nUpgrade: x\r\n\r\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"GET /box/80/a%20b?c=d&e" + HEAD + "Connection: keep-alive\r\nKeep-Alive: 5\r\n\r\n",
+         "GET /a%20b?" + AT_80 + "&c=d&e" + HEAD + CLOSING},
+        {"GET /box/80/?a=1&gwrelay-pri=2&b" + HEAD + "\r\n",
+         "GET /?" + AT_80 + "&x-qv-pri=2&a=1&b" + HEAD + CLOSING},
+        {"POST /b%6fx/80/p" + HEAD + "Content-Length: 2\r\n\r\nhi",
+         "POST /p?" + AT_80 + HEAD + "Content-Length: 2\r\n" + CLOSING + "hi"},
+        {"GET /box/80/ws" + HEAD + upgrade, "GET /ws?" + AT_80 + HEAD + upgrade},
+        {"GET /box/80/ HTTP/1.1\nHost: a\n\n", "GET /?" + AT_80 + HEAD + CLOSING},
+    };
+    answering box;
+    for (const auto& [sent, expected] : cases) {
+        EXPECT_EQ(box.request(sent), expected);
+    }
+}
+
+// The device takes the first place in the URI where a name occurs, and decodes nothing.
+TEST(GwrelayRequest, SpeaksToTheDeviceOnlyAtItsOwnPort) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"/box/80/x-qv-port=10010&x-qv-gwad-opt=echo&",
+         "/%78-qv-port=10010&%78-qv-gwad-opt=echo&?" + AT_80},
+        {"/box/80/ax-qv-x-qv-devid?x-qv-pri=0&b=x-qv-port=1",
+         "/a%78-qv-%78-qv-devid?" + AT_80 + "&%78-qv-pri=0&b=%78-qv-port=1"},
+        {"/box/80/timeout/loglv?timeout=1&X-QV-PORT=1&%78-qv-port=1",
+         "/timeout/loglv?" + AT_80 + "&timeout=1&X-QV-PORT=1&%78-qv-port=1"},
+        {"/box/10010/timeout?x-qv-gwad-opt=log&loglv=4&timeout=7",
+         "/%74imeout?" + AT_10010 + "&x-qv-gwad-opt=log&loglv=4&timeout=7"},
+        {"/box/10010/loglv?a=loglv&loglv=timeout&timeout&x-qv-gwad-opt&x-qv-port=80",
+         "/%6Coglv?" + AT_10010 +
+             "&a=%6Coglv&loglv=%74imeout&%74imeout&%78-qv-gwad-opt&%78-qv-port=80"},
+    };
+    answering box;
+    for (const auto& [sent, expected] : cases) {
+        EXPECT_EQ(box.request("GET " + sent + HEAD + "\r\n"), "GET " + expected + HEAD + CLOSING);
+    }
+}
+
+// It looks at 4096 bytes of the request. What comes after its parameters may be longer, but not at
+// its own port.
+TEST(GwrelayRequest, IsRefusedWhenTheDeviceWouldNotSeeItsParameters) {
+    constexpr size_t SEEN = 4096;
+    answering box;
+    const std::string path(SEEN - ("POST /?" + AT_80).size(), 'a');
+    std::string sent = "POST /box/80/" + path, seen = "POST /" + path + "?" + AT_80;
+    EXPECT_EQ(box.request(sent + HEAD + "\r\n"), seen + HEAD + CLOSING);
+    EXPECT_EQ(box.request(sent + "?b" + HEAD + "\r\n"), seen + "&b" + HEAD + CLOSING);
+    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
+    seen = "GET /?" + AT_10010 + "&x-qv-gwad-opt=";
+    const std::string rest(SEEN - seen.size(), 'a');
+    sent = "GET /box/10010/?x-qv-gwad-opt=" + rest;
+    EXPECT_EQ(box.request(sent + HEAD + "\r\n"), seen + rest + HEAD + CLOSING);
+    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
 }
 
 }  // namespace
