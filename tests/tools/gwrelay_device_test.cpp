@@ -69,15 +69,13 @@ TEST(GwrelayFrames, BadOnesCloseTheirConnectionAndNothingElse) {
     const std::pair<uint16_t, strings> cases[] = {
         {hub.control,
          {data, beat, login_frame(3, "{\"deviceid\":\"box\""), login_frame(3, "{\"deviceid\":{}}"),
-          login_frame(3, info("")), login_frame(3, info(std::string(48, 'x')))}},
-        {hub.data, {control, GET_BOX}},
-        {hub.control,
-         {control + with(0, 0), control + with(0, 4), control + with(1, 15), control + with(2, 1),
+          login_frame(3, info("")), login_frame(3, info(std::string(48, 'x'))),
+          control + with(0, 0), control + with(0, 4), control + with(1, 15), control + with(2, 1),
           control + with(3, 0), control + with(3, 13), control + with(15, 3),
           control + frame_bytes(DATA, 1, "data"),
           control + frame_bytes(PORT_INFO, 0, "{\"http_port\":8080")}},
         {hub.data,
-         {data + frame_bytes(DATA, 0, "no stream"),
+         {control, GET_BOX, data + frame_bytes(DATA, 0, "no stream"),
           data + "\1\20\0\1\0\0\0\0\0\0\0\1\0\0\x1f\xf1"s}},
     };
     for (const auto& [port, several] : cases) {

@@ -63,10 +63,10 @@ TEST(GwrelayFrontDoor, SendsToWhereALinkWasMeantToLead) {
 }
 
 TEST(GwrelayFrontDoor, SendsReportTimesOnRequest) {
-    const relay hub;
-    unique_fd control = control_login(hub, "box");
-    const auto ask = [&hub](const char* method, const std::string& times) {
-        return fetch(hub, method + (" /box/report-times?" + times + HTTP) + "\r\n").substr(9, 3);
+    device box;
+    const auto ask = [&box](const char* method, const std::string& times) {
+        return fetch(box.hub, method + (" /box/report-times?" + times + HTTP) + "\r\n")
+            .substr(9, 3);
     };
     for (const char* bad : {"t1=1&t2=3600", "t1=3600&t2=3600", "t1=2&t2=3599", "t1=2&t2=2147483648",
                             "t1=2", "t2=3600", "t1=2s&t2=3600"}) {
@@ -75,10 +75,10 @@ TEST(GwrelayFrontDoor, SendsReportTimesOnRequest) {
     EXPECT_EQ(ask("GET", "t1=2&t2=3600"), "405");
     EXPECT_EQ(ask("POST", "t1=2&t2=3600"), "200");
     EXPECT_EQ(ask("POST", "t2=2147483647&t1=3599"), "200");
-    EXPECT_EQ(frame_read(control.get()), frame_bytes(REPORT_TIMES, 0, be32(2) + be32(3600)));
-    EXPECT_EQ(frame_read(control.get()),
+    EXPECT_EQ(frame_read(box.control.get()), frame_bytes(REPORT_TIMES, 0, be32(2) + be32(3600)));
+    EXPECT_EQ(frame_read(box.control.get()),
               frame_bytes(REPORT_TIMES, 0, be32(3599) + be32(0x7fffffff)));
-    control.reset();
+    box.control.reset();
     EXPECT_TRUE(eventually([&] { return ask("POST", "t1=2&t2=3600") == "503"; }));
 }
 
