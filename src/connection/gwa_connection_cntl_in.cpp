@@ -27,8 +27,8 @@ enum class header_read {
 }  // namespace
 
 // The login's low-water mark, a whole header, hides a shorter rest from the poller. So the mark
-// follows what is missing; it may stay there, below a whole header, when the rest has come. A failure
-// costs time only: each round looks for a rest anyway.
+// follows what is missing; it may stay there, below a whole header, when the rest has come. A
+// failure costs time only: each round looks for a rest anyway.
 static void low_water_follow(const gwa_connection_cntl* cntl) {
     const int missing = static_cast<int>(GWA_HEADER_SIZE - cntl->input.have);
     setsockopt(cntl->socket, SOL_SOCKET, SO_RCVLOWAT, &missing, sizeof missing);

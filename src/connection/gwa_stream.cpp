@@ -170,10 +170,13 @@ static list_link* read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_s
                             int* budget, list_link* last) {
     for (gwa_stream& stream : *streams) {
         if (*budget > 0 && wants(stream)) {
+            const bool reads = !memory_is_short(&stream);
             GWA_LOG(DEBUG, "wakeup stream socket %d", stream.socket);
             gwa_stream_local_in_handle(&stream);
-            last = &stream;
-            --*budget;
+            if (reads) {
+                last = &stream;
+                --*budget;
+            }
         }
     }
     return last;

@@ -85,7 +85,7 @@ TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     EXPECT_EQ(conn->output.state, gwa_out_state::PARTLY_SENT);
     EXPECT_EQ(conn->heartbeat.last_out_time, coarse(START + 9));
-    EXPECT_FALSE(gwa_connection_data_takes_more(conn)) << "the socket will tell";
+    EXPECT_TRUE(gwa_connection_data_is_blocked(conn)) << "the socket will tell";
     std::string heard;
     while (conn->output.count > 0 && !HasFailure()) {
         heard += sent();
@@ -105,7 +105,7 @@ TEST_F(DataOutput, ASocketWithoutRoomTellsWhenItHasSome) {
     queue_frame(1);
     EXPECT_EQ(log_lines_of(GWA_LEVEL_INFO, [this] { rounds(1); }), std::vector<std::string>());
     EXPECT_EQ(conn->output.state, gwa_out_state::BLOCKED);
-    EXPECT_FALSE(gwa_connection_data_takes_more(conn));
+    EXPECT_TRUE(gwa_connection_data_is_blocked(conn));
     sent();
     const int64_t waited = fake_time::waited_us;
     rounds(1);

@@ -3,10 +3,19 @@
 #include "connection/connection_floor.h"
 #include "connection/gwa_connection_data_addr.h"
 #include "support/files.h"
+#include "support/log_of.h"
 
 namespace {
 
-using DataRound = data_floor;
+struct DataRound : data_floor {
+    // A stream whose service can say much at once.
+    gwa_stream* open_wide_stream(uint32_t id) {
+        gwa_stream* const stream = open_stream(id);
+        const int room = 1 << 20;
+        setsockopt(stream->socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        return stream;
+    }
+};
 
 // What no event tells of any more is done without a wait in between.
 TEST_F(DataRound, DoesNotWaitWhileThereIsWork) {
@@ -17,9 +26,7 @@ TEST_F(DataRound, DoesNotWaitWhileThereIsWork) {
     }
     EXPECT_EQ(reply_to(asked), answered) << "input beyond the budget of a pass";
 
-    const gwa_stream* const stream = open_stream(1000);
-    const int room = 1 << 20;
-    setsockopt(stream->socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+    const gwa_stream* const stream = open_wide_stream(1000);
     const std::string page = noise(20 * GWA_PAYLOAD_MAX + 10, 1);
     ASSERT_TRUE(service_says(accepted, stream, page));
     all_sent.clear();
@@ -46,14 +53,39 @@ TEST_F(DataRound, WaitsWhileNothingCanBeDone) {
     EXPECT_EQ(std::exchange(fake_time::waited_us, 0), 100'000) << "local data, no memory for it";
     EXPECT_EQ(sent(), "");
     gwa_connection_memory_release(conn, taken);
+}
+
+// A server that does not read holds up what is for it, and nothing else.
+TEST_F(DataRound, WhatIsHeldBackHoldsUpNothingElse) {
+    const gwa_stream* const download = open_wide_stream(1);
+    const unique_fd page = std::move(accepted);
+    open_stream(2);
+    read_until(accepted.get(), "\r\n\r\n");
     fill_socket();
-    const int64_t before = fake_time::now_us;
-    rounds(2);
-    EXPECT_EQ((fake_time::now_us - before) / 1'000'000, 30) << "frames, but no room for them";
+    ASSERT_TRUE(service_says(page, download, noise(30 * GWA_PAYLOAD_MAX, 1)));
+    const int64_t start = fake_time::now_us;
+    const auto policy_lines = [&](int64_t until_us) {
+        return log_lines_of(GWA_LEVEL_INFO, [&] {
+            while (fake_time::now_us < start + until_us) {
+                rounds(1);
+            }
+        });
+    };
+    using lines = std::vector<std::string>;
+    EXPECT_EQ(policy_lines(29'900'000), lines());
+    EXPECT_EQ(policy_lines(30'100'000), lines{"<6> traffic policy timeout, conn 0"});
+    EXPECT_EQ(policy_lines(59'900'000), lines());
     EXPECT_EQ(conn->output.send_level, 5);
-    sent();
+    EXPECT_EQ(conn->output.count, 16U) << "the rest stays with the service";
+    fake_time::waited_us = 0;
+    server_sends(frame_bytes(DATA, 2, "upload"));
     rounds(1);
-    EXPECT_EQ(frame_stream(sent()), 1U);
+    EXPECT_EQ(read_exact(accepted.get(), 6), "upload");
+    rounds(1);
+    EXPECT_EQ(fake_time::waited_us, 5000) << "as long as the level says";
+    sent();
+    rounds_until_idle();
+    EXPECT_EQ(all_sent.size(), 30 * (HEADER_SIZE + GWA_PAYLOAD_MAX));
     EXPECT_EQ(conn->output.send_level, 0);
 }
 

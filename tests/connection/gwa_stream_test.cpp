@@ -2,6 +2,7 @@
 
 #include "connection/connection_floor.h"
 #include "support/files.h"
+#include "support/log_of.h"
 
 namespace {
 
@@ -53,7 +54,8 @@ TEST_F(Streams, ShortMemoryStopsEveryStreamButPriorityZero) {
     const std::tuple<const char*, uint32_t, bool> cases[] = {
         {"", GWA_MEMORY_LIMIT, true},  // of priority 4
         {"", GWA_MEMORY_LIMIT + 1, false},
-        {"&x-qv-pri=0", GWA_MEMORY_LIMIT + 1, true}};
+        {"&x-qv-pri=0", GWA_MEMORY_CEILING, true},
+        {"&x-qv-pri=0", GWA_MEMORY_CEILING + 1, false}};
     uint32_t id = 1;
     for (const auto& [priority, memory, reads] : cases) {
         gwa_stream* const stream = open_stream(id, priority);
@@ -70,26 +72,35 @@ TEST_F(Streams, ShortMemoryStopsEveryStreamButPriorityZero) {
     EXPECT_EQ(conn->streams.all.first()->priority, 4U);
 }
 
-// What one stream leaves unread for want of memory, another one must not get for ever.
-TEST_F(Streams, ThePassAfterShortMemoryStartsWithWhoCameOffBadly) {
-    gwa_stream* streams[3];
+// Each pass goes on where the last one has ended, whether its share or the memory was used up.
+TEST_F(Streams, TakeTurns) {
     unique_fd services[3];
     for (uint32_t i = 0; i < 3; i++) {
-        streams[i] = open_stream(i + 1);
+        open_stream(i + 1);
         services[i] = std::move(accepted);
     }
-    for (int i = 0; i < 3; i++) {
-        ASSERT_TRUE(service_says(services[i], streams[i], "x"));
-        streams[i]->more = gwa_more::WAITS;
+    for (gwa_stream& stream : conn->streams.all) {
+        const unique_fd& service = services[stream.id - 1];
+        ASSERT_TRUE(service_says(service, &stream, noise(3 * GWA_PAYLOAD_MAX, 1)));
+        stream.more = gwa_more::HAS_MORE;
     }
+    const auto pass = [this](int frames) {
+        const gwa_more more = gwa_stream_local_in_wakeup(&conn->streams.all, frames);
+        std::string ids;
+        while (gwa_output_node* const node = gwa_connection_dequeue(&conn->output.queue)) {
+            ids += std::to_string(node->stream_id);
+            gwa_connection_data_node_release(conn, node);
+        }
+        return ids + (more == gwa_more::HAS_MORE ? " and more" : "");
+    };
+    EXPECT_EQ(pass(4), "1231 and more");
+    EXPECT_EQ(pass(0), " and more");
     const uint32_t before = gwa_connection_memory(conn);
-    conn->memory = GWA_MEMORY_LIMIT - 1;  // enough for the first one's frame
-    EXPECT_EQ(gwa_stream_local_in_wakeup(&conn->streams.all), gwa_more::DRAINED);
-    EXPECT_EQ(streams[0]->more, gwa_more::DRAINED);
-    EXPECT_EQ(streams[1]->more, gwa_more::WAITS);
-    EXPECT_EQ(conn->streams.all.first(), streams[1]);
-    EXPECT_EQ(conn->streams.all.last(), streams[0]);
-    conn->memory = conn->memory - (GWA_MEMORY_LIMIT - 1) + before;
+    conn->memory = GWA_MEMORY_LIMIT - 1;  // enough for one frame
+    EXPECT_EQ(pass(4), "2");
+    conn->memory = before;
+    EXPECT_EQ(pass(9), "3123");
+    EXPECT_EQ(pass(9), "") << "who had nothing more waits for an event";
 }
 
 TEST_F(Streams, AServiceThatTakesLittleGetsEverythingInOrder) {
@@ -109,6 +120,51 @@ TEST_F(Streams, AServiceThatTakesLittleGetsEverythingInOrder) {
     }));
     EXPECT_TRUE(got == body);
     EXPECT_EQ(gwa_connection_memory(conn), static_cast<uint32_t>(GWA_STREAM_COUNTED + 20));
+}
+
+// A service that takes nothing, one that takes little, one that takes all, and a server that goes
+// on.
+TEST_F(Streams, UploadsAreBoundedAndWhoTakesNothingLosesHisStream) {
+    constexpr uint32_t BOUND = 2 << 20;
+    open_stream(1);
+    const unique_fd stuck = std::move(accepted);
+    gwa_stream* const slow = open_stream(2);
+    const unique_fd takes_little = std::move(accepted);
+    open_stream(3);
+    read_until(accepted.get(), "\r\n\r\n");
+    const std::string piece(GWA_PAYLOAD_MAX, 'u');
+    while ((slow->waiting == 0 || !conn->input.held) && !HasFailure()) {
+        server_sends(frame_bytes(DATA, slow->waiting == 0 ? 2 : 1, piece));
+        rounds(1);
+    }
+    EXPECT_GT(conn->streams.waiting, BOUND);
+    EXPECT_LE(conn->streams.waiting, BOUND + GWA_PAYLOAD_MAX);
+    server_sends(frame_bytes(DATA, 3, "late"));
+    const auto said = [this](int seconds) {
+        set_clock(START + seconds);
+        return log_lines_of(GWA_LEVEL_ERROR, [this] { rounds(2); });
+    };
+    using lines = std::vector<std::string>;
+    EXPECT_EQ(said(29), lines());
+    EXPECT_EQ(conn->input.more, gwa_more::WAITS);
+    slow->last_taken = coarse(START + 29);
+    EXPECT_EQ(said(30), lines{"<3> local service takes nothing too long time, stream id 1"});
+    EXPECT_EQ(read_exact(accepted.get(), 4), "late");
+    EXPECT_LT(conn->streams.waiting, BOUND);
+    EXPECT_EQ(conn->streams.count, 2);
+
+    // What still comes for it is no request; once it has been closed its id is free again.
+    const std::string evil = request_text(listener.port);
+    server_sends(frame_bytes(DATA, 1, evil));
+    rounds(1);
+    EXPECT_EQ(conn->streams.count, 2);
+    server_sends(frame_bytes(CLOSE_STREAM, 1));
+    EXPECT_NE(open_stream(1), nullptr);
+    EXPECT_EQ(conn->streams.count, 3);
+    // When all take a little, the one for which most is waiting makes room.
+    gwa_stream_give_up_stuck(conn, 30);
+    EXPECT_TRUE(gwa_stream_is_gone(conn, 2));
+    EXPECT_EQ(conn->streams.waiting, 0U);
 }
 
 }  // namespace
