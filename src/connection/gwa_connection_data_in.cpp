@@ -5,8 +5,9 @@
 
 #include "connection/gwa_connection_data_out.h"
 #include "connection/gwa_connection_request.h"
-#include "connection/gwa_stream.h"
+#include "connection/gwa_stream_give_up.h"
 #include "main/gwa_log.h"
+#include "runtime/gwa_process.h"
 #include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_text.h"
 #include "runtime/gwa_util_time.h"
@@ -15,7 +16,8 @@ namespace {
 
 constexpr int FRAMES_PER_PASS = 64;         // half a megabyte at most, then sending has its turn
 constexpr uint32_t UPLOADS_MAX = 0x200000;  // bytes that may wait for services
-constexpr int32_t STUCK_S = 30;             // so long may they keep the server waiting
+constexpr int32_t LOOK_INTERVAL_S = 30;     // then a service must have taken some of it
+constexpr int32_t LOOKS_MAX = 4;            // and enough of it, for the server to go on
 
 }  // namespace
 
@@ -54,13 +56,13 @@ static bool uploads_are_full(const gwa_connection_data* conn) {
 static gwa_step input_held(gwa_connection_data* conn) {
     gwa_data_input& input = conn->input;
     const int32_t now = gwa_now_get();
-    if (!input.held) {
-        input.held = true;
-        input.held_since = now;
-    }
-    if (gwa_seconds_since(input.held_since) >= STUCK_S) {
-        gwa_stream_give_up_stuck(conn, STUCK_S);
-        input.held_since = now;
+    if (input.held_looks == 0) {
+        gwa_stream_look_at_waiting(conn);
+        input.held_looks = 1;
+        input.last_look = now;
+    } else if (gwa_seconds_since(input.last_look) >= LOOK_INTERVAL_S) {
+        gwa_stream_give_up_stuck(conn, input.held_looks++ % LOOKS_MAX == 0);
+        input.last_look = now;
     }
     input.begun = gwa_time_seconds();
     input.more = gwa_more::WAITS;
@@ -201,11 +203,11 @@ static gwa_step step_done(gwa_connection_data* conn) {
 }
 
 gwa_step gwa_connection_data_remote_in_handle(gwa_connection_data* conn) {
-    for (int headers = 0; headers < FRAMES_PER_PASS;) {
+    for (int headers = 0; headers < FRAMES_PER_PASS && gwa_connection_running();) {
         if (uploads_are_full(conn)) {
             return input_held(conn);
         }
-        conn->input.held = false;
+        conn->input.held_looks = 0;
         headers += conn->input.step == gwa_input_step::HEADER ? 1 : 0;
         switch (gwa_input_step_fill(&conn->input, conn->socket)) {
             case gwa_input_fill::BLOCKED: return input_blocked(conn);

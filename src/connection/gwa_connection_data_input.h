@@ -34,8 +34,8 @@ struct gwa_data_input {
     uint32_t have = 0;                        // bytes of the current step
     uint32_t want = GWA_HEADER_SIZE;
     int64_t begun = 0;       // s, wall clock; a HEADER begins with its first byte
-    bool held = false;       // services take too little: the frame waits
-    int32_t held_since = 0;  // coarse clock; the first pass in a row that was held
+    int32_t held_looks = 0;  // at services that take too little, for which the frame waits
+    int32_t last_look = 0;   // coarse clock
 };
 
 enum class gwa_input_fill : uint8_t {

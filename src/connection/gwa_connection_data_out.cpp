@@ -27,7 +27,9 @@ enum class policy : uint8_t { SEND, HOLD, FAILED };
 static void hold(gwa_connection_data* conn) {
     gwa_data_output& output = conn->output;
     const int64_t now = gwa_time.steady_us();
-    if (output.held_passes++ == 0) {
+    if (gwa_connection_queue_is_empty(&output.queue) != 0) {
+        output.held_passes = 0;  // nothing that could be held
+    } else if (output.held_passes++ == 0) {
         output.held_since_us = now;
     } else if (now - output.held_since_us >= HELD_MAX_US) {
         GWA_LOG(INFO, "traffic policy timeout, conn %d", conn->id);

@@ -68,6 +68,7 @@ struct gwa_data_output {
 
 struct gwa_data_streams {
     list<gwa_stream> all;
+    uint32_t gone_count = 0;
     list<gwa_stream> gone;              // given up by us, but not yet closed by the server
     std::atomic<int32_t> count{0};      // of `all`
     uint32_t waiting = 0;               // bytes that services have not taken yet

@@ -5,7 +5,7 @@
 #include "connection/gwa_connection_data_addr.h"
 #include "connection/gwa_connection_data_in.h"
 #include "connection/gwa_connection_data_out.h"
-#include "connection/gwa_stream.h"
+#include "connection/gwa_stream_give_up.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_time.h"
@@ -47,7 +47,8 @@ static void free_half_read_payload(gwa_connection_data* conn) {
 
 void gwa_connection_data_free(gwa_connection_data* conn) {
     GWA_LOG(DEBUG, "connection data id %d free ...", conn->id);
-    gwa_stream_free_all(conn);
+    gwa_stream_free_all(&conn->streams.all);
+    gwa_stream_forget_all(conn);
     free_half_read_payload(conn);
     gwa_connection_queue_sweep(
         &conn->output.queue, [](const gwa_output_node&) { return true; },

@@ -68,12 +68,16 @@ static list_link* place_by_priority(gwa_output_queue* queue, uint32_t priority)
     return at == end ? end->prev : at;
 }
 
+static bool is_stream_data(const gwa_output_node& node) {
+    return (node.flags & GWA_NODE_STREAM) != 0;
+}
+
 // Moves a place to the last node of the same stream, if that lies behind it (exception 48): with
 // other priorities in between, a stream's bytes could overtake each other.
 static list_link* place_behind_own_stream(gwa_output_queue* queue, list_link* place,
                                           uint32_t stream_id) GWA_REQUIRES(queue->lock) {
     for (list_link* at = queue->nodes.head.prev; at != place; at = at->prev) {
-        if (as_node(at).stream_id == stream_id) {
+        if (is_stream_data(as_node(at)) && as_node(at).stream_id == stream_id) {
             return at;
         }
     }
@@ -110,7 +114,7 @@ int gwa_connection_head_enqueue(gwa_output_queue* queue, gwa_output_node* node) 
 int gwa_connection_remote_output_enqueue(gwa_output_queue* queue, gwa_output_node* node) {
     const gwa_lock held(queue->lock);
     list_link* place = place_by_priority(queue, node->priority);
-    if (node->stream_id != 0) {
+    if (is_stream_data(*node)) {
         place = place_behind_own_stream(queue, place, node->stream_id);
     }
     insert_behind(queue, place, node);

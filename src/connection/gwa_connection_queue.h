@@ -16,6 +16,7 @@ enum gwa_node_flag : uint32_t {  // a bit set
     GWA_NODE_STATIC = 1,         // the node is part of a record and is never freed
     GWA_NODE_PARTLY_SENT = 2,    // it keeps the front of its queue until the rest has left
     GWA_NODE_DATA_STATIC = 4,    // the data is part of a record and is never freed
+    GWA_NODE_STREAM = 8,         // a stream's data, whose id may be 0 as well
     GWA_NODE_HEARTBEAT = GWA_NODE_STATIC | GWA_NODE_DATA_STATIC,
 };
 
@@ -26,8 +27,8 @@ struct gwa_output_node : list_link {
     uint8_t* cursor = nullptr;  // next byte to send
     uint32_t remaining = 0;     // bytes still to send
     uint32_t priority = 0;      // of its stream; smaller leaves earlier; 0 for all other frames
-    uint32_t stream_id = 0;     // 0: no stream data
-    int32_t enqueue_time = 0;   // coarse clock
+    uint32_t stream_id = 0;
+    int32_t enqueue_time = 0;  // coarse clock
     uint32_t flags = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,7 +12,7 @@
 #include <utility>
 
 #include "connection/gwa_connection_request_debug.h"
-#include "connection/gwa_stream.h"
+#include "connection/gwa_stream_give_up.h"
 #include "login/gwa_login.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
@@ -19,6 +20,7 @@
 #include "runtime/gwa_util_http.h"
 #include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_socket.h"
+#include "runtime/gwa_util_socket_wait.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {
@@ -26,6 +28,8 @@ namespace {
 constexpr size_t URI_SIZE = 4096;
 constexpr size_t PARAMETER_SIZE = 128;
 constexpr int LOCAL_PORT_MAX = 65534;  // oddity 7
+constexpr int CONNECT_LIMIT_S = 10;
+constexpr int LOCAL_SEND_BUFFER = 0x20000;  // bytes, in the kernel, of what a service has not taken
 constexpr int32_t DEFAULT_PRIORITY = 4;
 
 struct request {
@@ -113,7 +117,7 @@ static void stream_drop(gwa_stream* stream) {
 }
 
 static int local_socket() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd == -1) {
         const int error = errno;
         GWA_LOG(ERROR, "socket failed %s", strerror(error));
@@ -128,10 +132,18 @@ static int local_socket() {
     return fd;
 }
 
+// Waits for the connection, but not for a service that takes none (exception 66).
 static bool local_connect(int fd, int32_t port) {
     const sockaddr_in service =
         gwa_socket_address(gwa_login.local_address, static_cast<uint16_t>(port));
-    return connect(fd, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0;
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0) {
+        return true;
+    }
+    int error = -1;
+    socklen_t size = sizeof error;
+    return errno == EINPROGRESS &&
+           gwa_socket_wait(fd, POLLOUT, CONNECT_LIMIT_S) == gwa_wait_result::READY &&
+           getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }
 
 // Passes a payload on to the stream's service.
@@ -147,6 +159,7 @@ static void stream_begin(gwa_stream* stream, int fd, payload_owner* payload) {
     // Exception 40: a request in several frames must not wait for delayed acknowledgements.
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &LOCAL_SEND_BUFFER, sizeof LOCAL_SEND_BUFFER);
     stream->socket = fd;
     gwa_stream_add(&conn->streams.all, stream);
     conn->streams.count.fetch_add(1, std::memory_order_relaxed);

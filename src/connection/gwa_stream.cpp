@@ -32,6 +32,12 @@ static void local_node_release(gwa_stream* stream, gwa_output_node* node) {
     gwa_connection_data_node_drop(stream->connection, node);
 }
 
+static void local_output_drop(gwa_stream* stream) {
+    while (gwa_output_node* const node = stream->local_output.first()) {
+        local_node_release(stream, node);
+    }
+}
+
 // Frames what was read and queues it for the server.
 static void send_to_server(gwa_stream* stream, const uint8_t* bytes, uint32_t length) {
     gwa_output_node* const node = gwa_stream_frame_new(stream, length);
@@ -80,13 +86,11 @@ gwa_output_node* gwa_stream_frame_new(const gwa_stream* stream, uint32_t length)
     gwa_connection_memory_charge(stream->connection, node->capacity);
     gwa_connection_memory_charge(stream->connection, GWA_NODE_COUNTED);
     node->priority = stream->priority;
+    node->flags = GWA_NODE_STREAM;
     return node;
 }
 
 int gwa_stream_local_output_enqueue(gwa_stream* stream, uint8_t* data, uint32_t length) {
-    if (stream->local_output.empty()) {
-        stream->last_taken = gwa_now_get();  // it has not been asked before
-    }
     stream->local_output.push_back(*gwa_connection_data_node_new(stream->connection, data, length));
     waiting_add(stream, length);
     return GWA_OK;
@@ -101,11 +105,14 @@ void gwa_stream_local_out_handle(gwa_stream* stream) {
         GWA_LOG(DEBUG, "send data to local server");
         const ssize_t sent = send(stream->socket, node->cursor, node->remaining, MSG_NOSIGNAL);
         if (sent == -1) {
-            // A full socket too. Oddity 22: a local failure closes nothing here.
+            const bool is_full = errno == EAGAIN;
+            // Oddity 22: a local failure closes nothing here.
             GWA_LOG(ERROR, "send to local server error fd %d", stream->socket);
+            if (!is_full) {
+                local_output_drop(stream);  // nobody will ever take it, and others would wait
+            }
             return;
         }
-        stream->last_taken = gwa_now_get();
         const auto taken = static_cast<uint32_t>(sent);
         waiting_take(stream, taken);
         node->cursor += taken;
@@ -208,12 +215,9 @@ gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
     return any_has_more(streams) ? gwa_more::HAS_MORE : gwa_more::DRAINED;
 }
 
-// Takes everything of a stream away but its record, which is in no list then.
-static void strip(gwa_stream* stream) {
+void gwa_stream_strip(gwa_stream* stream) {
     gwa_connection_data* const conn = stream->connection;
-    while (gwa_output_node* const node = stream->local_output.first()) {
-        local_node_release(stream, node);
-    }
+    local_output_drop(stream);
     list_unlink(*stream);
     if (stream->socket >= 0) {
         poll_del(&conn->poller, stream->socket);
@@ -221,57 +225,12 @@ static void strip(gwa_stream* stream) {
         stream->socket = -1;
     }
     conn->streams.count.fetch_sub(1, std::memory_order_relaxed);
-}
-
-static void record_free(gwa_stream* stream) {
-    gwa_connection_memory_release(stream->connection, GWA_STREAM_COUNTED);
-    free(stream);
+    gwa_connection_memory_release(conn, GWA_STREAM_COUNTED);
 }
 
 void gwa_stream_free(gwa_stream* stream) {
-    strip(stream);
-    record_free(stream);
-}
-
-void gwa_stream_give_up(gwa_stream* stream) {
-    strip(stream);
-    stream->connection->streams.gone.push_back(*stream);
-}
-
-bool gwa_stream_is_gone(gwa_connection_data* conn, uint32_t id) {
-    return gwa_stream_find_by_id(&conn->streams.gone, id) != nullptr;
-}
-
-void gwa_stream_forget(gwa_connection_data* conn, uint32_t id) {
-    gwa_stream* const stream = gwa_stream_find_by_id(&conn->streams.gone, id);
-    if (stream != nullptr) {
-        list_unlink(*stream);
-        record_free(stream);
-    }
-}
-
-static void give_up_stuck(gwa_stream* stream) {
-    GWA_LOG(ERROR, "local service takes nothing too long time, stream id %u", stream->id);
-    gwa_stream_give_up(stream);
-}
-
-void gwa_stream_give_up_stuck(gwa_connection_data* conn, int32_t seconds) {
-    gwa_stream* fullest = nullptr;  // of those whose services still take something
-    bool any_stuck = false;
-    for (gwa_stream& stream : conn->streams.all) {
-        if (stream.local_output.empty()) {
-            continue;
-        }
-        if (gwa_seconds_since(stream.last_taken) >= seconds) {
-            give_up_stuck(&stream);
-            any_stuck = true;
-        } else if (fullest == nullptr || stream.waiting > fullest->waiting) {
-            fullest = &stream;
-        }
-    }
-    if (!any_stuck && fullest != nullptr) {
-        give_up_stuck(fullest);
-    }
+    gwa_stream_strip(stream);
+    free(stream);
 }
 
 void gwa_stream_local_destroy_by_id(list<gwa_stream>* streams, uint32_t id) {
@@ -283,11 +242,8 @@ void gwa_stream_local_destroy_by_id(list<gwa_stream>* streams, uint32_t id) {
     gwa_stream_free(stream);
 }
 
-void gwa_stream_free_all(gwa_connection_data* conn) {
-    while (gwa_stream* const stream = conn->streams.all.first()) {
+void gwa_stream_free_all(list<gwa_stream>* streams) {
+    while (gwa_stream* const stream = streams->first()) {
         gwa_stream_free(stream);
-    }
-    while (gwa_stream* const stream = conn->streams.gone.first()) {
-        gwa_stream_forget(conn, stream->id);
     }
 }

@@ -18,7 +18,7 @@ struct gwa_stream : list_link {
     list<gwa_output_node> local_output;  // payloads for the service
     uint32_t waiting = 0;                // bytes of them that it has not taken yet
     int32_t last_activity = 0;           // coarse clock, last payload in either direction
-    int32_t last_taken = 0;              // coarse clock, when the service last took a byte
+    uint32_t left = 0;                   // what was waiting, in the kernel too, at the last look
 };
 
 // The first stream with that id, or null.
@@ -45,15 +45,8 @@ gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames);
 
 // Takes the queued payloads, the registration, the socket, the count and the record away.
 void gwa_stream_free(gwa_stream* stream);
-// The same on our own account. What the server still sends under its id is dropped until it closes
-// the stream: it must not be taken for a new request (exception 60).
-void gwa_stream_give_up(gwa_stream* stream);
-bool gwa_stream_is_gone(gwa_connection_data* conn, uint32_t id);
-// The server has closed a stream that may have been given up.
-void gwa_stream_forget(gwa_connection_data* conn, uint32_t id);
-// Gives up every stream whose service has taken nothing for so many seconds of what waits for it,
-// or else the one for which most is waiting.
-void gwa_stream_give_up_stuck(gwa_connection_data* conn, int32_t seconds);
+// All of that but the record, which is in no list then.
+void gwa_stream_strip(gwa_stream* stream);
 void gwa_stream_local_destroy_by_id(list<gwa_stream>* streams, uint32_t id);
-// Frees every stream, those that are gone too.
-void gwa_stream_free_all(gwa_connection_data* conn);
+// Frees every stream.
+void gwa_stream_free_all(list<gwa_stream>* streams);
