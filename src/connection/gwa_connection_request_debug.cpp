@@ -46,10 +46,9 @@ static bool must_stop(const gwa_stream* stream) {
     return !gwa_connection_running() || gwa_connection_data_told_to_stop(stream->connection);
 }
 
-// A charged, zeroed answer frame of the stream; the caller fills in the payload and its length.
+// A charged answer frame of the stream; the caller fills in the payload and its length.
 static gwa_output_node* answer_node(const gwa_stream* stream) {
     gwa_output_node* const node = gwa_stream_frame_new(stream, ANSWER_BUFFER - GWA_HEADER_SIZE);
-    memset(gwa_connection_payload_of(node), 0, ANSWER_BUFFER - GWA_HEADER_SIZE);
     gwa_protocol_build(node->data, GWA_VERSION_PLAIN, gwa_command::DATA, GWA_FLAG_STREAM,
                        stream->id, 0);
     node->capacity = ANSWER_CAPACITY;

@@ -5,16 +5,19 @@
 
 namespace {
 
-// The real workers, ordered to a port, in a process of their own with short pauses.
-child workers(uint16_t port) {
-    return child([port] {
+// The real workers in a process of their own with short pauses: ordered to a port, unless that is
+// 0, and told to end if they shall.
+child workers(uint16_t port, bool end = false) {
+    return child([port, end] {
         gwa_time.sleep_us = [](int64_t) { usleep(100); };
         gwa_now_refresh();
         gwa_login_init("localhost", nullptr, nullptr, nullptr, "lo", "box");
         gwa_connection_table_init();
         gwa_connection_data_init(&gwa_connections.data);
-        gwa_connection_data_order_all(&gwa_connections.data, five_times("localhost", port));
-        pause();
+        if (port != 0) {
+            gwa_connection_data_order_all(&gwa_connections.data, five_times("localhost", port));
+        }
+        end ? gwa_connection_all_destroy(&gwa_connections.data) : pause();
     });
 }
 
@@ -55,6 +58,18 @@ TEST(Worker, StartsOverAfterItsConnectionHasClosed) {
                                "<1> long jump from 2 here\n", "<0> reinit thread ",
                                "<7> wait the control to init data addr\n"}))
         << program.errors();
+}
+
+TEST(Worker, EndsWhenItIsToldToWhereverItIs) {
+    const loopback_listener closed{-1};
+    for (const uint16_t port : {uint16_t{0}, closed.port}) {
+        child program = workers(port, true);
+        EXPECT_EQ(program.wait(), child::RETURNED);
+        const std::string log = program.errors();
+        EXPECT_EQ(text_count(log, "<0> signal to stop thread "), GWA_DATA_CONNECTIONS);
+        EXPECT_EQ(text_count(log, "<0> recv stop signal, this thread "), GWA_DATA_CONNECTIONS);
+        EXPECT_EQ(text_count(log, "join thread id"), 0) << "each one is waited for";
+    }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "connection/gwa_connection_request.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -54,6 +55,16 @@ TEST_F(Requests, AStreamThatThePollerRefusesIsTakenBack) {
     conn->poller.epfd = epfd;
     EXPECT_EQ(conn->streams.count, 0);
     EXPECT_TRUE(read_to_end(listener.accept().get()).starts_with("GET ")) << "and closed";
+}
+
+TEST_F(Requests, ThatFindNoDescriptorEndTheProcess) {
+    server_sends(request_frame(7, listener.port));
+    const auto without_descriptors = [this] {
+        const rlimit none{};
+        setrlimit(RLIMIT_NOFILE, &none);
+        rounds(1);
+    };
+    EXPECT_EXIT(without_descriptors(), testing::ExitedWithCode(1), "");
 }
 
 TEST_F(Requests, TheDaemonAnswersOnItsOwnPort) {
