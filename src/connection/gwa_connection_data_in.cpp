@@ -143,7 +143,6 @@ static gwa_step header_done(gwa_connection_data* conn) {
     gwa_counter_add(conn->traffic.bytes_in, GWA_HEADER_SIZE);
     gwa_counter_add(conn->traffic.packets_in, 1);
     conn->heartbeat.last_in_time = gwa_now_get();
-    input.bytes[GWA_HEADER_SIZE] = '\0';  // the dump may print what follows as text
     gwa_protocol_show(input.bytes);
     gwa_protocol_load(input.bytes, &input.header);
     if (gwa_protocol_check(&input.header) != GWA_OK) {
