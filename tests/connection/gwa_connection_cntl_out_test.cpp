@@ -39,7 +39,7 @@ TEST_F(ControlOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
     EXPECT_EQ(restarts, 0) << "a full socket is no failure";
 }
 
-TEST_F(ControlOutput, ASocketThatIsFullOrFails) {
+TEST_F(ControlOutput, WaitsForAFullSocketAndRestartsForAFailedOne) {
     fill_socket();
     gwa_connection_cntl_heartbeat_handle(cntl);
     gwa_connection_cntl_heartbeat_handle(cntl);
