@@ -16,7 +16,7 @@ TEST_F(Restart, RunsTheInitScriptForANewAddress) {
     const std::string mark = device.home.path + "/started";
     file_write(SCRIPT, "#!/bin/sh\necho \"$0 $*\" >" + mark, true);
     ASSERT_TRUE(device.logs("init port info success"));  // the last of the reporters
-    child({"/usr/bin/env", "ip", "address", "add", "10.9.9.9/32", "dev", "lo"}).wait();
+    child({"/usr/bin/env", "ip", "address", "replace", "10.9.9.9/32", "dev", "lo"}).wait();
     EXPECT_TRUE(device.restarts());
     EXPECT_TRUE(eventually([&] { return file_read(mark) == "/etc/init.d/gwadsh start\n"; }));
     EXPECT_EQ(text_count(device.log(), "gwad start"), 1);
