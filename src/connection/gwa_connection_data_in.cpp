@@ -103,7 +103,7 @@ static gwa_step input_failed(gwa_connection_data* conn) {
     } else {
         GWA_LOG(ERROR, "recv failed fd %d %s", conn->socket, strerror(errno));
     }
-    conn->input.more = gwa_more::WAITS;  // should it go on, the next round meets the error again
+    conn->input.more = gwa_more::WAITS;  // should it go on, the next round meets the end
     return begun ? step_failed(conn) : gwa_step::CLOSED;
 }
 

@@ -6,7 +6,7 @@
 
 #include "connection/gwa_connection_data_record.h"
 
-// Makes the record ready for a login: empty lists and counters, a fresh poller. 0 or -1.
+// Makes the record ready for a login: counters at zero, a fresh poller. 0 or -1.
 int gwa_connection_data_init2(gwa_connection_data* conn);
 // Frees streams, queued frames, a half-read payload, the poller and the socket.
 void gwa_connection_data_free(gwa_connection_data* conn);

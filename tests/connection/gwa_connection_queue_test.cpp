@@ -16,8 +16,11 @@ struct named_queue : gwa_output_queue {
         gwa_output_node* const node = &made[count++];
         node->capacity = static_cast<uint32_t>(text[0]);
         node->priority = static_cast<uint32_t>(text[1] - '0');
-        node->stream_id = static_cast<uint32_t>(text[2] - '0');
         node->flags = GWA_NODE_HEARTBEAT;
+        if (text[2] != '0') {  // a stream's, whose id may be 0
+            node->stream_id = static_cast<uint32_t>(text[2] - '1');
+            node->flags |= GWA_NODE_STREAM;
+        }
         node->flags |= text[0] == '!' ? GWA_NODE_PARTLY_SENT : 0U;
         return node;
     }
@@ -40,6 +43,7 @@ TEST(OutputQueue, PriorityInsertGoesBehindTheFirstGreaterAndNeverAheadOfItsOwnSt
         {"!90 A50 X00", "!AX"},
         {"!50 A30 B90 X40", "!ABX"},
         {"Y91 a42 b42 c42", "Yabc"},
+        {"a41 Y92 c41 d41", "aYcd"},
         {"Y91 a42 r00 b42 Z91", "YrabZ"},
         {"Y91 a42 Z91 b23 c42", "YbacZ"},
         {"A91 --- B22 C33 D24", "BCD"},  // emptied, it forgets its highest priority
