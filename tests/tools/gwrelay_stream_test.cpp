@@ -158,7 +158,7 @@ TEST(GwrelayStream, ALateReaderGetsAWholeResponse) {
 }
 
 TEST(GwrelayStream, IsSpreadAndDiesWithItsConnectionOrItsUser) {
-    device box;
+    device box({"--linger-timeout=60"});
     const unique_fd second = data_login(box.hub, "box"), user = box.user();
     unique_fd other = say_to(box.hub.front, GET_BOX);
     EXPECT_EQ(frame_stream(frame_read(second.get())), 2U);
@@ -195,6 +195,10 @@ TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
     }));
     EXPECT_EQ(body(get(box.hub, "/box/80/")), "The device's data connections are full.\n");
     EXPECT_FALSE(taken) << "the relay keeps it all in memory";
+    const unique_fd waiting = say_to(box.hub.front, GET_BOX);
+    EXPECT_TRUE(stays_silent(waiting.get(), A_MOMENT));
+    const unique_fd second = data_login(box.hub, "box");
+    EXPECT_EQ(frame_stream(frame_read(second.get())), 2U);
     std::string arrived, frame;
     while (arrived.size() < upload.size() && !(frame = box.hears()).empty()) {
         arrived += frame_payload(frame);
