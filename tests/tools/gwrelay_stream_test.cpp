@@ -188,7 +188,7 @@ TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
     box.answers("HTTP/1.1 ");
     const std::string upload = noise(MANY_BYTES, 1);
     std::atomic<bool> taken = false;
-    std::thread uploader([&] { taken = write_all(user.get(), upload, 2 * TEST_PATIENCE); });
+    std::jthread uploader([&] { taken = write_all(user.get(), upload, 2 * TEST_PATIENCE); });
     EXPECT_TRUE(eventually([&] {  // no more of it goes to the device
         const std::string before = get(box.hub, "/status.json");
         return stays_silent(box.control.get(), A_MOMENT) && get(box.hub, "/status.json") == before;
@@ -213,7 +213,7 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     const unique_fd reader = box.user(GET_BOX, SMALL_BUFFER);
     const std::string flood = data_frames(1, std::string(MANY_BYTES, 'x'));
     std::atomic<bool> taken = false;
-    std::thread writer([&] { taken = write_all(box.data.get(), flood, 2 * TEST_PATIENCE); });
+    std::jthread writer([&] { taken = write_all(box.data.get(), flood, 2 * TEST_PATIENCE); });
     EXPECT_TRUE(
         eventually([&] { return has(get(box.hub, "/"), "<td>held back by a slow user</td>"); }));
     const unique_fd quick = data_login(box.hub, "box");
