@@ -4,7 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+
 #include "gwad_config.h"
+#include "runtime/gwa_process.h"
 #include "support/child.h"
 
 namespace {
@@ -103,5 +107,22 @@ TEST_F(Arguments, GoToTheBackgroundWithOneMessage) {
         struct stat file {};
         stat(path.c_str(), &file);
         EXPECT_EQ(file.st_mode & 07777, 0666U) << path << " is not for everybody to read";
+    }
+}
+
+TEST_F(Arguments, LetSignalsClearTheRunFlagsAndDisturbNobody) {
+    for (const int number : {SIGINT, SIGTERM}) {
+        child program([&] {
+            parse({"-H", home.path, "-l", log, "-r", "127.0.0.1", "-i", "lo", "-I", "box"});
+            gwa_connection_run = 1;
+            raise(SIGPIPE);
+            raise(number);
+            close(STDOUT_FILENO);  // the next word fails, in the middle of any code
+            errno = 0;
+            raise(number);
+            _exit(errno + gwa_process_run + gwa_connection_run);
+        });
+        EXPECT_EQ(program.wait(), 0);
+        EXPECT_TRUE(program.output().ends_with("\nrecv signal " + std::to_string(number) + "\n"));
     }
 }

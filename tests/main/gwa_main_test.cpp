@@ -68,20 +68,11 @@ TEST_F(Daemon, KeepsItsMessagesOutOfItsLogWhenStartedWithDescriptorsClosed) {
 }
 
 TEST_F(Daemon, EndsWhenAskedTo) {
-    const struct {
-        gwa_jump jump;
-        int signal, status;
-        const char* said;
-    } ways[] = {{GWA_JUMP_EXIT, 0, 0, "\n"},
-                {GWA_JUMP_RESTART, 0, 255, "\n"},
-                {GWA_JUMP_NONE, SIGINT, 0, "\nrecv signal 2\n"},
-                {GWA_JUMP_NONE, SIGTERM, 0, "\nrecv signal 15\n"}};
-    for (const auto& [jump, signal, status, said] : ways) {
+    for (const auto& [jump, status] : {std::pair{GWA_JUMP_EXIT, 0}, {GWA_JUMP_RESTART, 255}}) {
         child program([this, jump = jump] { run(jump); });
         const unique_fd server = login();
         heartbeat_answer(server);
-        EXPECT_EQ(signal == 0 ? program.wait() : program.terminate(TEST_PATIENCE, signal), status);
-        EXPECT_TRUE(program.output().ends_with(said)) << program.output();
+        EXPECT_EQ(program.wait(), status);
     }
 }
 

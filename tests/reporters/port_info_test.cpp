@@ -101,6 +101,10 @@ TEST_F(PortInfo, StartsAnewWithoutLosingADescriptor) {
     };
     const int next = start();
     EXPECT_EQ(start(), next) << "the socket of the start before is closed";
+    port_info_socket_exit();
+    const int other = dup(service.get());  // which gets its number
+    port_info_socket_exit();
+    EXPECT_EQ(close(other), 0) << "closed already, so not once more";
 }
 
 }  // namespace
