@@ -47,8 +47,9 @@ TEST(Discovery, TakesAddressAndPortOrLogsTheWholeReply) {
         {"HTTP/1.1 404\r\n\r\n{\"ret\":1:", NONE, ""},
     };
     for (const auto& [reply, expected, fault] : replies) {
-        const std::string log =
-            log_of([&, &taken = expected] { EXPECT_EQ(parse(reply), taken) << reply; });
+        parsed got;
+        const std::string log = log_of([&, &text = reply] { got = parse(text); });
+        EXPECT_EQ(got, expected) << reply;
         const std::string line = "<3> response " + fault + " error, [" + reply + "]\n";
         EXPECT_EQ(log.find(line) != std::string::npos, !fault.empty()) << log;
     }

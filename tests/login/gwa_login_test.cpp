@@ -18,11 +18,12 @@ TEST(LoginInit, RefusesBadArgumentsWithAReason) {
         {nullptr, nullptr, nullptr, "no-such", "get mac failed\n"},
         {nullptr, nullptr, nullptr, nullptr, "get mac failed\n"},
     };
-    for (const auto& [address, port, local, interface, reason] : refused) {
-        const std::string log = log_of([&, address = address, port = port, local = local] {
-            EXPECT_EQ(gwa_login_init("a", address, port, local, interface, "x"), -1);
+    for (const auto& with : refused) {
+        const std::string log = log_of([&] {
+            EXPECT_EQ(gwa_login_init("a", with.address, with.port, with.local, with.interface, "x"),
+                      -1);
         });
-        EXPECT_TRUE(log.ends_with("<3> " + std::string(reason))) << log;
+        EXPECT_TRUE(log.ends_with("<3> " + std::string(with.reason))) << log;
         gwa_login_exit();
     }
 }

@@ -32,8 +32,9 @@ TEST(ProtocolCheck, AcceptsOrNamesTheFirstFault) {
     for (const auto& [frame, fault] : samples) {
         gwa_header header;
         gwa_protocol_load(frame.bytes, &header);
-        const std::string log = log_of(
-            [&] { EXPECT_EQ(gwa_protocol_check(&header), *fault == '\0' ? 0 : -1) << fault; });
+        int result = 1;
+        const std::string log = log_of([&] { result = gwa_protocol_check(&header); });
+        EXPECT_EQ(result, *fault == '\0' ? 0 : -1) << fault;
         EXPECT_TRUE(log.ends_with(fault)) << log;
     }
 }

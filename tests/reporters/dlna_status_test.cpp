@@ -139,7 +139,7 @@ TEST_F(DlnaStatus, ClientsInAnyStateCostNoStepAndNoDescriptor) {
     unique_fd slow = client(), half = client();
     sends(half, "ab");
     const std::string two_words = bytes_of({0x12345678, 9});
-    for (const size_t byte : {0, 1, 2}) {
+    for (const size_t byte : {0U, 1U, 2U}) {
         EXPECT_EQ(sends(slow, two_words.substr(byte, 1)), words{});
     }
     EXPECT_EQ(sends(slow, two_words.substr(3)), words{9}) << "the last one that is whole";

@@ -167,7 +167,7 @@ TEST_F(TimerWalk, FreesByModeWhenFiredOnceAndWhenDestroyed) {
     static gwa_timer* timer;
     static int (*action)(gwa_timer*);  // when it fires
     const auto act = [](void*) { std::exchange(action, nullptr)(timer); };
-    for (const uint32_t mode : {0, 4, 8, 12}) {
+    for (const uint32_t mode : {0U, 4U, 8U, 12U}) {
         for (const auto last : {gwa_timer_stop, gwa_timer_destroy}) {
             void* const argument = malloc(1);
             ASSERT_EQ(gwa_timer_init(act, argument, 1, mode, list, &timer), 0);

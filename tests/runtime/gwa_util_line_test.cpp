@@ -37,7 +37,8 @@ struct two_ends {  // what is written to one is read from the other
 };
 
 std::string numbered_line(int number) {
-    return "line " + std::to_string(number) + " " + std::string(number % 200 + 1, '0') + "\n";
+    const size_t zeroes = static_cast<size_t>(number) % 200 + 1;
+    return "line " + std::to_string(number) + " " + std::string(zeroes, '0') + "\n";
 }
 
 // Reads what there is, and goes on for as long as the mark is not there.
@@ -108,12 +109,12 @@ TEST(LineSink, CutsALineThatDoesNotFitAndKeepsItsEnd) {
     char line[16];
     gwa_line_sink sink{.buffer = line};
     gwa_line_open(&sink, ends.writer.get());
-    for (const int width : {13, 14, 15, 100}) {
+    for (const size_t width : {13U, 14U, 15U, 100U}) {
         ASSERT_TRUE(gwa_line_begin(&sink));
-        gwa_line_add(&sink, "%0*d", width, 0);
+        gwa_line_add(&sink, "%s", std::string(width, '0').c_str());
         gwa_line_add(&sink, "\n");
         gwa_line_end(&sink);
-        const std::string expected = std::string(std::min(width, 14), '0') + "\n";
+        const std::string expected = std::string(std::min<size_t>(width, 14), '0') + "\n";
         EXPECT_EQ(read_until(ends.reader.get(), "\n"), expected);
     }
     gwa_line_close(&sink);

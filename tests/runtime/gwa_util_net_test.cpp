@@ -9,3 +9,8 @@ TEST(Interface, TellsTheHardwareAddressOfTheLoopback) {
         EXPECT_EQ(byte, 0);
     }
 }
+
+TEST(Resolve, KnowsNoOtherAddressesThanThoseOfFourBytes) {
+    EXPECT_EQ(gwa_getaddrinfo("192.0.2.7", nullptr, nullptr, 0), 0);
+    EXPECT_NE(gwa_getaddrinfo("::1", nullptr, nullptr, 0), 0);
+}
