@@ -76,6 +76,7 @@ TEST(LineSink, DropsWholeLinesWhileNobodyReadsAndBlocksNowhere) {
             SCOPED_TRACE(std::string(kind) + (private_descriptor ? "" : ", shared"));
             const two_ends ends(kind);
             const int fd = ends.writer.get(), flags = fcntl(fd, F_GETFL);
+            const int next = unique_fd(dup(fd)).get();
             char line[256];
             gwa_line_sink sink{.buffer = line};
             gwa_line_open(&sink, fd);
@@ -100,6 +101,7 @@ TEST(LineSink, DropsWholeLinesWhileNobodyReadsAndBlocksNowhere) {
             EXPECT_GT(lines_in(text), 2);
             EXPECT_LT(lines_in(text), LINES) << "it held them all";
             gwa_line_close(&sink);
+            EXPECT_EQ(unique_fd(dup(fd)).get(), next) << "a private descriptor is still open";
         }
     }
 }
