@@ -171,31 +171,28 @@ static bool wants_wakeup(const gwa_stream& stream) {
     return has_more(stream) || stream.more == gwa_more::WAITS;
 }
 
-// Reads a frame from every stream that `wants` it, in turn, until the budget is used up. The last
-// one that was read, or `last`.
-static list_link* read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&),
-                            int* budget, list_link* last) {
+struct wakeup_pass {
+    int frames;       // that may still be read
+    list_link* last;  // the stream that was read last, or the head
+    bool more;        // a stream could go on at once
+};
+
+// Reads a frame from every stream that `wants` it, in turn.
+static void read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&),
+                      wakeup_pass* pass) {
+    pass->more = false;
     for (gwa_stream& stream : *streams) {
-        if (*budget > 0 && wants(stream)) {
+        if (pass->frames > 0 && wants(stream)) {
             const bool reads = !memory_is_short(&stream);
             GWA_LOG(DEBUG, "wakeup stream socket %d", stream.socket);
             gwa_stream_local_in_handle(&stream);
             if (reads) {
-                last = &stream;
-                --*budget;
+                pass->last = &stream;
+                pass->frames--;
             }
         }
+        pass->more = pass->more || has_more(stream);
     }
-    return last;
-}
-
-static bool any_has_more(list<gwa_stream>* streams) {
-    for (const gwa_stream& stream : *streams) {
-        if (has_more(stream)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
@@ -203,16 +200,17 @@ gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
         GWA_LOG(ERROR, "head is null");
         return gwa_more::DRAINED;
     }
+    wakeup_pass pass{frames, &streams->head, false};
     // Who waits for memory or has failed is tried once a pass.
-    list_link* last = read_turn(streams, wants_wakeup, &frames, &streams->head);
-    while (frames > 0 && any_has_more(streams)) {
-        last = read_turn(streams, has_more, &frames, last);
+    read_turn(streams, wants_wakeup, &pass);
+    while (pass.frames > 0 && pass.more) {
+        read_turn(streams, has_more, &pass);
     }
-    if (last != &streams->head) {
+    if (pass.last != &streams->head) {
         list_unlink(streams->head);
-        list_insert_before(*last->next, streams->head);
+        list_insert_before(*pass.last->next, streams->head);
     }
-    return any_has_more(streams) ? gwa_more::HAS_MORE : gwa_more::DRAINED;
+    return pass.more ? gwa_more::HAS_MORE : gwa_more::DRAINED;
 }
 
 void gwa_stream_strip(gwa_stream* stream) {
