@@ -57,7 +57,7 @@ TEST(GwrelayPage, TellsProgramsAndPeopleWhatItKnows) {
           "<tr><td></td><td>2</td><td>8080</td><td>GET /%3Cb%ff%3E/8080/&#38;</td>"
           "<td>1.0 MiB</td><td>69 B</td></tr>\n</table>\n<h2>x</h2>\n<table>\n"
           "<tr><th>control connection</th><td><b class=\"down\">down</b></td></tr>\n"}) {
-        EXPECT_TRUE(has(page, part)) << part << " in " << page;
+        EXPECT_TRUE(has(page, part)) << testing::PrintToString(part + (" in " + page));
     }
 }
 
