@@ -114,7 +114,8 @@ TEST(GwrelayStream, MendsTheHeadOfADiagnostic) {
     device box({}, true);  // at its own port no question comes along
     for (const char* reason : {"200 OK", "404 File Not Found", "503 Gateway Internal Error"}) {
         const unique_fd user = box.user("GET /box/10010/" + HTTP + "\r\n");
-        const std::string head = "HTTP/1.1 "s + reason + "\r\nContent-Length:3\r\n\r\n";
+        std::string head = "HTTP/1.1 "s + reason + "\r\nContent-Length:3\r\nX: \r\n\r\n";
+        head.insert(head.size() - 4, PAYLOAD_MAX - head.size(), 'x');  // as long as one may be
         std::string sent = head;
         sent.replace(12, 4, be32(static_cast<uint32_t>(head.size())));
         box.says(frame_bytes(DATA, box.stream) + sent.substr(0, 20));
