@@ -24,9 +24,7 @@ constexpr int32_t STREAM_IDLE_S = 300;
 int gwa_connection_data_init2(gwa_connection_data* conn) {
     conn->closed = false;
     conn->socket = -1;
-    conn->streams.count.store(0, std::memory_order_relaxed);
     conn->streams.more = gwa_more::DRAINED;
-    conn->output.count.store(0, std::memory_order_relaxed);
     conn->output.held_passes = 0;
     conn->heartbeat_resp = conn->heartbeat.seq;
     if (poll_init(&conn->poller) != GWA_OK) {

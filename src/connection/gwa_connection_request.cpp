@@ -29,7 +29,6 @@ constexpr size_t URI_SIZE = 4096;
 constexpr size_t PARAMETER_SIZE = 128;
 constexpr int LOCAL_PORT_MAX = 65534;  // oddity 7
 constexpr int CONNECT_LIMIT_S = 10;
-constexpr int LOCAL_SEND_BUFFER = 0x20000;  // bytes, in the kernel, of what a service has not taken
 constexpr int32_t DEFAULT_PRIORITY = 4;
 
 struct request {
@@ -155,11 +154,9 @@ static void stream_feed(gwa_stream* stream, payload_owner* payload) {
 // The socket is connected: the record becomes a stream and the request its first payload.
 static void stream_begin(gwa_stream* stream, int fd, payload_owner* payload) {
     gwa_connection_data* const conn = stream->connection;
-    gwa_socket_nonblock(fd);
     // Exception 40: a request in several frames must not wait for delayed acknowledgements.
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &LOCAL_SEND_BUFFER, sizeof LOCAL_SEND_BUFFER);
     stream->socket = fd;
     gwa_stream_add(&conn->streams.all, stream);
     conn->streams.count.fetch_add(1, std::memory_order_relaxed);

@@ -53,4 +53,28 @@ TEST_F(GivenUpStreams, UploadsAreBoundedAndWhoTakesNothingLosesHisStream) {
     EXPECT_EQ(conn->streams.waiting, 0U);
 }
 
+// A hold lasts two minutes at the most, and its time is not the frame's.
+TEST_F(GivenUpStreams, AServiceThatTakesLittleHasTwoMinutes) {
+    const gwa_stream* const slow = open_stream(1);
+    constexpr size_t LITTLE = 1 << 17;  // enough for its window to open a little
+    const std::string piece(GWA_PAYLOAD_MAX, 'u');
+    const std::string last = frame_bytes(DATA, 1, piece);
+    while (conn->streams.waiting <= (2 << 20) && !HasFailure()) {
+        server_sends(last);
+        rounds(1);
+    }
+    server_sends(last.substr(0, 99));
+    for (int seconds = 0; seconds <= 120; seconds += 30) {
+        EXPECT_EQ(gwa_stream_find_by_id(&conn->streams.all, 1), slow) << seconds;
+        EXPECT_EQ(read_exact(accepted.get(), LITTLE).size(), LITTLE);
+        set_clock(START + seconds);
+        heard_and_said_at(START + seconds);
+        rounds(1);
+    }
+    EXPECT_TRUE(gwa_stream_is_gone(conn, 1));
+    rounds(1);
+    server_sends(last.substr(99));
+    EXPECT_EQ(reply_to(debug_request(2)), debug_answer(2)) << "the connection is in step";
+}
+
 }  // namespace

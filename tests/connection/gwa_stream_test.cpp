@@ -45,6 +45,11 @@ TEST_F(Streams, ACloseByTheServiceEndsNothingAndIsToldOnce) {
         rounds(5);
     });
     EXPECT_EQ(said.size(), 1U);
+    for (int i = 0; i < 2; i++) {  // the first one finds out that nobody takes them any more
+        server_sends(frame_bytes(DATA, 5, "late"));
+        rounds(2);
+    }
+    EXPECT_EQ(conn->streams.waiting, 0U) << "what nobody takes is not kept";
     EXPECT_EQ(conn->streams.count, 1);
     EXPECT_EQ(sent(), "");
 }
