@@ -203,11 +203,12 @@ check_memory() {
     [ $((idle - libc)) -le "$MEMORY_LIMIT_KB" ] || fail "more than $MEMORY_LIMIT_KB kB"
 }
 
-# smaller_of A B
+# smaller_of A B, larger_of A B
 smaller_of() { echo $(($1 < $2 ? $1 : $2)); }
+larger_of() { echo $(($1 > $2 ? $1 : $2)); }
 
-# check_growth LOAD LIMIT_KB: loads four times. The allocator may hold more than it needs at any time,
-# so of the first two and of the last two the smaller figure counts.
+# check_growth LOAD LIMIT_KB: loads four times. The heap is as large as the greatest need so far, and
+# loads differ in that: what the last two have in common must not exceed the first two.
 check_growth() {
     local pid now memory=() descriptors=() growth
     pid=$(gwad_pid) || return 1
@@ -219,7 +220,7 @@ check_growth() {
         descriptors+=("$(descriptors_of "$pid")")
     done
     say "    resident kB after each load: ${memory[*]}; descriptors: ${descriptors[*]}"
-    growth=$(($(smaller_of "${memory[@]:2}") - $(smaller_of "${memory[@]:0:2}")))
+    growth=$(($(smaller_of "${memory[@]:2}") - $(larger_of "${memory[@]:0:2}")))
     [ "$growth" -le "$2" ] || fail "memory grows by $growth kB, allowed are $2" || return 1
     [ "${descriptors[3]}" -le "${descriptors[0]}" ] || fail "descriptors leak"
 }
