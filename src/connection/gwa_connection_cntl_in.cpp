@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int FRAMES_PER_EVENT = 64;
+constexpr int FRAMES_PER_EVENT = 64;  // exception 68
 constexpr int32_t SECONDS_PER_EVENT = 2;
 constexpr int64_t REST_LIMIT_US = 10'000'000;
 constexpr int WAIT_SLICE_MS = 50;  // how late a rest is found on a kernel that tells of none

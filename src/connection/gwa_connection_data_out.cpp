@@ -159,7 +159,7 @@ void gwa_connection_data_heartbeat_handle(gwa_connection_data* conn) {
     if (gwa_connection_enqueue_if_empty(&conn->output.queue, node) == 1) {
         GWA_LOG(INFO, "insert a heartbeat into conn %d", conn->id);
     } else {
-        conn->heartbeat.seq--;  // not sent, so nobody will answer this number
+        conn->heartbeat.seq--;  // not sent, so nobody would answer this number: exception 67
     }
 }
 

@@ -145,7 +145,7 @@ static int reply_get(uint32_t server, char (&reply)[MESSAGE_SIZE]) {
                  gwa_device_id, dotted(server, text), gwa_login.server_port);
     const size_t length = std::min(static_cast<size_t>(formatted), sizeof request - 1);
 
-    // Non-blocking from the start, so that the connect keeps its limit.
+    // Exception 62: non-blocking from the start, so that the connect keeps its limit.
     const scoped_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd.fd == -1) {
         GWA_LOG(ERROR, "socket failed, %s", strerror(errno));

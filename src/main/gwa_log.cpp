@@ -20,7 +20,7 @@ constexpr size_t STAMP_SIZE = 64;
 constexpr mode_t FOR_EVERYBODY = 0666;  // less what the process's mask takes away
 
 gwa_mutex log_lock;
-char line[8192];  // holds every line but one that quotes an endless option
+char line[8192];  // holds every line but one that quotes an endless option: exception 64
 gwa_line_sink log_sink GWA_GUARDED_BY(log_lock){.fd = STDERR_FILENO, .buffer = line};
 bool to_standard_error GWA_GUARDED_BY(log_lock) = true;
 

@@ -58,8 +58,8 @@ static void signals_reset() {
     while (nanosleep(&left, &left) == -1 && errno == EINTR) {
     }
     execl(GWAD_INIT_SCRIPT, "gwadsh", "start", static_cast<char*>(nullptr));
-    // No init script, as on a developer's machine: a relay client that comes back by itself is
-    // better than one that stays down.
+    // Exception 65: no init script, as on a developer's machine: a relay client that comes back by
+    // itself is better than one that stays down.
     if (program_arguments != nullptr) {
         execv(program, program_arguments);
     }

@@ -38,5 +38,6 @@ void dlna_client_end(dlna_client_pool* pool, dlna_client* client);
 // The client of a descriptor, which has shown a sign of life; null when it has given way.
 dlna_client* dlna_client_heard(dlna_client_pool* pool, int fd);
 // Reads what waits; the last whole word, if there is one, goes to `word`. The beginning of a word
-// is kept for the next event, so that a client that writes byte by byte keeps its step.
+// is kept for the next event, so that a client that writes byte by byte keeps its step (exception
+// 63).
 dlna_read dlna_client_words_read(dlna_client* client, uint32_t* word);

@@ -10,7 +10,7 @@
 namespace {
 
 gwa_mutex print_lock;  // guards the line; the way to it is chosen before there is a second thread
-char line[512];
+char line[512];        // exception 64
 gwa_line_sink output{.fd = STDOUT_FILENO, .buffer = line};
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t HEAD_SIZE_MIN = 18;    // "GET / HTTP/1.0" and an empty line
 constexpr size_t HEAD_SIZE_MAX = 4096;  // of a request head that is examined
-constexpr size_t LOGGED_URL_MAX = 255;  // a log line need not hold more
+constexpr size_t LOGGED_URL_MAX = 255;  // a log line need not hold more: exception 64
 
 constexpr std::string_view METHODS[] = {"GET ", "POST ", "HEAD "};
 
