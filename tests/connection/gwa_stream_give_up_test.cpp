@@ -11,8 +11,8 @@ using GivenUpStreams = data_floor;
 // on.
 TEST_F(GivenUpStreams, UploadsAreBoundedAndWhoTakesNothingLosesHisStream) {
     constexpr uint32_t BOUND = 2 << 20;
-    open_stream(1);
-    const unique_fd stuck = std::move(accepted);
+    gwa_stream* const deaf = open_stream(1);
+    const unique_fd takes_nothing = std::move(accepted);
     gwa_stream* const slow = open_stream(2);
     const unique_fd takes_little = std::move(accepted);
     open_stream(3);
@@ -32,7 +32,8 @@ TEST_F(GivenUpStreams, UploadsAreBoundedAndWhoTakesNothingLosesHisStream) {
     using lines = std::vector<std::string>;
     EXPECT_EQ(said(29), lines());
     EXPECT_EQ(conn->input.more, gwa_more::WAITS);
-    EXPECT_EQ(read_exact(takes_little.get(), 1 << 10).size(), size_t{1 << 10});
+    deaf->left = deaf->waiting;  // the kernel may acknowledge late
+    slow->left++;                // as if its service had taken that byte since the last look
     EXPECT_EQ(said(30), lines{"<3> local service takes too little, stream id 1"});
     EXPECT_EQ(read_exact(accepted.get(), 4), "late");
     EXPECT_LT(conn->streams.waiting, BOUND);
@@ -47,7 +48,7 @@ TEST_F(GivenUpStreams, UploadsAreBoundedAndWhoTakesNothingLosesHisStream) {
     EXPECT_NE(open_stream(1), nullptr);
     EXPECT_EQ(conn->streams.count, 3);
     // When all take a little, the one for which most is waiting makes room.
-    EXPECT_EQ(read_exact(takes_little.get(), 1 << 10).size(), size_t{1 << 10});
+    slow->left++;
     gwa_stream_give_up_stuck(conn, true);
     EXPECT_TRUE(gwa_stream_is_gone(conn, 2));
     EXPECT_EQ(conn->streams.waiting, 0U);
@@ -64,7 +65,7 @@ TEST_F(GivenUpStreams, AServiceThatTakesLittleHasTwoMinutes) {
     server_sends(last.substr(0, 99));
     for (int seconds = 0; seconds <= 120; seconds += 30) {
         EXPECT_FALSE(gwa_stream_is_gone(conn, 1)) << seconds;
-        slow->left++;  // as if the service had taken that byte since the last look
+        slow->left++;
         set_clock(START + seconds);
         heard_and_said_at(START + seconds);
         rounds(1);
