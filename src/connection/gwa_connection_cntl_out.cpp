@@ -46,16 +46,17 @@ static void sent_whole(gwa_connection_cntl* cntl, gwa_output_node* node) {
     gwa_counter_add(cntl->traffic.packets_out, 1);
 }
 
-// Sends one node. False: the pass ends.
-static bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
+// Sends a batch of one node. False: it must go back, and the pass ends.
+static bool send_node(gwa_connection_cntl* cntl, list<gwa_output_node>* batch) {
+    gwa_output_node* const node = batch->first();
     GWA_LOG(DEBUG, "send data to remote server");
     if ((node->flags & GWA_NODE_PARTLY_SENT) == 0) {
         gwa_protocol_show(node->data);
     }
-    int expected = 0;
-    int sent = 0;
-    switch (gwa_connection_node_send(&cntl->output, node, cntl->socket, &cntl->traffic, &expected,
-                                     &sent)) {
+    const auto expected = static_cast<int>(node->remaining);
+    ssize_t bytes = gwa_connection_batch_send(batch, cntl->socket, &cntl->traffic);
+    const auto sent = static_cast<int>(bytes);
+    switch (gwa_connection_node_sent(node, &bytes)) {
         case gwa_sent::FAILED:
             GWA_LOG(DEBUG, "send to remote socket error fd %d %s", cntl->socket, strerror(errno));
             gwa_connection_cntl_reinit(cntl);
@@ -74,7 +75,6 @@ static bool send_node(gwa_connection_cntl* cntl, gwa_output_node* node) {
     }
     cntl->heartbeat.last_out_time = gwa_now_get();
     GWA_LOG(DEBUG, "the data were sended completely expect %d", expected);
-    sent_whole(cntl, node);
     return true;
 }
 
@@ -87,9 +87,14 @@ void gwa_connection_cntl_remote_out_handle(gwa_connection_cntl* cntl) {
         return;
     }
     while (gwa_output_node* const node = gwa_connection_dequeue(&cntl->output)) {
-        if (!send_node(cntl, node)) {
+        list<gwa_output_node> batch;
+        batch.push_back(*node);
+        if (!send_node(cntl, &batch)) {
+            gwa_connection_put_back(&cntl->output, &batch);
             return;
         }
+        list_unlink(*node);
+        sent_whole(cntl, node);
     }
 }
 

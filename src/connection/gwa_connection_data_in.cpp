@@ -8,7 +8,6 @@
 #include "connection/gwa_stream_give_up.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
-#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_text.h"
 #include "runtime/gwa_util_time.h"
 
@@ -64,7 +63,7 @@ static gwa_step input_held(gwa_connection_data* conn) {
         gwa_stream_give_up_stuck(conn, input.held_looks++ % LOOKS_MAX == 0);
         input.last_look = now;
     }
-    input.begun = gwa_time_seconds();
+    gwa_input_step_stand_still(&input);
     input.more = gwa_more::WAITS;
     return gwa_step::GOES_ON;
 }
@@ -130,7 +129,6 @@ static gwa_step expect_heartbeat(gwa_connection_data* conn, uint32_t length) {
 
 static gwa_step expect_payload(gwa_connection_data* conn, uint32_t length) {
     if (length > 0) {
-        conn->input.payload = static_cast<uint8_t*>(GWA_MALLOC(length));
         gwa_connection_memory_charge(conn, length);
         gwa_input_step_begin(&conn->input, gwa_input_step::PAYLOAD, length);
     }
@@ -140,14 +138,16 @@ static gwa_step expect_payload(gwa_connection_data* conn, uint32_t length) {
 // A whole header is there: counts and checks it and says what comes next.
 static gwa_step header_done(gwa_connection_data* conn) {
     gwa_data_input& input = conn->input;
+    uint8_t shown[GWA_HEADER_SIZE + 1] = {};  // terminated: a text may be looked for behind it
+    memcpy(shown, gwa_input_step_take(&input), GWA_HEADER_SIZE);
     gwa_counter_add(conn->traffic.bytes_in, GWA_HEADER_SIZE);
     gwa_counter_add(conn->traffic.packets_in, 1);
     conn->heartbeat.last_in_time = gwa_now_get();
-    gwa_protocol_show(input.bytes);
-    gwa_protocol_load(input.bytes, &input.header);
+    gwa_protocol_show(shown);
+    gwa_protocol_load(shown, &input.header);
     if (gwa_protocol_check(&input.header) != GWA_OK) {
         GWA_LOG(ERROR, "protcol check failed, conn %d", conn->id);
-        gwa_hexdump(input.bytes, GWA_HEADER_SIZE);
+        gwa_hexdump(shown, GWA_HEADER_SIZE);
         return gwa_step::CLOSED;
     }
     gwa_input_next_frame(&input);
@@ -166,7 +166,7 @@ static gwa_step header_done(gwa_connection_data* conn) {
 }
 
 static gwa_step heartbeat_done(gwa_connection_data* conn) {
-    const uint32_t sequence = load_be32(conn->input.bytes);
+    const uint32_t sequence = load_be32(gwa_input_step_take(&conn->input));
     gwa_counter_add(conn->traffic.bytes_in, GWA_HEARTBEAT_PAYLOAD);
     if (sequence + 1 != conn->heartbeat.seq) {
         GWA_LOG(FATAL, "heartbeat response not match, seq = %u, must %u", sequence,
@@ -180,11 +180,12 @@ static gwa_step heartbeat_done(gwa_connection_data* conn) {
 
 static gwa_step payload_done(gwa_connection_data* conn) {
     gwa_data_input& input = conn->input;
-    uint8_t* const payload = input.payload;
-    input.payload = nullptr;  // the dispatch owns it
-    gwa_counter_add(conn->traffic.bytes_in, input.header.length);
+    const uint32_t length = input.header.length;
+    const uint8_t* const payload = gwa_input_step_take(&input);
+    gwa_counter_add(conn->traffic.bytes_in, length);
     gwa_input_next_frame(&input);  // before the dispatch, which may order a discard instead
-    gwa_connection_remote_data_parse(conn, &input.header, payload, input.header.length);
+    gwa_connection_remote_data_parse(conn, &input.header, payload, length);
+    gwa_connection_memory_release(conn, length);
     return gwa_step::GOES_ON;
 }
 

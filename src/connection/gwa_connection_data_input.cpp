@@ -1,9 +1,11 @@
 #include "connection/gwa_connection_data_input.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "runtime/gwa_util_time.h"
 
@@ -13,15 +15,21 @@ constexpr int HEADER_LIMIT_S = 10;
 constexpr int HEARTBEAT_LIMIT_S = 10;
 constexpr int PAYLOAD_LIMIT_S = 120;
 constexpr int DISCARD_LIMIT_S = 120;
-constexpr size_t SCRATCH_SIZE = 2048;
 
 }  // namespace
 
 void gwa_input_step_begin(gwa_data_input* input, gwa_input_step step, uint32_t want) {
     input->step = step;
-    input->have = 0;
+    input->discarded = 0;
     input->want = want;
-    input->begun = gwa_time_seconds();
+    input->begun = gwa_data_input::NOT_WAITED;
+}
+
+void gwa_input_reset(gwa_data_input* input) {
+    input->more = gwa_more::DRAINED;
+    input->held_looks = 0;
+    input->ahead.begin = input->ahead.end = 0;
+    gwa_input_next_frame(input);
 }
 
 void gwa_input_next_frame(gwa_data_input* input) {
@@ -29,7 +37,7 @@ void gwa_input_next_frame(gwa_data_input* input) {
 }
 
 bool gwa_input_frame_has_begun(const gwa_data_input* input) {
-    return input->step != gwa_input_step::HEADER || input->have > 0;
+    return input->step != gwa_input_step::HEADER || input->ahead.end > input->ahead.begin;
 }
 
 // How long a step may take.
@@ -46,43 +54,71 @@ static int step_limit_s(gwa_input_step step) {
 
 bool gwa_input_step_is_late(gwa_data_input* input) {
     const int64_t now = gwa_time_seconds();
-    input->begun = std::min(input->begun, now);
+    input->begun = input->begun == gwa_data_input::NOT_WAITED ? now : std::min(input->begun, now);
     return now >= input->begun + step_limit_s(input->step);
 }
 
-// Where the next bytes of the current step go; a discard gets rid of them.
-static uint8_t* step_target(gwa_data_input* input, uint8_t (&scratch)[SCRATCH_SIZE]) {
-    switch (input->step) {
-        case gwa_input_step::HEADER:
-        case gwa_input_step::HEARTBEAT: return input->bytes + input->have;
-        case gwa_input_step::PAYLOAD: return input->payload + input->have;
-        case gwa_input_step::DISCARD:
-        case gwa_input_step::EXTRA_DISCARD: break;
-    }
-    return scratch;
+void gwa_input_step_stand_still(gwa_data_input* input) {
+    input->begun = gwa_data_input::NOT_WAITED;
 }
+
+static uint32_t arrived(const gwa_read_ahead& ahead) { return ahead.end - ahead.begin; }
 
 static bool step_discards(gwa_input_step step) {
     return step == gwa_input_step::DISCARD || step == gwa_input_step::EXTRA_DISCARD;
 }
 
+// Whether the current step has all of its bytes. A discard gets rid of them as they come.
+static bool step_is_complete(gwa_data_input* input) {
+    gwa_read_ahead& ahead = input->ahead;
+    if (!step_discards(input->step)) {
+        return arrived(ahead) >= input->want;
+    }
+    const uint32_t count = std::min(arrived(ahead), input->want - input->discarded);
+    ahead.begin += count;
+    input->discarded += count;
+    return input->discarded == input->want;
+}
+
+// Moves what is there to the front, so that as much as possible can come behind it.
+static void make_room(gwa_read_ahead* ahead) {
+    const uint32_t count = arrived(*ahead);
+    memmove(ahead->bytes, ahead->bytes + ahead->begin, count);
+    ahead->begin = 0;
+    ahead->end = count;
+}
+
 gwa_input_fill gwa_input_step_fill(gwa_data_input* input, int fd) {
-    uint8_t scratch[SCRATCH_SIZE];
-    while (input->have < input->want) {
-        const size_t missing = input->want - input->have;
-        const size_t room =
-            step_discards(input->step) ? std::min(missing, sizeof scratch) : missing;
-        const ssize_t got = recv(fd, step_target(input, scratch), room, 0);
+    gwa_read_ahead& ahead = input->ahead;
+    while (!step_is_complete(input)) {
+        make_room(&ahead);
+        const ssize_t got = recv(fd, ahead.bytes + ahead.end, gwa_read_ahead::SIZE - ahead.end, 0);
         if (got == 0) {
             return gwa_input_fill::CLOSED;
         }
         if (got == -1) {
             return errno == EAGAIN ? gwa_input_fill::BLOCKED : gwa_input_fill::FAILED;
         }
-        if (!gwa_input_frame_has_begun(input)) {
-            input->begun = gwa_time_seconds();  // of a header: with its first byte
-        }
-        input->have += static_cast<uint32_t>(got);
+        ahead.end += static_cast<uint32_t>(got);
     }
     return gwa_input_fill::DONE;
+}
+
+uint8_t* gwa_input_step_take(gwa_data_input* input) {
+    uint8_t* const bytes = input->ahead.bytes + input->ahead.begin;
+    input->ahead.begin += input->want;
+    return bytes;
+}
+
+bool gwa_input_continues(const gwa_data_input* input) {
+    const gwa_read_ahead& ahead = input->ahead;
+    if (arrived(ahead) < GWA_HEADER_SIZE) {
+        return false;
+    }
+    gwa_header next;
+    gwa_protocol_load(ahead.bytes + ahead.begin, &next);
+    const uint32_t length = ntohl(next.length);
+    return ntohs(next.command) == static_cast<uint16_t>(gwa_command::DATA) &&
+           ntohl(next.stream_id) == input->header.stream_id && length > 0 &&
+           length <= arrived(ahead) - GWA_HEADER_SIZE;
 }

@@ -66,38 +66,56 @@ static policy traffic_policy(gwa_connection_data* conn) {
     return policy::SEND;
 }
 
-// Sends one node. The state says how the socket took it: DRAINED, if the pass can go on.
-static gwa_step send_node(gwa_connection_data* conn, gwa_output_node* node, bool sent_any) {
+// A frame that was offered to the socket: `bytes` were taken of it and of those behind it. The
+// state says how: DRAINED, if the frame can go.
+static gwa_step node_offered(gwa_connection_data* conn, gwa_output_node* node, ssize_t* bytes,
+                             bool sent_any) {
     gwa_data_output& output = conn->output;
-    if ((node->flags & GWA_NODE_PARTLY_SENT) == 0) {
-        gwa_protocol_show(node->data);
-    }
-    int expected = 0;
-    int sent = 0;
-    switch (gwa_connection_node_send(&output.queue, node, conn->socket, &conn->traffic, &expected,
-                                     &sent)) {
+    const auto expected = static_cast<int>(node->remaining);
+    switch (gwa_connection_node_sent(node, bytes)) {
         case gwa_sent::FAILED:
             GWA_LOG(DEBUG, "send to remote socket error fd %d %s", conn->socket, strerror(errno));
             return gwa_step::CLOSED;
         case gwa_sent::NOTHING:
-            if (sent == 0) {
-                GWA_LOG(INFO, "send to remote socket return 0");
-            }
             output.state = sent_any ? gwa_out_state::PARTLY_SENT : gwa_out_state::BLOCKED;
             return gwa_step::GOES_ON;
-        case gwa_sent::PART:
+        case gwa_sent::PART: {
+            const auto remaining = static_cast<int>(node->remaining);
             conn->heartbeat.last_out_time = gwa_now_get();
             output.state = gwa_out_state::PARTLY_SENT;
             GWA_LOG(DEBUG, "the data were not sended completely expect %d, but %d, remain %d",
-                    expected, sent, expected - sent);
+                    expected, expected - remaining, remaining);
             return gwa_step::GOES_ON;
+        }
         case gwa_sent::WHOLE: break;
     }
     conn->heartbeat.last_out_time = gwa_now_get();
     output.state = gwa_out_state::DRAINED;
-    GWA_LOG(DEBUG, "the data were sended completely %d", sent);
-    gwa_connection_data_node_release(conn, node);
+    GWA_LOG(DEBUG, "the data were sended completely %d", expected);
     gwa_counter_add(conn->traffic.packets_out, 1);
+    return gwa_step::GOES_ON;
+}
+
+// Sends a batch, and releases what has left. `sent_any`: whether this pass has sent before.
+static gwa_step send_batch(gwa_connection_data* conn, list<gwa_output_node>* batch, bool sent_any) {
+    ssize_t bytes = gwa_connection_batch_send(batch, conn->socket, &conn->traffic);
+    if (bytes == 0) {
+        GWA_LOG(INFO, "send to remote socket return 0");
+    }
+    while (gwa_output_node* const node = batch->first()) {
+        if ((node->flags & GWA_NODE_PARTLY_SENT) == 0) {
+            gwa_protocol_show(node->data);
+        }
+        if (node_offered(conn, node, &bytes, sent_any) == gwa_step::CLOSED) {
+            return gwa_step::CLOSED;
+        }
+        if (gwa_connection_data_is_blocked(conn)) {
+            break;
+        }
+        list_unlink(*node);
+        gwa_connection_data_node_release(conn, node);
+        sent_any = true;
+    }
     return gwa_step::GOES_ON;
 }
 
@@ -107,20 +125,22 @@ gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn) {
         case policy::HOLD: return gwa_step::GOES_ON;
         case policy::FAILED: return gwa_step::CLOSED;
     }
+    gwa_output_queue& queue = conn->output.queue;
     conn->output.state = gwa_out_state::DRAINED;
+    gwa_step step = gwa_step::GOES_ON;
     for (bool sent_any = false; gwa_connection_running(); sent_any = true) {
-        gwa_output_node* const node = gwa_connection_dequeue(&conn->output.queue);
-        if (node == nullptr) {
+        list<gwa_output_node> batch;
+        gwa_connection_dequeue_batch(&queue, &batch);
+        if (batch.empty()) {
             break;
         }
-        if (send_node(conn, node, sent_any) == gwa_step::CLOSED) {
-            return gwa_step::CLOSED;
-        }
-        if (gwa_connection_data_is_blocked(conn)) {
+        step = send_batch(conn, &batch, sent_any);
+        gwa_connection_put_back(&queue, &batch);
+        if (step == gwa_step::CLOSED || gwa_connection_data_is_blocked(conn)) {
             break;
         }
     }
-    return gwa_step::GOES_ON;
+    return step;
 }
 
 bool gwa_connection_data_is_blocked(const gwa_connection_data* conn) {

@@ -1,11 +1,10 @@
 #include "connection/gwa_connection_data_round.h"
 
-#include <cstdlib>
-
 #include "connection/gwa_connection_data_addr.h"
 #include "connection/gwa_connection_data_in.h"
 #include "connection/gwa_connection_data_out.h"
 #include "connection/gwa_stream_give_up.h"
+#include "connection/gwa_stream_in.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_time.h"
@@ -35,19 +34,18 @@ int gwa_connection_data_init2(gwa_connection_data* conn) {
     return GWA_OK;
 }
 
-static void free_half_read_payload(gwa_connection_data* conn) {
-    if (conn->input.payload != nullptr) {
+static void forget_input(gwa_connection_data* conn) {
+    if (conn->input.step == gwa_input_step::PAYLOAD) {
         gwa_connection_memory_release(conn, conn->input.header.length);
-        free(conn->input.payload);
     }
-    conn->input = {};
+    gwa_input_reset(&conn->input);
 }
 
 void gwa_connection_data_free(gwa_connection_data* conn) {
     GWA_LOG(DEBUG, "connection data id %d free ...", conn->id);
     gwa_stream_free_all(&conn->streams.all);
     gwa_stream_forget_all(conn);
-    free_half_read_payload(conn);
+    forget_input(conn);
     gwa_connection_queue_sweep(
         &conn->output.queue, [](const gwa_output_node&) { return true; },
         [conn](gwa_output_node* node) { gwa_connection_data_node_release(conn, node); });

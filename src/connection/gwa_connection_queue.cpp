@@ -1,6 +1,7 @@
 #include "connection/gwa_connection_queue.h"
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -135,24 +136,49 @@ int gwa_connection_enqueue_if_empty(gwa_output_queue* queue, gwa_output_node* no
     return 1;
 }
 
-gwa_sent gwa_connection_node_send(gwa_output_queue* queue, gwa_output_node* node, int fd,
-                                  gwa_traffic* traffic, int* expected, int* sent) {
-    *expected = static_cast<int>(node->remaining);
-    const ssize_t count = send(fd, node->cursor, node->remaining, MSG_NOSIGNAL);
-    *sent = static_cast<int>(count);
-    if (count <= 0) {
-        const int reason = errno;
-        gwa_connection_head_enqueue(queue, node);
-        errno = reason;
-        return count == -1 && reason != EAGAIN ? gwa_sent::FAILED : gwa_sent::NOTHING;
+void gwa_connection_dequeue_batch(gwa_output_queue* queue, list<gwa_output_node>* batch) {
+    const gwa_lock held(queue->lock);
+    for (size_t count = 0; count < GWA_BATCH_MAX && !queue->nodes.empty(); count++) {
+        gwa_output_node* const node = queue->nodes.first();
+        list_unlink(*node);
+        batch->push_back(*node);
     }
-    gwa_counter_add(traffic->bytes_out, static_cast<uint32_t>(count));
-    node->cursor += count;
-    node->remaining -= static_cast<uint32_t>(count);
+}
+
+void gwa_connection_put_back(gwa_output_queue* queue, list<gwa_output_node>* batch) {
+    const gwa_lock held(queue->lock);
+    while (gwa_output_node* const node = batch->last()) {
+        list_unlink(*node);
+        insert_behind(queue, &queue->nodes.head, node);
+    }
+}
+
+ssize_t gwa_connection_batch_send(list<gwa_output_node>* batch, int fd, gwa_traffic* traffic) {
+    iovec pieces[GWA_BATCH_MAX];
+    msghdr message{};
+    message.msg_iov = pieces;
+    for (const gwa_output_node& node : *batch) {
+        pieces[message.msg_iovlen++] = {node.cursor, node.remaining};
+    }
+    const ssize_t count = sendmsg(fd, &message, MSG_NOSIGNAL);
+    if (count > 0) {
+        gwa_counter_add(traffic->bytes_out, static_cast<uint32_t>(count));
+    }
+    return count;
+}
+
+gwa_sent gwa_connection_node_sent(gwa_output_node* node, ssize_t* bytes) {
+    if (*bytes <= 0) {
+        return *bytes == -1 && errno != EAGAIN ? gwa_sent::FAILED : gwa_sent::NOTHING;
+    }
+    const auto taken =
+        static_cast<uint32_t>(std::min(*bytes, static_cast<ssize_t>(node->remaining)));
+    *bytes -= taken;
+    node->cursor += taken;
+    node->remaining -= taken;
     if (node->remaining == 0) {
         return gwa_sent::WHOLE;
     }
     node->flags |= GWA_NODE_PARTLY_SENT;
-    gwa_connection_head_enqueue(queue, node);
     return gwa_sent::PART;
 }

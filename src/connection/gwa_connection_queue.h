@@ -5,6 +5,9 @@
 // Threads: producers on any thread, through the operations; one thread takes nodes off and sends.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 
 #include "protocol/gwa_protocol.h"
@@ -81,14 +84,23 @@ void gwa_connection_queue_sweep(gwa_output_queue* queue, Unwanted unwanted, Rele
 
 // ---- Sending ----
 
+constexpr size_t GWA_BATCH_MAX = 16;  // frames that one call sends
+
+// Takes up to GWA_BATCH_MAX nodes off the front, in their order, and adds them to `batch`.
+void gwa_connection_dequeue_batch(gwa_output_queue* queue, list<gwa_output_node>* batch);
+// Puts what is left of a batch back to the front, ahead of whatever came meanwhile.
+void gwa_connection_put_back(gwa_output_queue* queue, list<gwa_output_node>* batch);
+// Sends what remains of the nodes of a batch by one call, and counts the bytes. How many the socket
+// has taken, or -1 with errno.
+ssize_t gwa_connection_batch_send(list<gwa_output_node>* batch, int fd, gwa_traffic* traffic);
+
 enum class gwa_sent : uint8_t {
-    WHOLE,    // the node is the caller's, and in no queue
-    PART,     // the rest of it is at the front of the queue
-    NOTHING,  // the socket takes nothing now, and has said so by EAGAIN or by 0; back at the front
-    FAILED,   // errno says why; it is back at the front
+    WHOLE,    // the node can go
+    PART,     // it has moved on, and must be the first again
+    NOTHING,  // the socket takes nothing now, and has said so by EAGAIN or by 0
+    FAILED,   // errno says why
 };
 
-// Sends what remains of a node that was taken off `queue`, and counts the bytes. `expected` and
-// `sent` are for the caller's log line.
-gwa_sent gwa_connection_node_send(gwa_output_queue* queue, gwa_output_node* node, int fd,
-                                  gwa_traffic* traffic, int* expected, int* sent);
+// What has become of the next node of a batch. `bytes` is the result of the send, less what belongs
+// to the nodes before.
+gwa_sent gwa_connection_node_sent(gwa_output_node* node, ssize_t* bytes);

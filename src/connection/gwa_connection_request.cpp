@@ -9,10 +9,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "connection/gwa_connection_request_debug.h"
 #include "connection/gwa_stream_give_up.h"
+#include "connection/gwa_stream_in.h"
 #include "login/gwa_login.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
@@ -37,22 +37,10 @@ struct request {
     int32_t priority;
 };
 
-// The owner of a charged payload: releases it unless a stream has taken it.
-struct payload_owner {
-    gwa_connection_data* conn;
-    uint8_t* bytes;
+// What came with the frame.
+struct payload_view {
+    const uint8_t* bytes;
     uint32_t length;
-
-    payload_owner(gwa_connection_data* charged, uint8_t* buffer, uint32_t size)
-        : conn(charged), bytes(buffer), length(size) {}
-    payload_owner(payload_owner&&) = delete;
-    ~payload_owner() {
-        if (bytes != nullptr) {
-            gwa_connection_memory_release(conn, length);
-            free(bytes);
-        }
-    }
-    uint8_t* release() { return std::exchange(bytes, nullptr); }
 };
 
 }  // namespace
@@ -78,7 +66,7 @@ static bool request_is_ours(const char* uri) {
 }
 
 // Reads and checks what a new stream needs to know. False: the request is refused, and logged.
-static bool request_read(const gwa_stream* stream, const payload_owner& payload, request* out) {
+static bool request_read(const gwa_stream* stream, payload_view payload, request* out) {
     const char* const head = reinterpret_cast<const char*>(payload.bytes);
     if (gwa_http_uri_get(head, payload.length, out->uri, sizeof out->uri) != GWA_OK) {
         GWA_LOG(ERROR, "get uri failed, conn %d stream id %u", stream->connection->id, stream->id);
@@ -135,24 +123,20 @@ static int local_socket() {
 static bool local_connect(int fd, int32_t port) {
     const sockaddr_in service =
         gwa_socket_address(gwa_login.local_address, static_cast<uint16_t>(port));
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0) {
+    const auto try_connect = [&] {
+        return connect(fd, reinterpret_cast<const sockaddr*>(&service), sizeof service) == 0;
+    };
+    // A service on this box has mostly answered between the first two tries. connect(2): a further
+    // try tells how the first has ended.
+    if (try_connect() || (errno == EINPROGRESS && try_connect())) {
         return true;
     }
-    int error = -1;
-    socklen_t size = sizeof error;
-    return errno == EINPROGRESS &&
-           gwa_socket_wait(fd, POLLOUT, CONNECT_LIMIT_S) == gwa_wait_result::READY &&
-           getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
-}
-
-// Passes a payload on to the stream's service.
-static void stream_feed(gwa_stream* stream, payload_owner* payload) {
-    gwa_stream_local_output_enqueue(stream, payload->release(), payload->length);
-    gwa_stream_local_out_handle(stream);
+    return errno == EALREADY &&
+           gwa_socket_wait(fd, POLLOUT, CONNECT_LIMIT_S) == gwa_wait_result::READY && try_connect();
 }
 
 // The socket is connected: the record becomes a stream and the request its first payload.
-static void stream_begin(gwa_stream* stream, int fd, payload_owner* payload) {
+static void stream_begin(gwa_stream* stream, int fd, payload_view payload) {
     gwa_connection_data* const conn = stream->connection;
     // Exception 40: a request in several frames must not wait for delayed acknowledgements.
     const int one = 1;
@@ -160,7 +144,7 @@ static void stream_begin(gwa_stream* stream, int fd, payload_owner* payload) {
     stream->socket = fd;
     gwa_stream_add(&conn->streams.all, stream);
     conn->streams.count.fetch_add(1, std::memory_order_relaxed);
-    stream_feed(stream, payload);
+    gwa_stream_feed(stream, payload.bytes, payload.length);
     if (poll_add(&conn->poller, fd, gwa_stream_local_handle, stream) != GWA_OK) {
         GWA_LOG(DEBUG, "add socket to poll failed fd %d", fd);
         gwa_stream_free(stream);  // it is linked and counted: take all of that back
@@ -168,7 +152,7 @@ static void stream_begin(gwa_stream* stream, int fd, payload_owner* payload) {
 }
 
 // Opens a stream for an accepted request. False: there is none.
-static bool stream_open(gwa_stream* stream, const request& wanted, payload_owner* payload) {
+static bool stream_open(gwa_stream* stream, const request& wanted, payload_view payload) {
     scoped_fd fd(local_socket());
     if (fd.fd == -1) {
         return false;
@@ -178,7 +162,7 @@ static bool stream_open(gwa_stream* stream, const request& wanted, payload_owner
         // Oddity 21, although this frame's payload has been read. The input pass does it, so that
         // nobody else waits for the bytes.
         gwa_input_step_begin(&stream->connection->input, gwa_input_step::EXTRA_DISCARD,
-                             payload->length);
+                             payload.length);
         return false;
     }
     stream_begin(stream, fd.release(), payload);
@@ -186,12 +170,11 @@ static bool stream_open(gwa_stream* stream, const request& wanted, payload_owner
 }
 
 void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_header* header,
-                                      uint8_t* bytes, uint32_t length) {
-    payload_owner payload(conn, bytes, length);
+                                      const uint8_t* payload, uint32_t length) {
     gwa_stream* const known = gwa_stream_find_by_id(&conn->streams.all, header->stream_id);
     if (known != nullptr) {
         known->last_activity = gwa_now_get();
-        stream_feed(known, &payload);
+        gwa_stream_feed(known, payload, length);
         return;
     }
     if (gwa_stream_is_gone(conn, header->stream_id)) {
@@ -200,11 +183,11 @@ void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_heade
     }
     gwa_stream* const stream = stream_new(conn, header->stream_id);
     request wanted;
-    if (request_read(stream, payload, &wanted)) {
+    if (request_read(stream, {payload, length}, &wanted)) {
         stream->priority = static_cast<uint32_t>(wanted.priority);
         if (wanted.port == GWA_SELF_DEBUG_PORT) {
             gwa_self_debug(stream, wanted.uri);
-        } else if (stream_open(stream, wanted, &payload)) {
+        } else if (stream_open(stream, wanted, {payload, length})) {
             return;
         }
     }

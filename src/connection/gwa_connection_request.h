@@ -8,7 +8,7 @@
 
 #include "connection/gwa_connection_data_record.h"
 
-// Takes over the payload, `length` bytes on the heap, charged to the connection. `header` is in
-// host order. Rejections are silent towards the server.
+// Passes on a payload of `length` bytes, which stays the caller's. `header` is in host order.
+// Rejections are silent towards the server.
 void gwa_connection_remote_data_parse(gwa_connection_data* conn, const gwa_header* header,
-                                      uint8_t* bytes, uint32_t length);
+                                      const uint8_t* payload, uint32_t length);

@@ -8,13 +8,8 @@
 #include <cstring>
 
 #include "main/gwa_log.h"
+#include "runtime/gwa_util_memory.h"
 #include "runtime/gwa_util_time.h"
-
-// Streams of priority 0 go on reading when memory is short.
-static bool memory_is_short(const gwa_stream* stream) {
-    const uint32_t limit = stream->priority != 0 ? GWA_MEMORY_LIMIT : GWA_MEMORY_CEILING;
-    return gwa_connection_memory(stream->connection) > limit;
-}
 
 // Bytes begin to wait for the service, or wait no longer.
 static void waiting_add(gwa_stream* stream, uint32_t bytes) {
@@ -36,31 +31,6 @@ static void local_output_drop(gwa_stream* stream) {
     while (gwa_output_node* const node = stream->local_output.first()) {
         local_node_release(stream, node);
     }
-}
-
-// Frames what was read and queues it for the server.
-static void send_to_server(gwa_stream* stream, const uint8_t* bytes, uint32_t length) {
-    gwa_output_node* const node = gwa_stream_frame_new(stream, length);
-    memcpy(gwa_connection_payload_of(node), bytes, length);
-    stream->last_activity = gwa_now_get();
-    gwa_connection_data_send(stream->connection, node);
-}
-
-// Nothing came. The stream stays: the server or the idle check ends it.
-static void read_failed(gwa_stream* stream, ssize_t got) {
-    if (got == 0) {
-        // Exception 44: reading again would only give this line again, at the pace of the rounds.
-        stream->more = gwa_more::CLOSED;
-        GWA_LOG(ERROR, "local socket closed fd %d, conn %d stream id %u", stream->socket,
-                stream->connection->id, stream->id);
-        return;
-    }
-    if (errno == EAGAIN) {
-        stream->more = gwa_more::DRAINED;  // the poller will tell: no round need look
-        return;
-    }
-    stream->more = gwa_more::WAITS;
-    GWA_LOG(ERROR, "recv error fd %d, %s", stream->socket, strerror(errno));
 }
 
 gwa_stream* gwa_stream_find_by_id(list<gwa_stream>* streams, uint32_t id) {
@@ -96,121 +66,70 @@ int gwa_stream_local_output_enqueue(gwa_stream* stream, uint8_t* data, uint32_t 
     return GWA_OK;
 }
 
+// Offers bytes to the service. How many it took, or -1 with errno; oddity 22: a failure closes
+// nothing here.
+static ssize_t offer(const gwa_stream* stream, const uint8_t* bytes, uint32_t length,
+                     int flags = 0) {
+    GWA_LOG(DEBUG, "send data to local server");
+    const ssize_t sent = send(stream->socket, bytes, length, flags | MSG_NOSIGNAL);
+    if (sent == -1) {
+        const int reason = errno;
+        GWA_LOG(ERROR, "send to local server error fd %d", stream->socket);
+        errno = reason;
+    }
+    return sent;
+}
+
+static bool is_lost(ssize_t sent) { return sent == -1 && errno != EAGAIN; }
+
+static void node_advance(gwa_stream* stream, gwa_output_node* node, uint32_t taken) {
+    waiting_take(stream, taken);
+    node->cursor += taken;
+    node->remaining -= taken;
+}
+
+// Keeps a copy of a payload of which the service has taken the beginning.
+static void keep(gwa_stream* stream, const uint8_t* bytes, uint32_t length, uint32_t taken) {
+    auto* const copy = static_cast<uint8_t*>(GWA_MALLOC(length));
+    memcpy(copy, bytes, length);
+    gwa_connection_memory_charge(stream->connection, length);
+    gwa_stream_local_output_enqueue(stream, copy, length);
+    node_advance(stream, stream->local_output.last(), taken);
+}
+
+void gwa_stream_feed(gwa_stream* stream, const uint8_t* bytes, uint32_t length) {
+    if (!stream->local_output.empty()) {
+        keep(stream, bytes, length, 0);
+        gwa_stream_local_out_handle(stream);
+        return;
+    }
+    // The service need not wake up for each of several frames.
+    const int flags = gwa_input_continues(&stream->connection->input) ? MSG_MORE : 0;
+    const ssize_t sent = offer(stream, bytes, length, flags);
+    if (sent != ssize_t{length} && !is_lost(sent)) {
+        keep(stream, bytes, length, sent == -1 ? 0 : static_cast<uint32_t>(sent));
+    }
+}
+
 void gwa_stream_local_out_handle(gwa_stream* stream) {
     if (stream == nullptr) {
         GWA_LOG(DEBUG, "arg is null");
         return;
     }
     while (gwa_output_node* const node = stream->local_output.first()) {
-        GWA_LOG(DEBUG, "send data to local server");
-        const ssize_t sent = send(stream->socket, node->cursor, node->remaining, MSG_NOSIGNAL);
+        const ssize_t sent = offer(stream, node->cursor, node->remaining);
+        if (is_lost(sent)) {
+            local_output_drop(stream);  // nobody will ever take it, and others would wait
+        }
         if (sent == -1) {
-            const bool is_full = errno == EAGAIN;
-            // Oddity 22: a local failure closes nothing here.
-            GWA_LOG(ERROR, "send to local server error fd %d", stream->socket);
-            if (!is_full) {
-                local_output_drop(stream);  // nobody will ever take it, and others would wait
-            }
             return;
         }
-        const auto taken = static_cast<uint32_t>(sent);
-        waiting_take(stream, taken);
-        node->cursor += taken;
-        node->remaining -= taken;
+        node_advance(stream, node, static_cast<uint32_t>(sent));
         if (node->remaining > 0) {
             return;  // the writable event resumes
         }
         local_node_release(stream, node);
     }
-}
-
-void gwa_stream_local_in_handle(gwa_stream* stream) {
-    uint8_t buffer[GWA_PAYLOAD_MAX];
-    if (stream == nullptr) {
-        GWA_LOG(DEBUG, "arg is null");
-        return;
-    }
-    if (memory_is_short(stream)) {
-        GWA_LOG(INFO, "connection id %d memory over thresholds, mark local socket status to full",
-                stream->connection->id);
-        stream->more = gwa_more::WAITS;
-        return;
-    }
-    const ssize_t got = recv(stream->socket, buffer, sizeof buffer, 0);
-    if (got <= 0) {
-        read_failed(stream, got);
-        return;
-    }
-    GWA_LOG(DEBUG, "recv local server data %d", static_cast<int>(got));
-    send_to_server(stream, buffer, static_cast<uint32_t>(got));
-    if (got == ssize_t{sizeof buffer}) {
-        GWA_LOG(DEBUG, "more data are remaining in local socket buffer");
-        stream->more = gwa_more::HAS_MORE;
-    } else {
-        stream->more = gwa_more::DRAINED;
-    }
-}
-
-void gwa_stream_local_handle(uint32_t events, void* argument) {
-    gwa_stream* const stream = static_cast<gwa_stream*>(argument);
-    if (stream == nullptr) {
-        GWA_LOG(DEBUG, "arg is null");
-        return;
-    }
-    if ((events & EPOLLIN) != 0) {
-        gwa_stream_local_in_handle(stream);
-    }
-    if ((events & EPOLLOUT) != 0) {
-        gwa_stream_local_out_handle(stream);
-    }
-}
-
-static bool has_more(const gwa_stream& stream) { return stream.more == gwa_more::HAS_MORE; }
-
-static bool wants_wakeup(const gwa_stream& stream) {
-    return has_more(stream) || stream.more == gwa_more::WAITS;
-}
-
-struct wakeup_pass {
-    int frames;       // that may still be read
-    list_link* last;  // the stream that was read last, or the head
-    bool more;        // a stream could go on at once
-};
-
-// Reads a frame from every stream that `wants` it, in turn.
-static void read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&),
-                      wakeup_pass* pass) {
-    pass->more = false;
-    for (gwa_stream& stream : *streams) {
-        if (pass->frames > 0 && wants(stream)) {
-            const bool reads = !memory_is_short(&stream);
-            GWA_LOG(DEBUG, "wakeup stream socket %d", stream.socket);
-            gwa_stream_local_in_handle(&stream);
-            if (reads) {
-                pass->last = &stream;
-                pass->frames--;
-            }
-        }
-        pass->more = pass->more || has_more(stream);
-    }
-}
-
-gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
-    if (streams == nullptr) {
-        GWA_LOG(ERROR, "head is null");
-        return gwa_more::DRAINED;
-    }
-    wakeup_pass pass{frames, &streams->head, false};
-    // Who waits for memory or has failed is tried once a pass.
-    read_turn(streams, wants_wakeup, &pass);
-    while (pass.frames > 0 && pass.more) {
-        read_turn(streams, has_more, &pass);
-    }
-    if (pass.last != &streams->head) {
-        list_unlink(streams->head);
-        list_insert_before(*pass.last->next, streams->head);
-    }
-    return pass.more ? gwa_more::HAS_MORE : gwa_more::DRAINED;
 }
 
 void gwa_stream_strip(gwa_stream* stream) {

@@ -32,17 +32,11 @@ gwa_output_node* gwa_stream_frame_new(const gwa_stream* stream, uint32_t length)
 // Queues a charged heap buffer of `length` bytes, which the stream owns from here on, for the local
 // socket; the node is charged here. 0.
 int gwa_stream_local_output_enqueue(gwa_stream* stream, uint8_t* data, uint32_t length);
+// Passes a payload on to the service, behind what is queued; what the service does not take is
+// copied and queued.
+void gwa_stream_feed(gwa_stream* stream, const uint8_t* bytes, uint32_t length);
 // Writes what is queued to the local socket, until it would block.
 void gwa_stream_local_out_handle(gwa_stream* stream);
-// Reads the local socket once and queues one frame for the server, unless memory is short.
-void gwa_stream_local_in_handle(gwa_stream* stream);
-// Poller callback of a local socket; the argument is the stream.
-void gwa_stream_local_handle(uint32_t events, void* argument);
-// Reads again from the streams that stopped short, a frame each in turn, `frames` in all; the next
-// pass goes on behind the last one that was read. HAS_MORE: there is a stream that could go on at
-// once.
-gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames);
-
 // Takes the queued payloads, the registration, the socket, the count and the record away.
 void gwa_stream_free(gwa_stream* stream);
 // All of that but the record, which is in no list then.

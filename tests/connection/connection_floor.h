@@ -12,7 +12,7 @@
 #include "connection/gwa_connection_cntl.h"
 #include "connection/gwa_connection_data_in.h"
 #include "connection/gwa_connection_data_round.h"
-#include "connection/gwa_stream.h"
+#include "connection/gwa_stream_in.h"
 #include "login/gwa_login.h"
 #include "support/fake_time.h"
 #include "support/frames.h"
