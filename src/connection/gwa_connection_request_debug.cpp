@@ -139,12 +139,17 @@ static bool read_exactly(int fd, uint8_t* to, size_t length) {
     return true;
 }
 
+// Exception 59: what a server asks for and does not read is bounded, too.
+static bool has_room(const gwa_stream* stream) {
+    return gwa_connection_memory(stream->connection) <= GWA_MEMORY_CEILING;
+}
+
 // Frames the file in chunks behind `frames`. Returns the size of the last chunk that it tried.
 static int diagnostic_chunks(const gwa_stream* stream, int fd, int file_size,
                              list<gwa_output_node>* frames) {
     int chunk = 0;
     int have = 0;
-    for (int nodes = 1; have < file_size && nodes < DIAGNOSTIC_NODES; nodes++) {
+    for (int nodes = 1; have < file_size && nodes < DIAGNOSTIC_NODES && has_room(stream); nodes++) {
         chunk = std::min<int>(file_size - have, GWA_PAYLOAD_MAX);
         gwa_output_node* const node = gwa_stream_frame_new(stream, static_cast<uint32_t>(chunk));
         GWA_LOG(DEBUG, "mem size = %d, read_size = %d, read_cnt = %d",
@@ -214,6 +219,10 @@ static void set_log_level(const gwa_stream* stream, const char* uri) {
 }
 
 void gwa_self_debug(const gwa_stream* stream, const char* uri) {
+    if (!has_room(stream)) {
+        GWA_LOG(ERROR, "too much waits for the server, conn %d, no answer", stream->connection->id);
+        return;
+    }
     constexpr std::string_view name = "x-qv-gwad-opt";
     char operation[PARAMETER_SIZE];
     size_t size = sizeof operation;

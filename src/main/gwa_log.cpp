@@ -23,6 +23,8 @@ gwa_mutex log_lock;
 char line[8192];  // holds every line but one that quotes an endless option: exception 64
 gwa_line_sink log_sink GWA_GUARDED_BY(log_lock){.fd = STDERR_FILENO, .buffer = line};
 bool to_standard_error GWA_GUARDED_BY(log_lock) = true;
+char stamp[STAMP_SIZE] GWA_GUARDED_BY(log_lock) = "";
+time_t stamped GWA_GUARDED_BY(log_lock) = -1;  // the second of that
 
 }  // namespace
 
@@ -77,11 +79,13 @@ static bool stamped_line_begin() GWA_REQUIRES(log_lock) {
     if (!gwa_line_begin(&log_sink)) {
         return false;
     }
-    char stamp[STAMP_SIZE] = "";
     const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    strftime(stamp, sizeof stamp, "<%Y-%m-%d %H:%M:%S> ", &local);
+    if (now != stamped) {  // a busy second has thousands of lines
+        tm local{};
+        localtime_r(&now, &local);
+        strftime(stamp, sizeof stamp, "<%Y-%m-%d %H:%M:%S> ", &local);
+        stamped = now;
+    }
     gwa_line_add(&log_sink, "%s", stamp);
     return true;
 }

@@ -77,10 +77,17 @@ TEST_F(DataOutput, UnwantedAndStaleFramesAreDroppedButNotAPartlySentOne) {
     }
 }
 
-TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
-    const std::string much(2 << 20, 'm');
-    queue_frame(5, much);
-    queue_frame(6);
+TEST_F(DataOutput, FramesThatTheSocketTakesInPiecesStayWholeAndInOrder) {
+    std::string expected;
+    const auto queue = [&](uint32_t id, size_t size) {
+        const std::string payload(size, static_cast<char>('a' + id % 26));
+        queue_frame(id, payload);
+        expected += frame_bytes(DATA, id, payload);
+    };
+    queue(5, 2 << 20);
+    for (uint32_t id = 100; id < 140; id++) {  // more than leave at once
+        queue(id, id * id);
+    }
     set_clock(START + 9);
     EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     EXPECT_EQ(conn->output.state, gwa_out_state::PARTLY_SENT);
@@ -92,9 +99,9 @@ TEST_F(DataOutput, AFrameThatTheSocketTakesInPiecesStaysWhole) {
         EXPECT_EQ(gwa_connection_data_remote_out_handle(conn), gwa_step::GOES_ON);
     }
     heard += sent();
-    EXPECT_TRUE(heard == frame_bytes(DATA, 5, much) + frame_bytes(DATA, 6));
+    EXPECT_TRUE(heard == expected);
     EXPECT_EQ(gwa_counter_get(conn->traffic.bytes_out), heard.size());
-    EXPECT_EQ(gwa_counter_get(conn->traffic.packets_out), 2U);
+    EXPECT_EQ(gwa_counter_get(conn->traffic.packets_out), 41U);
     EXPECT_EQ(conn->output.state, gwa_out_state::DRAINED);
 }
 

@@ -67,6 +67,9 @@ TEST_F(Requests, ThatFindNoDescriptorEndTheProcess) {
     EXPECT_EXIT(without_descriptors(), testing::ExitedWithCode(1), "");
 }
 
+// What the request itself is charged as.
+constexpr uint32_t PAYLOAD_COUNTED = 128, STREAM_COUNTED = 128;
+
 TEST_F(Requests, TheDaemonAnswersOnItsOwnPort) {
     const std::string refused = "404 File Not Found";
     const std::tuple<std::string, std::string, std::string> cases[] = {
@@ -82,6 +85,12 @@ TEST_F(Requests, TheDaemonAnswersOnItsOwnPort) {
     }
     EXPECT_TRUE(gwa_log_enabled(2));
     EXPECT_FALSE(gwa_log_enabled(3));
+    for (const auto& [held, answer] :
+         {std::pair{GWA_MEMORY_CEILING, debug_answer(3)}, {GWA_MEMORY_CEILING + 1, ""}}) {
+        conn->memory = held - PAYLOAD_COUNTED - STREAM_COUNTED;
+        EXPECT_EQ(reply_to(debug_request(3)), answer) << "what is not read fills no memory";
+    }
+    conn->memory = 0;
 }
 
 // Content-Length names the last chunk; the text's length goes where its text is, and the frame's
@@ -117,6 +126,12 @@ TEST_F(Requests, ForTheDiagnosticGetItsFileInFrames) {
         EXPECT_EQ(reply_to(debug_request(5, std::string("diag") + more)), expected);
         EXPECT_EQ(slept, seconds) << more;
     }
+    conn->memory = GWA_MEMORY_CEILING - PAYLOAD_MAX;
+    EXPECT_EQ(reply_to(debug_request(5, "diag")),
+              diagnostic_head("200 OK", PAYLOAD_MAX) +
+                  frame_bytes(DATA, 5, report.substr(0, PAYLOAD_MAX)))
+        << "what is not read fills no memory";
+    conn->memory = 0;
     fs::remove(file);
     EXPECT_EQ(reply_to(debug_request(5, "diag")), diagnostic_head("404 File Not Found", 0));
     fs::create_symlink(file, file);
