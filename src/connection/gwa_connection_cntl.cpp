@@ -32,6 +32,7 @@ int gwa_connection_cntl_init(gwa_connection_cntl* cntl, int fd) {
     drop_queue(cntl);  // a reporter may have queued something while there was no connection
     cntl->send_level.store(0, std::memory_order_relaxed);
     cntl->input.have = 0;
+    cntl->peer = {};
     if (poll_init(&cntl->poller) != GWA_OK) {
         GWA_LOG(DEBUG, "init epoll failed");
         return GWA_FAILED;
@@ -69,6 +70,10 @@ int gwa_connection_cntl_manage(gwa_connection_cntl* cntl) {
         gwa_usleep(PAUSE_US);
         gwa_connection_cntl_remote_out_handle(cntl);
         gwa_connection_cntl_probe(cntl);
+        if (gwa_connection_cntl_server_is_gone(cntl)) {
+            gwa_connection_cntl_reinit(cntl);
+            return GWA_JUMP_NONE;
+        }
     }
     GWA_LOG(CREATE, "connection manage exit success");
     return GWA_JUMP_NONE;

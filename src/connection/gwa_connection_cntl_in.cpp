@@ -97,7 +97,8 @@ void gwa_connection_cntl_remote_in_handle(gwa_connection_cntl* cntl) {
 
 void gwa_connection_cntl_next_frame_wait(gwa_connection_cntl* cntl) {
     header_read result = header_receive(cntl);
-    while (result == header_read::INCOMPLETE && gwa_process_running()) {
+    while (result == header_read::INCOMPLETE && gwa_process_running() &&
+           !gwa_connection_cntl_server_is_gone(cntl)) {
         gwa_socket_readable_wait(cntl->socket, WAIT_SLICE_MS);
         result = header_receive(cntl);
     }

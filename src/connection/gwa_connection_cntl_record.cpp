@@ -36,6 +36,14 @@ void gwa_connection_cntl_reinit(gwa_connection_cntl* cntl) {
     }
 }
 
+bool gwa_connection_cntl_server_is_gone(gwa_connection_cntl* cntl) {
+    const bool gone = gwa_peer_is_gone(&cntl->peer, cntl->socket);
+    if (gone) {
+        GWA_LOG(ERROR, "remote server is gone, cntl");
+    }
+    return gone;
+}
+
 void gwa_connection_cntl_heartbeat_missed(gwa_connection_cntl* cntl) {
     cntl->heartbeat_misses++;
     if (cntl->heartbeat_misses >= HEARTBEAT_MISSES_MAX) {

@@ -13,6 +13,7 @@
 #include "connection/gwa_connection_order.h"
 #include "connection/gwa_connection_queue.h"
 #include "runtime/gwa_types.h"
+#include "runtime/gwa_util_peer.h"
 #include "runtime/poll.h"
 
 // What the control connection has others do, handed in by the supervisor so that it need not know
@@ -39,6 +40,7 @@ struct gwa_connection_cntl {
     gwa_output_queue output;
     std::atomic<uint32_t> reports{0};  // queued and not yet sent
     gwa_heartbeat heartbeat;
+    gwa_peer_watch peer;
     int32_t heartbeat_misses = 0;  // answers missing or wrong in a row
     gwa_traffic traffic;
     std::atomic<int32_t> send_level{0};  // 0 to 5, from what the kernel has not sent yet
@@ -54,5 +56,7 @@ void gwa_connection_cntl_node_done(gwa_connection_cntl* cntl, gwa_output_node* n
 
 // Restarts the process. Returns only when the process has been told to end anyway.
 void gwa_connection_cntl_reinit(gwa_connection_cntl* cntl);
+// Whether the server is gone without a word. Says so.
+bool gwa_connection_cntl_server_is_gone(gwa_connection_cntl* cntl);
 // Counts one missing or wrong heartbeat answer; three in a row restart.
 void gwa_connection_cntl_heartbeat_missed(gwa_connection_cntl* cntl);

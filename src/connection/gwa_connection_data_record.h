@@ -22,6 +22,7 @@
 #include "connection/gwa_connection_queue.h"
 #include "runtime/gwa_types.h"
 #include "runtime/gwa_util_lock.h"
+#include "runtime/gwa_util_peer.h"
 #include "runtime/poll.h"
 
 struct gwa_stream;  // gwa_stream.h; a connection lists its streams, a stream names its connection
@@ -87,6 +88,7 @@ struct gwa_connection_data {
     gwa_data_input input;
     gwa_data_output output;
     gwa_heartbeat heartbeat;
+    gwa_peer_watch peer;
     uint32_t heartbeat_resp = 0;  // last answered + 1; one is outstanding while below its number
     gwa_data_streams streams;
     std::atomic<uint32_t> memory{0};  // bytes held, each piece rounded as the allocator does

@@ -26,6 +26,7 @@ int gwa_connection_data_init2(gwa_connection_data* conn) {
     conn->streams.more = gwa_more::DRAINED;
     conn->output.held_passes = 0;
     conn->heartbeat_resp = conn->heartbeat.seq;
+    conn->peer = {};
     if (poll_init(&conn->poller) != GWA_OK) {
         GWA_LOG(RESULT, "init epoll failed");
         return GWA_FAILED;
@@ -180,6 +181,10 @@ static gwa_step relay(gwa_connection_data* conn) {
     streams_wakeup(conn);
     const bool read_again = conn->input.more != gwa_more::DRAINED;
     if (read_again && input_again(conn) == gwa_step::CLOSED) {
+        return gwa_step::CLOSED;
+    }
+    if (gwa_peer_is_gone(&conn->peer, conn->socket)) {  // exception 69
+        GWA_LOG(ERROR, "remote server is gone, conn %d", conn->id);
         return gwa_step::CLOSED;
     }
     probe(conn);

@@ -1,6 +1,7 @@
 #include "login/gwa_login_handshake.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -21,31 +22,40 @@ constexpr int BUFFER_SIZE = 131072;        // of the kernel, each way
 constexpr int RECV_LOW = GWA_HEADER_SIZE;  // wake for nothing less than a frame header
 constexpr size_t REPORT_SIZE = 1024;       // the whole report frame, terminator included
 constexpr size_t ANSWER_SIZE = REPORT_SIZE - GWA_HEADER_SIZE;  // payload and terminator
+constexpr int KEEP_IDLE_S = 30;     // an idle connection whose server is gone without
+constexpr int KEEP_INTERVAL_S = 8;  // a word is found within a minute
+constexpr int KEEP_COUNT = 3;
 constexpr int CONNECT_WAIT_S = 10;
 constexpr int ANSWER_WAIT_S = 60;
 
 // What the socket of a login is set to, in this order, with the lines that say so. A null text: the
 // option is only shown, or only set.
 struct socket_option {
-    int number;
+    int level, number;
     int wanted;
     const char *get_failed, *shown;
     const char *set_failed, *done;
 };
 constexpr socket_option SOCKET_OPTIONS[] = {
-    {SO_SNDBUF, BUFFER_SIZE, "getsockopt SO_SNDBUF failed, %s",
+    {SOL_SOCKET, SO_SNDBUF, BUFFER_SIZE, "getsockopt SO_SNDBUF failed, %s",
      "system default TCP send buffer size %d", "setsockopt SO_SNDBUF failed, %s",
      "set TCP send buffer size to %d"},
-    {SO_RCVBUF, BUFFER_SIZE, "getsockopt SO_RCVBUF failed, %s",
+    {SOL_SOCKET, SO_RCVBUF, BUFFER_SIZE, "getsockopt SO_RCVBUF failed, %s",
      "system default TCP recv buffer size %d", "setsockopt SO_RCVBUF failed, %s",
      "set TCP recv buffer size to %d"},
-    {SO_SNDLOWAT, 0, "getsockopt SO_SNDLOWAT failed, %s",
+    {SOL_SOCKET, SO_SNDLOWAT, 0, "getsockopt SO_SNDLOWAT failed, %s",
      "system default TCP send low threshold %d", nullptr, nullptr},
-    {SO_RCVLOWAT, RECV_LOW, "getsockopt SO_RCVLOWAT failed, %s",
+    {SOL_SOCKET, SO_RCVLOWAT, RECV_LOW, "getsockopt SO_RCVLOWAT failed, %s",
      "system default TCP recv low threshold %d", "setsockopt SO_RCVLOWAT failed, %s",
      "set TCP recv low threshold to %d"},
-    {SO_KEEPALIVE, 1, nullptr, nullptr, "setsockopt SO_KEEPALIVE failed, %s",
+    {SOL_SOCKET, SO_KEEPALIVE, 1, nullptr, nullptr, "setsockopt SO_KEEPALIVE failed, %s",
      "enable the TCP keepalive"},
+    {IPPROTO_TCP, TCP_KEEPIDLE, KEEP_IDLE_S, nullptr, nullptr, "setsockopt TCP_KEEPIDLE failed, %s",
+     "set TCP keepalive idle time to %d"},
+    {IPPROTO_TCP, TCP_KEEPINTVL, KEEP_INTERVAL_S, nullptr, nullptr,
+     "setsockopt TCP_KEEPINTVL failed, %s", "set TCP keepalive interval to %d"},
+    {IPPROTO_TCP, TCP_KEEPCNT, KEEP_COUNT, nullptr, nullptr, "setsockopt TCP_KEEPCNT failed, %s",
+     "set TCP keepalive probes to %d"},
 };
 constexpr size_t OPTION_LINE_SIZE = 128;
 
@@ -79,12 +89,12 @@ static void socket_options_apply(int fd, const char* caller) {
         if (option.shown != nullptr) {
             int value = 0;
             socklen_t size = sizeof value;
-            const int result = getsockopt(fd, SOL_SOCKET, option.number, &value, &size);
+            const int result = getsockopt(fd, option.level, option.number, &value, &size);
             option_log(result == -1, option.get_failed, option.shown, value, caller);
         }
         if (option.done != nullptr) {
             const int result =
-                setsockopt(fd, SOL_SOCKET, option.number, &option.wanted, sizeof option.wanted);
+                setsockopt(fd, option.level, option.number, &option.wanted, sizeof option.wanted);
             option_log(result == -1, option.set_failed, option.done, option.wanted, caller);
         }
     }

@@ -1,6 +1,8 @@
 #include "login/gwa_login_handshake.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <future>
@@ -44,10 +46,10 @@ struct scripted_server {
     }
 };
 
-int option_of(int fd, int name) {
+int option_of(int fd, int name, int level = SOL_SOCKET) {
     int value = 0;
     socklen_t size = sizeof value;
-    getsockopt(fd, SOL_SOCKET, name, &value, &size);
+    getsockopt(fd, level, name, &value, &size);
     return value;
 }
 
@@ -60,8 +62,12 @@ bool is_prepared(int fd) {
         setsockopt(other.get(), SOL_SOCKET, name, &wish, sizeof wish);
         buffers = buffers && option_of(fd, name) == option_of(other.get(), name);
     }
-    return buffers && option_of(fd, SO_RCVLOWAT) == 16 && option_of(fd, SO_KEEPALIVE) == 1 &&
-           (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+    const bool watched = option_of(fd, TCP_KEEPIDLE, IPPROTO_TCP) == 30 &&
+                         option_of(fd, TCP_KEEPINTVL, IPPROTO_TCP) == 8 &&
+                         option_of(fd, TCP_KEEPCNT, IPPROTO_TCP) == 3;
+    return buffers && watched && option_of(fd, SO_RCVLOWAT) == 16 &&
+           option_of(fd, SO_KEEPALIVE) == 1 && (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0 &&
+           (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }
 
 }  // namespace
