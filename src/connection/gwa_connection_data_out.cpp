@@ -15,9 +15,9 @@ namespace {
 constexpr int SEND_BUFFER_LIMIT = 0x20000;  // bytes; what the login asks the kernel for
 constexpr int64_t HELD_MAX_US = 30 * GWA_US_PER_SECOND;  // then a line tells of it
 constexpr int32_t BUFFER_TIMEOUT_S = 600;
-// Frames that are kept ready for the next pass: as much as the send buffer can take. What exceeds
-// that is better kept by the services.
-constexpr int FRAMES_READY = SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
+// Frames that are kept ready for the next pass: as much as the send buffer can take, which is twice
+// of what the login asks for, socket(7). What exceeds that is better kept by the services.
+constexpr int FRAMES_READY = 2 * SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
 
 enum class policy : uint8_t { SEND, HOLD, FAILED };
 

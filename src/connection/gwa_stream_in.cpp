@@ -47,8 +47,8 @@ static void read_failed(gwa_stream* stream, ssize_t got) {
     GWA_LOG(ERROR, "recv error fd %d, %s", stream->socket, strerror(errno));
 }
 
-// Receives up to `most` frames by one call, each behind its header, and queues them. How many, or 1
-// when nothing came.
+// Receives up to `most` frames, GWA_BATCH_MAX at most, by one call, each behind its header, and
+// queues them. How many, or 1 when nothing came.
 static int read_frames(gwa_stream* stream, int most) {
     gwa_output_node* nodes[GWA_BATCH_MAX];
     iovec pieces[GWA_BATCH_MAX];
@@ -76,12 +76,15 @@ static int read_frames(gwa_stream* stream, int most) {
         1, static_cast<int>((got + ssize_t{GWA_PAYLOAD_MAX} - 1) / ssize_t{GWA_PAYLOAD_MAX}));
 }
 
-// How many frames the stream may read, of `wanted`, before memory is short for it.
+// How many frames the stream may read by one call, of `wanted`, before memory is short for it.
 static int frames_allowed(const gwa_stream* stream, int wanted) {
     const uint32_t limit = stream->priority != 0 ? GWA_MEMORY_LIMIT : GWA_MEMORY_CEILING;
     const uint32_t held = gwa_connection_memory(stream->connection);
-    return held > limit ? 0
-                        : std::min(wanted, static_cast<int>((limit - held) / GWA_FRAME_MAX) + 1);
+    if (held > limit) {
+        return 0;
+    }
+    const int fitting = static_cast<int>((limit - held) / GWA_FRAME_MAX) + 1;
+    return std::min({wanted, fitting, int{GWA_BATCH_MAX}});
 }
 
 // Reads up to `wanted` frames, as far as there is memory. How many tries that has taken.

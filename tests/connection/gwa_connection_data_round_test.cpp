@@ -62,7 +62,7 @@ TEST_F(DataRound, WhatIsHeldBackHoldsUpNothingElse) {
     open_stream(2);
     read_until(accepted.get(), "\r\n\r\n");
     fill_socket();
-    ASSERT_TRUE(service_says(page, download, noise(30 * GWA_PAYLOAD_MAX, 1)));
+    ASSERT_TRUE(service_says(page, download, noise(60 * GWA_PAYLOAD_MAX, 1)));
     const int64_t start = fake_time::now_us;
     const auto policy_lines = [&](int64_t until_us) {
         return log_lines_of(GWA_LEVEL_INFO, [&] {
@@ -76,7 +76,7 @@ TEST_F(DataRound, WhatIsHeldBackHoldsUpNothingElse) {
     EXPECT_EQ(policy_lines(30'100'000), lines{"<6> traffic policy timeout, conn 0"});
     EXPECT_EQ(policy_lines(59'900'000), lines());
     EXPECT_EQ(conn->output.send_level, 5);
-    EXPECT_EQ(conn->output.count, 16U) << "the rest stays with the service";
+    EXPECT_EQ(conn->output.count, 32U) << "the rest stays with the service";
     fake_time::waited_us = 0;
     server_sends(frame_bytes(DATA, 2, "upload"));
     rounds(1);
@@ -85,7 +85,7 @@ TEST_F(DataRound, WhatIsHeldBackHoldsUpNothingElse) {
     EXPECT_EQ(fake_time::waited_us, 5000) << "as long as the level says";
     sent();
     rounds_until_idle();
-    EXPECT_EQ(all_sent.size(), 30 * (HEADER_SIZE + GWA_PAYLOAD_MAX));
+    EXPECT_EQ(all_sent.size(), 60 * (HEADER_SIZE + GWA_PAYLOAD_MAX));
     EXPECT_EQ(conn->output.send_level, 0);
 }
 
