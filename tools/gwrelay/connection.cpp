@@ -3,15 +3,20 @@
 #include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
 
 #include "http.h"
 
 namespace {
 
 // Of frames, and reached only by answers that a device never takes. Users get nothing unasked.
-constexpr size_t OUTBOX_MAX = 4 * OUTBOX_LIMIT;
+constexpr size_t OUTBOX_MAX = 4 * OUTBOX_MEMORY;
 constexpr size_t SMALL_RECEIVE = 16384;
 constexpr size_t HEAD_STEP = 8192;
+constexpr size_t PARTS_MAX = 1024;  // the kernel takes no more at once
 
 std::string peer_name(const tcp::socket& socket) {
     asio::error_code failed;
@@ -72,30 +77,80 @@ void connection::tick(steady::time_point now) {
 }
 
 void connection::send(std::string_view bytes) {
-    if (!closed) {
-        filling += bytes;
-        wake();
+    if (closed || bytes.empty()) {
+        return;
+    }
+    if (out.empty()) {
+        last_taken = steady::now();
+        queued.notify();
+    }
+    out.append(bytes);
+}
+
+void connection::send_now(std::span<iovec> parts) {
+    size_t sent = 0;
+    if (!closed && out.empty()) {
+        msghdr message{};
+        message.msg_iov = parts.data();
+        message.msg_iovlen = std::min(parts.size(), PARTS_MAX);
+        // An error shows again to the pump, which closes.
+        sent = static_cast<size_t>(std::max<ssize_t>(
+            sendmsg(socket.native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL), 0));
+        took(sent);
+    }
+    for (const iovec& part : parts) {
+        const size_t gone = std::min(sent, part.iov_len);
+        sent -= gone;
+        send({static_cast<const char*>(part.iov_base) + gone, part.iov_len - gone});
     }
 }
 
 void connection::send_frame(const frame& whole) {
     if (!closed) {
-        log_line(FRAME, "%s < %s version %u flag %u stream %u length %zu", name.c_str(),
-                 command_name(whole.code), whole.version, whole.flag, whole.stream_id,
-                 whole.payload.size());
-        frame_append(filling, whole);
-        wake();
-        if (filling.size() > OUTBOX_MAX) {
+        log_frame('<', whole);
+        char header[FRAME_HEADER];
+        frame_header(header, whole);
+        send({header, sizeof header});
+        send(whole.payload);
+        if (out.size() > OUTBOX_MAX) {
             refuse("does not take what it asks for");
         }
     }
 }
 
-void connection::wake() {
-    if (sending.empty()) {
-        last_taken = steady::now();
-        queued.notify();
+void connection::log_frame(char direction, const frame& whole) const {
+    log_line(FRAME, "%s %c %s version %u flag %u stream %u length %zu", name.c_str(), direction,
+             command_name(whole.code), whole.version, whole.flag, whole.stream_id,
+             whole.payload.size());
+}
+
+void connection::write_out() {
+    const std::string_view bytes = out.front();
+    const ssize_t sent =
+        ::send(socket.native_handle(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0 && errno != EAGAIN) {
+        return close();
     }
+    if (sent <= 0) {
+        return;
+    }
+    const bool was_full = full();
+    took(static_cast<size_t>(sent));
+    out.remove(static_cast<size_t>(sent));
+    if (out.lost()) {
+        return refuse("what waits for it cannot be read from its file");
+    }
+    if (was_full && !full()) {
+        has_room();
+    }
+    if (out.empty() || was_full != full()) {
+        changed.notify();
+    }
+}
+
+void connection::took(size_t count) {
+    taken += count;
+    last_taken = steady::now();
 }
 
 void connection::close() {
@@ -126,25 +181,17 @@ void connection::expect_within(milliseconds time, const char* reason) {
 }
 
 awaitable<void> connection_pump(std::shared_ptr<connection> link) {
+    asio::error_code failed;
     while (!link->closed) {
-        if (link->filling.empty()) {
+        if (link->out.empty()) {
             co_await link->queued.wait();
             continue;
         }
-        std::swap(link->filling, link->sending);
-        link->changed.notify();
-        asio::error_code failed;
-        for (size_t sent = 0; sent < link->sending.size() && !link->closed;) {
-            sent += co_await link->socket.async_write_some(
-                asio::buffer(link->sending) + sent,
-                asio::redirect_error(asio::use_awaitable, failed));
-            link->last_taken = steady::now();
-            if (failed) {
-                link->close();
-            }
+        link->write_out();
+        if (!link->closed && !link->out.empty()) {
+            co_await link->socket.async_wait(tcp::socket::wait_write,
+                                             asio::redirect_error(asio::use_awaitable, failed));
         }
-        link->sending.clear();
-        link->changed.notify();
     }
 }
 
@@ -171,30 +218,38 @@ awaitable<size_t> connection_http_head(connection& link, std::string& bytes, siz
     co_return 0;
 }
 
-awaitable<bool> connection_next_frame(connection& link, frame_input& input, frame& to) {
-    while (!link.closed) {
-        const frame_input::result taken = input.take(to);
-        if (taken == frame_input::result::FRAME) {
-            log_line(FRAME, "%s > %s version %u flag %u stream %u length %zu", link.name.c_str(),
-                     command_name(to.code), to.version, to.flag, to.stream_id, to.payload.size());
-            co_return true;
-        }
-        if (taken == frame_input::result::BAD) {
-            link.refuse(input.error());
-            break;
-        }
-        const std::span<char> room = input.room();
-        const size_t got = co_await receive(link, asio::buffer(room.data(), room.size()));
-        if (got == 0) {
-            break;
-        }
-        input.received(got);
-        if (got < SMALL_RECEIVE) {
-            // A device leaves Nagle's algorithm on: its next small frame waits for the
-            // acknowledgement of this one, which the kernel would otherwise delay by 40 ms.
-            const int on = 1;
-            setsockopt(link.socket.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-        }
+bool connection_take_frame(connection& link, frame_input& input, frame& to) {
+    if (link.closed) {
+        return false;
     }
-    co_return false;
+    const frame_input::result taken = input.take(to);
+    if (taken == frame_input::result::FRAME) {
+        link.log_frame('>', to);
+    } else if (taken == frame_input::result::BAD) {
+        link.refuse(input.error());
+    }
+    return taken == frame_input::result::FRAME;
+}
+
+awaitable<bool> connection_receive(connection& link, frame_input& input) {
+    const std::span<char> room = input.room();
+    const size_t got = co_await receive(link, asio::buffer(room.data(), room.size()));
+    input.received(got);
+    if (got > 0 && got < SMALL_RECEIVE) {
+        // A device leaves Nagle's algorithm on: its next small frame waits for the
+        // acknowledgement of this one, which the kernel would otherwise delay by 40 ms.
+        const int on = 1;
+        setsockopt(link.socket.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    }
+    co_return got > 0;
+}
+
+awaitable<bool> connection_next_frame(connection& link, frame_input& input, frame& to) {
+    bool taken = connection_take_frame(link, input, to);
+    bool more = true;
+    while (!taken && more) {
+        more = co_await connection_receive(link, input);
+        taken = more && connection_take_frame(link, input, to);
+    }
+    co_return taken;
 }

@@ -5,23 +5,23 @@
 // it; both coroutines notice and end.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <asio.hpp>
 #include <chrono>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "frames.h"
 #include "options.h"
+#include "outbox.h"
 
 using asio::awaitable;
 using asio::ip::tcp;
 using steady = std::chrono::steady_clock;
 constexpr auto NEVER = steady::time_point::max();
-
-// Above this a connection is full, and nobody adds a further portion of a stream. Big enough to
-// keep a fast socket busy, small enough that a thousand slow ones do no harm.
-constexpr size_t OUTBOX_LIMIT = 256 * 1024;
 
 // Coroutines wait here for something to change. There is no state and nothing is remembered: test
 // the condition, then wait, in a loop.
@@ -40,9 +40,10 @@ struct connection {
     tcp::socket socket;
     std::string name;  // the peer's address, and what is known about it; safe to log
     bool closed = false;
-    std::string filling, sending;         // one takes bytes while the other goes out in one write
+    outbox out;
+    uint64_t taken = 0;                   // bytes, by the kernel
     event queued;                         // for the pump
-    event changed;                        // for all others: bytes went out, it closed, a tick
+    event changed;                        // for all others: there is room, it closed, a tick
     steady::time_point deadline = NEVER;  // closed then, with this reason:
     const char* deadline_reason = "";
     milliseconds patience{};  // while the peer takes nothing of what waits for it
@@ -52,12 +53,17 @@ struct connection {
     explicit connection(tcp::socket accepted);
     connection(connection&&) = delete;
     virtual ~connection() = default;
-    virtual void ended() {}  // its story is over, whatever became of it
+    virtual void ended() {}     // its story is over, whatever became of it
+    virtual void has_room() {}  // its outbox is not full any more
 
-    bool full() const { return filling.size() >= OUTBOX_LIMIT; }
-    bool idle() const { return filling.empty() && sending.empty(); }
+    bool full() const { return out.full(); }
+    bool idle() const { return out.empty(); }
     void send(std::string_view bytes);
+    // Without the way through the outbox, as far as that is empty and the kernel takes them.
+    void send_now(std::span<iovec> parts);
     void send_frame(const frame& whole);
+    void log_frame(char direction, const frame& whole) const;
+    void write_out();  // what waits, as far as the kernel takes it; for the pump
     void close();
     void reset_when_closed(bool reset);   // instead of a plain end, which some peers misunderstand
     void refuse(const std::string& why);  // one log line, then close
@@ -65,7 +71,7 @@ struct connection {
     void tick(steady::time_point now);  // once a second, or as often as time-outs ask
 
    private:
-    void wake();
+    void took(size_t count);
 };
 
 awaitable<void> connection_pump(std::shared_ptr<connection> link);
@@ -74,5 +80,10 @@ awaitable<void> connection_flush(connection& link);
 // The length of an HTTP head, received into `bytes`, which may hold more. 0: the peer has left or,
 // with more than `max` bytes, says too much.
 awaitable<size_t> connection_http_head(connection& link, std::string& bytes, size_t max);
+// The next frame of those that have come. False: none is whole, or the connection was refused for a
+// bad header.
+bool connection_take_frame(connection& link, frame_input& input, frame& to);
+// More of them. False: the connection has ended.
+awaitable<bool> connection_receive(connection& link, frame_input& input);
 // The next whole frame. False: the connection has ended, or was refused for a bad header.
 awaitable<bool> connection_next_frame(connection& link, frame_input& input, frame& to);

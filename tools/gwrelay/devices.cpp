@@ -138,35 +138,66 @@ void data_nudge(const relay& hub, data_link& link) {
     }
 }
 
-awaitable<void> data_deliver(const relay& hub, data_link& link, const frame& got) {
+// Payloads stay where they have been received until everybody gets his at once.
+void data_deliver(data_link& link, const frame& got, std::vector<user_link*>& touched) {
     const auto found = link.streams.find(guard_stream(got.stream_id));
     if (found == link.streams.end()) {
-        co_return;  // late data of a stream that its user has left
+        return;  // late data of a stream that its user has left
     }
-    const std::shared_ptr<user_link> user = found->second;
-    if (!stream_heard(*user, got.stream_id)) {
-        co_return;
+    user_link& user = *found->second;
+    if (!stream_heard(user, got.stream_id) || user.closed || got.payload.empty()) {
+        return;
     }
-    const auto carries = [&user, &link] { return user->route.get() == &link && !user->closed; };
-    link.deadline = NEVER;  // from here on silence is the relay's own doing
-    data_nudge(hub, link);
-    while (user->full() && carries() && !link.closed) {
+    link.bytes_in += got.payload.size();
+    user.from_device += got.payload.size();
+    user.response.feed(got.payload);
+    if (user.arrived.empty()) {
+        touched.push_back(&user);
+    }
+    user.arrived.push_back({const_cast<char*>(got.payload.data()), got.payload.size()});
+}
+
+// All whole frames that have come.
+void data_take(data_link& link, frame_input& input, std::vector<user_link*>& touched) {
+    frame got;
+    while (connection_take_frame(link, input, got)) {
+        if (got.code == command::HEARTBEAT && got.payload.size() == WORD) {
+            link.send_frame({.version = 2, .code = command::HEARTBEAT, .payload = got.payload});
+        } else if (got.code == command::DATA && got.stream_id != 0) {
+            data_deliver(link, got, touched);
+        } else {
+            link.refuse("unexpected " + frame_text(got));
+        }
+    }
+    for (user_link* const user : touched) {
+        user->last_moved = steady::now();
+        user->send_now(user->arrived);
+        user->arrived.clear();
+        if (user->response.complete()) {
+            user->changed.notify();
+        }
+    }
+}
+
+// Waits while one of these users takes less than comes for him.
+awaitable<void> data_hold(const relay& hub, data_link& link,
+                          const std::vector<user_link*>& touched) {
+    std::vector<std::shared_ptr<user_link>> holders;
+    for (const user_link* const user : touched) {
+        if (user->full()) {
+            holders.push_back(link.streams.at(user->stream_id));
+        }
+    }
+    const auto holds = [&link](const auto& user) {
+        return user->route.get() == &link && !user->closed && user->full();
+    };
+    while (!link.closed && std::ranges::any_of(holders, holds)) {
         link.held_back = true;
-        co_await user->changed.wait();
+        link.deadline = NEVER;  // silence is the relay's own doing
+        co_await link.changed.wait();
         data_nudge(hub, link);
     }
     link.held_back = false;
-    if (!carries()) {
-        co_return;
-    }
-    link.bytes_in += got.payload.size();
-    user->from_device += got.payload.size();
-    user->last_moved = steady::now();
-    user->response.feed(got.payload);
-    user->send(got.payload);
-    if (user->response.complete()) {
-        user->changed.notify();
-    }
 }
 
 }  // namespace
@@ -220,17 +251,20 @@ void control_link::ended() {
 awaitable<void> data_serve(relay& hub, std::shared_ptr<data_link> link) {
     frame_input input(DATA_INPUT);
     frame got;
+    std::vector<user_link*> touched;
     bool more = co_await connection_next_frame(*link, input, got);
     if (more) {
         data_login(hub, link, got);
     }
     while (more) {
-        more = co_await next_frame(hub, *link, input, got);
-        if (more && got.code == command::DATA && got.stream_id != 0) {
-            co_await data_deliver(hub, *link, got);
-        } else if (more) {
-            link->refuse("unexpected " + frame_text(got));
+        data_take(*link, input, touched);
+        if (!touched.empty()) {
+            data_nudge(hub, *link);
+            co_await data_hold(hub, *link, touched);
+            touched.clear();
         }
+        link->expect_within(hub.settings.silence_timeout, "silent for too long");
+        more = co_await connection_receive(*link, input);
     }
 }
 

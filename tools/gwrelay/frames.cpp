@@ -1,5 +1,7 @@
 #include "frames.h"
 
+#include <endian.h>
+
 #include <cstring>
 #include <iterator>
 
@@ -40,14 +42,24 @@ uint32_t load_be32(const char* from) {
     return static_cast<uint32_t>(load_be16(from)) << 16 | load_be16(from + 2);
 }
 
+void frame_header(char* to, const frame& whole) {
+    const auto be32_to = [](char* at, uint32_t value) {
+        value = htobe32(value);
+        memcpy(at, &value, sizeof value);
+    };
+    to[0] = static_cast<char>(whole.version);
+    to[1] = FRAME_HEADER;
+    to[2] = '\0';  // every command fits into the low byte
+    to[3] = static_cast<char>(whole.code);
+    be32_to(to + 4, whole.flag);
+    be32_to(to + 8, whole.stream_id);
+    be32_to(to + 12, static_cast<uint32_t>(whole.payload.size()));
+}
+
 void frame_append(std::string& to, const frame& whole) {
-    to += static_cast<char>(whole.version);
-    to += static_cast<char>(FRAME_HEADER);
-    to += '\0';  // every command fits into the low byte
-    to += static_cast<char>(whole.code);
-    to += be32(whole.flag) + be32(whole.stream_id);
-    to += be32(static_cast<uint32_t>(whole.payload.size()));
-    to += whole.payload;
+    char header[FRAME_HEADER];
+    frame_header(header, whole);
+    to.append(header, sizeof header).append(whole.payload);
 }
 
 std::span<char> frame_input::room() {

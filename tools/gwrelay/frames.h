@@ -37,6 +37,8 @@ struct frame {
     std::string_view payload = {};  // borrowed
 };
 
+// Writes the 16 bytes that stand in front of the frame's payload.
+void frame_header(char* to, const frame& whole);
 void frame_append(std::string& to, const frame& whole);
 
 std::string be32(uint32_t value);

@@ -33,10 +33,12 @@ struct user_link : connection {
     std::string what;                        // method and path, safe to log
     bool head_only = false;                  // the method is HEAD
     http_tracker request{http_tracker::kind::REQUEST}, response{http_tracker::kind::RESPONSE};
+    std::vector<iovec> arrived;  // for him, in what his data connection has just received
     uint64_t to_device = 0, from_device = 0;
     bool user_ended = false;                        // he sends no more; he may still read
     steady::time_point last_moved = steady::now();  // a byte, in either direction
     void ended() override;
+    void has_room() override;
     void reply(std::string_view whole);  // an answer of the relay itself
 };
 

@@ -1,28 +1,61 @@
 #include "stream.h"
 
-#include <array>
+#include <cerrno>
 
 #include "device_request.h"
 #include "guard.h"
 
 namespace {
 
-constexpr size_t UPLOAD_MAX = 8 * FRAME_PAYLOAD_MAX;  // received at once
+constexpr size_t UPLOAD_FRAMES = 32;  // received at once
 constexpr char NO_ANSWER[] = "no answer", NO_LISTENER[] = "nothing listens on the port";
 constexpr char USER_CLOSED[] = "user closed", RESPONSE_SILENT[] = "response silent";
 
-void send_to_device(user_link& user, std::string_view bytes) {
+void count_to_device(user_link& user, std::string_view bytes) {
     user.to_device += bytes.size();
     user.route->bytes_out += bytes.size();
     user.request.feed(bytes);
     user.last_moved = steady::now();
+}
+
+frame data_frame(const user_link& user, std::string_view payload) {
+    return {.code = command::DATA, .flag = 0, .stream_id = user.stream_id, .payload = payload};
+}
+
+void send_to_device(user_link& user, std::string_view bytes) {
+    count_to_device(user, bytes);
     for (; !bytes.empty(); bytes.remove_prefix(std::min(bytes.size(), FRAME_PAYLOAD_MAX))) {
-        user.route->send_frame({.code = command::DATA,
-                                .flag = 0,
-                                .stream_id = user.stream_id,
-                                .payload = bytes.substr(0, FRAME_PAYLOAD_MAX)});
+        user.route->send_frame(data_frame(user, bytes.substr(0, FRAME_PAYLOAD_MAX)));
     }
 }
+
+// Frames for what is received from a user: the kernel puts it right behind where headers will be.
+// One for all users, since nothing stays in it over a wait.
+struct upload_frames {
+    struct {
+        char header[FRAME_HEADER], payload[FRAME_PAYLOAD_MAX];
+    } frames[UPLOAD_FRAMES];
+    iovec payloads[UPLOAD_FRAMES];
+
+    upload_frames() {
+        for (size_t i = 0; i < UPLOAD_FRAMES; ++i) {
+            payloads[i] = {frames[i].payload, FRAME_PAYLOAD_MAX};
+        }
+    }
+    void send(user_link& user, size_t size) {
+        static_assert(sizeof *frames == FRAME_MAX, "so that they leave as one piece");
+        size_t count = 0;
+        for (size_t left = size; left > 0; left -= std::min(left, FRAME_PAYLOAD_MAX)) {
+            auto& [header, payload] = frames[count++];
+            const frame whole = data_frame(user, {payload, std::min(left, FRAME_PAYLOAD_MAX)});
+            count_to_device(user, whole.payload);
+            user.route->log_frame('<', whole);
+            frame_header(header, whole);
+        }
+        iovec piece{frames, size + count * FRAME_HEADER};
+        user.route->send_now({&piece, 1});
+    }
+};
 
 // Why the stream is over, or null while it goes on.
 const char* end_reason(const relay& hub, const user_link& user) {
@@ -63,7 +96,7 @@ void stream_close(user_link& user, const char* reason) {
     if (const auto route = std::exchange(user.route, nullptr); route != nullptr) {
         route->send_frame({.code = command::CLOSE_STREAM, .stream_id = user.stream_id});
         route->streams.erase(user.stream_id);
-        user.changed.notify();  // the connection may be waiting for him
+        route->changed.notify();  // which may be held back by him
     }
     user.stream_id = 0;
 }
@@ -120,11 +153,16 @@ bool stream_heard(user_link& user, uint32_t id) {
 }
 
 awaitable<void> stream_upload(std::shared_ptr<user_link> user) {
-    static std::array<char, UPLOAD_MAX> bytes;  // for all users: nothing stays in it over a wait
+    static upload_frames buffer;
+    bool more = false;  // the last receive has left some
     while (!user->closed && !user->user_ended) {
         asio::error_code failed;
-        co_await user->socket.async_wait(tcp::socket::wait_read,
-                                         asio::redirect_error(asio::use_awaitable, failed));
+        if (more) {
+            co_await asio::post(user->socket.get_executor(), asio::use_awaitable);  // in turn
+        } else {
+            co_await user->socket.async_wait(tcp::socket::wait_read,
+                                             asio::redirect_error(asio::use_awaitable, failed));
+        }
         const std::shared_ptr<data_link> route = user->route;
         if (route != nullptr && user->port_is != port_state::ALIVE) {
             co_await user->changed.wait();  // a device would take the rest for a new request
@@ -134,12 +172,14 @@ awaitable<void> stream_upload(std::shared_ptr<user_link> user) {
             co_await route->changed.wait();  // the device takes less than he sends
             continue;
         }
-        const size_t got = user->socket.read_some(asio::buffer(bytes), failed);
+        const ssize_t got =
+            user->closed ? 0 : readv(user->socket.native_handle(), buffer.payloads, UPLOAD_FRAMES);
         if (got > 0 && route != nullptr) {
-            send_to_device(*user, {bytes.data(), got});
+            buffer.send(*user, static_cast<size_t>(got));
         }
-        user->user_ended = failed == asio::error::eof;
-        if (failed && failed != asio::error::eof && failed != asio::error::would_block) {
+        more = got == UPLOAD_FRAMES * FRAME_PAYLOAD_MAX;
+        user->user_ended = got == 0;
+        if (got < 0 && errno != EAGAIN) {
             user->close();  // a reset, unlike an end, means both ways
         }
     }
@@ -178,6 +218,12 @@ awaitable<void> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
 
 void user_link::reply(std::string_view whole) {
     send(whole.substr(0, head_only ? http_head_length(whole) : whole.size()));
+}
+
+void user_link::has_room() {
+    if (route != nullptr) {
+        route->changed.notify();  // which may be held back by him
+    }
 }
 
 void user_link::ended() {
