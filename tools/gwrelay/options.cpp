@@ -50,6 +50,23 @@ bool set_timeout(options& to, const char* value) {
     return true;
 }
 
+// Bytes: a number, of units of 1024 when a letter follows.
+template <auto Member, uint64_t Least = 0>
+bool set_bytes(options& to, const char* value) {
+    constexpr std::string_view UNITS = "KMG";
+    std::string_view text = value;
+    const size_t unit = text.empty() ? UNITS.npos : UNITS.find(text.back());
+    const auto number = number_parse<uint32_t>(text.substr(0, text.size() - (unit < UNITS.size())));
+    to.*Member = uint64_t{number.value_or(0)} << (unit < UNITS.size() ? 10 * (unit + 1) : 0);
+    return number && to.*Member >= Least;
+}
+
+template <auto Member>
+bool set_count(options& to, const char* value) {
+    to.*Member = number_parse<uint32_t>(value).value_or(0);
+    return to.*Member > 0;
+}
+
 bool set_times(options& to, const char* value) {
     const std::string_view text = value;
     const size_t comma = std::min(text.find(','), text.size());
@@ -94,6 +111,24 @@ constexpr option_row OPTIONS[] = {
     {"linger-timeout", "S",
      "ends, when silent, a half-closed user or a response of unknown length (5)",
      set_timeout<&options::linger_timeout>},
+    {"user-buffer", "BYTES", "what waits for a user, 64K at least (8M); K, M, G count by 1024",
+     set_bytes<&options::user_buffer, 64 << 10>},
+    {"buffers", "BYTES", "what waits for all users; beyond it nobody gets a file (1G)",
+     set_bytes<&options::buffers>},
+    {"buffer-folder", "FOLDER", "where it waits, beyond 256K of each user (/var/tmp)",
+     set_text<&options::buffer_folder>},
+    {"least-rate", "BYTES", "who keeps others waiting and takes less a second is cut (16K)",
+     set_bytes<&options::least_rate>},
+    {"rate-time", "S", "the time that such a rate is measured over (10)",
+     set_timeout<&options::rate_time>},
+    {"slow-timeout", "S", "who has been too slow for so long is cut (20)",
+     set_timeout<&options::slow_timeout>},
+    {"stuck-timeout", "S", "a device whose data connections are all held back gets one back (1)",
+     set_timeout<&options::stuck_timeout>},
+    {"device-streams", "N", "streams of a device, a fifth on each data connection (500)",
+     set_count<&options::device_streams>},
+    {"address-users", "N", "users from one address (256)", set_count<&options::address_users>},
+    {"users", "N", "users in all (2000)", set_count<&options::users>},
     {"quiet", nullptr, "log problems only (-q)", set_fixed<&options::level, PROBLEM>},
     {"verbose", nullptr, "log every frame header as well (-v)", set_fixed<&options::level, FRAME>},
     {"version", nullptr, "show the version", show_version},

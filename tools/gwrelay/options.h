@@ -31,6 +31,18 @@ struct options {
     milliseconds stall_timeout{120'000};    // a user who takes none of what waits for him
     milliseconds answer_timeout{120'000};   // a request that nothing on the device answers
     milliseconds linger_timeout{5000};      // silence that ends what has no end of its own
+
+    // What users have not taken yet: of each, of all, and where it is beyond what memory holds.
+    size_t user_buffer = 8UL << 20;
+    uint64_t buffers = 1ULL << 30;
+    std::string buffer_folder = "/var/tmp";
+    // Who keeps others waiting, takes less (bytes a second) over the first time, and that for the
+    // second time, is cut.
+    size_t least_rate = 16UL << 10;
+    milliseconds rate_time{10'000}, slow_timeout{20'000};
+    milliseconds stuck_timeout{1000};  // while all data connections of a device are held back
+    size_t users = 2000, address_users = 256;  // at once: in all, from one address
+    size_t device_streams = 500;  // each costs the device a descriptor, of which it may have 1024
 };
 
 // Fills `to`. False: it makes no sense, and the error has been printed. Help ends the program.
