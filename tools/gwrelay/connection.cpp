@@ -60,12 +60,18 @@ connection::connection(tcp::socket accepted)
     socket.non_blocking(true, ignored);
 }
 
+uint64_t connection::acknowledged() const {
+    int waiting = 0;  // in our kernel
+    const bool known =
+        !closed && ioctl(const_cast<tcp::socket&>(socket).native_handle(), SIOCOUTQ, &waiting) == 0;
+    return known ? taken - std::min(taken, static_cast<uint64_t>(waiting)) : last_acknowledged;
+}
+
 void connection::tick(steady::time_point now) {
     // A write gets on in big steps only: to a slow reader, minutes apart. What the peer has
     // acknowledged shows sooner whether it takes anything: after a 16th of its receive buffer.
-    const int before = unacknowledged;
-    if (!closed && ioctl(socket.native_handle(), SIOCOUTQ, &unacknowledged) == 0 &&
-        unacknowledged != before) {
+    const uint64_t before = std::exchange(last_acknowledged, acknowledged());
+    if (last_acknowledged != before) {
         last_taken = now;
     }
     if (now >= deadline) {

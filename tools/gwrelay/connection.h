@@ -48,7 +48,7 @@ struct connection {
     const char* deadline_reason = "";
     milliseconds patience{};  // while the peer takes nothing of what waits for it
     steady::time_point last_taken = steady::now();
-    int unacknowledged = 0;  // bytes in the kernel; while they get fewer, the peer takes some
+    uint64_t last_acknowledged = 0;
 
     explicit connection(tcp::socket accepted);
     connection(connection&&) = delete;
@@ -58,6 +58,7 @@ struct connection {
 
     bool full() const { return out.full(); }
     bool idle() const { return out.empty(); }
+    uint64_t acknowledged() const;  // bytes that the peer's kernel has got of what was sent
     void send(std::string_view bytes);
     // Without the way through the outbox, as far as that is empty and the kernel takes them.
     void send_now(std::span<iovec> parts);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <random>
 
+#include "fairness.h"
 #include "guard.h"
 #include "stream.h"
 
@@ -123,6 +124,7 @@ void data_login(relay& hub, const std::shared_ptr<data_link>& link, const frame&
     }
     link->reset_when_closed(true);  // a device takes a plain end of a data connection for a pause
     link->owner->data.push_back(link);
+    fairness_judge(*link->owner);
     link->name += " data of " + link->owner->name;
     link->send_frame({.code = command::LOGIN_ANSWER});
     log_line(EVENT, "%s: data login, %zu up", link->name.c_str(), link->owner->data.size());
@@ -192,12 +194,16 @@ awaitable<void> data_hold(const relay& hub, data_link& link,
         return user->route.get() == &link && !user->closed && user->full();
     };
     while (!link.closed && std::ranges::any_of(holders, holds)) {
-        link.held_back = true;
+        if (!link.held_back) {
+            fairness_hold(link, true);
+        }
         link.deadline = NEVER;  // silence is the relay's own doing
         co_await link.changed.wait();
         data_nudge(hub, link);
     }
-    link.held_back = false;
+    if (link.held_back) {
+        fairness_hold(link, false);
+    }
 }
 
 }  // namespace
@@ -273,6 +279,7 @@ void data_link::ended() {
         return;
     }
     std::erase_if(owner->data, [this](const auto& link) { return link.get() == this; });
+    fairness_judge(*owner);
     owner->bytes_in += bytes_in;
     owner->bytes_out += bytes_out;
     owner->left = steady::now();

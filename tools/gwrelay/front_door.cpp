@@ -58,13 +58,8 @@ std::string answer_report_times(device& owner, const http_request& request) {
 
 // The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
 std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
-    const bool front_page = request.path == "/";
-    if (front_page || request.path == "/status.json") {
-        if (request.method != "GET" && request.method != "HEAD") {
-            return http_reply(405, "text/plain", "Use GET.\n", "Allow: GET, HEAD\r\n");
-        }
-        return front_page ? http_reply(200, "text/html; charset=utf-8", page_html(hub))
-                          : http_reply(200, "application/json", page_json(hub));
+    if (std::string page = page_answer(hub, request); !page.empty()) {
+        return page;
     }
     const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
     const path_parts parts = path_split(request.path);

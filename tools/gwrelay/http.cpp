@@ -124,6 +124,11 @@ std::string http_text_reply(int code, std::string_view text) {
     return http_reply(code, "text/plain; charset=utf-8", std::string(text) + "\n");
 }
 
+std::string http_busy_reply(std::string_view text) {
+    return http_reply(503, "text/plain; charset=utf-8", std::string(text) + "\n",
+                      "Retry-After: 5\r\n");
+}
+
 std::string http_redirect(std::string_view location) {
     return http_reply(307, "text/plain", "", "Location: " + std::string(location) + "\r\n");
 }

@@ -38,6 +38,7 @@ std::optional<std::string> query_take(std::string_view query, std::string_view n
 std::string http_reply(int code, std::string_view type, std::string_view body,
                        std::string_view extra_headers = {});
 std::string http_text_reply(int code, std::string_view text);
+std::string http_busy_reply(std::string_view text);  // 503: it may work in a moment
 std::string http_redirect(std::string_view location);
 
 // Follows a message that passes by, to learn where it ends: a device cannot say so, because nothing

@@ -5,8 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "admission.h"
 #include "devices.h"
-#include "front_door.h"
+#include "fairness.h"
 
 namespace {
 
@@ -76,27 +77,37 @@ awaitable<void> accept_loop(relay& hub, tcp::acceptor& acceptor,
     }
 }
 
-awaitable<void> tick(relay& hub) {
-    const options& set = hub.settings;
-    const auto shortest = std::min({set.login_timeout, set.silence_timeout, set.stall_timeout,
-                                    set.answer_timeout, set.linger_timeout});
-    const auto every = std::min(TICK, shortest / 4);
+// Calls `look` again and again, for ever.
+template <typename Look>
+awaitable<void> repeat(milliseconds interval, Look look) {
     asio::steady_timer timer(co_await asio::this_coro::executor);
     for (;;) {
-        timer.expires_after(every);
+        timer.expires_after(interval);
         co_await timer.async_wait(asio::use_awaitable);
-        std::erase_if(hub.connections, [](const auto& link) { return link.expired(); });
-        for (const auto& weak : hub.connections) {
-            if (const auto link = weak.lock()) {
-                link->tick(steady::now());
-            }
+        look();
+    }
+}
+
+void tick(relay& hub) {
+    std::erase_if(hub.connections, [](const auto& link) { return link.expired(); });
+    for (const auto& weak : hub.connections) {
+        if (const auto link = weak.lock()) {
+            link->tick(steady::now());
         }
     }
 }
 
+// Often enough for each of these times to be kept to a quarter.
+milliseconds interval_for(std::initializer_list<milliseconds> times) {
+    return std::min(TICK, std::min(times) / 4);
+}
+
 void run(const options& settings) {
     asio::io_context io(1);
-    relay hub{settings, {}, {}, {}, {}, {}};
+    relay hub{settings, {settings.user_buffer, settings.buffers, settings.buffer_folder},
+              {},       {},
+              {},       {},
+              {},       {}};
     listeners ports{listen_on(io, settings.listen, settings.manager_port),
                     listen_on(io, settings.listen, settings.control_port),
                     listen_on(io, settings.listen, settings.data_port),
@@ -106,8 +117,18 @@ void run(const options& settings) {
     co_spawn(io, accept_loop(hub, ports.manager, manager_serve), detached);
     co_spawn(io, accept_loop(hub, ports.control, control_serve), detached);
     co_spawn(io, accept_loop(hub, ports.data, data_serve), detached);
-    co_spawn(io, accept_loop(hub, ports.front, front_door_serve), detached);
-    co_spawn(io, tick(hub), detached);
+    co_spawn(io, accept_loop(hub, ports.front, admission_serve), detached);
+    co_spawn(io,
+             repeat(interval_for({settings.login_timeout, settings.silence_timeout,
+                                  settings.stall_timeout, settings.answer_timeout,
+                                  settings.linger_timeout}),
+                    [&hub] { tick(hub); }),
+             detached);
+    co_spawn(
+        io,
+        repeat(interval_for({settings.rate_time, settings.slow_timeout, settings.stuck_timeout}),
+               [&hub] { fairness_look(hub, steady::now()); }),
+        detached);
     asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([](asio::error_code, int number) {
         log_line(EVENT, "signal %d, stopping", number);
@@ -128,6 +149,7 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
     log_set_level(settings.level);
+    admission_fit(settings);
     signal(SIGPIPE, SIG_IGN);
     run(settings);
     return EXIT_SUCCESS;

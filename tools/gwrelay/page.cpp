@@ -42,19 +42,29 @@ std::string cells(const char* kind, std::initializer_list<std::string> texts) {
     return html + "</tr>\n";
 }
 
+uint64_t waiting_bytes(const data_link& link) {
+    uint64_t bytes = 0;
+    for (const auto& [id, user] : link.streams) {
+        bytes += user->out.size();
+    }
+    return bytes;
+}
+
 // Its connections, each with its streams below.
 std::string connections_html(const device& box) {
-    std::string html = "<table>\n" + cells("th", {"data connection", "stream", "port", "request",
-                                                  "from the device", "to the device"});
+    std::string html =
+        "<table>\n" + cells("th", {"data connection", "stream", "port", "request",
+                                   "from the device", "waits for the user", "to the device"});
     for (const auto& link : box.data) {
-        html += cells("td", {link->name.substr(0, link->name.find(' ')),
-                             std::to_string(link->streams.size()) + " open", "",
-                             link->held_back ? "held back by a slow user" : "",
-                             bytes_text(link->bytes_in), bytes_text(link->bytes_out)});
+        html += cells(
+            "td", {link->name.substr(0, link->name.find(' ')),
+                   std::to_string(link->streams.size()) + " open", "",
+                   link->held_back ? "held back by a slow user" : "", bytes_text(link->bytes_in),
+                   bytes_text(waiting_bytes(*link)), bytes_text(link->bytes_out)});
         for (const auto& [id, user] : link->streams) {
-            html += cells(
-                "td", {"", std::to_string(id), std::to_string(user->port), html_escape(user->what),
-                       bytes_text(user->from_device), bytes_text(user->to_device)});
+            html += cells("td", {"", std::to_string(id), std::to_string(user->port),
+                                 html_escape(user->what), bytes_text(user->from_device),
+                                 bytes_text(user->out.size()), bytes_text(user->to_device)});
         }
     }
     return html + "</table>\n";
@@ -73,6 +83,7 @@ std::string device_html(const device& box) {
         const std::string link = path + std::to_string(port) + "/";
         html += row(html_escape(key), "<a href=\"" + link + "\">" + std::to_string(port) + "</a>");
     }
+    html += row("streams cut", std::to_string(box.cuts));
     html += row("the daemon itself", "<a href=\"" + path + "10010/?x-qv-gwad-opt=echo\">echo</a>");
     for (const auto& [key, value] : box.info) {
         html += row(html_escape(key), html_escape(value));
@@ -83,6 +94,10 @@ std::string device_html(const device& box) {
 std::string counts_json(uint64_t in, uint64_t out) {
     return "\"bytes_from_device\":" + std::to_string(in) +
            ",\"bytes_to_device\":" + std::to_string(out);
+}
+
+std::string waiting_json(uint64_t bytes) {
+    return "\"bytes_waiting\":" + std::to_string(bytes) + ",";
 }
 
 // One after the other, what `element` makes of each.
@@ -99,19 +114,20 @@ std::string connection_json(const data_link& link) {
     const auto stream = [](const auto& entry) {
         const user_link& user = *entry.second;
         return "{\"id\":" + std::to_string(entry.first) + ",\"port\":" + std::to_string(user.port) +
-               ",\"request\":" + json_quote(user.what) + "," +
+               ",\"request\":" + json_quote(user.what) + "," + waiting_json(user.out.size()) +
                counts_json(user.from_device, user.to_device) + "}";
     };
     return std::string("{\"held_back\":") + (link.held_back ? "true" : "false") + "," +
-           counts_json(link.bytes_in, link.bytes_out) + ",\"streams\":[" +
-           joined(link.streams, stream) + "]}";
+           waiting_json(waiting_bytes(link)) + counts_json(link.bytes_in, link.bytes_out) +
+           ",\"streams\":[" + joined(link.streams, stream) + "]}";
 }
 
 std::string device_json(const device& box) {
     size_t streams = 0;
-    uint64_t in = box.bytes_in, out = box.bytes_out;
+    uint64_t in = box.bytes_in, out = box.bytes_out, waiting = 0;
     for (const auto& link : box.data) {
         streams += link->streams.size();
+        waiting += waiting_bytes(*link);
         in += link->bytes_in;
         out += link->bytes_out;
     }
@@ -128,14 +144,16 @@ std::string device_json(const device& box) {
            joined(box.info, text) + "},\"ports\":{" + joined(box.ports, port) +
            "},\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
            ",\"data_connections\":" + std::to_string(box.data.size()) +
-           ",\"open_streams\":" + std::to_string(streams) + "," + counts_json(in, out) +
-           ",\"connections\":[" + joined(box.data, link) + "]}";
+           ",\"open_streams\":" + std::to_string(streams) +
+           ",\"streams_cut\":" + std::to_string(box.cuts) + "," + waiting_json(waiting) +
+           counts_json(in, out) + ",\"connections\":[" + joined(box.data, link) + "]}";
 }
-
-}  // namespace
 
 std::string page_html(const relay& hub) {
     std::string html = HTML_HEAD;
+    html += "<p>" + std::to_string(hub.admitted.users) + " users, " +
+            std::to_string(hub.admitted.refused) + " refused; " + bytes_text(hub.pool.used) +
+            " wait for users.</p>\n";
     if (hub.devices.empty()) {
         html += "<p>No device has logged in yet.</p>\n";
     }
@@ -147,5 +165,22 @@ std::string page_html(const relay& hub) {
 
 std::string page_json(const relay& hub) {
     const auto box = [](const auto& entry) { return device_json(*entry.second); };
-    return "{\"devices\":[" + joined(hub.devices, box) + "]}\n";
+    return "{\"devices\":[" + joined(hub.devices, box) +
+           "],\"users\":" + std::to_string(hub.admitted.users) +
+           ",\"users_refused\":" + std::to_string(hub.admitted.refused) +
+           ",\"bytes_waiting\":" + std::to_string(hub.pool.used) + "}\n";
+}
+
+}  // namespace
+
+std::string page_answer(const relay& hub, const http_request& request) {
+    const bool front_page = request.path == "/";
+    if (!front_page && request.path != "/status.json") {
+        return {};
+    }
+    if (request.method != "GET" && request.method != "HEAD") {
+        return http_reply(405, "text/plain", "Use GET.\n", "Allow: GET, HEAD\r\n");
+    }
+    return front_page ? http_reply(200, "text/html; charset=utf-8", page_html(hub))
+                      : http_reply(200, "application/json", page_json(hub));
 }

@@ -28,12 +28,22 @@ std::shared_ptr<device> device_get(relay& hub, const std::string& id) {
     return hub.devices[id] = made;
 }
 
-std::shared_ptr<data_link> device_pick_data(const device& owner) {
-    const auto rank = [](const auto& link) {
-        return std::tuple(link->closed, link->held_back || link->full(), link->streams.size());
+// The device closes a stream and opens the next in the order in which it is told on one connection,
+// but not across them. So each has its share of the streams that the device can bear.
+std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owner) {
+    const size_t share = (hub.settings.device_streams + DATA_CONNECTIONS - 1) / DATA_CONNECTIONS;
+    const auto can_take = [share](const auto& link) {
+        return !link->closed && link->streams.size() < share;
+    };
+    const auto waits = [now = steady::now(), &hub](const auto& link) {
+        const bool held = link->held_back || now - link->last_held < hub.settings.stuck_timeout;
+        return held || link->full();  // who was held back just now will soon be again
+    };
+    const auto rank = [&](const auto& link) {
+        return std::tuple(!can_take(link), waits(link), link->streams.size());
     };
     const auto best = std::ranges::min_element(owner.data, {}, rank);
-    return best == owner.data.end() || (*best)->closed ? nullptr : *best;
+    return best == owner.data.end() || !can_take(*best) ? nullptr : *best;
 }
 
 bool device_send_times(const device& owner, report_times times) {

@@ -22,6 +22,15 @@ struct control_link : connection {
 
 enum class port_state : uint8_t { ALIVE, DEAD, UNKNOWN };
 
+constexpr size_t DATA_CONNECTIONS = 5;  // that a device is told to make
+
+// Of a user who keeps others waiting: how much he takes, in spans of the time that rates are over.
+struct slowness {
+    steady::time_point began = NEVER, span_began = NEVER;  // NEVER: he keeps nobody waiting
+    uint64_t taken = 0;                                    // in all, when the span began
+    bool keeps_waiting = false;                            // he has, in this span
+};
+
 struct user_link : connection {
     using connection::connection;
     std::shared_ptr<device> owner;     // set with the stream, stays for the log
@@ -35,7 +44,10 @@ struct user_link : connection {
     http_tracker request{http_tracker::kind::REQUEST}, response{http_tracker::kind::RESPONSE};
     std::vector<iovec> arrived;  // for him, in what his data connection has just received
     uint64_t to_device = 0, from_device = 0;
-    bool user_ended = false;                        // he sends no more; he may still read
+    slowness slow;
+    uint64_t taken_when_stuck = 0;  // when all data connections of the device became held back
+    const char* cut = nullptr;      // why he had to give way to others
+    bool user_ended = false;        // he sends no more; he may still read
     steady::time_point last_moved = steady::now();  // a byte, in either direction
     void ended() override;
     void has_room() override;
@@ -46,6 +58,7 @@ struct data_link : connection {
     using connection::connection;
     std::shared_ptr<device> owner;  // null until the login
     bool held_back = false;         // not read at present: one of its users takes too little
+    steady::time_point last_held{};
     steady::time_point last_nudge = steady::now();
     std::unordered_map<uint32_t, std::shared_ptr<user_link>> streams;
     uint64_t bytes_in = 0, bytes_out = 0;  // stream payload
@@ -59,6 +72,9 @@ struct device {
     std::shared_ptr<control_link> control;  // null while the device is away
     std::vector<std::shared_ptr<data_link>> data;
     uint32_t last_stream_id = 0;
+    steady::time_point stuck_since = NEVER;  // all data connections are held back
+    size_t waiting = 0;                      // users, for a data connection to take their streams
+    uint64_t cuts = 0;                       // streams that had to give way to others
     std::optional<uint32_t> dlna_status;
     std::map<std::string, uint16_t> ports;  // as announced; kept while the device is away
     uint64_t bytes_in = 0, bytes_out = 0;   // stream payload of connections that have ended
@@ -67,8 +83,17 @@ struct device {
     bool away() const { return control == nullptr && data.empty(); }
 };
 
+// Users that are there, at the same time and by address, and those who are turned away.
+struct admission {
+    size_t users = 0, turned_away = 0;
+    std::unordered_map<std::string, size_t> by_address;
+    uint64_t refused = 0;  // ever
+};
+
 struct relay {
     const options& settings;
+    outbox_pool pool;
+    admission admitted;
     std::map<std::string, std::shared_ptr<device>, std::less<>> devices;
     std::vector<std::weak_ptr<connection>> connections;  // every one that is open
     std::string manager_body;                            // the address manager's answer
@@ -78,8 +103,9 @@ struct relay {
 
 // The device of that id, made when it is new. Devices that are away stay known, up to a limit.
 std::shared_ptr<device> device_get(relay& hub, const std::string& id);
-// The connection for a new stream, or null: not held back first, then the fewest streams.
-std::shared_ptr<data_link> device_pick_data(const device& owner);
+// The connection for a new stream: where it waits for nobody, if there is such a one, then the one
+// with the fewest streams. Null: there is none, or the device could not bear one more.
+std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owner);
 
 // Sends the reporting times; false when the device has no control connection.
 bool device_send_times(const device& owner, report_times times);

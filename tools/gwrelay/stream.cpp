@@ -61,7 +61,7 @@ struct upload_frames {
 const char* end_reason(const relay& hub, const user_link& user) {
     const auto quiet = steady::now() - user.last_moved;
     if (user.closed) {
-        return "user left";
+        return user.cut != nullptr ? user.cut : "user left";
     }
     if (user.route == nullptr) {
         return "data connection ended";
@@ -101,21 +101,40 @@ void stream_close(user_link& user, const char* reason) {
     user.stream_id = 0;
 }
 
+// The data connection for a new stream, or null after answering the user. One that is held back is
+// not taken at once: the device is about to get one back.
+awaitable<std::shared_ptr<data_link>> stream_route(const relay& hub,
+                                                   std::shared_ptr<user_link> user) {
+    device& owner = *user->owner;
+    const auto began = steady::now();
+    const auto must_wait = [&](const data_link& link, steady::duration waited) {
+        return link.full() || (link.held_back && waited < 2 * hub.settings.stuck_timeout);
+    };
+    auto route = device_pick_data(hub, owner);
+    while (route != nullptr && must_wait(*route, steady::now() - began) &&
+           steady::now() - began < hub.settings.answer_timeout) {
+        ++owner.waiting;
+        co_await route->changed.wait();
+        --owner.waiting;
+        route = device_pick_data(hub, owner);
+    }
+    if (route != nullptr && !route->full()) {
+        co_return route;
+    }
+    const char* why = route != nullptr     ? "The device's data connections are full."
+                      : owner.data.empty() ? "The device has no data connection."
+                                           : "The device has as many streams as it can bear.";
+    log_line(PROBLEM, "device %s: no data connection for %s: %s", owner.name.c_str(),
+             user->what.c_str(), why);
+    user->reply(http_busy_reply(why));
+    co_return nullptr;
+}
+
 }  // namespace
 
 awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, std::string bytes) {
-    const auto give_up = steady::now() + hub.settings.answer_timeout;
-    auto route = device_pick_data(*user->owner);
-    while (route != nullptr && route->full() && steady::now() < give_up) {
-        co_await route->changed.wait();
-        route = device_pick_data(*user->owner);
-    }
-    if (route == nullptr || route->full()) {
-        log_line(PROBLEM, "device %s: no data connection for %s", user->owner->name.c_str(),
-                 user->what.c_str());
-        user->reply(http_text_reply(503, route == nullptr
-                                             ? "The device has no data connection."
-                                             : "The device's data connections are full."));
+    const std::shared_ptr<data_link> route = co_await stream_route(hub, user);
+    if (route == nullptr) {
         co_return;
     }
     user->route = route;

@@ -1,0 +1,116 @@
+#include "fairness.h"
+
+#include <algorithm>
+#include <tuple>
+
+namespace {
+
+bool holds(const user_link& user) { return user.full() && !user.closed; }
+
+// Whether any stream of the connection could go on but for another.
+bool others_wait(const data_link& link) {
+    return std::ranges::any_of(link.streams, [](const auto& entry) {
+        return !entry.second->full() && !entry.second->closed;
+    });
+}
+
+void cut(user_link& user, const char* reason) {
+    log_line(PROBLEM, "device %s: stream %u of %s is cut: %s; %zu bytes wait for him",
+             user.owner->name.c_str(), user.stream_id, user.name.c_str(), reason, user.out.size());
+    ++user.owner->cuts;
+    user.cut = reason;
+    user.reset_when_closed(true);
+    user.close();
+}
+
+// Of the streams that hold connections back, the one that has moved the least since all are held
+// back. Where two are equal, the one whose connection is the most likely to be free without it.
+void give_way(const device& owner) {
+    user_link* least = nullptr;
+    auto least_rank = std::tuple(UINT64_MAX, SIZE_MAX);
+    for (const auto& link : owner.data) {
+        for (const auto& [id, user] : link->streams) {
+            const auto rank =
+                std::tuple(user->acknowledged() - user->taken_when_stuck, link->streams.size());
+            if (holds(*user) && rank < least_rank) {
+                least = user.get();
+                least_rank = rank;
+            }
+        }
+    }
+    if (least != nullptr) {
+        cut(*least, "all data connections are held back, and it has moved the least");
+    }
+}
+
+// Its only connection may be held back as long as that keeps nobody waiting.
+bool must_give_way(const device& owner) {
+    const auto waits = [](const auto& link) { return others_wait(*link); };
+    return owner.data.size() > 1 || owner.waiting > 0 || std::ranges::any_of(owner.data, waits);
+}
+
+}  // namespace
+
+void fairness_judge(device& owner) {
+    const auto held = [](const auto& link) { return link->held_back; };
+    if (owner.data.empty() || !std::ranges::all_of(owner.data, held)) {
+        owner.stuck_since = NEVER;
+        for (const auto& link : owner.data) {
+            link->changed.notify();  // somebody may wait to open a stream
+        }
+    } else if (owner.stuck_since == NEVER) {
+        owner.stuck_since = steady::now();
+        for (const auto& link : owner.data) {
+            for (const auto& [id, user] : link->streams) {
+                user->taken_when_stuck = user->acknowledged();
+            }
+        }
+    }
+}
+
+void fairness_hold(data_link& link, bool held) {
+    link.held_back = held;
+    link.last_held = steady::now();
+    fairness_judge(*link.owner);
+}
+
+bool slowness_look(slowness& his, steady::time_point now, uint64_t taken, bool keeps_waiting,
+                   const options& set) {
+    if (his.began == NEVER) {
+        if (keeps_waiting) {
+            his = {now, now, taken, true};
+        }
+        return false;
+    }
+    his.keeps_waiting = his.keeps_waiting || keeps_waiting;
+    const std::chrono::duration<double> span = now - his.span_began;
+    if (span < set.rate_time) {
+        return false;
+    }
+    const bool slow = his.keeps_waiting && static_cast<double>(taken - his.taken) <
+                                               static_cast<double>(set.least_rate) * span.count();
+    if (!slow) {
+        his = {};
+        return false;
+    }
+    his = {his.began, now, taken, keeps_waiting};
+    return now - his.began >= set.slow_timeout;
+}
+
+void fairness_look(relay& hub, steady::time_point now) {
+    for (const auto& [name, owner] : hub.devices) {
+        for (const auto& link : owner->data) {
+            const bool keeps_waiting = link->held_back && others_wait(*link);
+            for (const auto& [id, user] : link->streams) {
+                if (!user->closed && slowness_look(user->slow, now, user->acknowledged(),
+                                                   keeps_waiting && user->full(), hub.settings)) {
+                    cut(*user, "it keeps others waiting and takes too little");
+                }
+            }
+        }
+        if (owner->stuck_since != NEVER && now - owner->stuck_since >= hub.settings.stuck_timeout &&
+            must_give_way(*owner)) {
+            give_way(*owner);
+        }
+    }
+}
