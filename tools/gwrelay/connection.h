@@ -20,8 +20,6 @@
 
 using asio::awaitable;
 using asio::ip::tcp;
-using steady = std::chrono::steady_clock;
-constexpr auto NEVER = steady::time_point::max();
 
 // Coroutines wait here for something to change. There is no state and nothing is remembered: test
 // the condition, then wait, in a loop.

@@ -74,29 +74,6 @@ void fairness_hold(data_link& link, bool held) {
     fairness_judge(*link.owner);
 }
 
-bool slowness_look(slowness& his, steady::time_point now, uint64_t taken, bool keeps_waiting,
-                   const options& set) {
-    if (his.began == NEVER) {
-        if (keeps_waiting) {
-            his = {now, now, taken, true};
-        }
-        return false;
-    }
-    his.keeps_waiting = his.keeps_waiting || keeps_waiting;
-    const std::chrono::duration<double> span = now - his.span_began;
-    if (span < set.rate_time) {
-        return false;
-    }
-    const bool slow = his.keeps_waiting && static_cast<double>(taken - his.taken) <
-                                               static_cast<double>(set.least_rate) * span.count();
-    if (!slow) {
-        his = {};
-        return false;
-    }
-    his = {his.began, now, taken, keeps_waiting};
-    return now - his.began >= set.slow_timeout;
-}
-
 void fairness_look(relay& hub, steady::time_point now) {
     for (const auto& [name, owner] : hub.devices) {
         for (const auto& link : owner->data) {

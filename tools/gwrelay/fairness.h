@@ -16,7 +16,3 @@ void fairness_hold(data_link& link, bool held);
 void fairness_judge(device& owner);
 // Cuts whoever has to give way. Many times in each of the times that the options set.
 void fairness_look(relay& hub, steady::time_point now);
-// Whether a user who keeps others waiting, or not, has done so for too long by now, taking too
-// little. `taken` is what he has taken in all.
-bool slowness_look(slowness& his, steady::time_point now, uint64_t taken, bool keeps_waiting,
-                   const options& set);

@@ -10,6 +10,8 @@
 #include "log.h"
 
 using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+constexpr auto NEVER = steady::time_point::max();
 
 // The reporting times of a device's media server, in seconds, within what a device accepts.
 struct report_times {

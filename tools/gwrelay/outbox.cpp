@@ -120,6 +120,7 @@ void outbox::refill() {
     if (pread(fd, head.data(), size, static_cast<off_t>(file_begin)) !=
         static_cast<ssize_t>(size)) {
         unreadable = true;
+        head.clear();
         return;
     }
     file_size -= size;

@@ -9,6 +9,7 @@
 #include "connection.h"
 #include "http.h"
 #include "options.h"
+#include "slowness.h"
 #include "text.h"
 
 struct device;
@@ -23,13 +24,6 @@ struct control_link : connection {
 enum class port_state : uint8_t { ALIVE, DEAD, UNKNOWN };
 
 constexpr size_t DATA_CONNECTIONS = 5;  // that a device is told to make
-
-// Of a user who keeps others waiting: how much he takes, in spans of the time that rates are over.
-struct slowness {
-    steady::time_point began = NEVER, span_began = NEVER;  // NEVER: he keeps nobody waiting
-    uint64_t taken = 0;                                    // in all, when the span began
-    bool keeps_waiting = false;                            // he has, in this span
-};
 
 struct user_link : connection {
     using connection::connection;
