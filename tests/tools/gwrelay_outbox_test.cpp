@@ -99,6 +99,14 @@ TEST(GwrelayOutbox, IsFullUntilThereIsRoomForAGoodPortion) {
     EXPECT_TRUE(user.full());
     take(user, 1);
     EXPECT_FALSE(user.full());
+    all.pool.each_max = 64 * KIB;
+    outbox small;
+    small.use_files(all.pool);
+    small.append(std::string(64 * KIB, 'a'));
+    take(small, 32 * KIB);
+    EXPECT_TRUE(small.full());
+    take(small, 1);
+    EXPECT_FALSE(small.full());
     device.append(std::string(MEMORY - 1, 'a'));
     EXPECT_FALSE(device.full());
     device.append("b");

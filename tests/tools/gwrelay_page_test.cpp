@@ -32,19 +32,22 @@ TEST(GwrelayPage, TellsProgramsAndPeopleWhatItKnows) {
     }
     control_login(hub, "x").reset();
     EXPECT_TRUE(eventually([&hub] { return has(get(hub, "/status.json"), ":false,"); }));
+    const std::string known = body(get(hub, "/status.json")), users = ",\"users\":";
+    EXPECT_TRUE(known.ends_with(",\"users_refused\":0,\"bytes_waiting\":0}\n")) << known;
     EXPECT_EQ(
-        body(get(hub, "/status.json")),
+        known.substr(0, known.find(users)),
         R"({"devices":[{"id":"<b\u00ff>","path":"/%3Cb%FF%3E/","control":true,)"
         R"("info":{"a\u0022\u005c&'":"-1.5e+3","deviceid":"<b\u00ff>","z":"true"},)"
         R"("ports":{"http_port":8080},"dlna_status":258,"data_connections":1,"open_streams":1,)"
-        R"("bytes_from_device":1048583,"bytes_to_device":138,"connections":[)"
-        R"({"held_back":false,"bytes_from_device":1048576,"bytes_to_device":69,"streams":[)"
+        R"("bytes_from_device":1048583,"bytes_to_device":138,"bytes_waiting":0,"streams_cut":0,)"
+        R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":69,)"
+        R"("bytes_waiting":0,"streams":[)"
         R"({"id":2,"port":8080,"request":"GET /%3Cb%ff%3E/8080/&",)"
-        R"("bytes_from_device":1048576,"bytes_to_device":69}]}]},)"
+        R"("bytes_from_device":1048576,"bytes_to_device":69,"bytes_waiting":0}]}]},)"
         R"({"id":"x","path":"/x/","control":false,"info":{"deviceid":"x","fwver":"1.2"},)"
         R"("ports":{},"dlna_status":null,"data_connections":0,"open_streams":0,)"
-        R"("bytes_from_device":0,"bytes_to_device":0,"connections":[]}]})"
-        "\n");
+        R"("bytes_from_device":0,"bytes_to_device":0,"bytes_waiting":0,"streams_cut":0,)"
+        R"("connections":[]}])");
     const std::string page = get(hub, "/");
     for (const char* part :
          {"<h2>&#60;b\xff&#62;</h2>\n<table>\n<tr><th>control connection</th><td>up</td></tr>\n",
@@ -52,10 +55,11 @@ TEST(GwrelayPage, TellsProgramsAndPeopleWhatItKnows) {
           "<tr><th>http_port</th><td><a href=\"/%3Cb%FF%3E/8080/\">8080</a></td></tr>\n",
           "<a href=\"/%3Cb%FF%3E/10010/?x-qv-gwad-opt=echo\">echo</a>",
           "<tr><th>a&#34;\\&#38;&#39;</th><td>-1.5e+3</td></tr>\n",
-          "<th>from the device</th><th>to the device</th></tr>\n<tr><td>127.0.0.1:",
-          "</td><td>1 open</td><td></td><td></td><td>1.0 MiB</td><td>69 B</td></tr>\n",
+          "<th>from the device</th><th>to the device</th><th>waits for the "
+          "user</th></tr>\n<tr><td>127",
+          "</td><td>1 open</td><td></td><td></td><td>1.0 MiB</td><td>69 B</td><td>0 B</td></tr>\n",
           "<tr><td></td><td>2</td><td>8080</td><td>GET /%3Cb%ff%3E/8080/&#38;</td>"
-          "<td>1.0 MiB</td><td>69 B</td></tr>\n</table>\n<h2>x</h2>\n<table>\n"
+          "<td>1.0 MiB</td><td>69 B</td><td>0 B</td></tr>\n</table>\n<h2>x</h2>\n<table>\n"
           "<tr><th>control connection</th><td><b class=\"down\">down</b></td></tr>\n"}) {
         EXPECT_TRUE(has(page, part)) << testing::PrintToString(part + (" in " + page));
     }

@@ -77,7 +77,8 @@ void fairness_hold(data_link& link, bool held) {
 void fairness_look(relay& hub, steady::time_point now) {
     for (const auto& [name, owner] : hub.devices) {
         for (const auto& link : owner->data) {
-            const bool keeps_waiting = link->held_back && others_wait(*link);
+            const bool keeps_waiting =
+                link->held_back && (others_wait(*link) || owner->waiting > 0);
             for (const auto& [id, user] : link->streams) {
                 if (!user->closed && slowness_look(user->slow, now, user->acknowledged(),
                                                    keeps_waiting && user->full(), hub.settings)) {

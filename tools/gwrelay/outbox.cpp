@@ -135,6 +135,6 @@ void outbox::judge() {
     if (pool == nullptr) {
         return;
     }
-    const size_t room = is_full ? PORTION : 0;
+    const size_t room = is_full ? std::min(PORTION, pool->each_max / 2) : 0;
     is_full = size() + room >= pool->each_max || tail.size() >= PORTION;
 }

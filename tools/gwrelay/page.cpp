@@ -54,17 +54,17 @@ uint64_t waiting_bytes(const data_link& link) {
 std::string connections_html(const device& box) {
     std::string html =
         "<table>\n" + cells("th", {"data connection", "stream", "port", "request",
-                                   "from the device", "waits for the user", "to the device"});
+                                   "from the device", "to the device", "waits for the user"});
     for (const auto& link : box.data) {
         html += cells(
             "td", {link->name.substr(0, link->name.find(' ')),
                    std::to_string(link->streams.size()) + " open", "",
                    link->held_back ? "held back by a slow user" : "", bytes_text(link->bytes_in),
-                   bytes_text(waiting_bytes(*link)), bytes_text(link->bytes_out)});
+                   bytes_text(link->bytes_out), bytes_text(waiting_bytes(*link))});
         for (const auto& [id, user] : link->streams) {
             html += cells("td", {"", std::to_string(id), std::to_string(user->port),
                                  html_escape(user->what), bytes_text(user->from_device),
-                                 bytes_text(user->out.size()), bytes_text(user->to_device)});
+                                 bytes_text(user->to_device), bytes_text(user->out.size())});
         }
     }
     return html + "</table>\n";
@@ -91,13 +91,10 @@ std::string device_html(const device& box) {
     return html + "</table>\n" + connections_html(box);
 }
 
-std::string counts_json(uint64_t in, uint64_t out) {
+std::string counts_json(uint64_t in, uint64_t out, uint64_t waiting) {
     return "\"bytes_from_device\":" + std::to_string(in) +
-           ",\"bytes_to_device\":" + std::to_string(out);
-}
-
-std::string waiting_json(uint64_t bytes) {
-    return "\"bytes_waiting\":" + std::to_string(bytes) + ",";
+           ",\"bytes_to_device\":" + std::to_string(out) +
+           ",\"bytes_waiting\":" + std::to_string(waiting);
 }
 
 // One after the other, what `element` makes of each.
@@ -114,12 +111,12 @@ std::string connection_json(const data_link& link) {
     const auto stream = [](const auto& entry) {
         const user_link& user = *entry.second;
         return "{\"id\":" + std::to_string(entry.first) + ",\"port\":" + std::to_string(user.port) +
-               ",\"request\":" + json_quote(user.what) + "," + waiting_json(user.out.size()) +
-               counts_json(user.from_device, user.to_device) + "}";
+               ",\"request\":" + json_quote(user.what) + "," +
+               counts_json(user.from_device, user.to_device, user.out.size()) + "}";
     };
     return std::string("{\"held_back\":") + (link.held_back ? "true" : "false") + "," +
-           waiting_json(waiting_bytes(link)) + counts_json(link.bytes_in, link.bytes_out) +
-           ",\"streams\":[" + joined(link.streams, stream) + "]}";
+           counts_json(link.bytes_in, link.bytes_out, waiting_bytes(link)) + ",\"streams\":[" +
+           joined(link.streams, stream) + "]}";
 }
 
 std::string device_json(const device& box) {
@@ -144,9 +141,9 @@ std::string device_json(const device& box) {
            joined(box.info, text) + "},\"ports\":{" + joined(box.ports, port) +
            "},\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
            ",\"data_connections\":" + std::to_string(box.data.size()) +
-           ",\"open_streams\":" + std::to_string(streams) +
-           ",\"streams_cut\":" + std::to_string(box.cuts) + "," + waiting_json(waiting) +
-           counts_json(in, out) + ",\"connections\":[" + joined(box.data, link) + "]}";
+           ",\"open_streams\":" + std::to_string(streams) + "," + counts_json(in, out, waiting) +
+           ",\"streams_cut\":" + std::to_string(box.cuts) + ",\"connections\":[" +
+           joined(box.data, link) + "]}";
 }
 
 std::string page_html(const relay& hub) {
