@@ -209,10 +209,10 @@ TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
 }
 
 TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
-    const auto began = std::chrono::steady_clock::now();
-    device box({"--stall-timeout=1", "--silence-timeout=2.4"});
-    const unique_fd reader = box.user(GET_BOX, SMALL_BUFFER);
     const std::string flood = data_frames(1, std::string(MANY_BYTES, 'x'));
+    const auto began = std::chrono::steady_clock::now();
+    device box({"--stall-timeout=1", "--silence-timeout=2.4", "--user-buffer=256K"});
+    const unique_fd reader = box.user(GET_BOX, SMALL_BUFFER);
     std::atomic<bool> taken = false;
     std::jthread writer([&] { taken = write_all(box.data.get(), flood, 2 * TEST_PATIENCE); });
     EXPECT_TRUE(
