@@ -57,6 +57,7 @@ struct place {
 // sends, could cost him that.
 awaitable<void> turn_away(const relay& hub, std::shared_ptr<user_link> user, const char* why) {
     std::string bytes;
+    log_line(EVENT, "%s: turned away: %s", user->name.c_str(), why);
     user->expect_within(hub.settings.linger_timeout, why);
     const size_t length = co_await connection_http_head(*user, bytes, HEAD_MAX);
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));

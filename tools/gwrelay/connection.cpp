@@ -16,7 +16,6 @@ namespace {
 constexpr size_t OUTBOX_MAX = 4 * OUTBOX_MEMORY;
 constexpr size_t SMALL_RECEIVE = 16384;
 constexpr size_t HEAD_STEP = 8192;
-constexpr size_t PARTS_MAX = 1024;  // the kernel takes no more at once
 
 std::string peer_name(const tcp::socket& socket) {
     asio::error_code failed;

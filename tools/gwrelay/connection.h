@@ -21,6 +21,8 @@
 using asio::awaitable;
 using asio::ip::tcp;
 
+constexpr size_t PARTS_MAX = 1024;  // that the kernel sends in one call
+
 // Coroutines wait here for something to change. There is no state and nothing is remembered: test
 // the condition, then wait, in a loop.
 class event {
@@ -58,7 +60,8 @@ struct connection {
     bool idle() const { return out.empty(); }
     uint64_t acknowledged() const;  // bytes that the peer's kernel has got of what was sent
     void send(std::string_view bytes);
-    // Without the way through the outbox, as far as that is empty and the kernel takes them.
+    // Without the way through the outbox, as far as that is empty and the kernel takes them: not
+    // more than PARTS_MAX at once.
     void send_now(std::span<iovec> parts);
     void send_frame(const frame& whole);
     void log_frame(char direction, const frame& whole) const;

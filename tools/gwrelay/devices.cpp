@@ -153,7 +153,10 @@ void data_deliver(data_link& link, const frame& got, std::vector<user_link*>& to
     link.bytes_in += got.payload.size();
     user.from_device += got.payload.size();
     user.response.feed(got.payload);
-    if (user.arrived.empty()) {
+    if (user.arrived.size() == PARTS_MAX) {  // small ones
+        user.send_now(user.arrived);
+        user.arrived.clear();
+    } else if (user.arrived.empty()) {
         touched.push_back(&user);
     }
     user.arrived.push_back({const_cast<char*>(got.payload.data()), got.payload.size()});

@@ -1,7 +1,7 @@
 // devices.h - what devices talk to: the address manager, control and data connections.
 //
 // A user whose outbox is full stops the reading of the data connection that carries him, because
-// the protocol cannot hold back a single stream. The other connections of the device go on.
+// the protocol cannot hold back a single stream. Who then gives way is said in fairness.h.
 #pragma once
 
 #include "registry.h"

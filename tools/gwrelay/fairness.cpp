@@ -80,8 +80,10 @@ void fairness_look(relay& hub, steady::time_point now) {
             const bool keeps_waiting =
                 link->held_back && (others_wait(*link) || owner->waiting > 0);
             for (const auto& [id, user] : link->streams) {
-                if (!user->closed && slowness_look(user->slow, now, user->acknowledged(),
-                                                   keeps_waiting && user->full(), hub.settings)) {
+                const bool keeps = keeps_waiting && holds(*user);
+                const bool watched = !user->closed && (keeps || user->slow.began != NEVER);
+                if (watched &&
+                    slowness_look(user->slow, now, user->acknowledged(), keeps, hub.settings)) {
                     cut(*user, "it keeps others waiting and takes too little");
                 }
             }
