@@ -19,8 +19,7 @@ void cut(user_link& user, const char* reason) {
              user.owner->name.c_str(), user.stream_id, user.name.c_str(), reason, user.out.size());
     ++user.owner->cuts;
     user.cut = reason;
-    user.reset_when_closed(true);
-    user.close();
+    user.close();  // by a reset, as always before a whole response has gone out
 }
 
 // Of the streams that hold connections back, the one that has moved the least since all are held
