@@ -16,7 +16,10 @@ using relay = relay_program;
 constexpr test_duration A_MOMENT{200};
 constexpr int SMALL_BUFFER = 4096;
 constexpr char NO_GUARD[] = "--no-dead-port-guard";
-const std::string HTTP = " HTTP/1.1\r\n", OK = "HTTP/1.1 200 OK\r\n";
+// Users who want one answer, and services that give one; and what they say when they would go on.
+const std::string CLOSE = "Connection: close\r\n";
+const std::string HTTP_ON = " HTTP/1.1\r\n", OK_ON = "HTTP/1.1 200 OK\r\n";
+const std::string HTTP = HTTP_ON + CLOSE, OK = OK_ON + CLOSE;
 const std::string OK_X = OK + "Content-Length: 1\r\n\r\nx";
 const std::string GET_BOX = "GET /box/80/" + HTTP + "\r\n";
 

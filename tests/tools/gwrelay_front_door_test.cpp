@@ -11,7 +11,7 @@ TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
     for (const char* id : {"box", "a b", "a&b", "a\x7f", "x-qv-port=1"}) {
         devices.push_back(control_login(hub, id));
     }
-    const std::string http = " HTTP/1.1", start = "GET /box/80/" + HTTP + "A: ";
+    const std::string http = HTTP.substr(0, HTTP.size() - 2), start = "GET /box/80/" + HTTP + "A: ";
     const std::string longest(65536 - start.size() - 4, 'a');
     const std::pair<std::string, strings> cases[] = {
         {"400",
@@ -106,7 +106,7 @@ TEST(GwrelayFrontDoor, AnswersHeadWithTheHeadAlone) {
     EXPECT_TRUE(has(fetch(hub, "PUT /status.json" + HTTP + "\r\n"), "\r\nAllow: GET, HEAD\r\n"));
 }
 
-const std::string HEAD = HTTP + "Host: a\r\n", CLOSING = "Connection: close\r\n\r\n";
+const std::string HEAD = HTTP_ON + "Host: a\r\n", END = "\r\n";
 const std::string AT_80 = "x-qv-devid=box&x-qv-port=80";
 const std::string AT_10010 = "x-qv-devid=box&x-qv-port=10010";
 
@@ -124,15 +124,23 @@ struct answering : device {
 // The device takes the first place in the URI where a name occurs, and decodes nothing. Names of
 // operations mean something at its own port alone.
 TEST(GwrelayRequest, GetsTheParametersInFrontAndNothingElseThatLooksLikeThem) {
-    const std::string asked = HEAD + "\r\n", sent = HEAD + CLOSING;
-    const std::string upgrade = "Connection: Upgrade\r\nUpgrade: x\r\n\r\n";
+    const std::string asked = HEAD + CLOSE + END, sent = HEAD + END;
+    const std::string upgrade = "Connection: Upgrade, close\r\nUpgrade: x\r\n\r\n";
+    const std::string length = "Content-Length: 2\r\n", chunked = "Transfer-Encoding: chunked\r\n";
     const std::pair<std::string, std::string> cases[] = {
-        {"GET /box/80/a%20b?c=d&e" + HEAD + "Connection: keep-alive\r\nKeep-Alive: 5\r\n\r\n",
+        {"GET /box/80/a%20b?c=d&e" + HEAD + "CONNECTION:\tx, Close\r\nKeep-Alive: 5\r\n\r\n",
          "GET /a%20b?" + AT_80 + "&c=d&e" + sent},
-        {"POST /b%6fx/80/p" + HEAD + "Content-Length: 2\r\n\r\nhi",
-         "POST /p?" + AT_80 + HEAD + "Content-Length: 2\r\n" + CLOSING + "hi"},
+        {"POST /b%6fx/80/p" + HEAD + CLOSE + length + "\r\nhi",
+         "POST /p?" + AT_80 + HEAD + length + "\r\nhi"},
+        // A service that does not know such a body might take it for another request.
+        {"POST /box/80/" + HEAD + CLOSE + chunked + "\r\n0\r\n\r\n",
+         "POST /?" + AT_80 + HEAD + chunked + CLOSE + "\r\n0\r\n\r\n"},
+        {"GET /box/80/" + HEAD + CLOSE + length + "\r\nhi",
+         "GET /?" + AT_80 + HEAD + length + CLOSE + "\r\nhi"},
+        {"GET /box/80/ HTTP/1.0\r\n\r\n",
+         "GET /?" + AT_80 + " HTTP/1.0\r\nConnection: keep-alive\r\n\r\n"},
         {"GET /box/80/ws" + HEAD + upgrade, "GET /ws?" + AT_80 + HEAD + upgrade},
-        {"GET /box/80/ HTTP/1.1\nHost: a\n\n", "GET /?" + AT_80 + sent},
+        {"GET /box/80/ HTTP/1.1\nHost: a\nConnection: close\n\n", "GET /?" + AT_80 + sent},
         {"GET /box/80/?a=1&gwrelay-pri=2&b" + asked, "GET /?" + AT_80 + "&x-qv-pri=2&a=1&b" + sent},
         {"GET /box/80/x-qv-port=10010&x-qv-gwad-opt=echo&" + asked,
          "GET /%78-qv-port=10010&%78-qv-gwad-opt=echo&?" + AT_80 + sent},
@@ -141,10 +149,10 @@ TEST(GwrelayRequest, GetsTheParametersInFrontAndNothingElseThatLooksLikeThem) {
         {"GET /box/80/timeout/loglv?timeout=1&X-QV-PORT=1&%78-qv-port=1" + asked,
          "GET /timeout/loglv?" + AT_80 + "&timeout=1&X-QV-PORT=1&%78-qv-port=1" + sent},
         {"GET /box/10010/timeout?x-qv-gwad-opt=log&loglv=4&timeout=7" + asked,
-         "GET /%74imeout?" + AT_10010 + "&x-qv-gwad-opt=log&loglv=4&timeout=7" + sent},
+         "GET /%74imeout?" + AT_10010 + "&x-qv-gwad-opt=log&loglv=4&timeout=7" + asked},
         {"GET /box/10010/loglv?a=loglv&loglv=timeout&timeout&x-qv-gwad-opt&x-qv-port=80" + asked,
          "GET /%6Coglv?" + AT_10010 +
-             "&a=%6Coglv&loglv=%74imeout&%74imeout&%78-qv-gwad-opt&%78-qv-port=80" + sent},
+             "&a=%6Coglv&loglv=%74imeout&%74imeout&%78-qv-gwad-opt&%78-qv-port=80" + asked},
     };
     answering box;
     for (const auto& [request, expected] : cases) {
@@ -159,14 +167,14 @@ TEST(GwrelayRequest, IsRefusedWhenTheDeviceWouldNotSeeItsParameters) {
     answering box;
     const std::string path(SEEN - ("POST /?" + AT_80).size(), 'a');
     std::string sent = "POST /box/80/" + path, seen = "POST /" + path + "?" + AT_80;
-    EXPECT_EQ(box.request(sent + HEAD + "\r\n"), seen + HEAD + CLOSING);
-    EXPECT_EQ(box.request(sent + "?b" + HEAD + "\r\n"), seen + "&b" + HEAD + CLOSING);
-    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
+    EXPECT_EQ(box.request(sent + HEAD + CLOSE + END), seen + HEAD + END);
+    EXPECT_EQ(box.request(sent + "?b" + HEAD + CLOSE + END), seen + "&b" + HEAD + END);
+    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + CLOSE + END).starts_with("HTTP/1.1 414 "));
     seen = "GET /?" + AT_10010 + "&x-qv-gwad-opt=";
     const std::string rest(SEEN - seen.size(), 'a');
     sent = "GET /box/10010/?x-qv-gwad-opt=" + rest;
-    EXPECT_EQ(box.request(sent + HEAD + "\r\n"), seen + rest + HEAD + CLOSING);
-    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + "\r\n").starts_with("HTTP/1.1 414 "));
+    EXPECT_EQ(box.request(sent + HEAD + CLOSE + END), seen + rest + HEAD + CLOSE + END);
+    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + CLOSE + END).starts_with("HTTP/1.1 414 "));
 }
 
 }  // namespace

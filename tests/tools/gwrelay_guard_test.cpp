@@ -20,8 +20,8 @@ struct guarded : device {
         unique_fd fd = device::user(request);
         const std::string end = "\r\n\r\n";
         const std::string echo =
-            "GET /?x-qv-devid=box&x-qv-port=10010&x-qv-gwad-opt=echo&x-qv-pri=2147483647" + HTTP +
-            "X-Pad: 0";
+            "GET /?x-qv-devid=box&x-qv-port=10010&x-qv-gwad-opt=echo&x-qv-pri=2147483647" +
+            HTTP_ON + "X-Pad: 0";
         const size_t more = opening.size() - HEADER_SIZE - echo.size() - end.size();
         EXPECT_EQ(hears(), frame_bytes(DATA, FIRST + stream, echo + std::string(more, '0') + end));
         EXPECT_EQ(hears(), frame_bytes(DATA, SECOND + stream, echo + end));
@@ -36,7 +36,7 @@ TEST(GwrelayGuard, IsAsLongAsTheOpeningFrameCarries) {
         const std::string cookie = "Cookie: " + std::string(size, 'c');
         box.user("GET /box/80/" + HTTP + cookie + "\r\n\r\n");
         const std::string whole =
-            "GET /?x-qv-devid=box&x-qv-port=80" + HTTP + cookie + "\r\nConnection: close\r\n\r\n";
+            "GET /?x-qv-devid=box&x-qv-port=80" + HTTP_ON + cookie + "\r\n\r\n";
         if (whole.size() < SHORTEST) {
             EXPECT_TRUE(box.opening.starts_with(whole.substr(0, whole.size() - 2) + "X-Pad: 0"));
             EXPECT_TRUE(box.opening.ends_with("0\r\n\r\n"));

@@ -48,7 +48,7 @@ TEST(GwrelayLog, TellsTheStoryOfADevice) {
     const std::string session = frame_payload(frame_read(box.control.get()));
     ASSERT_TRUE(still_echoes(box.control));
     unique_fd user = box.user();
-    box.answers("HTTP/1.1 204 None\r\n\r\n");
+    box.answers("HTTP/1.1 204 None\r\n" + CLOSE + "\r\n");
     EXPECT_EQ(box.hears(), frame_bytes(CLOSE_STREAM, 1));
     user.reset();
     box.data.reset();
@@ -69,9 +69,9 @@ TEST(GwrelayLog, TellsTheStoryOfADevice) {
         "device box: \\x09~ " + many + " is 80\n",
         " data of box: data login, 1 up\n",
         " control of box > HeartBeat version 2 flag 1 stream 0 length 4\n",
-        " data of box < Data version 1 flag 0 stream 1 length 65\n",
+        " data of box < Data version 1 flag 0 stream 1 length 46\n",
         ": GET /box/80/\n",
-        ": stream 1 closed, response complete, status 204, 65 bytes to the device, 21 from it\n",
+        ": stream 1 closed, response complete, status 204, 46 bytes to the device, 40 from it\n",
         " data of box: ended with 0 streams, 0 left\n",
         ": closed: unexpected Data of version 3, stream 7, length 161: \\x0a~ " + many + "...\n",
         "device box: control connection ended\n",

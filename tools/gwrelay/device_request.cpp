@@ -6,6 +6,7 @@
 namespace {
 
 constexpr size_t DEVICE_LOOKS_AT = 4096;  // the bytes of a request in which a device finds its URI
+constexpr int32_t DEFAULT_PRIORITY = 4;
 constexpr char LAST_PRIORITY[] = "2147483647";
 constexpr size_t PADDING_MIN = 10;
 
@@ -47,26 +48,33 @@ std::string parameters(const device& owner, uint16_t port) {
     return "x-qv-devid=" + owner.id + "&x-qv-port=" + std::to_string(port);
 }
 
-// One request a connection: the device cannot signal where a response ends, so on a connection that
-// stays open a second request would go to whatever service the first one was for.
-std::string head_with(std::string_view target, const http_request& request) {
+// What the service is told of its connection, which is another one than the user's.
+std::string_view connection_line(const user_link& user) {
+    if (!user.shareable) {
+        return "Connection: close\r\n";
+    }
+    return user.is_1_0 ? "Connection: keep-alive\r\n" : "";
+}
+
+std::string head_with(std::string_view target, const http_request& request,
+                      std::string_view connection_line) {
     std::string head(request.method);
     head.append(" ").append(target).append(" ").append(request.version).append("\r\n");
-    const bool keeps = request.upgrades();
     for (std::string_view rest = request.headers; !rest.empty();) {
-        const std::string_view line = http_line_take(rest);
-        const std::string name = lower_case(line.substr(0, line.find(':')));
-        if (keeps || (name != "connection" && name != "keep-alive")) {
-            head.append(line).append("\r\n");
+        const http_field field = http_field_take(rest);
+        if (request.upgrades || !http_is_hop(field)) {
+            head.append(field.line).append("\r\n");
         }
     }
-    return head.append(keeps ? "\r\n" : "Connection: close\r\n\r\n");
+    return head.append(request.upgrades ? "" : connection_line).append("\r\n");
 }
 
 }  // namespace
 
-std::string device_request_head(const device& owner, uint16_t port, std::string_view path,
-                                const http_request& request, std::string& head) {
+std::string device_request_head(user_link& user, std::string_view path, const http_request& request,
+                                std::string& head) {
+    const device& owner = *user.owner;
+    const uint16_t port = user.port;
     if (request.method != "GET" && request.method != "POST" && request.method != "HEAD") {
         // a device drops the others without a word
         return http_reply(405, "text/plain", "Devices take GET, POST and HEAD.\n",
@@ -81,6 +89,7 @@ std::string device_request_head(const device& owner, uint16_t port, std::string_
         return http_text_reply(502, "This device's id does not fit into a request.");
     }
     // The parameters come first in the query, where a long one cannot push them out of sight.
+    user.priority = DEFAULT_PRIORITY;
     std::string query(request.query);
     std::string target = without_names(path, port) + "?" + parameters(owner, port);
     if (const auto priority = query_take(request.query, "gwrelay-pri", &query)) {
@@ -89,6 +98,7 @@ std::string device_request_head(const device& owner, uint16_t port, std::string_
             return http_text_reply(400, "gwrelay-pri is a number from 0 to 2147483647.");
         }
         target += "&x-qv-pri=" + std::to_string(*value);
+        user.priority = *value;
     }
     const size_t own_size = target.size();
     target.append(query.empty() ? "" : "&").append(query_without_names(query, port));
@@ -96,7 +106,9 @@ std::string device_request_head(const device& owner, uint16_t port, std::string_
     if (request.method.size() + 1 + needed > DEVICE_LOOKS_AT) {
         return http_text_reply(414, "The device would not see where this is going.");
     }
-    head = head_with(target, request);
+    user.shareable = user.shareable && port != MAINTENANCE_PORT;  // which has no streams
+    user.repeatable = user.repeatable && user.shareable;
+    head = head_with(target, request, connection_line(user));
     return {};
 }
 

@@ -10,10 +10,10 @@
 
 constexpr uint16_t MAINTENANCE_PORT = 10010;  // the device itself, always there
 
-// The head of a request to that path of a port, as the device gets it, goes to `head`. Or the
-// result is the user's answer.
-std::string device_request_head(const device& owner, uint16_t port, std::string_view path,
-                                const http_request& request, std::string& head);
+// The head of the user's request to that path of his device and port, as the device gets it, goes
+// to `head`, its priority to the user. Or the result is the user's answer.
+std::string device_request_head(user_link& user, std::string_view path, const http_request& request,
+                                std::string& head);
 // A request that the device answers itself, in the order in which it got several of them. It has
 // `size` bytes, and some hundred at least.
 std::string device_echo_request(const device& owner, size_t size = 0);

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <random>
 
+#include "exchange.h"
 #include "fairness.h"
 #include "guard.h"
+#include "kept.h"
 #include "stream.h"
 
 namespace {
@@ -16,6 +18,7 @@ constexpr size_t DEVICE_ID_MAX = 47;
 constexpr size_t PORTS_MAX = 16;
 constexpr size_t SESSION_ID_SIZE = 32;
 constexpr size_t WORD = 4;
+constexpr char CLOSING[] = "Connection: close\r\n";
 constexpr int NUDGES_IN_SILENCE = 5;
 
 std::string frame_text(const frame& got) {
@@ -144,7 +147,8 @@ void data_nudge(const relay& hub, data_link& link) {
 void data_deliver(data_link& link, const frame& got, std::vector<user_link*>& touched) {
     const auto found = link.streams.find(guard_stream(got.stream_id));
     if (found == link.streams.end()) {
-        return;  // late data of a stream that its user has left
+        kept_spoke(link, got.stream_id);
+        return;  // or it is late data of a stream that its user has left
     }
     user_link& user = *found->second;
     if (!stream_heard(user, got.stream_id) || user.closed || got.payload.empty()) {
@@ -152,14 +156,10 @@ void data_deliver(data_link& link, const frame& got, std::vector<user_link*>& to
     }
     link.bytes_in += got.payload.size();
     user.from_device += got.payload.size();
-    user.response.feed(got.payload);
-    if (user.arrived.size() == PARTS_MAX) {  // small ones
-        user.send_now(user.arrived);
-        user.arrived.clear();
-    } else if (user.arrived.empty()) {
+    if (touched.empty() || touched.back() != &user) {
         touched.push_back(&user);
     }
-    user.arrived.push_back({const_cast<char*>(got.payload.data()), got.payload.size()});
+    exchange_take_response(user, got.payload);
 }
 
 // All whole frames that have come.
@@ -175,12 +175,7 @@ void data_take(data_link& link, frame_input& input, std::vector<user_link*>& tou
         }
     }
     for (user_link* const user : touched) {
-        user->last_moved = steady::now();
-        user->send_now(user->arrived);
-        user->arrived.clear();
-        if (user->response.complete()) {
-            user->changed.notify();
-        }
+        exchange_pass_on(*user);
     }
 }
 
@@ -225,11 +220,11 @@ awaitable<void> manager_serve(relay& hub, std::shared_ptr<connection> link) {
         request->path == "/addrmgr/device_get_proxy") {
         log_line(EVENT, "%s: device %s asks for its control server: %s", link->name.c_str(),
                  log_text(*id).c_str(), hub.manager_body.c_str());
-        link->send(http_reply(200, "application/json", hub.manager_body));
+        link->send(http_reply(200, "application/json", hub.manager_body, CLOSING));
     } else {
         log_line(PROBLEM, "%s: not an address query: %s", link->name.c_str(),
                  log_text(bytes.substr(0, bytes.find_first_of("\r\n"))).c_str());
-        link->send(http_reply(404, "application/json", "{\"ret\":1}"));
+        link->send(http_reply(404, "application/json", "{\"ret\":1}", CLOSING));
     }
     co_await connection_flush(*link);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "device_request.h"
+#include "exchange.h"
 #include "page.h"
 #include "stream.h"
 
@@ -81,34 +82,72 @@ std::string route(relay& hub, user_link& user, const http_request& request, std:
     }
     user.owner = found->second;
     user.port = *port;
-    return device_request_head(*user.owner, *port, parts.rest, request, head);
+    return device_request_head(user, parts.rest, request, head);
 }
 
-awaitable<void> answer(relay& hub, std::shared_ptr<user_link> user, std::string_view bytes,
-                       size_t head_length) {
-    const auto request = http_request_parse(bytes.substr(0, head_length));
-    const bool too_long = head_length == 0 && bytes.size() > HEAD_MAX;
-    if (!request) {
-        if (!bytes.empty()) {
-            log_line(PROBLEM, "%s: not an HTTP request: %s", user->name.c_str(),
-                     log_text(bytes.substr(0, bytes.find_first_of("\r\n"))).c_str());
+// Whether bytes of a next request are there. Empty lines in front of it mean nothing.
+bool begins(std::string& input) {
+    input.erase(0, std::min(input.find_first_not_of("\r\n"), input.size()));
+    return !input.empty();
+}
+
+// The length of the next request's head, with which `user.input` begins. 0: what is there is none,
+// if anything is.
+awaitable<size_t> next_head(const relay& hub, user_link& user) {
+    const auto idle_until = steady::now() + hub.settings.idle_timeout;
+    size_t known = 0;
+    while (!user.closed) {
+        if (begins(user.input)) {
+            const size_t length = http_head_length(user.input, known);
+            known = user.input.size();
+            if (length > 0 || known > HEAD_MAX || user.user_ended) {
+                co_return length <= HEAD_MAX ? length : 0;
+            }
+            if (user.deadline == NEVER) {
+                user.expect_within(hub.settings.login_timeout, "said nothing useful in time");
+            }
+        } else if (user.user_ended || steady::now() >= idle_until) {
+            break;
         }
-        user->reply(too_long ? http_text_reply(431, "The request head is longer than 64 KiB.")
-                             : http_text_reply(400, "This is not an HTTP/1.1 request."));
-        co_return;
+        co_await user.changed.wait();
     }
-    user->what = log_text(std::string(request->method) + " " + std::string(request->path));
-    if (request->method == "HEAD") {
-        user->head_only = true;
-        user->response = http_tracker(http_tracker::kind::RESPONSE_TO_HEAD);
+    co_return 0;
+}
+
+void refuse(user_link& user, size_t head_length) {
+    const bool too_long = head_length == 0 && user.input.size() > HEAD_MAX;
+    log_line(PROBLEM, "%s: not an HTTP request: %s", user.name.c_str(),
+             log_text(user.input.substr(0, user.input.find_first_of("\r\n"))).c_str());
+    user.persistent = user.head_only = false;
+    user.reply(too_long ? http_text_reply(431, "The request head is longer than 64 KiB.")
+                        : http_text_reply(400, "This is not an HTTP/1.1 request."));
+}
+
+// Serves the next request. True: another one may follow.
+awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
+    const size_t head_length = co_await next_head(hub, *user);
+    user->deadline = NEVER;
+    if (user->closed || user->input.empty()) {
+        co_return false;
     }
+    const auto request = http_request_parse(std::string_view(user->input).substr(0, head_length));
+    if (!request) {
+        refuse(*user, head_length);
+        co_return false;
+    }
+    exchange_begin(hub.settings, *user, *request);
     std::string head;
     const std::string reply = route(hub, *user, *request, head);
+    user->input.erase(0, head_length);
     if (reply.empty()) {
-        co_await stream_open(hub, user, head.append(bytes.substr(head_length)));
+        co_await exchange_run(hub, user, std::move(head));
     } else {
         user->reply(reply);
     }
+    while (user->full() && !user->closed) {  // he takes less than he asks for
+        co_await user->changed.wait();
+    }
+    co_return user->keeps;
 }
 
 }  // namespace
@@ -117,12 +156,14 @@ awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user) {
     // Until everything has gone out, an end of the connection, whatever its reason, must not look
     // like the end of a response.
     user->reset_when_closed(true);
-    std::string bytes;
-    const size_t head_length = co_await connection_http_head(*user, bytes, HEAD_MAX);
-    user->deadline = NEVER;
-    co_await answer(hub, user, bytes, head_length);
     asio::co_spawn(user->socket.get_executor(), stream_upload(user), asio::detached);
-    co_await stream_carry(hub, user);
+    bool more = co_await serve_one(hub, user);
+    while (more) {  // g++ 12 destroys a coroutine's variables too early when this would await
+        more = co_await serve_one(hub, user);
+    }
+    user->unheard = true;
+    user->input.clear();
+    user->changed.notify();
     co_await connection_flush(*user);
     user->reset_when_closed(false);
     // Closing while the user still sends would reset the connection and could cost him the end of

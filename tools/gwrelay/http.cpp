@@ -6,11 +6,19 @@
 
 namespace {
 
-constexpr size_t HEAD_MAX = 65536;
-constexpr int SWITCHING_PROTOCOLS = 101, NO_CONTENT = 204, NOT_MODIFIED = 304;
-constexpr std::string_view HTTP = "HTTP/1.";
-// What is of one of these types and has no length is sent while things happen, however rarely.
-constexpr std::string_view OPEN_TYPES[] = {"text/event-stream", "multipart/x-mixed-replace"};
+constexpr std::string_view HOP_FIELDS[] = {"connection", "keep-alive", "proxy-connection"};
+
+bool is_token(std::string_view text) {
+    return !text.empty() && std::ranges::all_of(text, [](unsigned char c) {
+        return isalnum(c) != 0 || std::string_view("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) !=
+                                      std::string_view::npos;
+    });
+}
+
+std::string_view trimmed(std::string_view text) {
+    const size_t from = std::min(text.find_first_not_of(" \t"), text.size());
+    return text.substr(from, text.find_last_not_of(" \t") + 1 - from);
+}
 
 const char* reason_of(int code) {
     switch (code) {
@@ -48,22 +56,91 @@ std::string_view http_line_take(std::string_view& rest) {
     return line.substr(0, line.size() - (line.ends_with('\r') ? 1 : 0));
 }
 
+bool http_has_control(std::string_view line) {
+    return std::ranges::any_of(line,
+                               [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7f; });
+}
+
+bool http_field::is(std::string_view lower_name) const { return same_word(name, lower_name); }
+
+http_field http_field_take(std::string_view& lines) {
+    const std::string_view line = http_line_take(lines);
+    const size_t colon = std::min(line.find(':'), line.size());
+    const std::string_view name = line.substr(0, colon);
+    return {.name = name,
+            .value = trimmed(line.substr(std::min(colon + 1, line.size()))),
+            .line = line,
+            .valid = colon < line.size() && is_token(name) && !http_has_control(line)};
+}
+
 std::string_view http_header(std::string_view lines, std::string_view name) {
     while (!lines.empty()) {
-        const std::string_view line = http_line_take(lines);
-        const size_t colon = std::min(line.find(':'), line.size());
-        if (lower_case(line.substr(0, colon)) == name) {
-            const size_t from = std::min(line.find_first_not_of(" \t", colon + 1), line.size());
-            return line.substr(from, line.find_last_not_of(" \t") + 1 - from);
+        const http_field field = http_field_take(lines);
+        if (field.is(name)) {
+            return field.value;
         }
     }
     return {};
 }
 
-bool http_request::upgrades() const {
-    return !http_header(headers, "upgrade").empty() &&
-           lower_case(http_header(headers, "connection")).find("upgrade") != std::string::npos;
+std::string_view http_word_take(std::string_view& list) {
+    const size_t end = std::min(list.find(','), list.size());
+    const std::string_view word = list.substr(0, end);
+    list.remove_prefix(std::min(end + 1, list.size()));
+    return trimmed(word);
 }
+
+bool http_has_word(std::string_view list, std::string_view lower_word) {
+    while (!list.empty()) {
+        if (same_word(http_word_take(list), lower_word)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool http_is_hop(const http_field& field) {
+    return std::ranges::any_of(HOP_FIELDS, [&](std::string_view name) { return field.is(name); });
+}
+
+namespace {
+
+// Reads the header lines that say where the request ends and what becomes of its connection.
+bool request_read_headers(http_request& request) {
+    const bool is_1_0 = request.version == "HTTP/1.0";
+    bool closes = false, keeps = false, asks_upgrade = false, has_upgrade = false;
+    bool has_length = false;
+    for (std::string_view rest = request.headers; !rest.empty();) {
+        const http_field field = http_field_take(rest);
+        if (!field.valid) {
+            return false;
+        }
+        if (field.is("content-length")) {
+            const auto length = number_parse<uint64_t>(field.value);
+            if (!length || has_length) {
+                return false;
+            }
+            has_length = true;
+            request.length = *length;
+        } else if (field.is("transfer-encoding")) {
+            if (request.chunked || is_1_0 || !same_word(field.value, "chunked")) {
+                return false;
+            }
+            request.chunked = true;
+        } else if (field.is("connection")) {
+            closes = closes || http_has_word(field.value, "close");
+            keeps = keeps || http_has_word(field.value, "keep-alive");
+            asks_upgrade = asks_upgrade || http_has_word(field.value, "upgrade");
+        } else if (field.is("upgrade")) {
+            has_upgrade = true;
+        }
+    }
+    request.persistent = !closes && (keeps || !is_1_0);
+    request.upgrades = asks_upgrade && has_upgrade && !is_1_0;
+    return !(has_length && request.chunked);
+}
+
+}  // namespace
 
 std::optional<http_request> http_request_parse(std::string_view head) {
     const std::string_view first = http_line_take(head);
@@ -74,16 +151,18 @@ std::optional<http_request> http_request_parse(std::string_view head) {
     }
     const std::string_view target = first.substr(method_end + 1, target_end - method_end - 1);
     const size_t mark = std::min(target.find('?'), target.size());
-    const http_request request{.method = first.substr(0, method_end),
-                               .version = first.substr(target_end + 1),
-                               .path = target.substr(0, mark),
-                               .query = target.substr(std::min(mark + 1, target.size())),
-                               .headers = head};
+    http_request request{.method = first.substr(0, method_end),
+                         .version = first.substr(target_end + 1),
+                         .path = target.substr(0, mark),
+                         .query = target.substr(std::min(mark + 1, target.size())),
+                         .headers = head};
     const bool target_fits = target.starts_with('/') &&
                              std::all_of(target.begin(), target.end(),
                                          [](unsigned char c) { return c > ' ' && c != 0x7f; });
     const bool version_fits = request.version == "HTTP/1.1" || request.version == "HTTP/1.0";
-    return target_fits && version_fits ? std::optional(request) : std::nullopt;
+    const bool fits =
+        is_token(request.method) && target_fits && version_fits && request_read_headers(request);
+    return fits ? std::optional(request) : std::nullopt;
 }
 
 std::string_view query_part_take(std::string_view& query) {
@@ -116,7 +195,7 @@ std::string http_reply(int code, std::string_view type, std::string_view body,
                        std::string_view extra_headers) {
     std::string reply = "HTTP/1.1 " + std::to_string(code) + " " + reason_of(code) + "\r\n";
     reply.append("Content-Type: ").append(type).append("\r\nContent-Length: ");
-    reply.append(std::to_string(body.size())).append("\r\nConnection: close\r\n");
+    reply.append(std::to_string(body.size())).append("\r\n");
     return reply.append(extra_headers).append("\r\n").append(body);
 }
 
@@ -131,109 +210,4 @@ std::string http_busy_reply(std::string_view text) {
 
 std::string http_redirect(std::string_view location) {
     return http_reply(307, "text/plain", "", "Location: " + std::string(location) + "\r\n");
-}
-
-void http_tracker::feed(std::string_view bytes) {
-    fed = fed || !bytes.empty();
-    while (!bytes.empty()) {
-        switch (state) {
-            case phase::HEAD:
-            case phase::CHUNK_SIZE:
-            case phase::CHUNK_END:
-            case phase::TRAILER: feed_text(bytes); break;
-            case phase::BODY:
-            case phase::CHUNK: {
-                const size_t used = std::min<uint64_t>(left, bytes.size());
-                bytes.remove_prefix(used);
-                left -= used;
-                if (left == 0) {
-                    state = state == phase::BODY ? phase::COMPLETE : phase::CHUNK_END;
-                }
-                break;
-            }
-            case phase::ENDLESS:
-            case phase::STAYS_OPEN:
-            case phase::COMPLETE: return;
-        }
-    }
-}
-
-// Moves bytes into `text` up to the end of the head or line that is due, and goes on from there
-// when it has come.
-void http_tracker::feed_text(std::string_view& bytes) {
-    const size_t known = text.size();
-    text += bytes;
-    const size_t length = state == phase::HEAD ? http_head_length(text, known)
-                                               : text.find('\n', known) + 1;  // 0 at npos
-    if (foreign() || (length > 0 ? length : text.size()) > HEAD_MAX) {
-        state = phase::ENDLESS;
-    } else if (length == 0) {
-        bytes = {};
-        return;
-    } else {
-        bytes.remove_prefix(length - known);
-        text.resize(length);
-        state = after_text();
-    }
-    text.clear();
-}
-
-// Whether what has come of the head begins otherwise than a response does.
-bool http_tracker::foreign() const {
-    return state == phase::HEAD && message_kind != kind::REQUEST &&
-           !text.starts_with(HTTP.substr(0, text.size()));
-}
-
-http_tracker::phase http_tracker::after_text() {
-    if (state == phase::HEAD) {
-        return after_head();
-    }
-    if (state == phase::CHUNK_SIZE) {
-        return after_chunk_size();
-    }
-    const bool empty = text == "\n" || text == "\r\n";
-    if (state == phase::CHUNK_END) {
-        return empty ? phase::CHUNK_SIZE : phase::ENDLESS;
-    }
-    return empty ? phase::COMPLETE : phase::TRAILER;
-}
-
-http_tracker::phase http_tracker::after_head() {
-    const bool request = message_kind == kind::REQUEST;
-    if (!request) {
-        status = number_parse<int>(std::string_view(text).substr(HTTP.size() + 2, 3)).value_or(0);
-        if (status == SWITCHING_PROTOCOLS) {
-            return phase::STAYS_OPEN;
-        }
-        if (status < 100) {
-            return phase::ENDLESS;
-        }
-        if (status < 200) {
-            return phase::HEAD;  // an interim answer; the real one follows
-        }
-        if (message_kind == kind::RESPONSE_TO_HEAD || status == NO_CONTENT ||
-            status == NOT_MODIFIED) {
-            return phase::COMPLETE;
-        }
-    }
-    if (lower_case(http_header(text, "transfer-encoding")).find("chunked") != std::string::npos) {
-        return phase::CHUNK_SIZE;
-    }
-    const auto length = number_parse<uint64_t>(http_header(text, "content-length"));
-    left = length.value_or(0);
-    if (length || request) {
-        return left > 0 ? phase::BODY : phase::COMPLETE;
-    }
-    const std::string type = lower_case(http_header(text, "content-type"));
-    const bool open = std::ranges::any_of(
-        OPEN_TYPES, [&type](std::string_view known) { return type.starts_with(known); });
-    return open ? phase::STAYS_OPEN : phase::ENDLESS;
-}
-
-http_tracker::phase http_tracker::after_chunk_size() {
-    const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), left, 16);
-    if (failed != std::errc{}) {
-        return phase::ENDLESS;
-    }
-    return left == 0 ? phase::TRAILER : phase::CHUNK;
 }

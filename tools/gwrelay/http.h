@@ -13,19 +13,40 @@ struct http_request {  // borrows from the head that was parsed
     std::string_view method, version;
     std::string_view path, query;  // as sent, not decoded; the query without its question mark
     std::string_view headers;      // lines with their ends, up to the empty line
+    uint64_t length = 0;           // of its body
+    bool chunked = false;
+    bool persistent = false;  // its connection may go on after the response
+    bool upgrades = false;    // asks for another protocol on this connection
 
-    bool upgrades() const;  // asks for another protocol on this connection
+    bool has_body() const { return chunked || length > 0; }
 };
 
-// Parses a head that ends with its empty line. Nothing: it is not HTTP.
+// Parses a head that ends with its empty line. Nothing: it is not HTTP, or a service might find its
+// end elsewhere than we do, and so another request in what follows.
 std::optional<http_request> http_request_parse(std::string_view head);
 // The length of the head at the front of `bytes` with its empty line, or 0 while that has not come.
 // The first `known` bytes have been found to hold no whole head.
 size_t http_head_length(std::string_view bytes, size_t known = 0);
 // Takes the next line off the front of `rest`, without its end.
 std::string_view http_line_take(std::string_view& rest);
+
+// Whether a line has what does not belong into one: a return without its feed, for instance, which
+// some take for the line's end.
+bool http_has_control(std::string_view line);
+
+struct http_field {  // one header line
+    std::string_view name, value, line;
+    bool valid = false;  // a name without blanks, a colon, and no control characters
+    bool is(std::string_view lower_name) const;
+};
+http_field http_field_take(std::string_view& lines);
 // The value of the first header line of that name, which is given in lower case; or nothing.
 std::string_view http_header(std::string_view lines, std::string_view name);
+// Takes the next word off the front of a list with commas, without the blanks around it.
+std::string_view http_word_take(std::string_view& list);
+bool http_has_word(std::string_view list, std::string_view lower_word);
+// Of the header lines, those that are about this connection alone and go no further.
+bool http_is_hop(const http_field& field);
 
 // Takes the next parameter off the front of a query, with its value.
 std::string_view query_part_take(std::string_view& query);
@@ -34,51 +55,9 @@ std::string_view query_part_take(std::string_view& query);
 std::optional<std::string> query_take(std::string_view query, std::string_view name,
                                       std::string* rest = nullptr);
 
-// A whole reply that ends the connection. Extra headers come as whole lines.
+// A whole reply; nothing in it is said of the connection. Extra headers come as whole lines.
 std::string http_reply(int code, std::string_view type, std::string_view body,
                        std::string_view extra_headers = {});
 std::string http_text_reply(int code, std::string_view text);
 std::string http_busy_reply(std::string_view text);  // 503: it may work in a moment
 std::string http_redirect(std::string_view location);
-
-// Follows a message that passes by, to learn where it ends: a device cannot say so, because nothing
-// in the protocol carries the end of a stream from a device to the relay.
-class http_tracker {
-   public:
-    enum class kind { REQUEST, RESPONSE, RESPONSE_TO_HEAD };
-
-    explicit http_tracker(kind message) : message_kind(message) {}
-    void feed(std::string_view bytes);
-    bool started() const { return fed; }
-    bool complete() const { return state == phase::COMPLETE; }
-    // Only its sender's silence tells the end: a short one, or a long one when it is made to stay
-    // open (another protocol, or a response of a type that is sent while things happen).
-    bool endless() const { return state == phase::ENDLESS || stays_open(); }
-    bool stays_open() const { return state == phase::STAYS_OPEN; }
-    int code() const { return status; }  // of a response; 0 as yet
-
-   private:
-    enum class phase {
-        HEAD,
-        BODY,
-        CHUNK_SIZE,
-        CHUNK,
-        CHUNK_END,
-        TRAILER,
-        ENDLESS,
-        STAYS_OPEN,
-        COMPLETE
-    };
-    void feed_text(std::string_view& bytes);
-    bool foreign() const;
-    phase after_text();
-    phase after_head();
-    phase after_chunk_size();
-
-    kind message_kind;
-    phase state = phase::HEAD;
-    bool fed = false;
-    int status = 0;
-    uint64_t left = 0;  // of the body or the chunk
-    std::string text;   // the head or line so far
-};

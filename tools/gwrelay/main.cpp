@@ -8,6 +8,7 @@
 #include "admission.h"
 #include "devices.h"
 #include "fairness.h"
+#include "kept.h"
 
 namespace {
 
@@ -90,6 +91,11 @@ awaitable<void> repeat(milliseconds interval, Look look) {
 
 void tick(relay& hub) {
     std::erase_if(hub.connections, [](const auto& link) { return link.expired(); });
+    for (const auto& [id, owner] : hub.devices) {
+        for (const auto& link : owner->data) {
+            kept_expire(*link, steady::now());
+        }
+    }
     for (const auto& weak : hub.connections) {
         if (const auto link = weak.lock()) {
             link->tick(steady::now());
@@ -121,7 +127,8 @@ void run(const options& settings) {
     co_spawn(io,
              repeat(interval_for({settings.login_timeout, settings.silence_timeout,
                                   settings.stall_timeout, settings.answer_timeout,
-                                  settings.linger_timeout}),
+                                  settings.linger_timeout, settings.idle_timeout,
+                                  settings.reuse_timeout, settings.repeat_timeout}),
                     [&hub] { tick(hub); }),
              detached);
     co_spawn(

@@ -25,6 +25,7 @@ struct options {
     uint16_t manager_port = 9999, control_port = 9998, data_port = 9997, front_port = 8080;
     bool command7 = false;  // order the data connections by command 7, not in the login answer
     bool dead_port_guard = true;
+    bool reuse = true;                  // of a stream, for one request after another
     std::optional<report_times> times;  // sent to every device after its login
     log_level level = EVENT;
 
@@ -33,6 +34,10 @@ struct options {
     milliseconds stall_timeout{120'000};    // a user who takes none of what waits for him
     milliseconds answer_timeout{120'000};   // a request that nothing on the device answers
     milliseconds linger_timeout{5000};      // silence that ends what has no end of its own
+    milliseconds idle_timeout{30'000};      // a user between two requests
+    milliseconds reuse_timeout{4000};       // a stream between two requests
+    milliseconds settle_timeout{20};        // silence before it is somebody else's
+    milliseconds repeat_timeout{2000};      // a request that nothing on a reused stream answers
 
     // What users have not taken yet: of each, of all, and where it is beyond what memory holds.
     size_t user_buffer = 8UL << 20;

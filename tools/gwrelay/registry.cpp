@@ -28,11 +28,12 @@ std::shared_ptr<device> device_get(relay& hub, const std::string& id) {
     return hub.devices[id] = made;
 }
 
-// The device closes a stream and opens the next in the order in which it is told on one connection,
-// but not across them. So each has its share of the streams that the device can bear.
+size_t data_share(const options& set) {
+    return (set.device_streams + DATA_CONNECTIONS - 1) / DATA_CONNECTIONS;
+}
+
 std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owner) {
-    const size_t share = (hub.settings.device_streams + DATA_CONNECTIONS - 1) / DATA_CONNECTIONS;
-    const auto can_take = [share](const auto& link) {
+    const auto can_take = [share = data_share(hub.settings)](const auto& link) {
         return !link->closed && link->streams.size() < share;
     };
     const auto waits = [now = steady::now(), &hub](const auto& link) {
@@ -40,7 +41,7 @@ std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owne
         return held || link->full();  // who was held back just now will soon be again
     };
     const auto rank = [&](const auto& link) {
-        return std::tuple(!can_take(link), waits(link), link->streams.size());
+        return std::tuple(!can_take(link), waits(link), link->open_streams());
     };
     const auto best = std::ranges::min_element(owner.data, {}, rank);
     return best == owner.data.end() || !can_take(*best) ? nullptr : *best;

@@ -3,30 +3,29 @@
 #include <cerrno>
 
 #include "device_request.h"
+#include "exchange.h"
 #include "guard.h"
+#include "kept.h"
 
 namespace {
 
-constexpr size_t UPLOAD_FRAMES = 32;  // received at once
+constexpr size_t UPLOAD_FRAMES = 32;     // received at once
+constexpr size_t INPUT_FRAMES = 2;       // of further requests
+constexpr size_t INPUT_MAX = 64 * 1024;  // of them; then they wait with the user
 constexpr char NO_ANSWER[] = "no answer", NO_LISTENER[] = "nothing listens on the port";
 constexpr char USER_CLOSED[] = "user closed", RESPONSE_SILENT[] = "response silent";
+constexpr char COMPLETE[] = "response complete", NO_ROUTE[] = "data connection ended";
+constexpr char REQUEST_BROKEN[] = "request malformed", RESPONSE_BROKEN[] = "response malformed";
+constexpr char STALE[] = "no answer to a further request", FOREIGN[] = "late end of a response";
 
 void count_to_device(user_link& user, std::string_view bytes) {
     user.to_device += bytes.size();
     user.route->bytes_out += bytes.size();
-    user.request.feed(bytes);
     user.last_moved = steady::now();
 }
 
 frame data_frame(const user_link& user, std::string_view payload) {
     return {.code = command::DATA, .flag = 0, .stream_id = user.stream_id, .payload = payload};
-}
-
-void send_to_device(user_link& user, std::string_view bytes) {
-    count_to_device(user, bytes);
-    for (; !bytes.empty(); bytes.remove_prefix(std::min(bytes.size(), FRAME_PAYLOAD_MAX))) {
-        user.route->send_frame(data_frame(user, bytes.substr(0, FRAME_PAYLOAD_MAX)));
-    }
 }
 
 // Frames for what is received from a user: the kernel puts it right behind where headers will be.
@@ -42,6 +41,25 @@ struct upload_frames {
             payloads[i] = {frames[i].payload, FRAME_PAYLOAD_MAX};
         }
     }
+    // What has been received goes to the device, or waits: it is a further request.
+    void pass_on(user_link& user, size_t size, bool uploads) {
+        size_t body = 0;
+        for (const iovec& each : payloads) {
+            const std::string_view part(static_cast<char*>(each.iov_base),
+                                        std::min(size, each.iov_len));
+            size -= part.size();
+            if (uploads) {
+                body += exchange_take_body(user, part).size();
+            } else if (!user.unheard) {
+                user.input += part;
+            }
+        }
+        if (body > 0) {
+            send(user, body);
+        }
+    }
+
+   private:
     void send(user_link& user, size_t size) {
         static_assert(sizeof *frames == FRAME_MAX, "so that they leave as one piece");
         size_t count = 0;
@@ -64,13 +82,28 @@ const char* end_reason(const relay& hub, const user_link& user) {
         return user.cut != nullptr ? user.cut : "user left";
     }
     if (user.route == nullptr) {
-        return "data connection ended";
+        return NO_ROUTE;
     }
     if (user.port_is == port_state::DEAD) {
         return NO_LISTENER;
     }
+    if (user.response.broken()) {
+        return RESPONSE_BROKEN;
+    }
+    if (user.response.complete() && user.too_much) {
+        return "more than the response";
+    }
+    if (user.request.broken()) {
+        return REQUEST_BROKEN;
+    }
     if (user.response.complete() && (user.request.complete() || user.user_ended)) {
-        return "response complete";
+        return COMPLETE;
+    }
+    if (user.reused && user.stale) {
+        return FOREIGN;
+    }
+    if (user.reused && !user.response.started() && quiet >= hub.settings.repeat_timeout) {
+        return STALE;
     }
     // The service's end is not told. And closing one's sending side looks the same as leaving; a
     // user who is gone shows when something is sent to him. So in both cases only silence tells.
@@ -88,17 +121,39 @@ const char* end_reason(const relay& hub, const user_link& user) {
     return user.idle() && quiet >= hub.settings.silence_timeout ? "idle" : nullptr;
 }
 
-void stream_close(user_link& user, const char* reason) {
-    log_line(EVENT,
-             "device %s: stream %u closed, %s, status %d, %ju bytes to the device, %ju from it",
-             user.owner->name.c_str(), user.stream_id, reason, user.response.code(),
-             static_cast<uintmax_t>(user.to_device), static_cast<uintmax_t>(user.from_device));
-    if (const auto route = std::exchange(user.route, nullptr); route != nullptr) {
+// Takes the stream from the user. It is closed unless it is kept for another request.
+void stream_leave(user_link& user, const char* reason, bool kept) {
+    log_line(EVENT, "device %s: stream %u %s, %s, status %d, %ju bytes to the device, %ju from it",
+             user.owner->name.c_str(), user.stream_id, kept ? "kept" : "closed", reason,
+             user.response.code(), static_cast<uintmax_t>(user.to_device),
+             static_cast<uintmax_t>(user.from_device));
+    const auto route = std::exchange(user.route, nullptr);
+    if (route != nullptr && !kept) {
         route->send_frame({.code = command::CLOSE_STREAM, .stream_id = user.stream_id});
         route->streams.erase(user.stream_id);
+    }
+    if (route != nullptr) {
         route->changed.notify();  // which may be held back by him
     }
     user.stream_id = 0;
+}
+
+// The answer of the relay itself to a request that has none.
+std::string answer_instead(const user_link& user, const char* reason) {
+    const std::string port = std::to_string(user.port);
+    if (reason == NO_LISTENER) {
+        return http_text_reply(502, "Nothing listens on port " + port + " of the device.");
+    }
+    if (reason == REQUEST_BROKEN) {
+        return http_text_reply(400, "The chunks of the request are none.");
+    }
+    if (reason != NO_ANSWER) {
+        return http_text_reply(502, std::string("No answer: ") + reason + ".");
+    }
+    if (user.port_is == port_state::UNKNOWN) {
+        return http_text_reply(504, "The device does not answer.");
+    }
+    return http_text_reply(504, "Nothing on port " + port + " of the device answers.");
 }
 
 // The data connection for a new stream, or null after answering the user. One that is held back is
@@ -132,11 +187,20 @@ awaitable<std::shared_ptr<data_link>> stream_route(const relay& hub,
 
 }  // namespace
 
+void stream_send(user_link& user, std::string_view bytes) {
+    count_to_device(user, bytes);
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(bytes.size(), FRAME_PAYLOAD_MAX))) {
+        user.route->send_frame(data_frame(user, bytes.substr(0, FRAME_PAYLOAD_MAX)));
+    }
+}
+
 awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, std::string bytes) {
     const std::shared_ptr<data_link> route = co_await stream_route(hub, user);
     if (route == nullptr) {
         co_return;
     }
+    bytes += exchange_take_body(*user, std::exchange(user->input, {}));
+    kept_make_room(*route, data_share(hub.settings));
     user->route = route;
     uint32_t& last_id = user->owner->last_stream_id;
     do {
@@ -151,7 +215,7 @@ awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, s
         guard_lengthen(bytes, *user->owner);
     }
     const size_t opening = guarded ? std::min(bytes.size(), FRAME_PAYLOAD_MAX) : bytes.size();
-    send_to_device(*user, std::string_view(bytes).substr(0, opening));
+    stream_send(*user, std::string_view(bytes).substr(0, opening));
     if (guarded) {
         guard_send(*user, opening);
         user->port_is = port_state::UNKNOWN;
@@ -164,7 +228,7 @@ bool stream_heard(user_link& user, uint32_t id) {
         const bool dead = id == user.stream_id + GUARD_SECOND;
         user.port_is = dead ? port_state::DEAD : port_state::ALIVE;
         if (!dead) {
-            send_to_device(user, std::exchange(user.held, {}));
+            stream_send(user, std::exchange(user.held, {}));
         }
         user.changed.notify();
     }
@@ -183,60 +247,61 @@ awaitable<void> stream_upload(std::shared_ptr<user_link> user) {
                                              asio::redirect_error(asio::use_awaitable, failed));
         }
         const std::shared_ptr<data_link> route = user->route;
-        if (route != nullptr && user->port_is != port_state::ALIVE) {
+        const bool uploads =
+            route != nullptr && (!user->request.complete() || user->response.switched());
+        if (uploads ? user->port_is != port_state::ALIVE : user->input.size() > INPUT_MAX) {
             co_await user->changed.wait();  // a device would take the rest for a new request
             continue;
         }
-        if (route != nullptr && route->full()) {
+        if (uploads && route->full()) {
             co_await route->changed.wait();  // the device takes less than he sends
             continue;
         }
-        const ssize_t got =
-            user->closed ? 0 : readv(user->socket.native_handle(), buffer.payloads, UPLOAD_FRAMES);
-        if (got > 0 && route != nullptr) {
-            buffer.send(*user, static_cast<size_t>(got));
+        const size_t frames = uploads ? UPLOAD_FRAMES : INPUT_FRAMES;
+        const ssize_t got = user->closed ? 0
+                                         : readv(user->socket.native_handle(), buffer.payloads,
+                                                 static_cast<int>(frames));
+        if (got > 0) {
+            buffer.pass_on(*user, static_cast<size_t>(got), uploads);
         }
-        more = got == UPLOAD_FRAMES * FRAME_PAYLOAD_MAX;
+        more = got == static_cast<ssize_t>(frames * FRAME_PAYLOAD_MAX);
         user->user_ended = got == 0;
         if (got < 0 && errno != EAGAIN) {
             user->close();  // a reset, unlike an end, means both ways
         }
+        user->changed.notify();
     }
-    user->changed.notify();
 }
 
-awaitable<void> stream_carry(const relay& hub, std::shared_ptr<user_link> user) {
+awaitable<bool> stream_carry(const relay& hub, std::shared_ptr<user_link> user) {
     if (user->stream_id == 0) {
-        co_return;
+        co_return true;
     }
     const char* reason = end_reason(hub, *user);
     while (reason == nullptr) {
         co_await user->changed.wait();
         reason = end_reason(hub, *user);
     }
-    stream_close(*user, reason);
-    if (user->response.started()) {
+    stream_leave(*user, reason, reason == COMPLETE && kept_add(hub.settings, *user));
+    const bool unanswered = reason == STALE || reason == FOREIGN;
+    if (reason == STALE) {
+        kept_failed(*user);
+    }
+    if (user->reused && (unanswered || (reason == NO_ROUTE && !user->response.begun()))) {
+        co_return false;
+    }
+    if (user->response.begun()) {
         // Nothing but silence tells the end of an endless response. Any other end has cut it off.
         const bool silent = reason == USER_CLOSED || reason == RESPONSE_SILENT;
-        if (!user->response.complete() && !(user->response.endless() && silent)) {
+        const bool whole = user->response.complete() || (user->response.endless() && silent);
+        user->keeps = user->keeps && reason == COMPLETE && !user->response.sloppy();
+        if (!whole) {
             user->close();
         }
-        co_return;
-    }
-    const std::string port = std::to_string(user->port);
-    if (reason == NO_LISTENER) {
-        user->reply(http_text_reply(502, "Nothing listens on port " + port + " of the device."));
-    } else if (reason != NO_ANSWER) {
-        user->reply(http_text_reply(502, std::string("No answer: ") + reason));
-    } else if (user->port_is == port_state::UNKNOWN) {
-        user->reply(http_text_reply(504, "The device does not answer."));
     } else {
-        user->reply(http_text_reply(504, "Nothing on port " + port + " of the device answers."));
+        user->reply(answer_instead(*user, reason));
     }
-}
-
-void user_link::reply(std::string_view whole) {
-    send(whole.substr(0, head_only ? http_head_length(whole) : whole.size()));
+    co_return true;
 }
 
 void user_link::has_room() {
@@ -247,6 +312,6 @@ void user_link::has_room() {
 
 void user_link::ended() {
     if (stream_id != 0) {
-        stream_close(*this, "failed");
+        stream_leave(*this, "failed", false);
     }
 }

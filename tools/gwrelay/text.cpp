@@ -116,8 +116,8 @@ std::optional<text_pairs> json_flat_object(std::string_view text) {
     return ended ? std::optional(pairs) : std::nullopt;
 }
 
-std::string lower_case(std::string_view text) {
-    std::string lower(text);
-    std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return tolower(c); });
-    return lower;
+bool same_word(std::string_view text, std::string_view lower_word) {
+    return std::ranges::equal(
+        text, lower_word, {}, [](unsigned char c) { return tolower(c); },
+        [](unsigned char c) { return c; });
 }
