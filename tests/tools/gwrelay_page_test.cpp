@@ -38,14 +38,14 @@ TEST(GwrelayPage, TellsProgramsAndPeopleWhatItKnows) {
         known.substr(0, known.find(users)),
         R"({"devices":[{"id":"<b\u00ff>","path":"/%3Cb%FF%3E/","control":true,)"
         R"("info":{"a\u0022\u005c&'":"-1.5e+3","deviceid":"<b\u00ff>","z":"true"},)"
-        R"("ports":{"http_port":8080},"dlna_status":258,"data_connections":1,"open_streams":1,)"
+        R"("ports":{"http_port":8080},"dlna_status":258,"data_connections":1,"open_streams":1,"kept_streams":0,)"
         R"("bytes_from_device":1048583,"bytes_to_device":100,"bytes_waiting":0,"streams_cut":0,)"
         R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":50,)"
         R"("bytes_waiting":0,"streams":[)"
         R"({"id":2,"port":8080,"request":"GET /%3Cb%ff%3E/8080/&",)"
         R"("bytes_from_device":1048576,"bytes_to_device":50,"bytes_waiting":0}]}]},)"
         R"({"id":"x","path":"/x/","control":false,"info":{"deviceid":"x","fwver":"1.2"},)"
-        R"("ports":{},"dlna_status":null,"data_connections":0,"open_streams":0,)"
+        R"("ports":{},"dlna_status":null,"data_connections":0,"open_streams":0,"kept_streams":0,)"
         R"("bytes_from_device":0,"bytes_to_device":0,"bytes_waiting":0,"streams_cut":0,)"
         R"("connections":[]}])");
     const std::string page = get(hub, "/");

@@ -26,5 +26,6 @@ void kept_spoke(data_link& link, uint32_t id);
 void kept_expire(data_link& link, steady::time_point now);
 // Closes the one to that port that has been kept for the longest. False: there is none.
 bool kept_give_way(const device& owner, uint16_t port);
-// Closes those that have been kept for the longest until the connection has fewer streams than that.
+// Closes those that have been kept for the longest until the connection has fewer streams than
+// that.
 void kept_make_room(data_link& link, size_t streams);

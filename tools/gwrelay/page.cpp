@@ -58,9 +58,13 @@ std::string connections_html(const device& box) {
     for (const auto& link : box.data) {
         html += cells(
             "td", {link->name.substr(0, link->name.find(' ')),
-                   std::to_string(link->streams.size()) + " open", "",
+                   std::to_string(link->open_streams()) + " open", "",
                    link->held_back ? "held back by a slow user" : "", bytes_text(link->bytes_in),
                    bytes_text(link->bytes_out), bytes_text(waiting_bytes(*link))});
+        for (const kept_stream& each : link->kept) {
+            html += cells("td", {"", std::to_string(each.id), std::to_string(each.port),
+                                 "kept for the next request", "", "", ""});
+        }
         for (const auto& [id, user] : link->streams) {
             html += cells("td", {"", std::to_string(id), std::to_string(user->port),
                                  html_escape(user->what), bytes_text(user->from_device),
@@ -120,10 +124,11 @@ std::string connection_json(const data_link& link) {
 }
 
 std::string device_json(const device& box) {
-    size_t streams = 0;
+    size_t streams = 0, kept = 0;
     uint64_t in = box.bytes_in, out = box.bytes_out, waiting = 0;
     for (const auto& link : box.data) {
-        streams += link->streams.size();
+        streams += link->open_streams();
+        kept += link->kept.size();
         waiting += waiting_bytes(*link);
         in += link->bytes_in;
         out += link->bytes_out;
@@ -141,7 +146,8 @@ std::string device_json(const device& box) {
            joined(box.info, text) + "},\"ports\":{" + joined(box.ports, port) +
            "},\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
            ",\"data_connections\":" + std::to_string(box.data.size()) +
-           ",\"open_streams\":" + std::to_string(streams) + "," + counts_json(in, out, waiting) +
+           ",\"open_streams\":" + std::to_string(streams) +
+           ",\"kept_streams\":" + std::to_string(kept) + "," + counts_json(in, out, waiting) +
            ",\"streams_cut\":" + std::to_string(box.cuts) + ",\"connections\":[" +
            joined(box.data, link) + "]}";
 }

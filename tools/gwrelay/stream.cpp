@@ -299,6 +299,7 @@ awaitable<bool> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
             user->close();
         }
     } else {
+        user->persistent = user->persistent && reason != RESPONSE_BROKEN;
         user->reply(answer_instead(*user, reason));
     }
     co_return true;
