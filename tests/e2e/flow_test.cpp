@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <set>
+#include <sstream>
 
 #include "box.h"
 #include "support/relay_program.h"
@@ -18,7 +20,8 @@ std::vector<std::string> nginx_command(const std::string& folder, uint16_t port)
         daemon off; master_process off; pid nginx.pid; error_log stderr; events {}
         user root root;  # the only one there is in a namespace of an ordinary user
         http {
-            access_log off;
+            log_format number $connection;
+            access_log connections number;
             client_body_temp_path 1; proxy_temp_path 2; fastcgi_temp_path 3; uwsgi_temp_path 4;
             scgi_temp_path 5;
             server { root www; listen 127.0.0.1:)" +
@@ -33,6 +36,9 @@ struct Flow : testing::Test {
     child nginx{nginx_command(folder.path, web)};
     box device{relay.manager, "3"};
 
+    explicit Flow(const std::vector<std::string>& options = {"--repeat-timeout=0.5"})
+        : relay(options) {}
+
     // The session id comes last: the daemon takes the order before it looks at anything else.
     void SetUp() override {
         ASSERT_TRUE(eventually([&] { return bool{loopback_connect(web)}; })) << nginx.errors();
@@ -44,7 +50,7 @@ struct Flow : testing::Test {
         return eventually(
             [&] {
                 const unique_fd fd = loopback_connect(relay.front);
-                write_all(fd.get(), "GET /status.json HTTP/1.1\r\n\r\n");
+                write_all(fd.get(), "GET /status.json HTTP/1.0\r\n\r\n");
                 return read_to_end(fd.get()).find(text) != std::string::npos;
             },
             TRANSFER_PATIENCE);
@@ -63,12 +69,26 @@ struct Flow : testing::Test {
         return "url = \"http://127.0.0.1:" + std::to_string(relay.front) + "/box/" +
                std::to_string(port) + "/" + path + "\"\n";
     }
-    // A user who has sent one request.
+    // A user who has sent his only request.
     unique_fd user(uint16_t port) const {
         unique_fd fd = loopback_connect(relay.front);
-        write_all(fd.get(), "GET /box/" + std::to_string(port) + "/ HTTP/1.1\r\n\r\n");
+        write_all(fd.get(),
+                  "GET /box/" + std::to_string(port) + "/ HTTP/1.1\r\nConnection: close\r\n\r\n");
         return fd;
     }
+    // How many connections the web server has served since this was last asked.
+    size_t web_connections() const {
+        const std::string file = folder.path + "/connections";
+        std::istringstream lines(file_read(file));
+        const std::set<std::string> numbers{std::istream_iterator<std::string>(lines), {}};
+        file_write(file, "");
+        return numbers.size();
+    }
+};
+
+// A stream, and with it a local connection, for every request.
+struct FlowWithoutReuse : Flow {
+    FlowWithoutReuse() : Flow({"--no-reuse"}) {}
 };
 
 }  // namespace
@@ -125,7 +145,7 @@ TEST_F(Flow, ADeadPortIsToldAtOnceAndCostsNobodyHisStream) {
     EXPECT_EQ(text_count(device.log(), "login remote server success"), 6);
 }
 
-TEST_F(Flow, LeavesNothingBehindAfterTwoThousandStreams) {
+TEST_F(FlowWithoutReuse, LeavesNothingBehindAfterTwoThousandStreams) {
     constexpr int STREAMS = 2000;
     web_has("short", "short");
     const auto open_fds = [this] {
@@ -146,4 +166,34 @@ TEST_F(Flow, LeavesNothingBehindAfterTwoThousandStreams) {
         [&] { return text_count(file_read(status), "|       0|       0|       0|\n") == 5; },
         TRANSFER_PATIENCE))
         << file_read(status);
+}
+
+TEST_F(Flow, APageWithFiftyObjectsLoadsByAHandfulOfLocalConnections) {
+    const std::string object(1024, 'o'), close = "header = \"Connection: close\"\n";
+    web_has("object", object);
+    const std::string objects = curl_url(web, "object?[1-50]");
+    const auto loads = [&](const std::string& config) {
+        return text_count(curl(config + objects), object) == 50;
+    };
+    EXPECT_TRUE(loads(""));
+    EXPECT_EQ(web_connections(), 1);
+    EXPECT_TRUE(loads("parallel\nparallel-max = 6\n"));
+    EXPECT_LE(web_connections(), 7);  // the last line about the one before may come late
+    EXPECT_TRUE(loads(close));  // a user who comes anew for each
+    EXPECT_LT(web_connections(), 40);
+    EXPECT_EQ(text_count(device.log(), "login remote server success"), 6);
+}
+
+// It ends its connections after each answer and says so neither to us nor, hence, to the relay.
+TEST_F(Flow, AServiceThatClosesUnaskedCostsOneRequestAMoment) {
+    std::atomic<int> connections = 0;
+    local_service closing([&](int fd) {
+        ++connections;
+        read_until(fd, "\r\n\r\n");
+        write_all(fd, "HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nanswer");
+        shutdown(fd, SHUT_RDWR);
+    });
+    EXPECT_EQ(text_count(curl(curl_url(closing.port(), "[1-5]")), "answer"), 5);
+    EXPECT_EQ(connections, 5);
+    EXPECT_EQ(text_count(relay.process.errors(), "has left a further request unanswered"), 1);
 }
