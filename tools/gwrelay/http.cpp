@@ -1,6 +1,7 @@
 #include "http.h"
 
 #include <algorithm>
+#include <array>
 
 #include "text.h"
 
@@ -8,12 +9,29 @@ namespace {
 
 constexpr std::string_view HOP_FIELDS[] = {"connection", "keep-alive", "proxy-connection"};
 
-bool is_token(std::string_view text) {
-    return !text.empty() && std::ranges::all_of(text, [](unsigned char c) {
-        return isalnum(c) != 0 || std::string_view("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) !=
-                                      std::string_view::npos;
-    });
+// What a character may be part of.
+enum : uint8_t { IN_TOKEN = 1, IN_LINE = 2 };
+constexpr auto CHARACTERS = [] {
+    std::array<uint8_t, 256> may_be{};
+    for (size_t c = 0; c < may_be.size(); ++c) {
+        const char text = static_cast<char>(c);
+        const bool alphanumeric = (text >= '0' && text <= '9') || (text >= 'A' && text <= 'Z') ||
+                                  (text >= 'a' && text <= 'z');
+        const bool token =
+            alphanumeric ||
+            (c < 0x80 && std::string_view("!#$%&'*+-.^_`|~").find(text) != std::string_view::npos);
+        const bool control = (c < ' ' && c != '\t') || c == 0x7f;
+        may_be[c] = static_cast<uint8_t>((token ? IN_TOKEN : 0) | (control ? 0 : IN_LINE));
+    }
+    return may_be;
+}();
+
+bool all_are(std::string_view text, uint8_t part) {
+    return std::ranges::all_of(text,
+                               [part](unsigned char c) { return (CHARACTERS[c] & part) != 0; });
 }
+
+bool is_token(std::string_view text) { return !text.empty() && all_are(text, IN_TOKEN); }
 
 std::string_view trimmed(std::string_view text) {
     const size_t from = std::min(text.find_first_not_of(" \t"), text.size());
@@ -56,21 +74,20 @@ std::string_view http_line_take(std::string_view& rest) {
     return line.substr(0, line.size() - (line.ends_with('\r') ? 1 : 0));
 }
 
-bool http_has_control(std::string_view line) {
-    return std::ranges::any_of(line,
-                               [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7f; });
-}
+bool http_has_control(std::string_view line) { return !all_are(line, IN_LINE); }
 
 bool http_field::is(std::string_view lower_name) const { return same_word(name, lower_name); }
+
+bool http_field::valid() const {
+    return name.size() < line.size() && is_token(name) && !http_has_control(line);
+}
 
 http_field http_field_take(std::string_view& lines) {
     const std::string_view line = http_line_take(lines);
     const size_t colon = std::min(line.find(':'), line.size());
-    const std::string_view name = line.substr(0, colon);
-    return {.name = name,
+    return {.name = line.substr(0, colon),
             .value = trimmed(line.substr(std::min(colon + 1, line.size()))),
-            .line = line,
-            .valid = colon < line.size() && is_token(name) && !http_has_control(line)};
+            .line = line};
 }
 
 std::string_view http_header(std::string_view lines, std::string_view name) {
@@ -112,7 +129,7 @@ bool request_read_headers(http_request& request) {
     bool has_length = false;
     for (std::string_view rest = request.headers; !rest.empty();) {
         const http_field field = http_field_take(rest);
-        if (!field.valid) {
+        if (!field.valid()) {
             return false;
         }
         if (field.is("content-length")) {

@@ -36,8 +36,8 @@ bool http_has_control(std::string_view line);
 
 struct http_field {  // one header line
     std::string_view name, value, line;
-    bool valid = false;  // a name without blanks, a colon, and no control characters
     bool is(std::string_view lower_name) const;
+    bool valid() const;  // it has a name without blanks and a colon, and no control characters
 };
 http_field http_field_take(std::string_view& lines);
 // The value of the first header line of that name, which is given in lower case; or nothing.

@@ -1,6 +1,7 @@
 #include "http_message.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "http.h"
 #include "text.h"
@@ -160,19 +161,28 @@ void http_response::read_fields(std::string_view lines) {
     length.reset();
     waits.reset();
     fields.clear();
-    for (std::string_view rest = lines; !rest.empty();) {
-        const http_field field = http_field_take(rest);
-        if (field.valid) {
-            read_field(field.name, field.value);
-        }
-        is_sloppy = is_sloppy || !field.valid;
-    }
-    const bool other_framing = is_chunked || is_coded;
-    is_sloppy = is_sloppy || (other_framing && (length || is_1_0));
     while (!lines.empty()) {
         const http_field field = http_field_take(lines);
-        const bool ours = status != HTTP_SWITCHING && http_is_hop(field);
-        if (field.valid && !ours && !(other_framing && field.is("content-length"))) {
+        const bool valid = field.valid();
+        is_sloppy = is_sloppy || !valid;
+        if (valid) {
+            read_field(field.name, field.value);
+        }
+        if (valid && (status == HTTP_SWITCHING || !http_is_hop(field))) {
+            fields.append(field.line).append("\r\n");
+        }
+    }
+    if (is_chunked || is_coded) {
+        is_sloppy = is_sloppy || length || is_1_0;
+        drop_length();  // it does not count
+    }
+}
+
+void http_response::drop_length() {
+    const std::string all = std::exchange(fields, {});
+    for (std::string_view rest = all; !rest.empty();) {
+        const http_field field = http_field_take(rest);
+        if (!field.is("content-length")) {
             fields.append(field.line).append("\r\n");
         }
     }

@@ -86,6 +86,7 @@ class http_response {
     bool foreign(size_t size) const;
     void after_head();
     void read_fields(std::string_view lines);
+    void drop_length();
     void read_field(std::string_view name, std::string_view value);
     void read_keep_alive(std::string_view value);
     http_body body_of_head() const;

@@ -97,8 +97,6 @@ bool kept_take(const options& settings, const std::shared_ptr<user_link>& user) 
     user->reused = true;
     link->kept.erase(stream);
     link->streams[user->stream_id] = user;
-    log_line(EVENT, "device %s: stream %u to port %u goes on for %s: %s", user->owner->name.c_str(),
-             user->stream_id, user->port, user->name.c_str(), user->what.c_str());
     return true;
 }
 

@@ -44,9 +44,9 @@ struct upload_frames {
     // What has been received goes to the device, or waits: it is a further request.
     void pass_on(user_link& user, size_t size, bool uploads) {
         size_t body = 0;
-        for (const iovec& each : payloads) {
-            const std::string_view part(static_cast<char*>(each.iov_base),
-                                        std::min(size, each.iov_len));
+        for (const iovec* each = payloads; size > 0; ++each) {
+            const std::string_view part(static_cast<char*>(each->iov_base),
+                                        std::min(size, each->iov_len));
             size -= part.size();
             if (uploads) {
                 body += exchange_take_body(user, part).size();
@@ -123,10 +123,13 @@ const char* end_reason(const relay& hub, const user_link& user) {
 
 // Takes the stream from the user. It is closed unless it is kept for another request.
 void stream_leave(user_link& user, const char* reason, bool kept) {
-    log_line(EVENT, "device %s: stream %u %s, %s, status %d, %ju bytes to the device, %ju from it",
+    // Of a request on a stream that has been there before, this is the only line.
+    const std::string whose = user.reused ? ", for " + user.name + ": " + user.what : "";
+    log_line(EVENT,
+             "device %s: stream %u %s, %s, status %d, %ju bytes to the device, %ju from it%s",
              user.owner->name.c_str(), user.stream_id, kept ? "kept" : "closed", reason,
              user.response.code(), static_cast<uintmax_t>(user.to_device),
-             static_cast<uintmax_t>(user.from_device));
+             static_cast<uintmax_t>(user.from_device), whose.c_str());
     const auto route = std::exchange(user.route, nullptr);
     if (route != nullptr && !kept) {
         route->send_frame({.code = command::CLOSE_STREAM, .stream_id = user.stream_id});
