@@ -96,8 +96,9 @@ TEST(GwrelayGuard, AnEchoThatIsNeverAnsweredEndsWithTheRequest) {
     const unique_fd unknown = box.user(GET_BOX), alive = box.user(GET_BOX);
     box.says(echo_answer(2 + FIRST));
     const std::string json = get(box.hub, "/status.json");
-    EXPECT_TRUE(has(json, "\"open_streams\":2,\"bytes_from_device\":0,\"bytes_to_device\":" +
-                              std::to_string(2 * box.opening.size()) + ","))
+    EXPECT_TRUE(has(
+        json, "\"open_streams\":2,\"kept_streams\":0,\"bytes_from_device\":0,\"bytes_to_device\":" +
+                  std::to_string(2 * box.opening.size()) + ","))
         << json;
     EXPECT_EQ(body(read_with_end(unknown)), "The device does not answer.\n");
     EXPECT_EQ(body(read_with_end(alive)), "Nothing on port 80 of the device answers.\n");
