@@ -29,6 +29,7 @@ static void hold(gwa_connection_data* conn) {
     const int64_t now = gwa_time.steady_us();
     if (gwa_connection_queue_is_empty(&output.queue) != 0) {
         output.held_passes = 0;  // nothing that could be held
+        output.state = gwa_out_state::DRAINED;  // the event that tells of room has been and gone
     } else if (output.held_passes++ == 0) {
         output.held_since_us = now;
     } else if (now - output.held_since_us >= HELD_MAX_US) {

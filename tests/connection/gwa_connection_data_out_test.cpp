@@ -120,6 +120,25 @@ TEST_F(DataOutput, ASocketWithoutRoomTellsWhenItHasSome) {
     EXPECT_EQ(sent(), frame_bytes(DATA, 1));
 }
 
+// Once the event that tells of room has met the policy and no frame, nothing tells of room again.
+TEST_F(DataOutput, ARoomThatIsToldOfTooEarlyIsLookedForAgain) {
+    const int smallest = 1;
+    setsockopt(conn->socket, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
+    fill_socket();
+    queue_frame(1);
+    rounds(1);
+    EXPECT_EQ(conn->output.state, gwa_out_state::BLOCKED);
+    gwa_connection_data_output_free_by_id(conn, 1);
+    const int large = 1 << 20;
+    setsockopt(conn->socket, SOL_SOCKET, SO_SNDBUF, &large, sizeof large);
+    fill_socket();
+    gwa_connection_data_remote_handle(EPOLLOUT, conn);
+    queue_frame(2);
+    const int64_t waited = fake_time::waited_us;
+    rounds(2);
+    EXPECT_LE(fake_time::waited_us, waited + 5000) << "as long as the level says";
+}
+
 TEST_F(DataOutput, ASocketThatFailsClosesItAndTakesTheFramesAlong) {
     queue_frame(1);
     queue_frame(2);
