@@ -64,7 +64,7 @@ static gwa_step input_held(gwa_connection_data* conn) {
         input.last_look = now;
     }
     gwa_input_step_stand_still(&input);
-    input.more = gwa_more::WAITS;
+    input.more = uploads_are_full(conn) ? gwa_more::WAITS : gwa_more::HAS_MORE;
     return gwa_step::GOES_ON;
 }
 

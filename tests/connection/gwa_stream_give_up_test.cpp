@@ -34,7 +34,9 @@ TEST_F(GivenUpStreams, UploadsAreBoundedAndWhoTakesNothingLosesHisStream) {
     EXPECT_EQ(conn->input.more, gwa_more::WAITS);
     deaf->left = deaf->waiting;  // the kernel may acknowledge late
     slow->left++;                // as if its service had taken that byte since the last look
+    fake_time::waited_us = 0;
     EXPECT_EQ(said(30), lines{"<3> local service takes too little, stream id 1"});
+    EXPECT_LE(fake_time::waited_us, 100'000) << "the frame that was held goes on at once";
     EXPECT_EQ(read_exact(accepted.get(), 4), "late");
     EXPECT_LT(conn->streams.waiting, BOUND);
     EXPECT_EQ(conn->streams.count, 2);
