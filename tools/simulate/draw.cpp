@@ -1,0 +1,172 @@
+// draw.cpp - what a seed means. Each schedule has moods of its own: which steps it takes at all and
+// how often, how large things are, how many streams there are. Thus some are all about one thing.
+#include <algorithm>
+#include <cerrno>
+#include <initializer_list>
+
+#include "network.h"
+#include "step.h"
+
+namespace {
+
+struct dice {
+    uint64_t state;
+    uint64_t next() {  // splitmix64
+        uint64_t z = state += 0x9e3779b97f4a7c15U;
+        z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9U;
+        z = (z ^ (z >> 27)) * 0x94d049bb133111ebU;
+        return z ^ (z >> 31);
+    }
+    int64_t below(int64_t limit) {
+        return static_cast<int64_t>(next() % static_cast<uint64_t>(limit));
+    }
+    bool one_in(int64_t count) { return below(count) == 0; }
+    int64_t of(std::initializer_list<int64_t> values) {
+        return values.begin()[below(static_cast<int64_t>(values.size()))];
+    }
+};
+
+struct mood {
+    std::array<int64_t, OP_COUNT> weights{};
+    int64_t total = 0;
+    int64_t ids = 1;
+    int64_t size = 1;  // of what is said, in powers of ten
+    bool sound_ports = false;
+    bool whole = false;  // what is said arrives at once
+    bool patient = false;
+};
+
+// How often a step comes, where it comes at all, and in how many of four moods that is.
+struct habit {
+    op what;
+    int64_t weight;
+    int64_t moods;
+};
+constexpr habit HABITS[] = {
+    {op::ROUND, 40, 4},      {op::TIME, 6, 3},          {op::CLOCK, 3, 1},    {op::ROOM, 2, 2},
+    {op::OPEN, 14, 4},       {op::ASK, 8, 2},           {op::UPLOAD, 20, 3},  {op::CLOSE, 6, 3},
+    {op::COMMAND, 3, 1},     {op::ANSWER, 8, 3},        {op::DELIVER, 24, 4}, {op::TAKE, 14, 3},
+    {op::END, 1, 1},         {op::RESET, 1, 1},         {op::SAY, 20, 3},     {op::READ, 14, 3},
+    {op::SERVICE_END, 2, 1}, {op::SERVICE_RESET, 2, 1}, {op::FAIL, 3, 1},     {op::ORDER, 1, 1},
+    {op::BALLAST, 2, 1},     {op::SETTLE, 1, 3},
+};
+
+mood mood_drawn(dice* chance) {
+    mood made;
+    for (const habit& one : HABITS) {
+        if (chance->below(4) < one.moods) {
+            made.weights[static_cast<size_t>(one.what)] =
+                one.weight * (1 + chance->below(4)) * (1 + chance->below(2));
+        }
+    }
+    for (const int64_t weight : made.weights) {
+        made.total += weight;
+    }
+    made.ids = chance->of({1, 2, 3, 8});
+    made.size = chance->below(6);
+    made.sound_ports = !chance->one_in(3);
+    made.whole = chance->one_in(3);
+    made.patient = chance->one_in(4);
+    return made;
+}
+
+op op_drawn(const mood& mind, dice* chance) {
+    int64_t at = chance->below(mind.total);
+    size_t i = 0;
+    while (at >= mind.weights[i]) {
+        at -= mind.weights[i++];
+    }
+    return static_cast<op>(i);
+}
+
+int64_t size_drawn(const mood& mind, dice* chance) {
+    constexpr int64_t LIMITS[] = {2, 40, 1000, 8177, 30000, 200000};
+    if (chance->one_in(8)) {
+        return chance->of({1, 8175, 8176, 8177, 16352});
+    }
+    return 1 + chance->below(LIMITS[mind.size]);
+}
+
+int64_t part_drawn(const mood& mind, dice* chance) {
+    if (mind.whole || chance->one_in(3)) {
+        return 0;
+    }
+    return chance->one_in(2) ? chance->of({1, 2, 15, 16, 17, 20, 4096, 8192})
+                             : 1 + chance->below(chance->of({40, 1000, 40000}));
+}
+
+int64_t error_drawn(dice* chance) {
+    return chance->of({ECONNRESET, EPIPE, ETIMEDOUT, ENOBUFS, EINTR, EHOSTUNREACH, ENOMEM});
+}
+
+step step_drawn(const mood& mind, dice* chance) {
+    step one{op_drawn(mind, chance), {}};
+    const int64_t id = chance->below(mind.ids);
+    const int64_t priority = chance->of({0, 1, 4, 4, 9, -1});
+    switch (one.what) {
+        case op::ROUND:
+            one.with = {mind.patient && chance->one_in(4) ? 1 + chance->below(300)
+                                                          : 1 + chance->below(5)};
+            break;
+        case op::TIME:
+            one.with = {chance->of({1, 50, 1000, 2000, 9000, 11000, 31000, 61000, 61000, 121000,
+                                    181000, 241000, 301000, 601000})};
+            break;
+        case op::CLOCK:
+            one.with = {chance->of({-100000, -3600, -9, -1, 1, 9, 200, 3600, 100000})};
+            break;
+        case op::ROOM:
+            one.with = {chance->of({1, 20, 100, 3000, 8192, 40000, 131072, 1 << 20}),
+                        chance->of({1, 20, 100, 3000, 8192, 40000, 131072})};
+            break;
+        case op::OPEN:
+            one.with = {id,
+                        mind.sound_ports ? chance->below(3)
+                                         : chance->below(static_cast<int64_t>(port_kind::COUNT)),
+                        priority, chance->one_in(2) ? 0 : chance->below(8000)};
+            break;
+        case op::ASK: one.with = {id, chance->one_in(2) ? 0 : chance->below(8), priority}; break;
+        case op::UPLOAD: one.with = {id, std::min<int64_t>(size_drawn(mind, chance), 8176)}; break;
+        case op::CLOSE:
+        case op::SERVICE_END:
+        case op::SERVICE_RESET: one.with = {id}; break;
+        case op::COMMAND: one.with = {chance->below(10), chance->below(300)}; break;
+        case op::ANSWER: one.with = {chance->one_in(10) ? chance->of({1, -1, 1000}) : 0}; break;
+        case op::DELIVER: one.with = {part_drawn(mind, chance)}; break;
+        case op::TAKE: one.with = {part_drawn(mind, chance)}; break;
+        case op::SAY: one.with = {id, size_drawn(mind, chance)}; break;
+        case op::READ: one.with = {id, part_drawn(mind, chance)}; break;
+        case op::FAIL:
+            one.with = {chance->below(static_cast<int64_t>(CALL_COUNT)), error_drawn(chance),
+                        chance->below(4)};
+            break;
+        case op::BALLAST:
+            one.with = {chance->of({0, 0, 4 << 20, 5 << 20}) -
+                        chance->of({0, 1, 8192, 20000, 200000})};
+            break;
+        default: break;
+    }
+    return one;
+}
+
+}  // namespace
+
+schedule schedule_drawn(uint64_t seed) {
+    dice chance{seed * 0x632be59bd9b4e019U + 1};
+    const mood mind = mood_drawn(&chance);
+    schedule steps;
+    const int64_t count = 10 + chance.below(chance.of({30, 100, 300}));
+    if (chance.one_in(2)) {
+        steps.push_back(
+            {op::ROOM, {chance.of({20, 3000, 40000, 131072}), chance.of({20, 3000, 131072})}});
+        steps.push_back({op::ORDER, {}});  // the next connection has it
+        steps.push_back({op::ROUND, {1}});
+    }
+    while (std::ssize(steps) < count) {
+        steps.push_back(step_drawn(mind, &chance));
+    }
+    if (!chance.one_in(4)) {
+        steps.push_back({op::SETTLE, {}});
+    }
+    return steps;
+}
