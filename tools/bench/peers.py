@@ -184,16 +184,16 @@ def dropbear(server, services):
     return peer
 
 
-def gwad_start(work, programs, device, manager_port, level):
-    """The daemon alone. Its log is `home`/log."""
+def gwad_start(work, command, device, manager_port, level, environment=None):
+    """The daemon alone. Its log is in the folder of that name."""
     home = f"{work}/{device}"
     for folder in ("tmp", "etc"):
         os.makedirs(f"{home}/{folder}")
     with open(f"{home}/etc/firmware", "w") as file:
         file.write("CURVER=1.2.3\nCOMPONENT=bench\nTERMINAL=none\n")
-    return start(work, device, *programs, "-r", "localhost", "-p", manager_port, "-i", "lo",
+    return start(work, device, *command, "-r", "localhost", "-p", manager_port, "-i", "lo",
                  "-I", device, "-H", home, "-l", f"{home}/log", "-V", level,
-                 env=os.environ | {"RES_OPTIONS": "timeout:1 attempts:1"})
+                 env=os.environ | {"RES_OPTIONS": "timeout:1 attempts:1"} | (environment or {}))
 
 
 def gwad(work, services, programs, level, name):
