@@ -36,6 +36,11 @@ class Cost:
         self.box_s = cpu_s(self.peer.box) - self.before[0]
         self.relay_s = cpu_s(self.peer.relay) - self.before[1]
 
+    def per(self, units, **rows):
+        """box= and relay=: the names of their rows. None straight to the services."""
+        seconds = {"box": self.box_s, "relay": self.relay_s}
+        return {row: seconds[side] / units for side, row in rows.items() if self.peer.box}
+
 
 def curl(*options):
     """Seconds and bytes."""
@@ -52,8 +57,8 @@ def transfer(direction, peer, *options):
         seconds, size = curl(*options)
     if peer.log:
         open(peer.log, "w").close()  # the next one starts with an empty log as well
-    return {direction: size / seconds / 1e6, f"{direction} box": cost.box_s / (size / GB),
-            f"{direction} relay": cost.relay_s / (size / GB)}
+    return {direction: size / seconds / 1e6,
+            **cost.per(size / GB, box=f"{direction} box", relay=f"{direction} relay")}
 
 
 def download(peer, _):
@@ -75,37 +80,41 @@ def wrk(address, users, seconds, *options):
         if not found:
             raise Failure(f"wrk {address}: {done.stdout}{done.stderr}")
         figures[name] = float(found[1]) * (MS[found[2]] if found.lastindex == 2 else 1)
-    figures["errors"] = sum(map(int, re.findall(r"(?:connect|read|write|timeout|responses:) (\d+)",
-                                                done.stdout)))
+    errors = re.findall(r"(?:connect|read|write|timeout|responses:) (\d+)", done.stdout)
+    figures["errors"] = sum(map(int, errors))
     return figures
 
 
 def one_user(peer, seconds):
-    return {"1k p50": wrk(peer.file("1k"), 1, seconds)["p50"]}
+    figures = wrk(peer.file("1k"), 1, seconds)
+    return {"1k p50": figures["p50"], "beside nothing": figures["per_s"],
+            "errors": figures["errors"]}
 
 
 def many_users(peer, seconds):
     with Cost(peer) as cost:
         figures = wrk(peer.file("1k"), 32, seconds)
-    return {"1k": figures["per_s"], "1k box": cost.box_s * 1e6 / max(figures["requests"], 1)}
+    return {"1k": figures["per_s"], "errors": figures["errors"],
+            **cost.per(max(figures["requests"], 1) / 1e6, box="1k box")}
 
 
 def new_connections(peer, seconds):
-    return {"new": wrk(peer.file("1k"), 8, seconds, "-H", "Connection: close")["per_s"]}
+    figures = wrk(peer.file("1k"), 8, seconds, "-H", "Connection: close")
+    return {"new": figures["per_s"], "errors": figures["errors"]}
 
 
 def pages(peer, seconds):
     figures = wrk(peer.file("100k"), 8, seconds)
-    return {"100k": figures["per_s"], "100k p50": figures["p50"]}
+    return {"100k": figures["per_s"], "100k p50": figures["p50"], "errors": figures["errors"]}
 
 
 def beside_download(peer, seconds):
-    many = [peer.file("256m")] * 1000
-    with ended(subprocess.Popen(["curl", "-s", *(word for one in many for word in ("-o", "/dev/null", one))],
-                                stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)):
+    one_after_another = ["-o", "/dev/null", peer.file("256m")] * 1000
+    with ended(subprocess.Popen(["curl", "-s", *one_after_another], stdin=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)):
         time.sleep(0.2)
         figures = wrk(peer.file("1k"), 1, seconds)
-    return {"beside p50": figures["p50"], "beside p99": figures["p99"]}
+    return {"beside p50": figures["p50"], "beside p99": figures["p99"], "errors": figures["errors"]}
 
 
 @contextlib.contextmanager
@@ -129,7 +138,23 @@ def beside_unread(peer, seconds):
         time.sleep(1)  # everything on the way is full by now
         figures = wrk(peer.file("1k"), 1, seconds)
     time.sleep(0.5)
-    return {"unread": figures["per_s"]}
+    return {"unread": figures["per_s"], "errors": figures["errors"]}
+
+
+def one_connection(relay, web_port, streams, size):
+    """As many downloads at once on one data connection, until all together have got so many bytes:
+    how fast, and how much less than its share the one with the least has got."""
+    ids = [relay.open() for _ in range(streams)]
+    start = time.monotonic()
+    for stream in ids:
+        relay.request(stream, web_port, "GET", "/256m")
+    got = relay.receive(size)
+    seconds = time.monotonic() - start
+    for stream in ids:
+        relay.close(stream)
+    relay.echo()
+    least = min(got.get(stream, 0) for stream in ids) / (sum(got.values()) / streams)
+    return {f"streams {streams}": size / seconds / 1e6, f"least of {streams}": least}
 
 
 def idle(peers, seconds):

@@ -10,9 +10,12 @@ GWAD, GWAD7 = "gwad", "gwad -V 7"
 class Row:
     key: str
     title: str
-    unit: str
+    unit: str = ""
     against: str = ""  # the peer that gwad is compared with
     wanted: str = ""
+    of: str = ""  # the row of gwad's own that this one is compared with
+    who: str = GWAD
+    scale: float = 1
 
 
 ROWS = [
@@ -23,7 +26,7 @@ ROWS = [
     Row("upload box", "box processor, upload", "s/GB", "ssh", "<= 0.9"),
     Row("download relay", "relay processor, download", "s/GB", "ssh"),
     Row("upload relay", "relay processor, upload", "s/GB", "ssh"),
-    Row("1k p50", "1 KB, one user kept alive, p50", "ms", "dropbear", "<= 1.1"),
+    Row("1k p50", "1 KB, one user kept alive, p50", "us", "dropbear", "<= 1.1", scale=1000),
     Row("1k", "1 KB, 32 users kept alive", "/s", "dropbear", ">= 1.2"),
     Row("1k box", "box processor, such a request", "us", "dropbear", "<= 0.8"),
     Row("new", "1 KB, a new connection each, 8 users", "/s", "dropbear", ">= 1.5"),
@@ -31,15 +34,25 @@ ROWS = [
     Row("100k p50", "100 KB, 8 users kept alive, p50", "ms", "", "<= 1.2 ms"),
     Row("beside p50", "1 KB beside a full-speed download, p50", "ms", "", "<= 0.4 ms"),
     Row("beside p99", "1 KB beside a full-speed download, p99", "ms", "", "<= 3 ms"),
-    Row("unread", "1 KB beside 8 unread downloads", "/s", "", "as without"),
-    Row("memory", "peak memory, all of the above but the last", "MB", "dropbear", "<= 1"),
-    Row("memory unread", "peak memory, all of the above", "MB", "dropbear"),
+    Row("beside nothing", "1 KB, one user kept alive", "/s"),
+    Row("unread", "1 KB beside 8 unread downloads", "/s", "", "~ 1", of="beside nothing"),
+    Row("streams 1", "one data connection, 1 download", "MB/s"),
+    Row("streams 4", "one data connection, 4 downloads", "MB/s", "", ">= 0.9", of="streams 1"),
+    Row("streams 16", "one data connection, 16 downloads", "MB/s", "", ">= 0.9", of="streams 1"),
+    Row("streams 64", "one data connection, 64 downloads", "MB/s", "", ">= 0.9", of="streams 1"),
+    Row("least of 64", "the slowest of 64, of its fair share", "", "", ">= 0.67"),
+    Row("memory", "peak memory, everything but the next row", "MB", "dropbear", "<= 1"),
+    Row("memory unread", "peak memory, with unread downloads", "MB", "dropbear"),
+    Row("download", "level 7 with a log file: download", "MB/s", GWAD, ">= 0.5", who=GWAD7),
+    Row("download box", "level 7, box processor, download", "s/GB", GWAD, "<= 2", who=GWAD7),
+    Row("1k box", "level 7, box processor, 1 KB", "us", GWAD, "<= 2", who=GWAD7),
     Row("idle", "wake-ups a second, idle", "", "", "<= 7"),
+    Row("size", "program for the box", "KB", "", "<= 100"),
 ]
 
 
 class Figures:
-    """figures[row][peer]: what each run has measured."""
+    """What each run has measured, by row and peer."""
 
     def __init__(self):
         self.values = {}
@@ -52,6 +65,10 @@ class Figures:
         values = self.values.get(row, {}).get(peer)
         return None if values is None else statistics.median(values)
 
+    def errors(self):
+        return {peer: int(sum(counts)) for peer, counts in self.values.get("errors", {}).items()
+                if sum(counts)}
+
 
 def number(value):
     """With three digits that mean something."""
@@ -62,23 +79,24 @@ def number(value):
     return f"{value:.1f}" if value >= 10 else f"{value:.2f}"
 
 
-def ratio(value, other):
-    return "-" if not value or not other else f"{value / other:.2f} x"
+def compared(figures, row):
+    """How often gwad has what it is compared with, and what that is."""
+    value = figures.median(row.key, row.who)
+    other = figures.median(row.of or row.key, row.against or row.who)
+    if not (row.of or row.against) or value is None or not other:
+        return ""
+    return f"{value / other:.2f} x {row.against or 'alone'}"
 
 
 def lines(figures, peers):
     """The table's cells, the head first."""
     yield ["row", "unit", *peers, "gwad is", "wanted"]
     for row in ROWS:
-        values = {peer: figures.median(row.key, peer) for peer in peers}
-        cells = [number(value) for value in values.values()] if row.title else [""] * len(peers)
-        compared = f"{ratio(values[GWAD], values[row.against])} {row.against}" if row.against else ""
-        yield [row.title, row.unit, *cells, compared, row.wanted]
-    level7 = [ratio(figures.median(key, GWAD7), figures.median(key, GWAD))
-              for key in ("download box", "upload box", "1k box")]
-    yield ["level 7, log file: processor per GB, per request", "",
-           *[""] * len(peers), f"{level7[0]} {level7[1]} {level7[2]}".replace(" x", ""),
-           "<= 2 x level 3"]
+        shown = peers if row.who == GWAD else [GWAD, GWAD7]
+        values = {peer: figures.median(row.key, peer) for peer in shown}
+        cells = ["" if not row.title or peer not in values or values[peer] is None
+                 else number(values[peer] * row.scale) for peer in peers]
+        yield [row.title, row.unit, *cells, compared(figures, row), row.wanted]
 
 
 def text(cells):
