@@ -282,6 +282,14 @@ void catch_signals(sigset_t& outside) {
     sigprocmask(SIG_BLOCK, &ours, &outside);
 }
 
+// A line is not late because the machine is busy: before everybody else, where that is allowed, and
+// not up to 50 us after the time.
+void be_in_time() {
+    const sched_param urgent{.sched_priority = 1};
+    sched_setscheduler(0, SCHED_RR, &urgent);
+    prctl(PR_SET_TIMERSLACK, 1);  // ns
+}
+
 }  // namespace
 
 int main(int count, char** values) {
@@ -293,7 +301,7 @@ int main(int count, char** values) {
     const int second = tun_open(given.second, given.device);
     direction ways[] = {{"up", line(given.up, given.seed), first, second},
                         {"down", line(given.down, given.seed + 1), second, first}};
-    prctl(PR_SET_TIMERSLACK, 1);  // ns: the kernel would wake us up to 50 us late
+    be_in_time();
     puts("ready");
     fflush(stdout);
     carry(ways, control, outside);
