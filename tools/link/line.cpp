@@ -49,21 +49,16 @@ void line::put(packet sent, nanoseconds now) {
     }
 }
 
-// The first packet has left the queue, at first_left. A delay that has become shorter lets nobody
-// overtake.
+// The first packet has left the queue, at first_left.
 void line::leave() {
     packet sent = std::move(waiting.front());
     waiting.pop_front();
     waiting_bytes -= static_cast<int64_t>(sent.size());
     if (chance() % LOSS_ALL < now_set.loss) {
         counted.lost++;
-        return;
+    } else {
+        under_way.push_back({std::move(sent), first_left + now_set.delay});
     }
-    nanoseconds arrives = first_left + now_set.delay;
-    if (!under_way.empty()) {
-        arrives = std::max(arrives, under_way.back().arrives);
-    }
-    under_way.push_back({std::move(sent), arrives});
 }
 
 void line::advance(nanoseconds now) {
@@ -77,6 +72,7 @@ void line::advance(nanoseconds now) {
 
 std::optional<packet> line::take(nanoseconds now) {
     advance(now);
+    // Only the first one is looked at: a delay that has become shorter lets nobody overtake.
     if (under_way.empty() || under_way.front().arrives > now) {
         return std::nullopt;
     }
