@@ -106,7 +106,7 @@ void gwa_stream_feed(gwa_stream* stream, const uint8_t* bytes, uint32_t length) 
     // The service need not wake up for each of several frames.
     const int flags = gwa_input_continues(&stream->connection->input) ? MSG_MORE : 0;
     const ssize_t sent = offer(stream, bytes, length, flags);
-    if (sent != ssize_t{length} && !is_lost(sent)) {
+    if (sent != static_cast<ssize_t>(length) && !is_lost(sent)) {
         keep(stream, bytes, length, sent == -1 ? 0 : static_cast<uint32_t>(sent));
     }
 }
