@@ -70,7 +70,7 @@ class Relay:
             pass
         control.sendall(frame(SESSION_ID, 0, bytes(32), 1, 1))
         connections = [self.log_in_data() for _ in range(DATA_CONNECTIONS)]
-        self.connection = connections[0]
+        self.connection, self.incoming = connections[0], self.frames()
         for other in [control, *connections[1:]]:
             threading.Thread(target=answer_heartbeats, args=[other], daemon=True).start()
 
@@ -101,13 +101,12 @@ class Relay:
         self.connection.sendall(many[:whole % 64 * len(many) // 64]
                                 + frame(DATA, stream, bytes(rest)))
 
-    def receive(self, wanted):
-        """Until so many bytes have come; what each stream has got of them."""
-        buffer = memoryview(bytearray(BUFFER_BYTES))
-        got, end, limit = {}, 0, time.monotonic() + LIMIT_S
-        while wanted > 0:
-            if time.monotonic() > limit:
-                raise Failure(f"{wanted} bytes have not come within {LIMIT_S} s")
+    def frames(self):
+        """Without end: the stream and the length of each data frame. Heartbeats are answered."""
+        buffer, end = memoryview(bytearray(BUFFER_BYTES)), 0
+        while True:
+            if time.monotonic() > self.limit:
+                raise Failure(f"what the daemon should have sent has not come within {LIMIT_S} s")
             if (size := self.connection.recv_into(buffer[end:])) == 0:
                 raise Failure("the daemon has closed the data connection")
             end += size
@@ -118,22 +117,32 @@ class Relay:
                     break
                 start += WORDS.size + length
                 if command & 0xffff == DATA:
-                    got[stream] = got.get(stream, 0) + length
-                    wanted -= length
+                    yield stream, length
                 else:
                     self.connection.sendall(buffer[start - length - WORDS.size:start])
             buffer[:end - start] = buffer[start:end]
             end -= start
-        return got
+
+    def receive(self, wanted):
+        """Until so many bytes have come; what each stream has got of them."""
+        self.limit = time.monotonic() + LIMIT_S
+        got = {}
+        for stream, length in self.incoming:
+            got[stream] = got.get(stream, 0) + length
+            wanted -= length
+            if wanted <= 0:
+                return got
 
     def close(self, stream):
         self.connection.sendall(frame(CLOSE_STREAM, stream, b"", 1, 1))
 
     def echo(self):
         """Comes back when the daemon has done with everything before. What else comes is dropped."""
-        self.request(stream := self.open(), 10010, "GET", "/", "&x-qv-gwad-opt=echo")
-        while read_frame(self.connection)[1] != stream:
-            pass
+        self.limit = time.monotonic() + LIMIT_S
+        self.request(echo := self.open(), 10010, "GET", "/", "&x-qv-gwad-opt=echo")
+        for stream, _ in self.incoming:
+            if stream == echo:
+                return
 
 
 def answer_heartbeats(connection):
