@@ -179,7 +179,7 @@ TEST_F(Flow, APageWithFiftyObjectsLoadsByAHandfulOfLocalConnections) {
     EXPECT_EQ(web_connections(), 1);
     EXPECT_TRUE(loads("parallel\nparallel-max = 6\n"));
     EXPECT_LE(web_connections(), 7);  // the last line about the one before may come late
-    EXPECT_TRUE(loads(close));  // a user who comes anew for each
+    EXPECT_TRUE(loads(close));        // a user who comes anew for each
     EXPECT_LT(web_connections(), 40);
     EXPECT_EQ(text_count(device.log(), "login remote server success"), 6);
 }
