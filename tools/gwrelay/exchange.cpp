@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr int FINAL_CODE = 200;  // lower ones come before the response
-
 // What a head tells the user of his connection.
 std::string_view connection_line(const user_link& user) {
     if (!user.keeps) {
