@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 
+#include "control_world.h"
 #include "network.h"
 
 extern "C" {
@@ -21,6 +22,20 @@ ssize_t __real_send(int fd, const void* buffer, size_t length, int flags);
 ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
 int __real_epoll_ctl(int epfd, int operation, int fd, epoll_event* event);
+
+void* __real_malloc(size_t size);
+void __real_free(void* block);
+
+// Whatever the daemon allocates comes from here, and nothing of ours does.
+void* __wrap_malloc(size_t size) {
+    memory_blocks++;
+    return __real_malloc(size);
+}
+
+void __wrap_free(void* block) {
+    memory_blocks -= block != nullptr ? 1 : 0;
+    __real_free(block);
+}
 
 int __wrap_socket(int, int, int) { return the_network.socket_make(); }
 
@@ -102,6 +117,12 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
         return the_network.low_water_set(fd, *static_cast<const int*>(value));
     }
     return the_network.option_set(fd);
+}
+
+// gwa_file_write, by the name that the compiler gives it: the session id, for other programs.
+int __wrap__Z14gwa_file_writePKcPKvm(const char*, const void* data, size_t length) {
+    the_control_world->effect("session " + std::string(static_cast<const char*>(data), length));
+    return 0;
 }
 
 }  // extern "C"

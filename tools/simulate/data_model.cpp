@@ -59,7 +59,7 @@ size_t data_model::frames() const {
 
 void data_model::before(call what, tcp_socket* socket) {
     const bool freed = what == call::EPOLL_ADD && socket == remote && remote->table != nullptr;
-    const bool within_discard = reading == input::EXTRA_DISCARD && wire.size() < want;
+    const bool within_discard = reading == input::EXTRA_DISCARD && unread.size() < want;
     if (!over && !(freed && within_discard)) {
         catch_up();
     }
@@ -148,7 +148,7 @@ void data_model::work_of_server_waits(int timeout_ms) const {
         broken("a wait of %d ms, while %zu bytes of the server have arrived", timeout_ms,
                remote->arrived.size());
     }
-    if (reading != input::DISCARD && want > 0 && wire.size() >= want) {
+    if (reading != input::DISCARD && want > 0 && unread.size() >= want) {
         broken("a wait of %d ms, while a frame has been received and not read", timeout_ms);
     }
 }
@@ -181,7 +181,7 @@ void data_model::work_of_services_waits(int timeout_ms) const {
 }
 
 bool data_model::is_quiet() const {
-    return queue.empty() && remote->arrived.empty() && remote->sent.empty() && wire.empty() &&
+    return queue.empty() && remote->arrived.empty() && remote->sent.empty() && unread.empty() &&
            std::all_of(streams.begin(), streams.end(), [](const auto& one) {
                const tcp_socket& socket = *one.second.socket;
                return one.second.waiting.empty() && socket.arrived.empty() && socket.sent.empty();

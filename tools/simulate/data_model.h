@@ -75,7 +75,7 @@ class data_model : public network_watcher {
     void before(call what, tcp_socket* socket) override;
     void opened(tcp_socket* socket) override;
     void connected(tcp_socket& socket, bool success) override;
-    void received(tcp_socket& socket, std::string_view bytes, int error) override;
+    void received(tcp_socket& socket, size_t wanted, std::string_view bytes, int error) override;
     void sent(tcp_socket& socket, std::string_view offered, ssize_t taken, int error) override;
     void looked(tcp_socket& socket, int queued) override;
     void registered(tcp_socket& socket, bool success) override;
@@ -90,7 +90,7 @@ class data_model : public network_watcher {
     tcp_socket* remote;
 
     // Input.
-    byte_queue wire;  // received by the daemon, not read by it yet
+    byte_queue unread;  // received by the daemon, not read by it yet
     input reading = input::HEADER;
     uint32_t want = 16;
     uint32_t stream_id = 0;    // of the current frame

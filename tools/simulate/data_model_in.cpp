@@ -5,33 +5,15 @@
 
 #include "data_model.h"
 #include "runtime/gwa_util_time.h"
+#include "server.h"
 
 namespace {
 
-constexpr uint32_t HEADER = 16;
-constexpr uint32_t PAYLOAD_MAX = 8176;
 constexpr uint32_t UPLOADS_MAX = 2 << 20;
 constexpr uint32_t CEILING = 5 << 20;
 constexpr int32_t LOOK_INTERVAL_S = 30;
 constexpr int32_t STREAM_IDLE_S = 300;
 constexpr int32_t CHECK_INTERVAL_S = 600;
-
-enum command : uint16_t {
-    COMMAND_FIRST = 1,
-    HEARTBEAT = 2,
-    CLOSE_STREAM = 4,
-    LOGIN_ANSWER = 5,
-    CLOSE_CONNECTION = 6,
-    COMMAND_LAST = 12
-};
-
-uint32_t number_at(std::string_view bytes, size_t at) {
-    uint32_t value = 0;
-    for (size_t i = at; i < at + 4; i++) {
-        value = value << 8 | static_cast<uint8_t>(bytes[i]);
-    }
-    return value;
-}
 
 // The value of a parameter of a request, or the text that stands for none.
 std::string parameter(const std::string& request, const std::string& name) {
@@ -75,48 +57,50 @@ bool data_model::step_done(uint64_t target) {
     if (target - counted < want || (empty_discard && conn->input.step == gwa_input_step::DISCARD)) {
         return false;
     }
-    if (wire.size() < want) {
+    if (unread.size() < want) {
         broken("the daemon has read more than it has received");
     }
-    const std::string bytes(wire.view().substr(0, want));
-    wire.pop(want);
+    const std::string bytes(unread.view().substr(0, want));
+    unread.pop(want);
     counted += want;
     switch (reading) {
         case input::HEADER: header_done(bytes); break;
         case input::HEARTBEAT:
-            if (number_at(bytes, 0) + 1 != heartbeat_seq) {
+            if (wire::number_at(bytes, 0) + 1 != heartbeat_seq) {
                 close_reason = "a heartbeat answer with a wrong number";
             }
-            heartbeat_resp = number_at(bytes, 0) + 1;
-            begin(input::HEADER, HEADER);
+            heartbeat_resp = wire::number_at(bytes, 0) + 1;
+            begin(input::HEADER, wire::HEADER);
             break;
         case input::PAYLOAD:
-            begin(input::HEADER, HEADER);
+            begin(input::HEADER, wire::HEADER);
             data_came(bytes);
             break;
         case input::DISCARD:
-        case input::EXTRA_DISCARD: begin(input::HEADER, HEADER); break;
+        case input::EXTRA_DISCARD: begin(input::HEADER, wire::HEADER); break;
     }
     return true;
 }
 
 void data_model::header_done(std::string_view header) {
     const auto version = static_cast<uint8_t>(header[0]);
-    const uint32_t code = number_at(header, 0) & 0xffff;
-    const uint32_t length = number_at(header, 12);
+    const uint32_t code = wire::number_at(header, 0) & 0xffff;
+    const uint32_t length = wire::number_at(header, 12);
     last_in = gwa_now_get();
-    begin(input::HEADER, HEADER);
-    if (version < 1 || version > 3 || header[1] != HEADER || code < COMMAND_FIRST ||
-        code > COMMAND_LAST || length > PAYLOAD_MAX) {
+    begin(input::HEADER, wire::HEADER);
+    if (version < 1 || version > 3 || header[1] != wire::HEADER || code < wire::DATA ||
+        code > wire::PORT_INFO || length > wire::PAYLOAD_MAX) {
         close_reason = "a header that is none";
         return;
     }
-    stream_id = number_at(header, 8);
+    stream_id = wire::number_at(header, 8);
     switch (code) {
-        case CLOSE_STREAM: stream_closed(stream_id); return;
-        case CLOSE_CONNECTION: close_reason = "the server has said so"; return;
-        case LOGIN_ANSWER: begin(input::DISCARD, length); return;
-        case HEARTBEAT: begin(length == 4 ? input::HEARTBEAT : input::DISCARD, length); return;
+        case wire::CLOSE_STREAM: stream_closed(stream_id); return;
+        case wire::CLOSE_CONNECTION: close_reason = "the server has said so"; return;
+        case wire::LOGIN_ANSWER: begin(input::DISCARD, length); return;
+        case wire::HEARTBEAT:
+            begin(length == 4 ? input::HEARTBEAT : input::DISCARD, length);
+            return;
         default: break;
     }
     if (length > 0) {
@@ -126,12 +110,12 @@ void data_model::header_done(std::string_view header) {
 
 // As many bytes as the request had are gone, or all that have come when time or connection ends.
 void data_model::extra_discard_ended() {
-    if (wire.size() < want && !std::exchange(ended_early, false)) {
-        broken("a discard of %u bytes ends after %zu", want, wire.size());
+    if (unread.size() < want && !std::exchange(ended_early, false)) {
+        broken("a discard of %u bytes ends after %zu", want, unread.size());
     }
-    wire.pop(std::min<size_t>(wire.size(), want));
+    unread.pop(std::min<size_t>(unread.size(), want));
     heartbeat_resp = heartbeat_seq;
-    begin(input::HEADER, HEADER);
+    begin(input::HEADER, wire::HEADER);
 }
 
 void data_model::stream_closed(uint32_t id) {
@@ -254,12 +238,12 @@ void data_model::remote_received(std::string_view bytes, int error) {
         broken("the daemon goes on to receive, although services take nothing of %llu bytes",
                static_cast<unsigned long long>(waiting_bytes()));
     }
-    wire.push(bytes);
+    unread.push(bytes);
     if (!bytes.empty()) {
         moved = true;
         return;
     }
-    const bool frame_has_begun = reading != input::HEADER || !wire.empty();
+    const bool frame_has_begun = reading != input::HEADER || !unread.empty();
     if (error == EAGAIN) {
         if (frame_has_begun) {
             input_is_late();

@@ -4,28 +4,14 @@
 
 #include "data_model.h"
 #include "runtime/gwa_util_time.h"
+#include "server.h"
 
 namespace {
 
-constexpr size_t PAYLOAD_MAX = 8176;
 constexpr size_t FRAMES_PER_CALL = 16;
 constexpr int QUARTER = 0x20000 / 4;
 constexpr uint32_t LIMIT = 4 << 20;
 constexpr uint32_t CEILING = 5 << 20;
-
-std::string big_endian(uint32_t value) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        bytes += static_cast<char>(value >> shift);
-    }
-    return bytes;
-}
-
-std::string data_frame(uint32_t stream_id, std::string_view payload) {
-    std::string frame("\1\20\0\1\0\0\0\0", 8);
-    frame += big_endian(stream_id) + big_endian(static_cast<uint32_t>(payload.size()));
-    return frame.append(payload);
-}
 
 }  // namespace
 
@@ -55,11 +41,12 @@ void data_model::answer(uint32_t id, uint32_t priority, const std::string& statu
         "HTTP/1.1 " + status +
         "\r\nContent-Type:text/plain\r\nContent-Length:" + std::to_string(body.size()) +
         "\r\n\r\n" + body;
-    enqueue({model_frame::kind::ANSWER, data_frame(id, text), 0, priority, id, 0, 0, 1024});
+    enqueue({model_frame::kind::ANSWER, wire::frame(wire::DATA, id, text), 0, priority, id, 0, 0,
+             1024});
 }
 
 // A service has said something, or its socket has nothing to say.
-void data_model::received(tcp_socket& socket, std::string_view bytes, int error) {
+void data_model::received(tcp_socket& socket, size_t, std::string_view bytes, int error) {
     if (&socket == remote) {
         remote_received(bytes, error);
         return;
@@ -70,12 +57,12 @@ void data_model::received(tcp_socket& socket, std::string_view bytes, int error)
         broken("stream %u reads although %u bytes are held", stream->id, memory());
     }
     moved = moved || error != EAGAIN;
-    for (size_t at = 0; at < bytes.size(); at += PAYLOAD_MAX) {
-        const std::string_view payload = bytes.substr(at, PAYLOAD_MAX);
+    for (size_t at = 0; at < bytes.size(); at += wire::PAYLOAD_MAX) {
+        const std::string_view payload = bytes.substr(at, wire::PAYLOAD_MAX);
         stream->last_activity = gwa_now_get();
-        enqueue({model_frame::kind::STREAM, data_frame(stream->id, payload), 0, stream->priority,
-                 stream->id, stream->number, stream->said,
-                 static_cast<uint32_t>(payload.size() + 16)});
+        enqueue({model_frame::kind::STREAM, wire::frame(wire::DATA, stream->id, payload), 0,
+                 stream->priority, stream->id, stream->number, stream->said,
+                 static_cast<uint32_t>(payload.size() + wire::HEADER)});
         stream->said += payload.size();
     }
 }
@@ -162,16 +149,14 @@ void data_model::frame_left(const model_frame& frame) {
         if (frame.offset < next) {
             broken("bytes of stream %u overtake each other", frame.stream_id);
         }
-        next = frame.offset + frame.bytes.size() - 16;
+        next = frame.offset + frame.bytes.size() - wire::HEADER;
     }
 }
 
 // ---- Heartbeats and what is too old ----
 
 void data_model::heartbeat_build(bool at_front) {
-    model_frame frame{
-        model_frame::kind::HEARTBEAT,
-        std::string("\2\20\0\2\0\0\0\1\0\0\0\0\0\0\0\4", 16) + big_endian(heartbeat_seq++)};
+    model_frame frame{model_frame::kind::HEARTBEAT, wire::heartbeat(heartbeat_seq++)};
     const bool behind_first = at_front && !queue.empty() && queue.front().sent > 0;
     queue.insert(queue.begin() + (behind_first ? 1 : 0), std::move(frame));
     moved = true;

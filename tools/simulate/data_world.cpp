@@ -13,32 +13,10 @@
 
 namespace {
 
-constexpr size_t PAYLOAD_MAX = 8176;
-constexpr size_t RECEIVE_ROOM = 1 << 18;  // of the daemon's sockets
 constexpr int SETTLE_ROUNDS = 2000;
 constexpr size_t SETTLE_ROOM = 1 << 17;
 constexpr size_t BALLAST_MIN = 8192;          // smaller pieces are counted as larger ones
 constexpr int64_t START_S = INT32_MAX - 300;  // the coarse clock wraps in most schedules
-
-enum command : uint16_t { DATA = 1, HEARTBEAT = 2, CLOSE_STREAM = 4, LOGIN_ANSWER = 5 };
-
-std::string frame(uint16_t code, uint32_t stream, std::string_view payload, uint8_t version = 1) {
-    const auto number = [](uint32_t value) {
-        return std::string{static_cast<char>(value >> 24), static_cast<char>(value >> 16),
-                           static_cast<char>(value >> 8), static_cast<char>(value)};
-    };
-    return std::string{static_cast<char>(version), 16, 0, static_cast<char>(code)} +
-           number(code == DATA ? 0 : 1) + number(stream) +
-           number(static_cast<uint32_t>(payload.size())) + std::string(payload);
-}
-
-uint32_t number_at(const std::string& bytes, size_t at) {
-    uint32_t value = 0;
-    for (size_t i = at; i < at + 4; i++) {
-        value = value << 8 | static_cast<uint8_t>(bytes[i]);
-    }
-    return value;
-}
 
 std::string request(const std::string& parameters) {
     return "GET /?" + parameters + " HTTP/1.1\r\n\r\n";
@@ -56,6 +34,7 @@ data_world::data_world() {
     gwa_connection_run = 1;
     gwa_connection_table_init();
     conn = &gwa_connections.data[0];
+    blocks_before = memory_blocks;
     the_time = {START_S * 1'000'000, 0};
     gwa_now_refresh();
     the_network.failures = {};
@@ -83,11 +62,7 @@ void data_world::connect() {
     conn->socket = socket.fd;
     conn->heartbeat.last_out_time = conn->heartbeat.last_in_time = conn->last_check_time =
         gwa_now_get();
-    undelivered.clear();
-    heard.clear();
-    heartbeats.clear();
-    delivered = 0;
-    server_ends = false;
+    server = std::make_unique<relay_server>(socket);
 }
 
 // The connection is gone: nothing of it may be left.
@@ -120,59 +95,15 @@ void data_world::rounds(int64_t count) {
     }
 }
 
-std::string data_world::noise(size_t count) {
-    static const std::string letters = [] {
-        std::string made;
-        uint64_t state = 1;
-        for (int i = 0; i < 1 << 17; i++) {
-            state = state * 6364136223846793005U + 1442695040888963407U;
-            made += static_cast<char>(' ' + (state >> 33) % 95);
-        }
-        return made;
-    }();
-    noise_at = (noise_at * 31 + 7919) % (1 << 16);
-    std::string made;
-    while (made.size() < count) {
-        made += letters.substr(noise_at, count - made.size());
-    }
-    return made;
-}
-
-// ---- The server ----
-
-void data_world::say(std::string_view bytes) {
-    if (!server_ends) {
-        undelivered += bytes;
-    }
-}
-
-void data_world::deliver(size_t count) {
-    tcp_socket& socket = *model->server();
-    const size_t room = RECEIVE_ROOM - std::min(RECEIVE_ROOM, socket.arrived.size());
-    const size_t now = std::min({count, room, undelivered.size() - delivered});
-    socket.arrive(std::string_view(undelivered).substr(delivered, now));
-    delivered += now;
-    if (server_ends && delivered == undelivered.size()) {
-        socket.end();
-    }
-}
-
-void data_world::take(size_t count) {
-    heard += model->server()->take(count);
-    while (heard.size() >= 16 && heard.size() >= 16 + number_at(heard, 12)) {
-        if (heard[3] == HEARTBEAT) {
-            heartbeats.push_back(number_at(heard, 16));
-        }
-        heard.erase(0, 16 + number_at(heard, 12));
-    }
-}
+// ---- What the server says ----
 
 void data_world::open(const step& one) {
     const auto [id, port, priority, extra] = one.with;
-    say(frame(DATA, static_cast<uint32_t>(id),
-              request("x-qv-devid=box&x-qv-port=" + std::to_string(network::FIRST_PORT + port) +
-                      "&x-qv-pri=" + std::to_string(priority)) +
-                  noise(static_cast<size_t>(extra))));
+    server->say(wire::frame(
+        wire::DATA, static_cast<uint32_t>(id),
+        request("x-qv-devid=box&x-qv-port=" + std::to_string(network::FIRST_PORT + port) +
+                "&x-qv-pri=" + std::to_string(priority)) +
+            noise(static_cast<size_t>(extra))));
 }
 
 void data_world::ask(const step& one) {
@@ -188,40 +119,23 @@ void data_world::ask(const step& one) {
         "no request at all, but long enough",
     };
     const size_t kind = static_cast<size_t>(one.with[1]) % std::size(requests);
-    say(frame(DATA, static_cast<uint32_t>(one.with[0]), requests[kind]));
+    server->say(wire::frame(wire::DATA, static_cast<uint32_t>(one.with[0]), requests[kind]));
 }
 
 void data_world::command(const step& one) {
     const std::string payload =
-        noise(std::min<size_t>(static_cast<size_t>(one.with[1]), PAYLOAD_MAX));
-    const auto changed = [&](size_t at, int value) {
-        std::string bytes = frame(DATA, 1, payload);
-        bytes[at] = static_cast<char>(value);
-        return bytes;
-    };
+        noise(std::min<size_t>(static_cast<size_t>(one.with[1]), wire::PAYLOAD_MAX));
     switch (one.with[0]) {
-        case 0: return say(frame(LOGIN_ANSWER, 0, payload));
-        case 1: return say(frame(HEARTBEAT, 0, payload));  // of a length that is none
-        case 2: return say(frame(DATA, 1, ""));
-        case 3: return say(frame(9, 0, payload));
-        case 4: return say(frame(HEARTBEAT, 0, std::string{"\1\2\3\4"}));
-        case 5: return say(frame(6, 0, ""));
-        case 6: return say(changed(0, 4));
-        case 7: return say(changed(1, 15));
-        case 8: return say(changed(3, 13));
-        default: return say(changed(12, 1));
+        case 0: return server->say(wire::frame(wire::LOGIN_ANSWER, 0, payload));
+        case 1:
+            return server->say(
+                wire::frame(wire::HEARTBEAT, 0, payload));  // of a length that is none
+        case 2: return server->say(wire::frame(wire::DATA, 1, ""));
+        case 3: return server->say(wire::frame(wire::STATUS, 0, payload));
+        case 4: return server->say(wire::frame(wire::HEARTBEAT, 0, std::string{"\1\2\3\4"}));
+        case 5: return server->say(wire::frame(wire::CLOSE_CONNECTION, 0, ""));
+        default: return server->say(wire::bad_frame(one.with[0], payload));
     }
-}
-
-void data_world::answer(const step& one) {
-    for (const uint32_t number : heartbeats) {
-        const uint32_t told = number + static_cast<uint32_t>(one.with[0]);
-        say(frame(HEARTBEAT, 0,
-                  std::string{static_cast<char>(told >> 24), static_cast<char>(told >> 16),
-                              static_cast<char>(told >> 8), static_cast<char>(told)},
-                  2));
-    }
-    heartbeats.clear();
 }
 
 // ---- Services ----
@@ -232,9 +146,10 @@ void data_world::service(const step& one) {
         return;
     }
     tcp_socket& socket = *stream->socket;
-    const size_t room = RECEIVE_ROOM - std::min(RECEIVE_ROOM, socket.arrived.size());
     switch (one.what) {
-        case op::SAY: socket.arrive(noise(std::min(room, static_cast<size_t>(one.with[1])))); break;
+        case op::SAY:
+            socket.arrive(noise(std::min(socket.receive_room(), static_cast<size_t>(one.with[1]))));
+            break;
         case op::READ: socket.take(all_or(one.with[1])); break;
         case op::SERVICE_END: socket.end(); break;
         case op::SERVICE_RESET: socket.reset(ECONNRESET); break;
@@ -258,16 +173,18 @@ void data_world::play(const step& one) {
         case op::OPEN: return open(one);
         case op::ASK: return ask(one);
         case op::UPLOAD:
-            return say(
-                frame(DATA, static_cast<uint32_t>(one.with[0]),
-                      noise(std::min<size_t>(static_cast<size_t>(one.with[1]), PAYLOAD_MAX))));
-        case op::CLOSE: return say(frame(CLOSE_STREAM, static_cast<uint32_t>(one.with[0]), ""));
+            return server->say(
+                wire::frame(wire::DATA, static_cast<uint32_t>(one.with[0]),
+                            noise(std::min(static_cast<size_t>(one.with[1]), wire::PAYLOAD_MAX))));
+        case op::CLOSE:
+            return server->say(
+                wire::frame(wire::CLOSE_STREAM, static_cast<uint32_t>(one.with[0]), ""));
         case op::COMMAND: return command(one);
-        case op::ANSWER: return answer(one);
-        case op::DELIVER: return deliver(all_or(one.with[0]));
-        case op::TAKE: return take(all_or(one.with[0]));
-        case op::END: server_ends = true; return deliver(0);
-        case op::RESET: return model->server()->reset(ECONNRESET);
+        case op::ANSWER: return server->answer(static_cast<uint32_t>(one.with[0]));
+        case op::DELIVER: return server->deliver(all_or(one.with[0]));
+        case op::TAKE: return server->take(all_or(one.with[0]));
+        case op::END: return server->end();
+        case op::RESET: return server->reset();
         case op::SAY:
         case op::READ:
         case op::SERVICE_END:
@@ -287,6 +204,8 @@ void data_world::play(const step& one) {
             model->surprised();
             return;
         case op::SETTLE: return settle();
+        case op::CONTROL:
+        case op::REPORT:
         case op::COUNT: return;
     }
 }
@@ -296,23 +215,20 @@ void data_world::settle() {
     the_network.failures = {};
     play({op::BALLAST, {0}});
     const data_model* const began = model.get();
-    const auto grow = [](tcp_socket& socket) {
-        socket.send_room = std::max(socket.send_room, SETTLE_ROOM);
-    };
-    grow(*model->server());
-    model->each_service(grow);
-    the_network.local_room = std::max(the_network.local_room, SETTLE_ROOM);
+    model->server()->widen();
+    model->each_service([](tcp_socket& socket) { socket.widen(); });
+    the_network.local_room = SETTLE_ROOM;
     int quiet = 0;
     for (int i = 0; i < SETTLE_ROUNDS && quiet < 3; i++) {
-        deliver(SIZE_MAX);
-        take(SIZE_MAX);
-        answer({});
+        server->deliver(SIZE_MAX);
+        server->take(SIZE_MAX);
+        server->answer(0);
         model->each_service([](tcp_socket& socket) { socket.take(SIZE_MAX); });
         model->outside_event();
         if (!round() || model.get() != began) {
             return;
         }
-        quiet = delivered == undelivered.size() && model->is_quiet() ? quiet + 1 : 0;
+        quiet = server->has_said_all() && model->is_quiet() ? quiet + 1 : 0;
     }
     model->must_be_finished();
 }
@@ -324,5 +240,9 @@ void data_world::finish() {
     conn->order.taken = conn->order.serial;
     close();
     gwa_connection_data_free(conn);
+    if (memory_blocks != blocks_before) {
+        broken("%lld blocks of memory are left",
+               static_cast<long long>(memory_blocks - blocks_before));
+    }
     the_network.watcher = nullptr;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <initializer_list>
+#include <span>
 
 #include "network.h"
 #include "step.h"
@@ -51,9 +52,17 @@ constexpr habit HABITS[] = {
     {op::BALLAST, 2, 1},     {op::SETTLE, 1, 3},
 };
 
-mood mood_drawn(dice* chance) {
+constexpr habit CONTROL_HABITS[] = {
+    {op::ROUND, 40, 4},  {op::TIME, 6, 3},     {op::CLOCK, 3, 1},   {op::COMMAND, 14, 3},
+    {op::ANSWER, 12, 3}, {op::DELIVER, 24, 4}, {op::TAKE, 20, 4},   {op::END, 1, 1},
+    {op::RESET, 1, 1},   {op::ORDER, 4, 2},    {op::REPORT, 10, 3}, {op::FAIL, 2, 1},
+    {op::SETTLE, 1, 3},  {op::ROOM, 1, 2},
+};
+
+mood mood_drawn(dice* chance, bool control) {
     mood made;
-    for (const habit& one : HABITS) {
+    const std::span<const habit> habits = control ? std::span<const habit>(CONTROL_HABITS) : HABITS;
+    for (const habit& one : habits) {
         if (chance->below(4) < one.moods) {
             made.weights[static_cast<size_t>(one.what)] =
                 one.weight * (1 + chance->below(4)) * (1 + chance->below(2));
@@ -130,7 +139,9 @@ step step_drawn(const mood& mind, dice* chance) {
         case op::CLOSE:
         case op::SERVICE_END:
         case op::SERVICE_RESET: one.with = {id}; break;
-        case op::COMMAND: one.with = {chance->below(10), chance->below(300)}; break;
+        case op::COMMAND: one.with = {chance->below(15), chance->below(300)}; break;
+        case op::ORDER: one.with = {chance->below(6)}; break;
+        case op::REPORT: one.with = {1 + chance->below(chance->of({30, 8176}))}; break;
         case op::ANSWER: one.with = {chance->one_in(10) ? chance->of({1, -1, 1000}) : 0}; break;
         case op::DELIVER: one.with = {part_drawn(mind, chance)}; break;
         case op::TAKE: one.with = {part_drawn(mind, chance)}; break;
@@ -153,10 +164,13 @@ step step_drawn(const mood& mind, dice* chance) {
 
 schedule schedule_drawn(uint64_t seed) {
     dice chance{seed * 0x632be59bd9b4e019U + 1};
-    const mood mind = mood_drawn(&chance);
+    const bool control = chance.one_in(4);
+    const mood mind = mood_drawn(&chance, control);
     schedule steps;
     const int64_t count = 10 + chance.below(chance.of({30, 100, 300}));
-    if (chance.one_in(2)) {
+    if (control) {
+        steps.push_back({op::CONTROL, {}});
+    } else if (chance.one_in(2)) {
         steps.push_back(
             {op::ROOM, {chance.of({20, 3000, 40000, 131072}), chance.of({20, 3000, 131072})}});
         steps.push_back({op::ORDER, {}});  // the next connection has it

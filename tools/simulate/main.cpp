@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 
+#include "control_world.h"
 #include "data_world.h"
 #include "main/gwa_log.h"
 #include "network.h"
@@ -44,7 +45,7 @@ double seconds_now() {
 void time_replace() {
     gwa_time.now_us = [] { return the_time.now_us + the_time.set_us; };
     gwa_time.steady_us = [] { return the_time.now_us; };
-    gwa_time.sleep_us = [](int64_t us) { the_time.now_us += us; };
+    gwa_time.sleep_us = [](int64_t us) { the_time.sleep(us); };
     gwa_time.poll = [](pollfd* entries, nfds_t, int timeout_ms) {
         const int ready = entries->events == POLLOUT
                               ? the_network.connect_settle(entries->fd, timeout_ms)
@@ -58,6 +59,14 @@ void time_replace() {
 }
 
 void play(const schedule& steps) {
+    if (!steps.empty() && steps.front().what == op::CONTROL) {
+        control_world world;
+        world.play(steps);
+        shared->steps += steps.size();
+        shared->rounds += world.rounds_run;
+        shared->schedules++;
+        return;
+    }
     data_world world;
     for (const step& one : steps) {
         world.play(one);

@@ -8,10 +8,13 @@
 
 network the_network;
 virtual_time the_time;
+int64_t memory_blocks = 0;
 
 namespace {
 
 constexpr int64_t LATE_US = 2'000'000;
+constexpr size_t SEND_ROOM = 1 << 17;
+constexpr size_t RECEIVE_ROOM = 1 << 18;  // of the daemon's sockets
 
 int fail_with(int error) {
     errno = error;
@@ -23,6 +26,15 @@ int fail_with(int error) {
 void virtual_time::pass(int64_t us) {
     now_us += us;
     gwa_now_refresh();
+}
+
+void virtual_time::sleep(int64_t us) {
+    if (meanwhile == nullptr) {
+        now_us += us;  // the coarse clock is late, as it may be
+        return;
+    }
+    meanwhile();
+    pass(us);
 }
 
 // ---- A socket, from its peer's side ----
@@ -60,6 +72,12 @@ void tcp_socket::reset(int reason) {
         wake();
     }
 }
+
+size_t tcp_socket::receive_room() const {
+    return RECEIVE_ROOM - std::min(RECEIVE_ROOM, arrived.size());
+}
+
+void tcp_socket::widen() { send_room = std::max(send_room, SEND_ROOM); }
 
 std::string tcp_socket::take(size_t count) {
     std::string taken(sent.view().substr(0, count));
@@ -225,8 +243,12 @@ int network::connect_settle(int fd, int timeout_ms) {
 ssize_t network::receive(int fd, const iovec* pieces, size_t count, call what) {
     tcp_socket& socket = socket_at(fd, "receive");
     watcher->before(what, &socket);
+    size_t wanted = 0;
+    for (size_t i = 0; i < count; i++) {
+        wanted += pieces[i].iov_len;
+    }
     const auto failed = [&](int error) {
-        watcher->received(socket, {}, error);
+        watcher->received(socket, wanted, {}, error);
         return fail_with(error);
     };
     socket.read_failed = fails(what);
@@ -245,7 +267,7 @@ ssize_t network::receive(int fd, const iovec* pieces, size_t count, call what) {
     for (size_t i = 0; i < count && done < there.size(); i++) {
         done += there.copy(static_cast<char*>(pieces[i].iov_base), pieces[i].iov_len, done);
     }
-    watcher->received(socket, there.substr(0, done), 0);
+    watcher->received(socket, wanted, there.substr(0, done), 0);
     socket.arrived.pop(done);
     return static_cast<ssize_t>(done);
 }
@@ -340,6 +362,7 @@ int network::table_change(int epfd, int operation, int fd, epoll_event* event) {
         watcher->registered(socket, !failed);
     }
     if (failed) {
+        socket.read_failed = true;
         return -1;
     }
     socket.table = set.table.get();
@@ -351,13 +374,7 @@ int network::table_change(int epfd, int operation, int fd, epoll_event* event) {
     return 0;
 }
 
-int network::table_wait(int epfd, epoll_event* out, int count, int timeout_ms) {
-    poll_table& table = *at(epfd, "epoll_wait").table;
-    watcher->before(call::EPOLL_WAIT, nullptr);
-    if (fails(call::EPOLL_WAIT)) {
-        watcher->wait_failed(errno);
-        return -1;
-    }
+static int table_collect(poll_table& table, epoll_event* out, int count) {
     int found = 0;
     while (found < count && !table.ready.empty()) {
         tcp_socket& socket = *table.ready.front();
@@ -370,17 +387,37 @@ int network::table_wait(int epfd, epoll_event* out, int count, int timeout_ms) {
             out[found++].data.ptr = socket.data;
         }
     }
-    events += static_cast<uint64_t>(found);
+    return found;
+}
+
+int network::table_wait(int epfd, epoll_event* out, int count, int timeout_ms) {
+    poll_table& table = *at(epfd, "epoll_wait").table;
+    watcher->before(call::EPOLL_WAIT, nullptr);
+    if (fails(call::EPOLL_WAIT)) {
+        watcher->wait_failed(errno);
+        return -1;
+    }
+    int found = table_collect(table, out, count);
     if (found == 0) {
         watcher->waits(timeout_ms);
+        if (the_time.meanwhile != nullptr) {
+            the_time.meanwhile();
+            found = table_collect(table, out, count);
+        }
+    }
+    if (found == 0) {
         the_time.pass(int64_t{timeout_ms} * 1000);
     }
+    events += static_cast<uint64_t>(found);
     return found;
 }
 
 int network::wait_readable(int fd, int timeout_ms) {
     const tcp_socket& socket = socket_at(fd, "poll");
     if ((socket.ready() & EPOLLIN) == 0) {
+        if (the_time.meanwhile != nullptr) {
+            the_time.meanwhile();
+        }
         the_time.pass(int64_t{timeout_ms} * 1000);
     }
     return (socket.ready() & EPOLLIN) != 0 ? 1 : 0;

@@ -17,6 +17,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -78,11 +79,12 @@ struct tcp_socket {
     port_kind port = port_kind::LISTENS;
     int64_t settled_us = 0;  // when a connect that is under way has its result
 
-    byte_queue arrived;          // for the daemon
-    size_t low_water = 1;        // SO_RCVLOWAT
-    bool ended = false;          // FIN behind what has arrived
-    bool read_end = false;       // and the daemon has met it
-    bool read_failed = false;    // the daemon's last read failed on purpose: it has to look again
+    byte_queue arrived;     // for the daemon
+    size_t low_water = 1;   // SO_RCVLOWAT
+    bool ended = false;     // FIN behind what has arrived
+    bool read_end = false;  // and the daemon has met it
+    // The daemon's last read, or asking for an event, failed on purpose: it has to look again.
+    bool read_failed = false;
     byte_queue sent;             // by the daemon; the peer has not taken it yet
     size_t send_room = 1 << 17;  // of that
     bool wants_room = false;     // the daemon has met a full buffer: an event will tell of room
@@ -98,6 +100,8 @@ struct tcp_socket {
     void end();
     void reset(int reason);
     std::string take(size_t count);
+    size_t receive_room() const;
+    void widen();  // its send buffer, to what is usual
 
     uint32_t ready() const;
     bool has_room() const { return sent.size() * 3 <= send_room * 2; }
@@ -115,7 +119,8 @@ struct network_watcher {
     virtual void before(call what, tcp_socket* socket) = 0;
     virtual void opened(tcp_socket* socket) = 0;  // null: it has failed
     virtual void connected(tcp_socket& socket, bool success) = 0;
-    virtual void received(tcp_socket& socket, std::string_view bytes, int error) = 0;
+    // `wanted` is what it has asked for at most.
+    virtual void received(tcp_socket& socket, size_t wanted, std::string_view bytes, int error) = 0;
     // What the daemon has offered, and how much of it has been taken: -1 with an error.
     virtual void sent(tcp_socket& socket, std::string_view offered, ssize_t taken, int error) = 0;
     virtual void looked(tcp_socket& socket, int queued) = 0;
@@ -179,10 +184,16 @@ extern network the_network;
 // The clock of the simulation.
 struct virtual_time {
     int64_t now_us = 0;
-    int64_t set_us = 0;     // by how much the wall clock has been set
+    int64_t set_us = 0;  // by how much the wall clock has been set
+    // What happens while the daemon waits: looked at before the time passes.
+    std::function<void()> meanwhile = nullptr;
     void pass(int64_t us);  // the coarse clock follows
+    void sleep(int64_t us);
 };
 extern virtual_time the_time;
+
+// Blocks of memory that the daemon holds.
+extern int64_t memory_blocks;
 
 // Ends the run: something does not hold.
 [[noreturn]] void broken(const char* format, ...) __attribute__((format(printf, 1, 2)));

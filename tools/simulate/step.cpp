@@ -5,7 +5,7 @@
 namespace {
 
 constexpr op_description DESCRIPTIONS[] = {
-    {"round", 1, "so many rounds of the data connection"},
+    {"round", 1, "so many rounds; of the control connection: waits"},
     {"time", 1, "so many ms pass"},
     {"clock", 1, "the wall clock is set by so many seconds"},
     {"room", 2, "send buffers from the next socket on: the server's, the services' (bytes)"},
@@ -24,9 +24,11 @@ constexpr op_description DESCRIPTIONS[] = {
     {"service-end", 1, "a service ends its side: stream id"},
     {"service-reset", 1, "a service resets its connection: stream id"},
     {"fail", 3, "a call fails: which, errno, calls until then"},
-    {"order", 0, "a newer order for the data connections"},
+    {"order", 1, "a newer order for the data connections; on the control connection: kind"},
     {"ballast", 1, "so many bytes are charged to the memory figure by others"},
     {"settle", 0, "everybody reads and answers, until all is said and done"},
+    {"control", 0, "as the first step: it is the control connection"},
+    {"report", 1, "the box reports something to the server: bytes"},
 };
 static_assert(sizeof DESCRIPTIONS / sizeof DESCRIPTIONS[0] == OP_COUNT);
 

@@ -31,6 +31,8 @@ enum class op : uint8_t {
     ORDER,
     BALLAST,
     SETTLE,
+    CONTROL,
+    REPORT,
     COUNT
 };
 constexpr size_t OP_COUNT = static_cast<size_t>(op::COUNT);
