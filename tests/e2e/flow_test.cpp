@@ -169,7 +169,7 @@ TEST_F(FlowWithoutReuse, LeavesNothingBehindAfterTwoThousandStreams) {
 }
 
 TEST_F(Flow, APageWithFiftyObjectsLoadsByAHandfulOfLocalConnections) {
-    const std::string object(1024, 'o'), close = "header = \"Connection: close\"\n";
+    const std::string object(1024, 'o');
     web_has("object", object);
     const std::string objects = curl_url(web, "object?[1-50]");
     const auto loads = [&](const std::string& config) {
@@ -179,8 +179,6 @@ TEST_F(Flow, APageWithFiftyObjectsLoadsByAHandfulOfLocalConnections) {
     EXPECT_EQ(web_connections(), 1);
     EXPECT_TRUE(loads("parallel\nparallel-max = 6\n"));
     EXPECT_LE(web_connections(), 7);  // the last line about the one before may come late
-    EXPECT_TRUE(loads(close));        // a user who comes anew for each
-    EXPECT_LT(web_connections(), 40);
     EXPECT_EQ(text_count(device.log(), "login remote server success"), 6);
 }
 

@@ -13,11 +13,8 @@ const std::string SEEN = "GET /?x-qv-devid=box&x-qv-port=80" + HTTP_ON + "\r\n";
 const std::string UPGRADE = "GET /box/80/" + HTTP_ON + "Connection: Upgrade\r\nUpgrade: x\r\n\r\n";
 
 struct keeping : device {
-    explicit keeping(strings more = {}) : device(with(std::move(more))) {}
-    static strings with(strings more) {
-        more.insert(more.begin(), {"--settle-timeout=0.01", "--reuse-timeout=60"});
-        return more;
-    }
+    explicit keeping(strings more = {})
+        : device((more.insert(more.begin(), "--reuse-timeout=60"), more)) {}
     bool closes(uint32_t id) const { return hears() == frame_bytes(CLOSE_STREAM, id); }
     bool keeps(int streams) const {
         return has(get(hub, "/status.json"), "\"kept_streams\":" + std::to_string(streams) + ",");
@@ -148,7 +145,7 @@ TEST(GwrelayReuse, IsForTheSamePortAndPriorityAndNeverForWhatMayNotBeRepeated) {
     EXPECT_EQ(box.serves(user, 1, "GET /box/80/?gwrelay-pri=4" + HTTP_ON + "\r\n"), X);
     EXPECT_TRUE(has(get(box.hub, "/status.json"), "\"open_streams\":3,\"kept_streams\":3,"));
     EXPECT_TRUE(has(get(box.hub, "/"), "<td>81</td><td>kept for the next request</td>"));
-    EXPECT_TRUE(stays_silent(box.data.get(), test_duration{20}));
+    EXPECT_TRUE(stays_silent(box.data.get(), test_duration{10}));
     EXPECT_EQ(box.serves(other, 1), X);
     EXPECT_EQ(box.serves(user, 3, priority_3), X);
     write_all(third.get(), POSTED);

@@ -94,7 +94,7 @@ bool begins(std::string& input) {
 // The length of the next request's head, with which `user.input` begins. 0: what is there is none,
 // if anything is.
 awaitable<size_t> next_head(const relay& hub, user_link& user) {
-    const auto idle_until = steady::now() + hub.settings.idle_timeout;
+    auto idle_since = steady::now();
     size_t known = 0;
     while (!user.closed) {
         if (begins(user.input)) {
@@ -106,7 +106,9 @@ awaitable<size_t> next_head(const relay& hub, user_link& user) {
             if (user.deadline == NEVER) {
                 user.expect_within(hub.settings.login_timeout, "said nothing useful in time");
             }
-        } else if (user.user_ended || steady::now() >= idle_until) {
+        } else if (!user.idle()) {  // he still reads
+            idle_since = steady::now();
+        } else if (user.user_ended || steady::now() - idle_since >= hub.settings.idle_timeout) {
             break;
         }
         co_await user.changed.wait();

@@ -36,7 +36,7 @@ struct options {
     milliseconds linger_timeout{5000};      // silence that ends what has no end of its own
     milliseconds idle_timeout{30'000};      // a user between two requests
     milliseconds reuse_timeout{4000};       // a stream between two requests
-    milliseconds settle_timeout{20};        // silence before it is somebody else's
+    milliseconds settle_timeout{5};         // silence before it is somebody else's
     milliseconds repeat_timeout{2000};      // a request that nothing on a reused stream answers
 
     // What users have not taken yet: of each, of all, and where it is beyond what memory holds.

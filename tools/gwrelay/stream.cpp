@@ -285,9 +285,11 @@ awaitable<bool> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
         co_await user->changed.wait();
         reason = end_reason(hub, *user);
     }
+    const auto route = user->route;
     stream_leave(*user, reason, reason == COMPLETE && kept_add(hub.settings, *user));
     const bool unanswered = reason == STALE || reason == FOREIGN;
-    if (reason == STALE) {
+    // An answer may have come while nobody has read it.
+    if (reason == STALE && !route->held_back && route->last_held < user->last_moved) {
         kept_failed(*user);
     }
     if (user->reused && (unanswered || (reason == NO_ROUTE && !user->response.begun()))) {
