@@ -1,7 +1,7 @@
 """Counts the daemon's instructions for a few loads: see scripts/bench --count, which calls this.
 
-Time differs from machine to machine and from run to run, instructions hardly: what is left comes from
-rounds that find more or less to do, and the least of a few runs is free of most of it."""
+Time differs from machine to machine and from run to run, instructions hardly: what is left is luck with
+the heap and with rounds that find more or less to do."""
 
 import argparse
 import re
@@ -28,7 +28,7 @@ TIMES = 50
 SMALL, LARGE, BULK = 1200, 57_200, 4_000_000
 # Between the steps of a request, so that each finds the daemon at rest.
 REST_S = 0.003
-HEAD = ("# Instructions that gwad executes, the least of %d runs. Written by scripts/bench --count --keep;\n"
+HEAD = ("# Instructions that gwad executes, the median of %d runs. Written by scripts/bench --count --keep;\n"
         "# scripts/bench --count fails when one of them has grown by more than a tenth.\n" % RUNS)
 
 
@@ -112,8 +112,8 @@ def per_kb(large, small, size):
             for function, count in large.items()}
 
 
-def least(runs):
-    return min(runs, key=lambda functions: sum(functions.values()))
+def middle(runs):
+    return sorted(runs, key=lambda functions: sum(functions.values()))[len(runs) // 2]
 
 
 def run(work, meter, number):
@@ -180,7 +180,7 @@ def main():
     for meter, program in ((Callgrind, "build/release/gwad"), (Qemu, "build/mipsel/gwad")):
         runs = [run(options.work, meter(options.work, program), number) for number in range(RUNS)]
         for load in LOADS:
-            functions = least([each[load] for each in runs])
+            functions = middle([each[load] for each in runs])
             show_functions(meter.name, load, functions)
             if options.each:
                 print("each run:", *(f"{sum(each[load].values()):.1f}" for each in runs))
