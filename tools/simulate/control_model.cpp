@@ -65,9 +65,6 @@ void control_model::step_failed() {
 }
 
 void control_model::received(tcp_socket&, size_t wanted, std::string_view bytes, int error) {
-    if (over) {
-        return;
-    }
     must_have_restarted();
     if (wanted != want - have.size()) {
         broken("the daemon asks for %zu bytes of a step of which %zu are missing", wanted,
@@ -153,9 +150,6 @@ void control_model::answer_missed() {
 }
 
 void control_model::effect(const std::string& what) {
-    if (over) {
-        return;
-    }
     if (what != expected) {
         broken("the daemon does: %s; it must do: %s", what.c_str(), expected.c_str());
     }
@@ -190,9 +184,6 @@ void control_model::heartbeat_insert() {
 }
 
 void control_model::sent(tcp_socket&, std::string_view offered, ssize_t taken, int error) {
-    if (over) {
-        return;
-    }
     must_have_restarted();
     if (answer_outstanding) {
         broken("the daemon sends while it must wait for the answer to its heartbeat");
@@ -231,7 +222,7 @@ void control_model::looked(tcp_socket&, int queued) {
 
 void control_model::before(call what, tcp_socket*) {
     give_up_late_step();
-    if (what == call::EPOLL_WAIT && !over) {
+    if (what == call::EPOLL_WAIT) {
         pass_ended();
     }
 }
@@ -259,9 +250,6 @@ void control_model::pass_ended() {
 }
 
 void control_model::waits(int timeout_ms) {
-    if (over) {
-        return;
-    }
     if (timeout_ms > WAIT_MS) {
         broken("a wait of %d ms", timeout_ms);
     }
@@ -285,7 +273,6 @@ void control_model::restarted() {
     if (restart_reason == nullptr) {
         broken("the daemon restarts without a reason");
     }
-    over = true;
 }
 
 void control_model::must_have_restarted() const {
@@ -297,8 +284,7 @@ void control_model::must_have_restarted() const {
 bool control_model::is_quiet() const {
     // Once out of step with the server, the daemon may wait for the rest of a frame for ever.
     const bool waits_for_server = answer_outstanding || reading != input::HEADER;
-    return over || (remote->arrived.empty() && remote->sent.empty() &&
-                    (queue.empty() || waits_for_server));
+    return (remote->arrived.empty() && remote->sent.empty() && (queue.empty() || waits_for_server));
 }
 
 void control_model::must_be_finished() const {

@@ -21,8 +21,6 @@ class control_model : public network_watcher {
     // The daemon does something that a frame of the server asks for, or restarts itself.
     void effect(const std::string& what);
     void restarted();
-    // The process is told to end: what is going on breaks off.
-    void stopped() { over = true; }
     tcp_socket* server() const { return remote; }
     bool is_quiet() const;
     void must_be_finished() const;
@@ -30,12 +28,9 @@ class control_model : public network_watcher {
     // network_watcher
     void before(call what, tcp_socket* socket) override;
     void opened(tcp_socket*) override { broken("the control connection makes a socket"); }
-    void connected(tcp_socket&, bool) override {}
     void received(tcp_socket& socket, size_t wanted, std::string_view bytes, int error) override;
     void sent(tcp_socket& socket, std::string_view offered, ssize_t taken, int error) override;
     void looked(tcp_socket& socket, int queued) override;
-    void registered(tcp_socket&, bool) override {}
-    void closing(tcp_socket&) override {}
     void waits(int timeout_ms) override;
     void wait_failed(int error) override;
 
@@ -69,7 +64,6 @@ class control_model : public network_watcher {
     enum class silence : uint8_t { NONE, OUT, IN } built = silence::NONE;  // in this pass
     bool first_wait = true;
     const char* restart_reason = nullptr;
-    bool over = false;
 
     void begin(input what, size_t bytes, int64_t limit_s = 0);
     void frame_done();

@@ -48,6 +48,19 @@ control_world::~control_world() {
     gwa_process_run = 1;
 }
 
+void control_world::effect(const std::string& what) {
+    if (the_network.watcher == model.get()) {
+        model->effect(what);
+    }
+}
+
+void control_world::restarted() {
+    if (the_network.watcher == model.get()) {
+        model->restarted();
+        the_network.watcher = &the_network.nobody;  // a real restart does not return
+    }
+}
+
 // A new process, after its login.
 void control_world::connect() {
     gwa_process_run = 1;
@@ -70,7 +83,7 @@ void control_world::connect() {
 void control_world::process() {
     connect();
     gwa_connection_cntl_manage(cntl);
-    model->stopped();
+    the_network.watcher = &the_network.nobody;
     gwa_connection_cntl_exit(cntl);
     if (the_network.open_count() != 0 || cntl->socket != -1 || cntl->reports != 0 ||
         memory_blocks != blocks_before) {
@@ -100,7 +113,7 @@ void control_world::meanwhile() {
     while (waits_left == 0 && settling == 0) {
         if (next == steps->size()) {
             gwa_process_run = 0;
-            model->stopped();
+            the_network.watcher = &the_network.nobody;  // whatever is going on breaks off
             return;
         }
         play((*steps)[next++]);
@@ -135,7 +148,11 @@ void control_world::play(const step& one) {
         case op::END: return server->end();
         case op::RESET: return server->reset();
         case op::ORDER: return order(one.with[0]);
-        case op::REPORT: return report(one.with[0]);
+        case op::REPORT:
+            for (int64_t i = 0; i < one.with[1]; i++) {
+                report(one.with[0]);
+            }
+            return;
         case op::FAIL:
             the_network.failures[count % CALL_COUNT] = {static_cast<int>(one.with[1]),
                                                         static_cast<int>(one.with[2])};

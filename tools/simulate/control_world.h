@@ -19,8 +19,8 @@ class control_world {
     uint64_t rounds_run = 0;
 
     // What the daemon does: a file that it writes, the hooks.
-    void effect(const std::string& what) { model->effect(what); }
-    void restarted() { model->restarted(); }
+    void effect(const std::string& what);
+    void restarted();
 
    private:
     gwa_connection_cntl* cntl = nullptr;
@@ -30,7 +30,7 @@ class control_world {
     size_t next = 0;
     int64_t waits_left = 0;  // until the next step
     int64_t settling = 0;    // waits in which everybody reads and answers
-    bool was_quiet = false;   // meanwhile
+    bool was_quiet = false;  // meanwhile
     size_t server_room = 1 << 17;
     int64_t blocks_before = 0;
 

@@ -37,6 +37,7 @@ void data_model::begin(input what, uint32_t bytes) {
 void data_model::catch_up() {
     const uint64_t target = gwa_counter_get(conn->traffic.bytes_in);
     while (step_done(target)) {
+        moved = true;
     }
     if (counted != target) {
         broken("the daemon counts %llu bytes of input, which must be %llu",
@@ -154,6 +155,10 @@ void data_model::request_came(const std::string& payload) {
         const std::string operation = parameter(payload, "x-qv-gwad-opt");
         if (operation == "echo") {
             answer(stream_id, priority, "200 OK", "echo");
+        } else if (operation == "log" && parameter(payload, "loglv").empty()) {
+            answer(stream_id, priority, "404 File Not Found", "not contain loglv field");
+        } else if (operation == "log") {
+            answer(stream_id, priority, "200 OK", "OK");
         } else {
             answer(stream_id, priority, "404 File Not Found",
                    operation.empty() ? "not contain x-qv-gwad-opt field" : "File Not Found");

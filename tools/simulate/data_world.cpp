@@ -106,6 +106,14 @@ void data_world::open(const step& one) {
             noise(static_cast<size_t>(extra))));
 }
 
+void data_world::flood(const step& one) {
+    const std::string payload =
+        noise(std::min(static_cast<size_t>(one.with[2]), wire::PAYLOAD_MAX));
+    for (int64_t i = 0; i < one.with[1]; i++) {
+        server->say(wire::frame(wire::DATA, static_cast<uint32_t>(one.with[0]), payload));
+    }
+}
+
 void data_world::ask(const step& one) {
     const std::string end = "&x-qv-pri=" + std::to_string(one.with[2]);
     const std::string requests[] = {
@@ -115,6 +123,9 @@ void data_world::ask(const step& one) {
         request("x-qv-devid=other&x-qv-port=8000" + end),
         request("x-qv-devid=box&x-qv-port=65535" + end),
         request("x-qv-devid=box" + end),
+        request("x-qv-port=8000" + end),
+        request("x-qv-devid=box&x-qv-port=10010&x-qv-gwad-opt=log" + end),
+        request("x-qv-devid=box&x-qv-port=10010&x-qv-gwad-opt=log&loglv=-1" + end),
         "GET / HTTP/1.1",
         "no request at all, but long enough",
     };
@@ -176,6 +187,7 @@ void data_world::play(const step& one) {
             return server->say(
                 wire::frame(wire::DATA, static_cast<uint32_t>(one.with[0]),
                             noise(std::min(static_cast<size_t>(one.with[1]), wire::PAYLOAD_MAX))));
+        case op::FLOOD: return flood(one);
         case op::CLOSE:
             return server->say(
                 wire::frame(wire::CLOSE_STREAM, static_cast<uint32_t>(one.with[0]), ""));
@@ -197,6 +209,7 @@ void data_world::play(const step& one) {
             gwa_connection_data_order_all(&gwa_connections.data, {});
             model->may_close("a newer order");
             return;
+        case op::STOP: return stop();
         case op::BALLAST:
             gwa_connection_memory_release(conn, model->ballast);
             model->ballast = static_cast<uint32_t>(count < BALLAST_MIN ? 0 : count);
@@ -208,6 +221,17 @@ void data_world::play(const step& one) {
         case op::REPORT:
         case op::COUNT: return;
     }
+}
+
+// As the worker does when the round is over: it frees the connection.
+void data_world::stop() {
+    gwa_connection_run = 0;
+    the_network.watcher = &the_network.nobody;
+    if (gwa_connection_data_round(conn) == gwa_step::GOES_ON) {
+        gwa_connection_data_free(conn);
+    }
+    gwa_connection_run = 1;
+    close();
 }
 
 // Everybody reads and answers, until nothing comes any more.
@@ -244,5 +268,5 @@ void data_world::finish() {
         broken("%lld blocks of memory are left",
                static_cast<long long>(memory_blocks - blocks_before));
     }
-    the_network.watcher = nullptr;
+    the_network.watcher = &the_network.nobody;
 }

@@ -31,8 +31,10 @@ class data_world {
     bool round();
     void rounds(int64_t count);
     void open(const step& one);
+    void flood(const step& one);
     void ask(const step& one);
     void command(const step& one);
     void service(const step& one);
+    void stop();
     void settle();
 };

@@ -44,12 +44,12 @@ struct habit {
     int64_t moods;
 };
 constexpr habit HABITS[] = {
-    {op::ROUND, 40, 4},      {op::TIME, 6, 3},          {op::CLOCK, 3, 1},    {op::ROOM, 2, 2},
-    {op::OPEN, 14, 4},       {op::ASK, 8, 2},           {op::UPLOAD, 20, 3},  {op::CLOSE, 6, 3},
-    {op::COMMAND, 3, 1},     {op::ANSWER, 8, 3},        {op::DELIVER, 24, 4}, {op::TAKE, 14, 3},
-    {op::END, 1, 1},         {op::RESET, 1, 1},         {op::SAY, 20, 3},     {op::READ, 14, 3},
-    {op::SERVICE_END, 2, 1}, {op::SERVICE_RESET, 2, 1}, {op::FAIL, 3, 1},     {op::ORDER, 1, 1},
-    {op::BALLAST, 2, 1},     {op::SETTLE, 1, 3},
+    {op::ROUND, 40, 4},   {op::TIME, 6, 3},  {op::CLOCK, 3, 1},       {op::ROOM, 2, 2},
+    {op::OPEN, 14, 4},    {op::ASK, 8, 2},   {op::UPLOAD, 20, 3},     {op::FLOOD, 3, 1},
+    {op::STOP, 1, 1},     {op::CLOSE, 6, 3}, {op::COMMAND, 3, 1},     {op::ANSWER, 8, 3},
+    {op::DELIVER, 24, 4}, {op::TAKE, 14, 3}, {op::END, 1, 1},         {op::RESET, 1, 1},
+    {op::SAY, 20, 3},     {op::READ, 14, 3}, {op::SERVICE_END, 2, 1}, {op::SERVICE_RESET, 2, 1},
+    {op::FAIL, 3, 1},     {op::ORDER, 1, 1}, {op::BALLAST, 2, 1},     {op::SETTLE, 1, 3},
 };
 
 constexpr habit CONTROL_HABITS[] = {
@@ -105,7 +105,8 @@ int64_t part_drawn(const mood& mind, dice* chance) {
 }
 
 int64_t error_drawn(dice* chance) {
-    return chance->of({ECONNRESET, EPIPE, ETIMEDOUT, ENOBUFS, EINTR, EHOSTUNREACH, ENOMEM});
+    return chance->of(
+        {ECONNRESET, EPIPE, ETIMEDOUT, ENOBUFS, EINTR, EHOSTUNREACH, ENOMEM, ECONNREFUSED});
 }
 
 step step_drawn(const mood& mind, dice* chance) {
@@ -134,14 +135,19 @@ step step_drawn(const mood& mind, dice* chance) {
                                          : chance->below(static_cast<int64_t>(port_kind::COUNT)),
                         priority, chance->one_in(2) ? 0 : chance->below(8000)};
             break;
-        case op::ASK: one.with = {id, chance->one_in(2) ? 0 : chance->below(8), priority}; break;
+        case op::ASK: one.with = {id, chance->one_in(2) ? 0 : chance->below(11), priority}; break;
         case op::UPLOAD: one.with = {id, std::min<int64_t>(size_drawn(mind, chance), 8176)}; break;
+        case op::FLOOD:
+            one.with = {id, 1 + chance->below(200), chance->of({0, 1, 1, 30, 8176})};
+            break;
         case op::CLOSE:
         case op::SERVICE_END:
         case op::SERVICE_RESET: one.with = {id}; break;
         case op::COMMAND: one.with = {chance->below(15), chance->below(300)}; break;
         case op::ORDER: one.with = {chance->below(6)}; break;
-        case op::REPORT: one.with = {1 + chance->below(chance->of({30, 8176}))}; break;
+        case op::REPORT:
+            one.with = {1 + chance->below(chance->of({30, 8176})), chance->one_in(8) ? 300 : 1};
+            break;
         case op::ANSWER: one.with = {chance->one_in(10) ? chance->of({1, -1, 1000}) : 0}; break;
         case op::DELIVER: one.with = {part_drawn(mind, chance)}; break;
         case op::TAKE: one.with = {part_drawn(mind, chance)}; break;

@@ -114,28 +114,29 @@ struct poll_table {
 
 // Who wants to know what the daemon does. `before` comes first with any call on a descriptor of
 // ours; then, as far as it has been carried out, one of the others.
-struct network_watcher {
+struct network_watcher {  // this one does not care
     virtual ~network_watcher() = default;
-    virtual void before(call what, tcp_socket* socket) = 0;
-    virtual void opened(tcp_socket* socket) = 0;  // null: it has failed
-    virtual void connected(tcp_socket& socket, bool success) = 0;
+    virtual void before(call, tcp_socket*) {}
+    virtual void opened(tcp_socket*) {}  // null: it has failed
+    virtual void connected(tcp_socket&, bool /*success*/) {}
     // `wanted` is what it has asked for at most.
-    virtual void received(tcp_socket& socket, size_t wanted, std::string_view bytes, int error) = 0;
+    virtual void received(tcp_socket&, size_t /*wanted*/, std::string_view, int /*error*/) {}
     // What the daemon has offered, and how much of it has been taken: -1 with an error.
-    virtual void sent(tcp_socket& socket, std::string_view offered, ssize_t taken, int error) = 0;
-    virtual void looked(tcp_socket& socket, int queued) = 0;
-    virtual void registered(tcp_socket& socket, bool success) = 0;
-    virtual void closing(tcp_socket& socket) = 0;
+    virtual void sent(tcp_socket&, std::string_view, ssize_t /*taken*/, int /*error*/) {}
+    virtual void looked(tcp_socket&, int /*queued*/) {}
+    virtual void registered(tcp_socket&, bool /*success*/) {}
+    virtual void closing(tcp_socket&) {}
     // Nothing is ready, and the daemon wants to wait that long.
-    virtual void waits(int timeout_ms) = 0;
-    virtual void wait_failed(int error) = 0;
+    virtual void waits(int /*timeout_ms*/) {}
+    virtual void wait_failed(int /*error*/) {}
 };
 
 struct network {
     static constexpr int FIRST_FD = 1 << 20;
     static constexpr uint16_t FIRST_PORT = 8000;  // and one for each kind
 
-    network_watcher* watcher = nullptr;
+    network_watcher nobody;
+    network_watcher* watcher = &nobody;
     size_t local_room = 1 << 17;  // send buffers of sockets that the daemon makes
     uint64_t events = 0;          // delivered so far
 

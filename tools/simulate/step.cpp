@@ -12,6 +12,7 @@ constexpr op_description DESCRIPTIONS[] = {
     {"open", 4, "a request: stream id, how its port answers, priority, bytes behind the head"},
     {"ask", 3, "a request without a service: stream id, kind, priority"},
     {"upload", 2, "data for a stream: id, bytes"},
+    {"flood", 3, "many frames for a stream: id, frames, bytes of each"},
     {"close", 1, "the server closes a stream: id"},
     {"command", 2, "another frame of the server: kind, bytes"},
     {"answer", 1, "heartbeats are answered: 0 rightly, else wrongly"},
@@ -25,10 +26,11 @@ constexpr op_description DESCRIPTIONS[] = {
     {"service-reset", 1, "a service resets its connection: stream id"},
     {"fail", 3, "a call fails: which, errno, calls until then"},
     {"order", 1, "a newer order for the data connections; on the control connection: kind"},
+    {"stop", 0, "data connections are no longer wanted, and then are again"},
     {"ballast", 1, "so many bytes are charged to the memory figure by others"},
     {"settle", 0, "everybody reads and answers, until all is said and done"},
     {"control", 0, "as the first step: it is the control connection"},
-    {"report", 1, "the box reports something to the server: bytes"},
+    {"report", 2, "the box reports something to the server: bytes, times"},
 };
 static_assert(sizeof DESCRIPTIONS / sizeof DESCRIPTIONS[0] == OP_COUNT);
 
