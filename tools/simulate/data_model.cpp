@@ -8,7 +8,7 @@
 namespace {
 
 constexpr uint32_t MEMORY_LIMIT = 4 << 20;
-constexpr size_t FRAMES_READY = 16;
+constexpr size_t FRAMES_READY = 32;
 constexpr int QUARTER = 0x20000 / 4;
 constexpr int WAIT_HELD_MS = 5;
 constexpr int WAIT_BUSY_MS = 100;
@@ -49,6 +49,10 @@ uint32_t data_model::memory() const {
         }
     }
     return sum;
+}
+
+uint32_t data_model::memory_with_request(size_t payload_size) const {
+    return memory() + rounded(payload_size) + STREAM;
 }
 
 size_t data_model::frames() const {

@@ -153,6 +153,7 @@ class data_model : public network_watcher {
     size_t frames() const;
     uint64_t waiting_bytes() const;
     uint32_t memory() const;
+    uint32_t memory_with_request(size_t payload_size) const;  // while it is looked at
     bool uploads_full() const;
     void work_of_server_waits(int timeout_ms) const;
     void work_of_output_waits(int timeout_ms) const;

@@ -151,6 +151,9 @@ void data_model::request_came(const std::string& payload) {
     const std::string port = parameter(payload, "x-qv-port");
     const std::string priority_text = parameter(payload, "x-qv-pri");
     const auto priority = static_cast<uint32_t>(priority_text.empty() ? 4 : stol(priority_text));
+    if (port == "10010" && memory_with_request(payload.size()) > CEILING) {
+        return;  // no answer is added to what nobody reads
+    }
     if (port == "10010") {
         const std::string operation = parameter(payload, "x-qv-gwad-opt");
         if (operation == "echo") {
