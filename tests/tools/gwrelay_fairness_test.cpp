@@ -108,6 +108,15 @@ TEST(GwrelayFairness, WhoKeepsOthersWaitingIsCut) {
     }
 }
 
+// However often he fills his outbox: his connection is read again as soon as there is room.
+TEST(GwrelayFairness, WhoTakesAllGetsAllAtHisPace) {
+    device box({"--user-buffer=64K"});
+    const unique_fd user = box.user(GET_BOX, SMALL_BUFFER);
+    const std::string sent = noise(12 * MIB, 8), frames = data_frames(1, sent);
+    const std::jthread writer([&] { write_all(box.data.get(), frames); });
+    EXPECT_TRUE(read_exact(user.get(), sent.size()) == sent);
+}
+
 // The first and the second take nothing, the third a little, and the other four have nothing to
 // take. Two of these are beside the first, so that his end would help less. They all go on, and who
 // comes next finds a connection that is free.
