@@ -177,7 +177,7 @@ TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
     std::jthread uploader([&] { taken = write_all(user.get(), upload, 2 * TEST_PATIENCE); });
     EXPECT_TRUE(eventually([&] {  // no more of it goes to the device
         const std::string before = get(box.hub, "/status.json");
-        return stays_silent(box.control.get(), A_MOMENT) && get(box.hub, "/status.json") == before;
+        return stays_silent(box.control.get(), 3 * A_MOMENT) && get(box.hub, "/status.json") == before;
     }));
     EXPECT_EQ(body(get(box.hub, "/box/80/")), "The device's data connections are full.\n");
     EXPECT_FALSE(taken) << "the relay keeps it all in memory";

@@ -5,6 +5,10 @@
 
 namespace {
 
+// Even who takes nothing gets some bytes now and then: the kernel asks whether his window has
+// opened.
+constexpr uint64_t MOVED_STEP = 4096;
+
 bool holds(const user_link& user) { return user.full() && !user.closed; }
 
 // Whether any stream of the connection could go on but for another.
@@ -29,8 +33,8 @@ void give_way(const device& owner) {
     auto least_rank = std::tuple(UINT64_MAX, SIZE_MAX);
     for (const auto& link : owner.data) {
         for (const auto& [id, user] : link->streams) {
-            const auto rank =
-                std::tuple(user->acknowledged() - user->taken_when_stuck, link->streams.size());
+            const uint64_t moved = user->acknowledged() - user->taken_when_stuck;
+            const auto rank = std::tuple(moved / MOVED_STEP, link->streams.size());
             if (holds(*user) && rank < least_rank) {
                 least = user.get();
                 least_rank = rank;
