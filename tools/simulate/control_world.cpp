@@ -140,7 +140,7 @@ void control_world::play(const step& one) {
         case op::ROUND: waits_left = one.with[0]; return;
         case op::TIME: return the_time.pass(one.with[0] * 1000);
         case op::CLOCK: the_time.set_us += one.with[0] * 1'000'000; return;
-        case op::ROOM: server_room = count; return;
+        case op::ROOM: server_room = std::max<size_t>(count, 1); return;
         case op::COMMAND: return command(one);
         case op::ANSWER: return server->answer(static_cast<uint32_t>(one.with[0]));
         case op::DELIVER: return server->deliver(count == 0 ? SIZE_MAX : count);

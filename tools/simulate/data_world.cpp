@@ -178,8 +178,8 @@ void data_world::play(const step& one) {
         case op::TIME: return the_time.pass(one.with[0] * 1000);
         case op::CLOCK: the_time.set_us += one.with[0] * 1'000'000; return;
         case op::ROOM:
-            server_room = count;
-            the_network.local_room = static_cast<size_t>(one.with[1]);
+            server_room = std::max<size_t>(count, 1);
+            the_network.local_room = std::max<size_t>(static_cast<size_t>(one.with[1]), 1);
             return;
         case op::OPEN: return open(one);
         case op::ASK: return ask(one);

@@ -10,10 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <new>
-#include <optional>
 #include <string>
 
 #include "control_world.h"
@@ -21,6 +21,7 @@
 #include "main/gwa_log.h"
 #include "network.h"
 #include "runtime/gwa_util_time.h"
+#include "shrink.h"
 #include "step.h"
 
 namespace {
@@ -108,29 +109,15 @@ std::string fault_of(const schedule& steps, bool quiet) {
     return apart([&] { play(steps); }, quiet);
 }
 
-// Leaves out whatever can be left out with the same fault, ever smaller parts.
-schedule shrunk(schedule steps, const std::string& fault) {
-    const auto kind = [](const std::string& text) {
-        return text.substr(0, text.find_first_of("0123456789"));
-    };
-    for (size_t part = std::max<size_t>(steps.size() / 2, 1); part >= 1; part /= 2) {
-        for (size_t at = 0; at < steps.size();) {
-            schedule fewer = steps;
-            fewer.erase(fewer.begin() + static_cast<ptrdiff_t>(at),
-                        fewer.begin() + static_cast<ptrdiff_t>(std::min(at + part, fewer.size())));
-            if (kind(fault_of(fewer, true)) == kind(fault)) {
-                steps = fewer;
-            } else {
-                at += part;
-            }
-        }
-    }
-    return steps;
+// A fault without its numbers: those change while a schedule shrinks.
+std::string kind(const std::string& fault) {
+    return fault.substr(0, fault.find_first_of("0123456789"));
 }
 
 int tell(const schedule& steps, const std::string& fault, const std::string& origin) {
     printf("%s: %s\n", origin.c_str(), fault.c_str());
-    const schedule fewer = shrunk(steps, fault);
+    const schedule fewer = shrunk(
+        steps, [&](const schedule& tried) { return kind(fault_of(tried, true)) == kind(fault); });
     printf("shrunk from %zu steps to %zu: %s\n%s", steps.size(), fewer.size(),
            fault_of(fewer, false).c_str(), text_of(fewer).c_str());
     return 1;
@@ -151,12 +138,14 @@ int replay(const char* path) {
     return fault.empty() ? 0 : 1;
 }
 
-void print_counts(double seconds) {
-    printf("%llu schedules, %llu steps, %llu rounds in %.1f s: %.0f schedules a minute\n",
-           static_cast<unsigned long long>(shared->schedules),
-           static_cast<unsigned long long>(shared->steps),
-           static_cast<unsigned long long>(shared->rounds), seconds,
-           static_cast<double>(shared->schedules) / seconds * 60);
+void print_counts(uint64_t first, double seconds) {
+    printf(
+        "from seed %llu: %llu schedules, %llu steps, %llu rounds in %.1f s, %.0f schedules a "
+        "minute\n",
+        static_cast<unsigned long long>(first), static_cast<unsigned long long>(shared->schedules),
+        static_cast<unsigned long long>(shared->steps),
+        static_cast<unsigned long long>(shared->rounds), seconds,
+        static_cast<double>(shared->schedules) / seconds * 60);
 }
 
 int run(uint64_t seed, double seconds, uint64_t most) {
@@ -164,18 +153,26 @@ int run(uint64_t seed, double seconds, uint64_t most) {
     shared->seed = seed;
     const std::string fault = apart(
         [&] {
-            while (seconds_now() - start < seconds && shared->schedules < most) {
+            do {
                 play(schedule_drawn(shared->seed));
                 shared->seed++;
-            }
+            } while (seconds_now() - start < seconds && shared->schedules < most);
         },
         false);
-    print_counts(seconds_now() - start);
+    print_counts(seed, seconds_now() - start);
     if (fault.empty()) {
         return 0;
     }
     const uint64_t failed = shared->seed;
     return tell(schedule_drawn(failed), fault, "seed " + std::to_string(failed));
+}
+
+void print_help() {
+    puts("simulate [seconds] [--seed N] [--schedules N] [--print N] [--replay FILE]\n\nsteps:");
+    for (size_t i = 0; i < OP_COUNT; i++) {
+        const op_description& one = description(static_cast<op>(i));
+        printf("  %-14s %s\n", std::string(one.name).c_str(), std::string(one.meaning).c_str());
+    }
 }
 
 }  // namespace
@@ -195,18 +192,24 @@ int main(int argc, char** argv) {
     time_replace();
     double seconds = 10;
     uint64_t most = UINT64_MAX;
-    uint64_t seed = 1;
+    auto seed = static_cast<uint64_t>(time(nullptr));
     for (int i = 1; i < argc; i++) {
         const std::string_view word = argv[i];
-        if (word == "--seed" && i + 1 < argc) {
-            seed = strtoull(argv[++i], nullptr, 10);
-        } else if (word == "--schedules" && i + 1 < argc) {
-            most = strtoull(argv[++i], nullptr, 10);
-        } else if (word == "--replay" && i + 1 < argc) {
-            return replay(argv[++i]);
-        } else if (word == "--print" && i + 1 < argc) {
-            fputs(text_of(schedule_drawn(strtoull(argv[++i], nullptr, 10))).c_str(), stdout);
+        const char* const value = i + 1 < argc ? argv[i + 1] : "";
+        if (word == "--help") {
+            print_help();
             return 0;
+        }
+        if (word == "--replay") {
+            return replay(value);
+        }
+        if (word == "--print") {
+            fputs(text_of(schedule_drawn(strtoull(value, nullptr, 10))).c_str(), stdout);
+            return 0;
+        }
+        if (word == "--seed" || word == "--schedules") {
+            (word == "--seed" ? seed : most) = strtoull(value, nullptr, 10);
+            i++;
         } else {
             seconds = strtod(argv[i], nullptr);
         }
