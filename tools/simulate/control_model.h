@@ -17,7 +17,7 @@ class control_model : public network_watcher {
    public:
     control_model(gwa_connection_cntl* connection, tcp_socket& server);
 
-    void report_queued(std::string frame);
+    void report_queued(std::string bytes);
     // The daemon does something that a frame of the server asks for, or restarts itself.
     void effect(const std::string& what);
     void restarted();

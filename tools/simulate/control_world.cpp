@@ -153,10 +153,7 @@ void control_world::play(const step& one) {
                 report(one.with[0]);
             }
             return;
-        case op::FAIL:
-            the_network.failures[count % CALL_COUNT] = {static_cast<int>(one.with[1]),
-                                                        static_cast<int>(one.with[2])};
-            return;
+        case op::FAIL: return the_network.fail(one.with[0], one.with[1], one.with[2]);
         case op::SETTLE:
             the_network.failures = {};
             settling = SETTLE_WAITS;

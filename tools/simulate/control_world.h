@@ -15,7 +15,7 @@ class control_world {
     control_world(control_world&&) = delete;
 
     // Plays the whole schedule, in as many processes as it takes.
-    void play(const schedule& steps);
+    void play(const schedule& all);
     uint64_t rounds_run = 0;
 
     // What the daemon does: a file that it writes, the hooks.

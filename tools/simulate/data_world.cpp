@@ -172,55 +172,60 @@ void data_world::service(const step& one) {
 
 void data_world::play(const step& one) {
     model->outside_event();
-    const auto count = static_cast<size_t>(std::max<int64_t>(one.with[0], 0));
     switch (one.what) {
         case op::ROUND: return rounds(one.with[0]);
-        case op::TIME: return the_time.pass(one.with[0] * 1000);
-        case op::CLOCK: the_time.set_us += one.with[0] * 1'000'000; return;
-        case op::ROOM:
-            server_room = std::max<size_t>(count, 1);
-            the_network.local_room = std::max<size_t>(static_cast<size_t>(one.with[1]), 1);
-            return;
-        case op::OPEN: return open(one);
-        case op::ASK: return ask(one);
-        case op::UPLOAD:
-            return server->say(
-                wire::frame(wire::DATA, static_cast<uint32_t>(one.with[0]),
-                            noise(std::min(static_cast<size_t>(one.with[1]), wire::PAYLOAD_MAX))));
-        case op::FLOOD: return flood(one);
-        case op::CLOSE:
-            return server->say(
-                wire::frame(wire::CLOSE_STREAM, static_cast<uint32_t>(one.with[0]), ""));
-        case op::COMMAND: return command(one);
-        case op::ANSWER: return server->answer(static_cast<uint32_t>(one.with[0]));
-        case op::DELIVER: return server->deliver(all_or(one.with[0]));
-        case op::TAKE: return server->take(all_or(one.with[0]));
-        case op::END: return server->end();
-        case op::RESET: return server->reset();
+        case op::SETTLE: return settle();
         case op::SAY:
         case op::READ:
         case op::SERVICE_END:
         case op::SERVICE_RESET: return service(one);
-        case op::FAIL:
-            the_network.failures[count % CALL_COUNT] = {static_cast<int>(one.with[1]),
-                                                        static_cast<int>(one.with[2])};
+        default: return play_server(one);
+    }
+}
+
+void data_world::play_server(const step& one) {
+    const auto id = static_cast<uint32_t>(one.with[0]);
+    switch (one.what) {
+        case op::OPEN: return open(one);
+        case op::ASK: return ask(one);
+        case op::UPLOAD: return flood({op::FLOOD, {one.with[0], 1, one.with[1]}});
+        case op::FLOOD: return flood(one);
+        case op::CLOSE: return server->say(wire::frame(wire::CLOSE_STREAM, id));
+        case op::COMMAND: return command(one);
+        case op::ANSWER: return server->answer(id);
+        case op::DELIVER: return server->deliver(all_or(one.with[0]));
+        case op::TAKE: return server->take(all_or(one.with[0]));
+        case op::END: return server->end();
+        case op::RESET: return server->reset();
+        default: return play_box(one);
+    }
+}
+
+void data_world::play_box(const step& one) {
+    const auto count = static_cast<size_t>(std::max<int64_t>(one.with[0], 0));
+    switch (one.what) {
+        case op::TIME: return the_time.pass(one.with[0] * 1000);
+        case op::CLOCK: the_time.set_us += one.with[0] * 1'000'000; return;
+        case op::ROOM:
+            server_room = std::max<size_t>(count, 1);
+            the_network.local_room = static_cast<size_t>(std::max<int64_t>(one.with[1], 1));
             return;
+        case op::FAIL: return the_network.fail(one.with[0], one.with[1], one.with[2]);
         case op::ORDER:
             gwa_connection_data_order_all(&gwa_connections.data, {});
-            model->may_close("a newer order");
-            return;
+            return model->may_close("a newer order");
         case op::STOP: return stop();
-        case op::BALLAST:
-            gwa_connection_memory_release(conn, model->ballast);
-            model->ballast = static_cast<uint32_t>(count < BALLAST_MIN ? 0 : count);
-            gwa_connection_memory_charge(conn, model->ballast);
-            model->surprised();
-            return;
-        case op::SETTLE: return settle();
-        case op::CONTROL:
-        case op::REPORT:
-        case op::COUNT: return;
+        case op::BALLAST: return ballast(static_cast<uint32_t>(count));
+        default: return;  // of a control connection
     }
+}
+
+// Memory that others hold; smaller pieces are counted as larger ones.
+void data_world::ballast(uint32_t bytes) {
+    gwa_connection_memory_release(conn, model->ballast);
+    model->ballast = bytes < BALLAST_MIN ? 0 : bytes;
+    gwa_connection_memory_charge(conn, model->ballast);
+    model->surprised();
 }
 
 // As the worker does when the round is over: it frees the connection.
@@ -237,7 +242,7 @@ void data_world::stop() {
 // Everybody reads and answers, until nothing comes any more.
 void data_world::settle() {
     the_network.failures = {};
-    play({op::BALLAST, {0}});
+    ballast(0);
     const data_model* const began = model.get();
     model->server()->widen();
     model->each_service([](tcp_socket& socket) { socket.widen(); });
@@ -259,8 +264,7 @@ void data_world::settle() {
 
 void data_world::finish() {
     gwa_connection_data_free(conn);
-    gwa_connection_memory_release(conn, model->ballast);
-    model->ballast = 0;
+    ballast(0);
     conn->order.taken = conn->order.serial;
     close();
     gwa_connection_data_free(conn);

@@ -26,6 +26,8 @@ class data_world {
     int64_t blocks_before = 0;
     std::unique_ptr<relay_server> server;
 
+    void play_server(const step& one);
+    void play_box(const step& one);
     void connect();
     void close();
     bool round();
@@ -36,5 +38,6 @@ class data_world {
     void command(const step& one);
     void service(const step& one);
     void stop();
+    void ballast(uint32_t bytes);
     void settle();
 };

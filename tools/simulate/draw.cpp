@@ -19,7 +19,7 @@ struct dice {
         return z ^ (z >> 31);
     }
     int64_t below(int64_t limit) {
-        return static_cast<int64_t>(next() % static_cast<uint64_t>(limit));
+        return static_cast<int64_t>(next() % static_cast<uint64_t>(std::max<int64_t>(limit, 1)));
     }
     bool one_in(int64_t count) { return below(count) == 0; }
     int64_t of(std::initializer_list<int64_t> values) {
@@ -109,61 +109,59 @@ int64_t error_drawn(dice* chance) {
         {ECONNRESET, EPIPE, ETIMEDOUT, ENOBUFS, EINTR, EHOSTUNREACH, ENOMEM, ECONNREFUSED});
 }
 
-step step_drawn(const mood& mind, dice* chance) {
-    step one{op_drawn(mind, chance), {}};
+using numbers = std::array<int64_t, 4>;
+
+// What the server says, or somebody to it.
+numbers said_drawn(op what, const mood& mind, dice* chance) {
     const int64_t id = chance->below(mind.ids);
     const int64_t priority = chance->of({0, 1, 4, 4, 9, -1});
-    switch (one.what) {
-        case op::ROUND:
-            one.with = {mind.patient && chance->one_in(4) ? 1 + chance->below(300)
-                                                          : 1 + chance->below(5)};
-            break;
-        case op::TIME:
-            one.with = {chance->of({1, 50, 1000, 2000, 9000, 11000, 31000, 61000, 61000, 121000,
-                                    181000, 241000, 301000, 601000})};
-            break;
-        case op::CLOCK:
-            one.with = {chance->of({-100000, -3600, -9, -1, 1, 9, 200, 3600, 100000})};
-            break;
-        case op::ROOM:
-            one.with = {chance->of({1, 20, 100, 3000, 8192, 40000, 131072, 1 << 20}),
-                        chance->of({1, 20, 100, 3000, 8192, 40000, 131072})};
-            break;
-        case op::OPEN:
-            one.with = {id,
-                        mind.sound_ports ? chance->below(3)
-                                         : chance->below(static_cast<int64_t>(port_kind::COUNT)),
-                        priority, chance->one_in(2) ? 0 : chance->below(8000)};
-            break;
-        case op::ASK: one.with = {id, chance->one_in(2) ? 0 : chance->below(11), priority}; break;
-        case op::UPLOAD: one.with = {id, std::min<int64_t>(size_drawn(mind, chance), 8176)}; break;
-        case op::FLOOD:
-            one.with = {id, 1 + chance->below(200), chance->of({0, 1, 1, 30, 8176})};
-            break;
-        case op::CLOSE:
-        case op::SERVICE_END:
-        case op::SERVICE_RESET: one.with = {id}; break;
-        case op::COMMAND: one.with = {chance->below(15), chance->below(300)}; break;
-        case op::ORDER: one.with = {chance->below(6)}; break;
+    const int64_t port =
+        mind.sound_ports ? chance->below(3) : chance->below(static_cast<int64_t>(port_kind::COUNT));
+    switch (what) {
+        case op::OPEN: return {id, port, priority, chance->one_in(2) ? 0 : chance->below(8000)};
+        case op::ASK: return {id, chance->one_in(2) ? 0 : chance->below(11), priority};
+        case op::UPLOAD: return {id, std::min<int64_t>(size_drawn(mind, chance), 8176)};
+        case op::FLOOD: return {id, 1 + chance->below(200), chance->of({0, 1, 1, 30, 8176})};
+        case op::COMMAND: return {chance->below(15), chance->below(300)};
+        case op::ORDER: return {chance->below(6)};
         case op::REPORT:
-            one.with = {1 + chance->below(chance->of({30, 8176})), chance->one_in(8) ? 300 : 1};
-            break;
-        case op::ANSWER: one.with = {chance->one_in(10) ? chance->of({1, -1, 1000}) : 0}; break;
-        case op::DELIVER: one.with = {part_drawn(mind, chance)}; break;
-        case op::TAKE: one.with = {part_drawn(mind, chance)}; break;
-        case op::SAY: one.with = {id, size_drawn(mind, chance)}; break;
-        case op::READ: one.with = {id, part_drawn(mind, chance)}; break;
-        case op::FAIL:
-            one.with = {chance->below(static_cast<int64_t>(CALL_COUNT)), error_drawn(chance),
-                        chance->below(4)};
-            break;
-        case op::BALLAST:
-            one.with = {chance->of({0, 0, 4 << 20, 5 << 20}) -
-                        chance->of({0, 1, 8192, 20000, 200000})};
-            break;
-        default: break;
+            return {1 + chance->below(chance->of({30, 8176})), chance->one_in(8) ? 300 : 1};
+        case op::ANSWER: return {chance->one_in(10) ? chance->of({1, -1, 1000}) : 0};
+        case op::SAY: return {id, size_drawn(mind, chance)};
+        case op::READ: return {id, part_drawn(mind, chance)};
+        default: return {id};
     }
-    return one;
+}
+
+step step_drawn(const mood& mind, dice* chance) {
+    const op what = op_drawn(mind, chance);
+    switch (what) {
+        case op::ROUND: {
+            const bool long_one = mind.patient && chance->one_in(4);
+            return {what, {1 + chance->below(long_one ? 300 : 5)}};
+        }
+        case op::TIME:
+            return {what,
+                    {chance->of({1, 50, 1000, 2000, 9000, 11000, 31000, 61000, 61000, 121000,
+                                 181000, 241000, 301000, 601000})}};
+        case op::CLOCK:
+            return {what, {chance->of({-100000, -3600, -9, -1, 1, 9, 200, 3600, 100000})}};
+        case op::ROOM:
+            return {what,
+                    {chance->of({1, 20, 100, 3000, 8192, 40000, 131072, 1 << 20}),
+                     chance->of({1, 20, 100, 3000, 8192, 40000, 131072})}};
+        case op::DELIVER:
+        case op::TAKE: return {what, {part_drawn(mind, chance)}};
+        case op::FAIL:
+            return {what,
+                    {chance->below(static_cast<int64_t>(CALL_COUNT)), error_drawn(chance),
+                     chance->below(4)}};
+        case op::BALLAST: {
+            const int64_t limit = chance->of({0, 0, 4 << 20, 5 << 20});
+            return {what, {limit - chance->of({0, 1, 8192, 20000, 200000})}};
+        }
+        default: return {what, said_drawn(what, mind, chance)};
+    }
 }
 
 }  // namespace

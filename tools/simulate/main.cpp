@@ -101,7 +101,7 @@ std::string apart(Work work, bool quiet) {
         return shared->fault;
     }
     return WIFSIGNALED(status)
-               ? std::string("the process ends: ") + strsignal(WTERMSIG(status))
+               ? std::string("the process ends: ") + sigdescr_np(WTERMSIG(status))
                : "the process ends with status " + std::to_string(WEXITSTATUS(status));
 }
 

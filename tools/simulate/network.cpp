@@ -134,6 +134,11 @@ size_t network::open_count() const {
         [](const descriptor& one) { return one.socket != nullptr || one.table != nullptr; }));
 }
 
+void network::fail(int64_t what, int64_t error, int64_t after) {
+    failures[static_cast<size_t>(what) % CALL_COUNT] = {static_cast<int>(error),
+                                                        static_cast<int>(after)};
+}
+
 bool network::fails(call what) {
     failure& next = failures[static_cast<size_t>(what)];
     if (next.error == 0 || next.after-- > 0) {

@@ -146,6 +146,8 @@ struct network {
     };
     std::array<failure, CALL_COUNT> failures;
 
+    // A call is to fail, after so many that succeed.
+    void fail(int64_t what, int64_t error, int64_t after);
     // A connected socket that the daemon is handed, as after a login.
     tcp_socket& login_socket(size_t send_room);
     // How many descriptors the daemon holds.
@@ -162,7 +164,7 @@ struct network {
     int option_set(int fd);
     int table_make();
     int table_change(int epfd, int operation, int fd, epoll_event* event);
-    int table_wait(int epfd, epoll_event* events, int count, int timeout_ms);
+    int table_wait(int epfd, epoll_event* out, int count, int timeout_ms);
     int wait_readable(int fd, int timeout_ms);
     int close_fd(int fd);
 
