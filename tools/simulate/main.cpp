@@ -2,10 +2,12 @@
 // hold.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +29,7 @@
 namespace {
 
 constexpr int STATUS_BROKEN = 3;
+constexpr unsigned SCHEDULE_LIMIT_S = 20;
 
 // What a process that plays tells the one that waits for it, whatever its end.
 struct report {
@@ -60,6 +63,7 @@ void time_replace() {
 }
 
 void play(const schedule& steps) {
+    alarm(SCHEDULE_LIMIT_S);  // ends a process that spins
     if (!steps.empty() && steps.front().what == op::CONTROL) {
         control_world world;
         world.play(steps);
@@ -84,6 +88,7 @@ std::string apart(Work work, bool quiet) {
     shared->fault[0] = '\0';
     const pid_t child = fork();
     if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
         dup2(nowhere, STDOUT_FILENO);  // where the daemon shows headers that are none
         if (quiet) {
