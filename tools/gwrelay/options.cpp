@@ -12,8 +12,9 @@ namespace {
 
 constexpr uint16_t PORT_MAX = 65534;  // a device refuses 65535 wherever it checks a port
 constexpr uint32_t T1_MIN = 2, T1_MAX = 3599, T2_MIN = 3600, T2_MAX = 0x7fffffff;
-constexpr double TIMEOUT_MIN_S = 0.01, TIMEOUT_MAX_S = 86400;
-constexpr double SETTLE_MIN_S = 0.001;  // which no tick has to see
+constexpr int TIMEOUT_MIN_MS = 10;
+constexpr double TIMEOUT_MAX_S = 86400, MS_PER_S = 1000;
+constexpr int SETTLE_MIN_MS = 1;  // which no tick has to see
 // The device keeps a host in 64 bytes, and knows IPv4 addresses and names only.
 constexpr size_t HOST_MAX = 63;
 
@@ -41,10 +42,10 @@ bool set_port(options& to, const char* value) {
     return port && *port <= PORT_MAX;
 }
 
-template <auto Member, double Least = TIMEOUT_MIN_S>
+template <auto Member, int LeastMs = TIMEOUT_MIN_MS>
 bool set_timeout(options& to, const char* value) {
     const double time_s = number_parse<double>(value).value_or(0);
-    if (!(time_s >= Least && time_s <= TIMEOUT_MAX_S)) {  // nor is what is no number
+    if (!(time_s * MS_PER_S >= LeastMs && time_s <= TIMEOUT_MAX_S)) {  // nor is what is no number
         return false;
     }
     to.*Member = std::chrono::duration_cast<milliseconds>(std::chrono::duration<double>(time_s));
@@ -119,7 +120,7 @@ constexpr option_row OPTIONS[] = {
     {"reuse-timeout", "S", "a stream may serve another request for so long (4)",
      set_timeout<&options::reuse_timeout>},
     {"settle-timeout", "S", "and one of another user after so long a silence (0.005)",
-     set_timeout<&options::settle_timeout, SETTLE_MIN_S>},
+     set_timeout<&options::settle_timeout, SETTLE_MIN_MS>},
     {"repeat-timeout", "S",
      "such a request, unanswered for so long, goes once more on a new one (2)",
      set_timeout<&options::repeat_timeout>},
