@@ -14,7 +14,6 @@ namespace {
 
 // Of frames, and reached only by answers that a device never takes. Users get nothing unasked.
 constexpr size_t OUTBOX_MAX = 4 * OUTBOX_MEMORY;
-constexpr size_t SMALL_RECEIVE = 16384;
 constexpr size_t HEAD_STEP = 8192;
 
 std::string peer_name(const tcp::socket& socket) {
@@ -240,9 +239,9 @@ awaitable<bool> connection_receive(connection& link, frame_input& input) {
     const std::span<char> room = input.room();
     const size_t got = co_await receive(link, asio::buffer(room.data(), room.size()));
     input.received(got);
-    if (got > 0 && got < SMALL_RECEIVE) {
-        // A device leaves Nagle's algorithm on: its next small frame waits for the
-        // acknowledgement of this one, which the kernel would otherwise delay by 40 ms.
+    if (got > 0 && got < room.size()) {
+        // A device goes on when most of what it has sent is acknowledged, and has Nagle's algorithm
+        // on at first; an acknowledgement that the kernel delays costs either up to 40 ms.
         const int on = 1;
         setsockopt(link.socket.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
     }
