@@ -18,9 +18,11 @@ struct gwa_peer_watch {
 
 // What the kernel tells.
 struct gwa_peer_state {
-    bool closed;       // reset, or given up by the kernel
-    bool waiting;      // bytes or a probe are not acknowledged yet
-    uint32_t heard_s;  // since the last acknowledgement
+    bool closed;              // reset, or given up by the kernel
+    bool unacknowledged;      // bytes are on their way
+    uint32_t probes;          // of a shut window, not answered yet
+    uint32_t acknowledged_s;  // since the last acknowledgement
+    uint32_t received_s;      // since the last bytes
 };
 
 // Whether a state that was found now means that the peer is gone.

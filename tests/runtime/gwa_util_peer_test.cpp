@@ -15,32 +15,46 @@ constexpr int64_t START = INT32_MAX - 30;  // s; the coarse clock wraps meanwhil
 struct Peer : testing::Test {
     fake_time time;
     gwa_peer_watch watch;
+    int64_t now = 0;
 
     static void set_clock(int64_t seconds) {
         fake_time::now_us = (START + seconds) * 1'000'000;
         gwa_now_refresh();
     }
-    bool gone_at(int64_t seconds, const gwa_peer_state& state) {
-        set_clock(seconds);
-        return gwa_peer_judge(&watch, state);
+    // Looks each second up to that one, as long as the state is the same, and older each time.
+    bool gone_at(int64_t seconds, gwa_peer_state state) {
+        bool gone = false;
+        for (; now <= seconds && !gone; now++) {
+            set_clock(now);
+            gone = gwa_peer_judge(&watch, state);
+            state.acknowledged_s++;
+            state.received_s++;
+        }
+        return gone;
     }
 };
 
-TEST_F(Peer, IsGoneWhenItAcknowledgesNothingForFortyFiveSeconds) {
-    EXPECT_FALSE(gone_at(0, {false, false, 5000})) << "idle for long";
-    EXPECT_FALSE(gone_at(100, {false, true, 5100})) << "bytes have just left";
-    EXPECT_FALSE(gone_at(144, {false, true, 5144}));
-    EXPECT_TRUE(gone_at(145, {false, true, 5145}));
+TEST_F(Peer, IsGoneWhenItAcknowledgesNothingForFiftyFiveSeconds) {
+    EXPECT_FALSE(gone_at(9, {false, false, 0, 5000, 5000})) << "idle for long";
+    EXPECT_FALSE(gone_at(64, {false, true, 0, 5010, 5010})) << "bytes have just left";
+    EXPECT_TRUE(gone_at(65, {false, true, 0, 5065, 5065}));
 }
 
 TEST_F(Peer, IsThereAsLongAsAcknowledgementsCome) {
-    EXPECT_FALSE(gone_at(0, {false, true, 10}));
-    EXPECT_FALSE(gone_at(44, {false, true, 1})) << "always some bytes on their way";
-    EXPECT_FALSE(gone_at(88, {false, true, 45}));
-    EXPECT_FALSE(gone_at(89, {false, false, 46})) << "all of them acknowledged";
-    EXPECT_FALSE(gone_at(200, {false, true, 157}));
-    EXPECT_TRUE(gone_at(245, {false, true, 202}));
-    EXPECT_TRUE(gone_at(0, {true, false, 0})) << "the kernel has given up, or was told to";
+    EXPECT_FALSE(gone_at(50, {false, true, 0, 0, 0})) << "always some bytes on their way";
+    EXPECT_FALSE(gone_at(90, {false, true, 0, 1, 51}));
+    EXPECT_FALSE(gone_at(99, {false, false, 0, 42, 91})) << "all of them acknowledged";
+    now = 200;
+    EXPECT_FALSE(gone_at(200, {false, true, 0, 143, 192})) << "nobody has looked for a while";
+    EXPECT_TRUE(gone_at(201, {true, false, 0, 0, 0})) << "the kernel has given up, or was told to";
+}
+
+TEST_F(Peer, BehindAShutWindowIsGoneWhenTwoProbesAreLost) {
+    EXPECT_FALSE(gone_at(120, {false, false, 1, 60, 60})) << "the next one may be answered";
+    EXPECT_FALSE(gone_at(150, {false, false, 2, 180, 0})) << "it says something";
+    now = 300;
+    EXPECT_FALSE(gone_at(354, {false, false, 2, 280, 100}));
+    EXPECT_TRUE(gone_at(355, {false, false, 2, 335, 155}));
 }
 
 TEST_F(Peer, IsLookedAtOnceASecond) {
