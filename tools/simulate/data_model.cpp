@@ -75,7 +75,7 @@ void data_model::before(call what, tcp_socket* socket) {
 
 void data_model::round_begins() {
     waiting_begins = true;
-    moved = waited = false;
+    moved = waited = progressed = false;
     events_before = the_network.events;
 }
 
@@ -93,16 +93,12 @@ void data_model::round_ended(bool goes_on) {
     if (!to_close.empty()) {
         broken("a stream that the server has closed is still there");
     }
-    const bool full = uploads_full();
-    if (full && !held) {
-        held_since = gwa_now_get();
-    }
-    begun_s = full ? -1 : begun_s;
+    begun_s = uploads_full() ? -1 : begun_s;
     excused = false;
     probe();
     judge_closed_streams();
     drop_stale();
-    held = full;
+    judge_hold(uploads_full());
     if (gwa_connection_memory(conn) != memory()) {
         broken("the memory figure is %u, what is held makes %u", gwa_connection_memory(conn),
                memory());

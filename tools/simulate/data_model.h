@@ -31,6 +31,17 @@ struct model_stream {
     uint64_t said = 0;          // bytes that the service has said and the daemon has read
     int32_t last_activity = 0;
     bool refused_by_poller = false;
+    bool was_stuck = false;
+    uint64_t left = 0;  // for the service to take, at the last look
+
+    uint64_t bytes_waiting() const {
+        uint64_t bytes = 0;
+        for (const piece& one : waiting) {
+            bytes += one.bytes.size() - one.taken;
+        }
+        return bytes;
+    }
+    uint64_t bytes_left() const { return bytes_waiting() + socket->sent.size(); }
 };
 
 struct model_frame {
@@ -110,8 +121,18 @@ class data_model : public network_watcher {
     std::set<uint32_t> gone;
     std::vector<tcp_socket*> to_close;  // of streams that the server has closed
     std::vector<model_stream> closed;   // by the daemon, in this round
-    int32_t held_since = 0;
-    bool held = false;
+    // While uploads are full: the looks at who takes something.
+    struct {
+        bool on = false;  // since an earlier round
+        int looks = 0;
+        int32_t last = 0;
+        bool spoilt = false;   // the last one has failed on purpose
+        bool seen = false;     // there is one in this round,
+        bool fails = false;    // which fails
+        int unseen = 0;        // rounds in a row that should have begun with one
+        bool gave_up = false;  // a stream, in this round
+    } hold;
+    bool progressed = false;  // the daemon has read on in this round
 
     // Output.
     std::deque<model_frame> queue;
@@ -149,6 +170,9 @@ class data_model : public network_watcher {
     void heartbeat_build(bool at_front);
     void drop_stale();
     void judge_closed_streams();
+    bool is_stuck(const model_stream& stream) const;
+    bool looks_in_this_round() const;
+    void judge_hold(bool full);
     model_stream* stream_of(const tcp_socket& socket);
     size_t frames() const;
     uint64_t waiting_bytes() const;

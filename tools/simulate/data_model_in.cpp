@@ -12,6 +12,7 @@ namespace {
 constexpr uint32_t UPLOADS_MAX = 2 << 20;
 constexpr uint32_t CEILING = 5 << 20;
 constexpr int32_t LOOK_INTERVAL_S = 30;
+constexpr int LOOKS = 4;
 constexpr int32_t STREAM_IDLE_S = 300;
 constexpr int32_t CHECK_INTERVAL_S = 600;
 
@@ -37,7 +38,7 @@ void data_model::begin(input what, uint32_t bytes) {
 void data_model::catch_up() {
     const uint64_t target = gwa_counter_get(conn->traffic.bytes_in);
     while (step_done(target)) {
-        moved = true;
+        moved = progressed = true;
     }
     if (counted != target) {
         broken("the daemon counts %llu bytes of input, which must be %llu",
@@ -214,6 +215,7 @@ void data_model::closing(tcp_socket& socket) {
         opening = {};
     } else if (std::erase(to_close, &socket) == 0 && &socket != remote) {
         model_stream* const stream = stream_of(socket);
+        stream->was_stuck = is_stuck(*stream);
         closed.push_back(*stream);
         if (!stream->refused_by_poller) {
             gone.insert(stream->id);
@@ -226,17 +228,67 @@ void data_model::closing(tcp_socket& socket) {
 // Streams that the daemon has ended by itself: there must be a reason, and it must know them.
 void data_model::judge_closed_streams() {
     const bool checks = gwa_seconds_since(last_check) > CHECK_INTERVAL_S;
+    bool any_stuck = false;
+    for (const model_stream& stream : closed) {
+        any_stuck = any_stuck || stream.was_stuck;
+    }
     for (const model_stream& stream : std::exchange(closed, {})) {
-        if (stream.refused_by_poller) {
-            continue;
-        }
         const bool idle = checks && gwa_seconds_since(stream.last_activity) > STREAM_IDLE_S;
-        const bool stuck =
-            held && gwa_seconds_since(held_since) >= LOOK_INTERVAL_S && !stream.waiting.empty();
-        if (!idle && !stuck) {
+        const bool fullest = looks_in_this_round() && !any_stuck && hold.looks % LOOKS == 0;
+        if (!idle && !stream.was_stuck && !fullest && !stream.refused_by_poller) {
             broken("stream %u is closed without a reason", stream.id);
         }
+        hold.gave_up = hold.gave_up || stream.was_stuck || fullest;
     }
+}
+
+// ---- Uploads that are full (exception 59) ----
+
+bool data_model::looks_in_this_round() const {
+    return hold.on && gwa_seconds_since(hold.last) >= LOOK_INTERVAL_S;
+}
+
+// Whether the service has taken nothing since the last look.
+bool data_model::is_stuck(const model_stream& stream) const {
+    return looks_in_this_round() && !stream.waiting.empty() &&
+           (hold.spoilt || hold.fails || stream.bytes_left() >= stream.left);
+}
+
+// Who takes nothing loses his stream at the next look; when all take something, one does at each
+// fourth.
+void data_model::judge_hold(bool full) {
+    const bool looks = looks_in_this_round();
+    if (looks && full && !progressed && !hold.spoilt && !hold.fails) {
+        for (const auto& [id, stream] : streams) {
+            if (is_stuck(stream)) {
+                broken("stream %u keeps others waiting, and its service takes nothing", id);
+            }
+        }
+        if (hold.looks % LOOKS == 0 && !hold.gave_up) {
+            broken("uploads are full for two minutes, and nobody makes room");
+        }
+    }
+    const bool should_begin = full && (!hold.on || progressed);
+    const bool begins = should_begin && hold.seen;
+    if (begins) {
+        hold.looks = 0;
+    }
+    // A pass that has used up its frames looks in the next round.
+    hold.unseen = should_begin && !begins ? hold.unseen + 1 : 0;
+    if (hold.unseen > 1) {
+        broken("uploads are full, and nobody looks who takes nothing");
+    }
+    hold.gave_up = false;
+    hold.on = full && (begins || !should_begin);
+    if (begins || looks) {
+        hold.looks++;
+        hold.last = gwa_now_get();
+        hold.spoilt = hold.fails;
+        for (auto& [id, stream] : streams) {
+            stream.left = stream.bytes_left();
+        }
+    }
+    hold.seen = hold.fails = false;
 }
 
 // ---- The server's socket ----
@@ -281,9 +333,7 @@ void data_model::input_is_late() {
 uint64_t data_model::waiting_bytes() const {
     uint64_t bytes = 0;
     for (const auto& [id, stream] : streams) {
-        for (const model_stream::piece& piece : stream.waiting) {
-            bytes += piece.bytes.size() - piece.taken;
-        }
+        bytes += stream.bytes_waiting();
     }
     return bytes;
 }

@@ -98,6 +98,9 @@ void data_model::looked(tcp_socket& socket, int queued) {
         if (queued == -1 && !waiting_begins) {
             may_close("the look at the send buffer has failed");
         }
+    } else {
+        hold.seen = true;
+        hold.fails = hold.fails || queued == -1;
     }
 }
 

@@ -164,6 +164,26 @@ step step_drawn(const mood& mind, dice* chance) {
     }
 }
 
+// Uploads to services that take little or nothing, while memory is short.
+schedule siege_drawn(const mood& mind, dice* chance) {
+    schedule steps{{op::BALLAST, {(5 << 20) + chance->of({0, 8192})}}};
+    for (int64_t streams = 1 + chance->below(3); streams > 0; streams--) {
+        const int64_t id = chance->below(mind.ids);
+        steps.push_back({op::OPEN, {id, 0, 4, 0}});
+        steps.push_back({op::FLOOD, {id, 1 + chance->below(3), 8176}});
+    }
+    steps.push_back({op::DELIVER, {0}});
+    steps.push_back({op::ROUND, {3}});
+    for (int64_t looks = 1 + chance->below(7); looks > 0; looks--) {
+        steps.push_back({op::TIME, {chance->of({29000, 30000, 31000})}});
+        if (!chance->one_in(3)) {
+            steps.push_back({op::READ, {chance->below(mind.ids), chance->of({1, 100, 5000})}});
+        }
+        steps.push_back({op::ROUND, {1 + chance->below(2)}});
+    }
+    return steps;
+}
+
 }  // namespace
 
 schedule schedule_drawn(uint64_t seed) {
@@ -181,6 +201,10 @@ schedule schedule_drawn(uint64_t seed) {
         steps.push_back({op::ROUND, {1}});
     }
     while (std::ssize(steps) < count) {
+        if (!control && chance.one_in(400)) {
+            const schedule siege = siege_drawn(mind, &chance);
+            steps.insert(steps.end(), siege.begin(), siege.end());
+        }
         steps.push_back(step_drawn(mind, &chance));
     }
     if (!chance.one_in(4)) {
