@@ -72,7 +72,7 @@ mood mood_drawn(dice* chance, bool control) {
         made.total += weight;
     }
     made.ids = chance->of({1, 2, 3, 8});
-    made.size = chance->below(6);
+    made.size = chance->below(7);
     made.sound_ports = !chance->one_in(3);
     made.whole = chance->one_in(3);
     made.patient = chance->one_in(4);
@@ -89,7 +89,7 @@ op op_drawn(const mood& mind, dice* chance) {
 }
 
 int64_t size_drawn(const mood& mind, dice* chance) {
-    constexpr int64_t LIMITS[] = {2, 40, 1000, 8177, 30000, 200000};
+    constexpr int64_t LIMITS[] = {2, 40, 1000, 8177, 30000, 200000, 200000};
     if (chance->one_in(8)) {
         return chance->of({1, 8175, 8176, 8177, 16352});
     }
@@ -101,7 +101,7 @@ int64_t part_drawn(const mood& mind, dice* chance) {
         return 0;
     }
     return chance->one_in(2) ? chance->of({1, 2, 15, 16, 17, 20, 4096, 8192})
-                             : 1 + chance->below(chance->of({40, 1000, 40000}));
+                             : 1 + chance->below(chance->of({40, 1000, 40000, 130000}));
 }
 
 int64_t error_drawn(dice* chance) {
