@@ -103,6 +103,7 @@ static gwa_step send_batch(gwa_connection_data* conn, list<gwa_output_node>* bat
     if (bytes == 0) {
         GWA_LOG(INFO, "send to remote socket return 0");
     }
+    const gwa_log_gather gathered;  // the bytes have left: all lines tell of one moment
     while (gwa_output_node* const node = batch->first()) {
         if ((node->flags & GWA_NODE_PARTLY_SENT) == 0) {
             gwa_protocol_show(node->data);

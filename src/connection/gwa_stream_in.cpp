@@ -60,6 +60,7 @@ static int read_frames(gwa_stream* stream, int most) {
     if (got <= 0) {
         read_failed(stream, got);
     }
+    const gwa_log_gather gathered;  // the bytes are there: all lines tell of one moment
     auto left = static_cast<size_t>(std::max(got, ssize_t{0}));
     for (int i = 0; i < most; i++) {
         const size_t length = std::min(left, GWA_PAYLOAD_MAX);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <ctime>
 
@@ -20,11 +21,13 @@ constexpr size_t STAMP_SIZE = 64;
 constexpr mode_t FOR_EVERYBODY = 0666;  // less what the process's mask takes away
 
 gwa_mutex log_lock;
-char line[8192];  // holds every line but one that quotes an endless option: exception 64
-gwa_line_sink log_sink GWA_GUARDED_BY(log_lock){.fd = STDERR_FILENO, .buffer = line};
+// Holds every line but one that quotes an endless option (exception 64), and others before it.
+char lines[2 * GWA_LINE_MAX];
+gwa_line_sink log_sink GWA_GUARDED_BY(log_lock){.fd = STDERR_FILENO, .buffer = lines};
 bool to_standard_error GWA_GUARDED_BY(log_lock) = true;
 char stamp[STAMP_SIZE] GWA_GUARDED_BY(log_lock) = "";
 time_t stamped GWA_GUARDED_BY(log_lock) = -1;  // the second of that
+int gathering GWA_GUARDED_BY(log_lock) = 0;    // gwa_log_gather that live
 
 }  // namespace
 
@@ -39,6 +42,7 @@ int gwa_log_init(const char* path, bool background) {
         path = background ? BACKGROUND_LOG : nullptr;
     }
     const gwa_lock held(log_lock);
+    gwa_line_flush(&log_sink);
     gwa_line_close(&log_sink);
     to_standard_error = path == nullptr;
     if (to_standard_error) {
@@ -86,29 +90,70 @@ static bool stamped_line_begin() GWA_REQUIRES(log_lock) {
         strftime(stamp, sizeof stamp, "<%Y-%m-%d %H:%M:%S> ", &local);
         stamped = now;
     }
-    gwa_line_add(&log_sink, "%s", stamp);
+    gwa_line_add_text(&log_sink, stamp);
     return true;
+}
+
+// "[gwad] file line function() <level> ", by hand: a busy trace spends most of its time here.
+static void place_add(const char* file, int line, const char* function, int level)
+    GWA_REQUIRES(log_lock) {
+    constexpr size_t DIGITS = 11;
+    char digits[DIGITS];
+    const char* const end = std::to_chars(digits, digits + DIGITS, line).ptr;
+    const char level_digit = static_cast<char>('0' + level);
+    gwa_line_add_text(&log_sink, "[gwad] ");
+    gwa_line_add_text(&log_sink, file);
+    gwa_line_add_text(&log_sink, " ");
+    gwa_line_add_text(&log_sink, {digits, end});
+    gwa_line_add_text(&log_sink, " ");
+    gwa_line_add_text(&log_sink, function);
+    gwa_line_add_text(&log_sink, "() <");
+    gwa_line_add_text(&log_sink, {&level_digit, 1});
+    gwa_line_add_text(&log_sink, "> ");
 }
 
 int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
                   ...) {
     const int reason = errno;  // callers go on to speak of it
+    const int level = line_and_level % GWA_LOG_LEVELS;
     const gwa_lock held(log_lock);
     if (stamped_line_begin()) {
-        gwa_line_add(&log_sink, "[gwad] %s %d %s() <%d> ", file, line_and_level / GWA_LOG_LEVELS,
-                     function, line_and_level % GWA_LOG_LEVELS);
+        place_add(file, line_and_level / GWA_LOG_LEVELS, function, level);
         va_list arguments;
         va_start(arguments, format);
         gwa_line_add_list(&log_sink, format, arguments);
         va_end(arguments);
-        gwa_line_end(&log_sink);
+        if (gathering > 0 && level == GWA_LEVEL_DEBUG) {
+            gwa_line_end_later(&log_sink);
+        } else {
+            gwa_line_end(&log_sink);
+        }
     }
     errno = reason;
     return 0;
 }
 
+gwa_log_gather::gwa_log_gather() : traces(gwa_log_enabled(GWA_LEVEL_DEBUG)) {
+    if (traces) {
+        const gwa_lock held(log_lock);
+        gathering++;
+    }
+}
+
+gwa_log_gather::~gwa_log_gather() {
+    if (traces) {
+        const int reason = errno;
+        const gwa_lock held(log_lock);
+        if (--gathering == 0) {
+            gwa_line_flush(&log_sink);
+        }
+        errno = reason;
+    }
+}
+
 void gwa_log_close() {
     const gwa_lock held(log_lock);
+    gwa_line_flush(&log_sink);
     gwa_line_close(&log_sink);
     if (to_standard_error) {
         close(STDERR_FILENO);  // oddity 4

@@ -68,6 +68,16 @@ int gwa_log_level_get(int* out);
 // Always 0.
 int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
                   ...) __attribute__((format(printf, 4, 5)));
+// While one lives, traces (level 7) of all threads wait for its end, or for a line of another
+// level, and then reach the file by one write: for what is told of one event in many lines. Nothing
+// that could wait or end the process belongs in its block.
+struct gwa_log_gather {
+    bool traces;
+
+    gwa_log_gather();
+    gwa_log_gather(gwa_log_gather&&) = delete;
+    ~gwa_log_gather();
+};
 // Closes the stream, standard error included, unless it is standard output. Later lines are
 // dropped.
 void gwa_log_close();

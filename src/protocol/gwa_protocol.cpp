@@ -89,6 +89,7 @@ void gwa_protocol_show(const uint8_t* frame) {
     if (frame == nullptr || !gwa_log_enabled(GWA_LEVEL_DEBUG)) {
         return;  // the debug level is the highest there is: enabled means exactly this level
     }
+    const gwa_log_gather gathered;
     const uint16_t command = load_be16(frame + AT_COMMAND);
     GWA_LOG(DEBUG, "version   : %d", frame[0]);
     GWA_LOG(DEBUG, "size      : %d", frame[AT_HEAD_SIZE]);

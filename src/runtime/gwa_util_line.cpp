@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
@@ -53,6 +54,7 @@ void gwa_line_close(gwa_line_sink* sink) {
     sink->fd = -1;
     sink->own = false;
     sink->begin = sink->end = 0;
+    sink->gathered = false;
     sink->stuck = false;
 }
 
@@ -109,12 +111,29 @@ static bool drain(gwa_line_sink* sink) {
     return true;
 }
 
+// What nothing was taken of is dropped whole.
+static void drain_or_drop(gwa_line_sink* sink) {
+    sink->gathered = false;
+    if (!drain(sink) && sink->begin == 0) {
+        sink->end = 0;
+    }
+}
+
 bool gwa_line_begin(gwa_line_sink* sink) {
+    if (sink->gathered) {
+        return true;
+    }
     if (sink->fd == -1 || !drain(sink)) {
         return false;
     }
     sink->begin = sink->end = 0;
     return true;
+}
+
+void gwa_line_add_text(gwa_line_sink* sink, std::string_view text) {
+    const size_t size = std::min(text.size(), sink->buffer.size() - sink->end - 1);
+    memcpy(&sink->buffer[sink->end], text.data(), size);
+    sink->end += size;
 }
 
 void gwa_line_add_list(gwa_line_sink* sink, const char* format, va_list arguments) {
@@ -130,11 +149,27 @@ void gwa_line_add(gwa_line_sink* sink, const char* format, ...) {
     va_end(arguments);
 }
 
-void gwa_line_end(gwa_line_sink* sink) {
+static void end_line(gwa_line_sink* sink) {
     if (sink->end + 1 == sink->buffer.size()) {
         sink->buffer[sink->end - 1] = '\n';  // it was cut, and its end with it
     }
-    if (!drain(sink) && sink->begin == 0) {
-        sink->end = 0;  // nothing of it was taken: it is dropped whole
+}
+
+void gwa_line_end(gwa_line_sink* sink) {
+    end_line(sink);
+    drain_or_drop(sink);
+}
+
+void gwa_line_end_later(gwa_line_sink* sink) {
+    end_line(sink);
+    sink->gathered = sink->buffer.size() - sink->end >= GWA_LINE_MAX;
+    if (!sink->gathered) {
+        drain_or_drop(sink);
+    }
+}
+
+void gwa_line_flush(gwa_line_sink* sink) {
+    if (sink->gathered) {
+        drain_or_drop(sink);
     }
 }

@@ -60,6 +60,35 @@ TEST(Log, WritesUpToTheLevelThatIsSet) {
     }
 }
 
+TEST(Log, GathersTracesUntilTheirEndOrALineThatMattersMore) {
+    log_to_file log;
+    const auto numbers = [&] {
+        std::string ends = std::regex_replace(log.text(), std::regex("<2.*> "), "");
+        std::replace(ends.begin(), ends.end(), '\n', ' ');
+        return ends;
+    };
+    {
+        const gwa_log_gather outer;
+        GWA_LOG(DEBUG, "1");
+        { const gwa_log_gather inner; }
+        EXPECT_EQ(numbers(), "");
+        GWA_LOG(ERROR, "2");
+        EXPECT_EQ(numbers(), "1 2 ");
+        GWA_LOG(DEBUG, "3");
+    }
+    EXPECT_EQ(numbers(), "1 2 3 ");
+    GWA_LOG(DEBUG, "4");
+    EXPECT_EQ(numbers(), "1 2 3 4 ");
+    const gwa_log_gather until_the_log_closes;
+    std::string expected = numbers();
+    for (int number = 5; number < 500; number++) {  // more than the buffer holds
+        GWA_LOG(DEBUG, "%d", number);
+        expected += std::to_string(number) + " ";
+    }
+    gwa_log_close();
+    EXPECT_EQ(numbers(), expected);
+}
+
 TEST(Log, GoesToItsFixedFileInTheBackground) {
     constexpr char FIXED[] = "/tmp/gwad.log";
     if (!std::ofstream(FIXED, std::ios::app)) {

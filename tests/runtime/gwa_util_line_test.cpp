@@ -77,7 +77,7 @@ TEST(LineSink, DropsWholeLinesWhileNobodyReadsAndBlocksNowhere) {
             const two_ends ends(kind);
             const int fd = ends.writer.get(), flags = fcntl(fd, F_GETFL);
             const int next = unique_fd(dup(fd)).get();
-            char line[256];
+            char line[GWA_LINE_MAX + 600];  // a few lines gather
             gwa_line_sink sink{.buffer = line};
             gwa_line_open(&sink, fd);
             if (!private_descriptor) {
@@ -89,9 +89,10 @@ TEST(LineSink, DropsWholeLinesWhileNobodyReadsAndBlocksNowhere) {
                 for (int number = from; number < to; number++) {
                     if (gwa_line_begin(&sink)) {
                         gwa_line_add(&sink, "%s", numbered_line(number).c_str());
-                        gwa_line_end(&sink);
+                        number % 5 != 0 ? gwa_line_end_later(&sink) : gwa_line_end(&sink);
                     }
                 }
+                gwa_line_flush(&sink);
             };
             write(0, LINES);
             EXPECT_EQ(fcntl(fd, F_GETFL), flags) << "others use it too";
