@@ -15,9 +15,10 @@ namespace {
 constexpr int SEND_BUFFER_LIMIT = 0x20000;  // bytes; what the login asks the kernel for
 constexpr int64_t HELD_MAX_US = 30 * GWA_US_PER_SECOND;  // then a line tells of it
 constexpr int32_t BUFFER_TIMEOUT_S = 600;
-// Frames that are kept ready for the next pass: as much as the send buffer can take, which is twice
-// of what the login asks for, socket(7). What exceeds that is better kept by the services.
-constexpr int FRAMES_READY = 2 * SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
+// Frames that are kept ready for the next pass: half of what the send buffer can take, which is
+// twice of what the login asks for, socket(7). The other half is read when the first has left: until
+// then it is better kept by the services.
+constexpr int FRAMES_READY = SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
 
 enum class policy : uint8_t { SEND, HOLD, FAILED };
 
@@ -50,6 +51,7 @@ static int look(const gwa_connection_data* conn, int* level) {
 static policy traffic_policy(gwa_connection_data* conn) {
     int level = 0;
     const int looked = look(conn, &level);
+    conn->output.may_send = looked == GWA_OK;
     if (!gwa_connection_running()) {
         conn->output.state = gwa_out_state::DRAINED;
         return policy::HOLD;
@@ -127,6 +129,10 @@ gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn) {
         case policy::HOLD: return gwa_step::GOES_ON;
         case policy::FAILED: return gwa_step::CLOSED;
     }
+    return gwa_connection_data_queue_send(conn);
+}
+
+gwa_step gwa_connection_data_queue_send(gwa_connection_data* conn) {
     gwa_output_queue& queue = conn->output.queue;
     conn->output.state = gwa_out_state::DRAINED;
     gwa_step step = gwa_step::GOES_ON;

@@ -9,6 +9,8 @@
 // Sends queued frames until the socket would block, unless the send buffer is too full: then the
 // frames are held for a later pass. CLOSED when the socket fails.
 gwa_step gwa_connection_data_remote_out_handle(gwa_connection_data* conn);
+// The same without a look at the send buffer: for what a pass that could send all makes room for.
+gwa_step gwa_connection_data_queue_send(gwa_connection_data* conn);
 // Whether the last pass has found the socket full, so that an event tells of room.
 bool gwa_connection_data_is_blocked(const gwa_connection_data* conn);
 // How long the next wait may be, in ms, when a pass would be held; else 0.

@@ -63,6 +63,7 @@ struct gwa_data_output {
     std::atomic<uint32_t> count{0};  // heap nodes on it
     gwa_out_state state = gwa_out_state::IDLE;
     std::atomic<int32_t> send_level{0};  // fill level of the kernel's buffer, as last seen
+    bool may_send = false;               // this round has looked, and there is room
     uint32_t held_passes = 0;            // passes in a row that the traffic policy has held
     int64_t held_since_us = 0;           // steady clock; the first of them
 };

@@ -135,6 +135,25 @@ static void streams_wakeup(gwa_connection_data* conn) {
                                           : gwa_more::DRAINED;
 }
 
+// Sends what waits. When all of it could leave, as much again does, of what the streams read
+// meanwhile: so half as much needs to wait from round to round.
+static gwa_step output_again(gwa_connection_data* conn) {
+    const bool sends = has_output(conn) || conn->output.held_passes > 0;
+    if (sends && gwa_connection_data_remote_out_handle(conn) == gwa_step::CLOSED) {
+        return gwa_step::CLOSED;
+    }
+    const bool sends_again = conn->output.may_send && !gwa_connection_data_is_blocked(conn);
+    streams_wakeup(conn);
+    if (!sends_again || conn->streams.more != gwa_more::HAS_MORE) {
+        return gwa_step::GOES_ON;
+    }
+    if (gwa_connection_data_queue_send(conn) == gwa_step::CLOSED) {
+        return gwa_step::CLOSED;
+    }
+    streams_wakeup(conn);
+    return gwa_step::GOES_ON;
+}
+
 // The round's own input pass. Streams that have waited for memory do not wait any longer when the
 // server closes one that held it.
 static gwa_step input_again(gwa_connection_data* conn) {
@@ -171,14 +190,13 @@ static void drop_stale(gwa_connection_data* conn) {
 static gwa_step relay(gwa_connection_data* conn) {
     const uint32_t before = progress(conn);
     const int limit_ms = wait_ms(conn);
+    conn->output.may_send = false;
     if (events_wait(conn, limit_ms) == GWA_FAILED) {
         return poller_failed(conn);
     }
-    const bool sends = has_output(conn) || conn->output.held_passes > 0;
-    if (sends && gwa_connection_data_remote_out_handle(conn) == gwa_step::CLOSED) {
+    if (output_again(conn) == gwa_step::CLOSED) {
         return gwa_step::CLOSED;
     }
-    streams_wakeup(conn);
     const bool read_again = conn->input.more != gwa_more::DRAINED;
     if (read_again && input_again(conn) == gwa_step::CLOSED) {
         return gwa_step::CLOSED;
