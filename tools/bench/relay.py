@@ -109,6 +109,7 @@ class Relay:
                 raise Failure(f"what the daemon should have sent has not come within {LIMIT_S} s")
             if (size := self.connection.recv_into(buffer[end:])) == 0:
                 raise Failure("the daemon has closed the data connection")
+            self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)  # as gwrelay
             end += size
             start = 0
             while end - start >= WORDS.size:
