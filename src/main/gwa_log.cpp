@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
 #include <ctime>
 
@@ -97,19 +96,16 @@ static bool stamped_line_begin() GWA_REQUIRES(log_lock) {
 // "[gwad] file line function() <level> ", by hand: a busy trace spends most of its time here.
 static void place_add(const char* file, int line, const char* function, int level)
     GWA_REQUIRES(log_lock) {
-    constexpr size_t DIGITS = 11;
-    char digits[DIGITS];
-    const char* const end = std::to_chars(digits, digits + DIGITS, line).ptr;
-    const char level_digit = static_cast<char>('0' + level);
-    gwa_line_add_text(&log_sink, "[gwad] ");
-    gwa_line_add_text(&log_sink, file);
-    gwa_line_add_text(&log_sink, " ");
-    gwa_line_add_text(&log_sink, {digits, end});
-    gwa_line_add_text(&log_sink, " ");
-    gwa_line_add_text(&log_sink, function);
-    gwa_line_add_text(&log_sink, "() <");
-    gwa_line_add_text(&log_sink, {&level_digit, 1});
-    gwa_line_add_text(&log_sink, "> ");
+    char digits[] = "       ";  // of a line, between two blanks
+    char* begin = &digits[sizeof digits - 2];
+    for (int left = line; left > 0 && begin > &digits[1]; left /= 10) {
+        *--begin = static_cast<char>('0' + left % 10);
+    }
+    const char level_digit[] = {static_cast<char>('0' + level), '\0'};
+    const char* const pieces[] = {"[gwad] ", file, " ", begin, function, "() <", level_digit, "> "};
+    for (const char* const piece : pieces) {
+        gwa_line_add_text(&log_sink, piece);
+    }
 }
 
 int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,

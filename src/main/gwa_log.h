@@ -68,9 +68,9 @@ int gwa_log_level_get(int* out);
 // Always 0.
 int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
                   ...) __attribute__((format(printf, 4, 5)));
-// While one lives, traces (level 7) of all threads wait for its end, or for a line of another
-// level, and then reach the file by one write: for what is told of one event in many lines. Nothing
-// that could wait or end the process belongs in its block.
+// Exception 70: while one lives, traces (level 7) of all threads wait for its end, or for a line of
+// another level, and then reach the file by one write: for what is told of one event in many lines.
+// Nothing that could wait or end the process belongs in its block.
 struct gwa_log_gather {
     bool traces;
 

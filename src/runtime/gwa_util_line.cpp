@@ -130,9 +130,9 @@ bool gwa_line_begin(gwa_line_sink* sink) {
     return true;
 }
 
-void gwa_line_add_text(gwa_line_sink* sink, std::string_view text) {
-    const size_t size = std::min(text.size(), sink->buffer.size() - sink->end - 1);
-    memcpy(&sink->buffer[sink->end], text.data(), size);
+void gwa_line_add_text(gwa_line_sink* sink, const char* text) {
+    const size_t size = std::min(strlen(text), sink->buffer.size() - sink->end - 1);
+    memcpy(&sink->buffer[sink->end], text, size);
     sink->end += size;
 }
 

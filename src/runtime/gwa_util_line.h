@@ -13,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <string_view>
 
 // How bytes get into a descriptor without waiting.
 enum class gwa_line_way : uint8_t {
@@ -43,7 +42,7 @@ void gwa_line_close(gwa_line_sink* sink);
 // Begins a line. False: what is left of an earlier one still keeps the place, so this one is lost.
 bool gwa_line_begin(gwa_line_sink* sink);
 // Adds to the line, cut at the end of the buffer.
-void gwa_line_add_text(gwa_line_sink* sink, std::string_view text);
+void gwa_line_add_text(gwa_line_sink* sink, const char* text);
 void gwa_line_add(gwa_line_sink* sink, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 void gwa_line_add_list(gwa_line_sink* sink, const char* format, va_list arguments)
