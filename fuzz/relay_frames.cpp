@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <string>
 
+#include "base/text.h"
 #include "support/process.h"
-#include "tools/gwrelay/frames.h"
-#include "tools/gwrelay/text.h"
+#include "wire/frames.h"
 
 // All frames of a text that comes in pieces, and how it ended.
 static std::string frames_of(std::string_view text, size_t piece) {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <string>
 
+#include "base/text.h"
+#include "http/http.h"
 #include "support/process.h"
-#include "tools/gwrelay/http.h"
-#include "tools/gwrelay/text.h"
 
 static void fields(std::string_view lines) {
     http_header(lines, "host");

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <string>
 
+#include "http/http_message.h"
 #include "support/process.h"
-#include "tools/gwrelay/http_message.h"
 
 namespace {
 

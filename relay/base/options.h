@@ -1,0 +1,56 @@
+// options.h - the command line. There is no configuration file.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/log.h"
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+constexpr auto NEVER = steady::time_point::max();
+
+// The reporting times of a device's media server, in seconds, within what a device accepts.
+struct report_times {
+    uint32_t t1, t2;
+};
+std::optional<report_times> report_times_parse(std::string_view t1, std::string_view t2);
+
+struct options {
+    std::string listen = "127.0.0.1";
+    std::string announce;  // what devices are told to connect to; the listening address by default
+    uint16_t manager_port = 9999, control_port = 9998, data_port = 9997, front_port = 8080;
+    bool command7 = false;  // order the data connections by command 7, not in the login answer
+    bool dead_port_guard = true;
+    bool reuse = true;                  // of a stream, for one request after another
+    std::optional<report_times> times;  // sent to every device after its login
+    log_level level = EVENT;
+
+    milliseconds login_timeout{60'000};     // for a login, and for a user's request head
+    milliseconds silence_timeout{300'000};  // a device's heartbeats come every minute
+    milliseconds stall_timeout{120'000};    // a user who takes none of what waits for him
+    milliseconds answer_timeout{120'000};   // a request that nothing on the device answers
+    milliseconds linger_timeout{5000};      // silence that ends what has no end of its own
+    milliseconds idle_timeout{30'000};      // a user between two requests
+    milliseconds reuse_timeout{4000};       // a stream between two requests
+    milliseconds settle_timeout{5};         // silence before it is somebody else's
+    milliseconds repeat_timeout{2000};      // a request that nothing on a reused stream answers
+
+    // What users have not taken yet: of each, of all, and where it is beyond what memory holds.
+    size_t user_buffer = 8UL << 20;
+    uint64_t buffers = 1ULL << 30;
+    std::string buffer_folder = "/var/tmp";
+    // Who keeps others waiting, takes less (bytes a second) over the first time, and that for the
+    // second time, is cut.
+    size_t least_rate = 16UL << 10;
+    milliseconds rate_time{10'000}, slow_timeout{20'000};
+    milliseconds stuck_timeout{1000};  // while all data connections of a device are held back
+    size_t users = 2000, address_users = 256;  // at once: in all, from one address
+    size_t device_streams = 500;  // each costs the device a descriptor, of which it may have 1024
+};
+
+// Fills `to`. False: it makes no sense, and the error has been printed. Help ends the program.
+bool options_parse(int argc, char** argv, options& to);

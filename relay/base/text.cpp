@@ -1,0 +1,123 @@
+#include "base/text.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+
+namespace {
+
+std::string formatted(const char* format, char c) {
+    char text[8];
+    snprintf(text, sizeof text, format, static_cast<unsigned char>(c));
+    return text;
+}
+
+// Reads from the front of `rest`; every function answers false when something else is there.
+struct json_reader {
+    std::string_view rest;
+
+    bool character(char expected) {
+        rest.remove_prefix(std::min(rest.find_first_not_of(" \t\r\n"), rest.size()));
+        if (rest.empty() || rest[0] != expected) {
+            return false;
+        }
+        rest.remove_prefix(1);
+        return true;
+    }
+
+    bool string(std::string& to) {
+        to.clear();
+        if (!character('"')) {
+            return false;
+        }
+        while (!rest.empty() && rest[0] != '"') {
+            rest.remove_prefix(rest[0] == '\\' ? 1 : 0);
+            to += rest.substr(0, 1);
+            rest.remove_prefix(std::min<size_t>(1, rest.size()));
+        }
+        return character('"');
+    }
+
+    bool value(std::string& to) {
+        if (string(to)) {
+            return true;
+        }
+        const auto word_end = std::find_if_not(rest.begin(), rest.end(), [](unsigned char c) {
+            return isalnum(c) != 0 || c == '-' || c == '+' || c == '.';
+        });
+        to.assign(rest.begin(), word_end);
+        rest.remove_prefix(to.size());
+        return !to.empty();
+    }
+};
+
+}  // namespace
+
+std::string percent_encode(std::string_view text) {
+    std::string encoded;
+    for (const char c : text) {
+        const bool plain = isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '.' ||
+                           c == '_' || c == '~';
+        encoded += plain ? std::string(1, c) : formatted("%%%02X", c);
+    }
+    return encoded;
+}
+
+std::string percent_decode(std::string_view text) {
+    std::string decoded;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const std::string_view digits = text.substr(i + 1, text[i] == '%' ? 2 : 0);
+        unsigned char byte = 0;
+        const auto [end, failed] =
+            std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
+        const bool escaped = digits.size() == 2 && end == digits.data() + 2;
+        decoded += escaped ? static_cast<char>(byte) : text[i];
+        i += escaped ? 2 : 0;
+    }
+    return decoded;
+}
+
+std::string html_escape(std::string_view text) {
+    std::string escaped;
+    for (const char c : text) {
+        const bool special = std::string_view("&<>\"'").find(c) != std::string_view::npos;
+        escaped += special ? formatted("&#%d;", c) : std::string(1, c);
+    }
+    return escaped;
+}
+
+std::string json_quote(std::string_view text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        const bool plain = c >= ' ' && c <= '~' && c != '"' && c != '\\';
+        quoted += plain ? std::string(1, c) : formatted("\\u%04x", c);
+    }
+    return quoted + '"';
+}
+
+std::optional<text_pairs> json_flat_object(std::string_view text) {
+    json_reader reader{text};
+    text_pairs pairs;
+    if (!reader.character('{')) {
+        return std::nullopt;
+    }
+    if (!reader.character('}')) {
+        do {
+            std::string key;
+            if (!reader.string(key) || !reader.character(':') || !reader.value(pairs[key])) {
+                return std::nullopt;
+            }
+        } while (reader.character(','));
+        if (!reader.character('}')) {
+            return std::nullopt;
+        }
+    }
+    const bool ended = reader.rest.find_first_not_of(" \t\r\n") == std::string_view::npos;
+    return ended ? std::optional(pairs) : std::nullopt;
+}
+
+bool same_word(std::string_view text, std::string_view lower_word) {
+    return std::ranges::equal(
+        text, lower_word, {}, [](unsigned char c) { return tolower(c); },
+        [](unsigned char c) { return c; });
+}

@@ -1,0 +1,142 @@
+// registry.h - the devices, their connections and streams, and what the whole relay shares.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "base/options.h"
+#include "base/text.h"
+#include "http/http.h"
+#include "http/http_message.h"
+#include "net/connection.h"
+#include "net/slowness.h"
+
+struct device;
+struct data_link;
+
+struct control_link : connection {
+    using connection::connection;
+    std::shared_ptr<device> owner;  // null until the login
+    void ended() override;
+};
+
+enum class port_state : uint8_t { ALIVE, DEAD, UNKNOWN };
+
+constexpr size_t DATA_CONNECTIONS = 5;  // that a device is told to make
+
+struct user_link : connection {
+    using connection::connection;
+    const uint64_t number = ++count;  // no other user has it
+    std::string input;                // what he has sent and nobody has taken yet
+    bool user_ended = false;          // he sends no more; he may still read
+    bool unheard = false;             // what he still sends is thrown away
+
+    // The request that is being served, up to the end of its response (exchange_begin):
+    std::shared_ptr<device> owner;     // set with the stream, stays for the log
+    std::shared_ptr<data_link> route;  // carries the stream; null before it opens and once it ended
+    uint32_t stream_id = 0;            // 0 while there is no stream
+    uint16_t port = 0;
+    int32_t priority = 0;
+    port_state port_is = port_state::ALIVE;  // while unknown, the rest of his request waits
+    std::string held;                        // what waits of it, apart from what he has yet to send
+    std::string what;                        // method and path, safe to log
+    bool head_only = false;                  // the method is HEAD
+    bool is_1_0 = false;                     // HTTP/1.0
+    bool persistent = false;                 // he would have his connection go on after it
+    bool keeps = false;                      // and it will
+    bool shareable = false;                  // the stream may serve another request after it
+    bool repeatable = false;                 // it may have gone to the service before
+    bool reused = false;                     // the stream has served another one before
+    bool stale = false;                      // and turns out to be of no use any more
+    bool too_much = false;                   // more has come than the response
+    http_body request;                       // its rest, which he has yet to send
+    http_response response;
+    std::string head;            // of the response, on its way
+    std::vector<iovec> arrived;  // for him, in what his data connection has just received
+    uint64_t to_device = 0, from_device = 0;
+    slowness slow;
+    uint64_t taken_when_stuck = 0;  // when all data connections of the device became held back
+    const char* cut = nullptr;      // why he had to give way to others
+    steady::time_point last_moved = steady::now();  // a byte, in either direction
+
+    void ended() override;
+    void has_room() override;
+    void reply(std::string_view whole);  // an answer of the relay itself
+
+   private:
+    static inline uint64_t count = 0;
+};
+
+// A stream without a user: a request has ended on it, and the next one may follow.
+struct kept_stream {
+    uint32_t id;
+    uint16_t port;
+    int32_t priority;
+    uint64_t last_user;
+    steady::time_point since, until;
+};
+
+struct data_link : connection {
+    using connection::connection;
+    std::shared_ptr<device> owner;  // null until the login
+    bool held_back = false;         // not read at present: one of its users takes too little
+    steady::time_point last_held{};
+    steady::time_point last_nudge = steady::now();
+    std::unordered_map<uint32_t, std::shared_ptr<user_link>> streams;
+    std::vector<kept_stream> kept;         // oldest first
+    uint64_t bytes_in = 0, bytes_out = 0;  // stream payload
+    void ended() override;
+
+    size_t open_streams() const { return streams.size() + kept.size(); }
+};
+
+struct device {
+    std::string id;    // up to 47 characters of any kind
+    std::string name;  // the id, safe to log
+    text_pairs info;
+    std::shared_ptr<control_link> control;  // null while the device is away
+    std::vector<std::shared_ptr<data_link>> data;
+    uint32_t last_stream_id = 0;
+    steady::time_point stuck_since = NEVER;  // all data connections are held back
+    size_t waiting = 0;                      // users, for a data connection to take their streams
+    uint64_t cuts = 0;                       // streams that had to give way to others
+    std::optional<uint32_t> dlna_status;
+    std::map<std::string, uint16_t> ports;  // as announced; kept while the device is away
+    std::map<uint16_t, steady::time_point> unkept_ports;  // whose streams are not kept, until then
+    uint64_t bytes_in = 0, bytes_out = 0;  // stream payload of connections that have ended
+    steady::time_point left = steady::now();
+
+    bool away() const { return control == nullptr && data.empty(); }
+};
+
+// Users that are there, at the same time and by address, and those who are turned away.
+struct admission {
+    size_t users = 0, turned_away = 0;
+    std::unordered_map<std::string, size_t> by_address;
+    uint64_t refused = 0;  // ever
+};
+
+struct relay {
+    const options& settings;
+    outbox_pool pool;
+    admission admitted;
+    std::map<std::string, std::shared_ptr<device>, std::less<>> devices;
+    std::vector<std::weak_ptr<connection>> connections;  // every one that is open
+    std::string manager_body;                            // the address manager's answer
+    std::string order_json;                              // the order in a login answer
+    std::string order_text;                              // the order by command 7
+};
+
+// The device of that id, made when it is new. Devices that are away stay known, up to a limit.
+std::shared_ptr<device> device_get(relay& hub, const std::string& id);
+// The streams that a data connection may have. The device closes a stream and opens the next in the
+// order in which it is told on one connection, but not across them.
+size_t data_share(const options& set);
+// The connection for a new stream: where it waits for nobody, if there is such a one, then the one
+// with the fewest streams. Null: there is none, or the device could not bear one more.
+std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owner);
+
+// Sends the reporting times; false when the device has no control connection.
+bool device_send_times(const device& owner, report_times times);

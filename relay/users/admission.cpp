@@ -1,0 +1,101 @@
+#include "users/admission.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+
+#include "page/page.h"
+#include "users/front_door.h"
+
+namespace {
+
+constexpr rlim_t DESCRIPTORS_ENOUGH = 65536;
+constexpr size_t DESCRIPTORS_OF_USER = 2;
+constexpr size_t TURNED_AWAY_MAX = 1000;  // at once
+constexpr size_t HEAD_MAX = 16 * 1024;
+
+// A user's place among the others while he is served or turned away.
+struct place {
+    admission& all;
+    const std::string address;
+    const char* refusal;  // null when he is admitted
+
+    place(relay& hub, const std::string& from)
+        : all(hub.admitted), address(from), refusal(why_not(hub)) {
+        if (refusal == nullptr) {
+            ++all.users;
+            ++all.by_address[address];
+        } else {
+            ++all.turned_away;
+            ++all.refused;
+        }
+    }
+    place(place&&) = delete;
+    ~place() {
+        if (refusal != nullptr) {
+            --all.turned_away;
+            return;
+        }
+        --all.users;
+        if (const auto found = all.by_address.find(address); --found->second == 0) {
+            all.by_address.erase(found);
+        }
+    }
+
+    const char* why_not(const relay& hub) const {
+        const auto found = all.by_address.find(address);
+        if (all.users >= hub.settings.users) {
+            return "The relay has as many users as it can bear.";
+        }
+        return found != all.by_address.end() && found->second >= hub.settings.address_users
+                   ? "There are too many connections from this address."
+                   : nullptr;
+    }
+};
+
+// He may see how things are all the same. Closing before he has read his answer, or while he still
+// sends, could cost him that.
+awaitable<void> turn_away(const relay& hub, std::shared_ptr<user_link> user, const char* why) {
+    std::string bytes;
+    log_line(EVENT, "%s: turned away: %s", user->name.c_str(), why);
+    user->expect_within(hub.settings.linger_timeout, why);
+    const size_t length = co_await connection_http_head(*user, bytes, HEAD_MAX);
+    const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
+    const std::string page = request ? page_answer(hub, *request) : "";
+    user->head_only = request && request->method == "HEAD";
+    user->reply(page.empty() ? http_busy_reply(why) : page);
+    co_await connection_flush(*user);
+    asio::error_code ignored;
+    user->socket.shutdown(tcp::socket::shutdown_send, ignored);
+    bytes.clear();
+    co_await connection_http_head(*user, bytes, HEAD_MAX);
+}
+
+}  // namespace
+
+void admission_fit(options& set) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min(limit.rlim_max, std::max(limit.rlim_cur, DESCRIPTORS_ENOUGH));
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+    // A quarter for devices, a quarter for those who are turned away.
+    const auto fitting = std::max<size_t>(limit.rlim_cur / 2 / DESCRIPTORS_OF_USER, 1);
+    if (set.users > fitting) {
+        log_line(PROBLEM, "%ju descriptors are enough for %zu users, not for %zu",
+                 static_cast<uintmax_t>(limit.rlim_cur), fitting, set.users);
+        set.users = fitting;
+    }
+}
+
+awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
+    const place his(hub, user->name.substr(0, user->name.rfind(':')));
+    user->out.use_files(hub.pool);
+    if (his.refusal == nullptr) {
+        co_await front_door_serve(hub, user);
+    } else if (hub.admitted.turned_away <= std::min(TURNED_AWAY_MAX, hub.settings.users)) {
+        co_await turn_away(hub, user, his.refusal);
+    } else {
+        user->refuse(his.refusal);
+    }
+}
