@@ -76,10 +76,10 @@ static void option_log(bool failed, const char* failure, const char* success, in
     char line[OPTION_LINE_SIZE];
     if (failed) {
         snprintf(line, sizeof line, failure, strerror(errno));
-        GWA_LOG_FROM(ERROR, GWA_FILE_NAME, __LINE__, caller, "%s\n", line);
+        GWA_LOG_FOR(ERROR, caller, "%s", line);
     } else {
         snprintf(line, sizeof line, success, value);
-        GWA_LOG_FROM(INFO, GWA_FILE_NAME, __LINE__, caller, "%s\n", line);
+        GWA_LOG_FOR(INFO, caller, "%s", line);
     }
 }
 

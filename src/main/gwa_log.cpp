@@ -10,7 +10,6 @@
 #include "runtime/gwa_util_line.h"
 #include "runtime/gwa_util_lock.h"
 
-std::atomic<int32_t> gwa_log_on{1};
 std::atomic<int32_t> gwa_log_level{GWA_LEVEL_DEBUG};
 
 namespace {
@@ -55,15 +54,10 @@ int gwa_log_init(const char* path, bool background) {
 }
 
 int gwa_log_level_set(int level) {
-    if (level == GWA_LOG_OFF) {
-        gwa_log_on.store(0, std::memory_order_relaxed);
-        return 0;
-    }
-    if (level < GWA_LEVEL_FATAL || level > GWA_LEVEL_DEBUG) {
+    if (level < GWA_LOG_OFF || level > GWA_LEVEL_DEBUG) {
         return -1;
     }
     gwa_log_level.store(level, std::memory_order_relaxed);
-    gwa_log_on.store(1, std::memory_order_relaxed);
     return 0;
 }
 
@@ -71,9 +65,7 @@ int gwa_log_level_get(int* out) {
     if (out == nullptr) {
         return -1;
     }
-    *out = gwa_log_on.load(std::memory_order_relaxed) != 0
-               ? gwa_log_level.load(std::memory_order_relaxed)
-               : GWA_LOG_OFF;
+    *out = gwa_log_level.load(std::memory_order_relaxed);
     return 0;
 }
 
@@ -94,32 +86,33 @@ static bool stamped_line_begin() GWA_REQUIRES(log_lock) {
 }
 
 // "[gwad] file line function() <level> ", by hand: a busy trace spends most of its time here.
-static void place_add(const char* file, int line, const char* function, int level)
-    GWA_REQUIRES(log_lock) {
+static void place_add(const gwa_log_place& place) GWA_REQUIRES(log_lock) {
     char digits[] = "       ";  // of a line, between two blanks
     char* begin = &digits[sizeof digits - 2];
-    for (int left = line; left > 0 && begin > &digits[1]; left /= 10) {
+    for (int left = place.line; left > 0 && begin > &digits[1]; left /= 10) {
         *--begin = static_cast<char>('0' + left % 10);
     }
-    const char level_digit[] = {static_cast<char>('0' + level), '\0'};
-    const char* const pieces[] = {"[gwad] ", file, " ", begin, function, "() <", level_digit, "> "};
+    const char level_digit[] = {static_cast<char>('0' + place.level), '\0'};
+    const char* const pieces[] = {"[gwad] ",      place.file, " ",         begin,
+                                  place.function, "() <",     level_digit, "> "};
     for (const char* const piece : pieces) {
         gwa_line_add_text(&log_sink, piece);
     }
 }
 
-int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
-                  ...) {
+int gwa_log_write(const gwa_log_place* place, ...) {
+    if (!gwa_log_enabled(place->level)) {
+        return 0;
+    }
     const int reason = errno;  // callers go on to speak of it
-    const int level = line_and_level % GWA_LOG_LEVELS;
     const gwa_lock held(log_lock);
     if (stamped_line_begin()) {
-        place_add(file, line_and_level / GWA_LOG_LEVELS, function, level);
+        place_add(*place);
         va_list arguments;
-        va_start(arguments, format);
-        gwa_line_add_list(&log_sink, format, arguments);
+        va_start(arguments, place);
+        gwa_line_add_list(&log_sink, place->format, arguments);
         va_end(arguments);
-        if (gathering > 0 && level == GWA_LEVEL_DEBUG) {
+        if (gathering > 0 && place->level == GWA_LEVEL_DEBUG) {
             gwa_line_end_later(&log_sink);
         } else {
             gwa_line_end(&log_sink);

@@ -21,38 +21,65 @@
 #define GWA_LEVEL_INFO 6      // settings, sizes
 #define GWA_LEVEL_DEBUG 7     // traces
 
-constexpr int GWA_LOG_LEVELS = 8;
 constexpr int GWA_LOG_OFF = -1;  // as a level: writes nothing
 
-// Whether anything is written, and up to which level. Relaxed: each stands alone, and a line more
-// or less while the level changes harms nobody.
-extern std::atomic<int32_t> gwa_log_on;
+// What is written: lines up to this level, none when it is GWA_LOG_OFF. One number, because each of
+// hundreds of calls asks. Relaxed: it stands alone, and a line more or less while it changes harms
+// nobody.
 extern std::atomic<int32_t> gwa_log_level;
 
 inline bool gwa_log_enabled(int level) {
-    return gwa_log_on.load(std::memory_order_relaxed) != 0 &&
-           gwa_log_level.load(std::memory_order_relaxed) >= level;
+    return gwa_log_level.load(std::memory_order_relaxed) >= level;
 }
 
 // The name of a source file without its folders; compilers do the search. g++ has __FILE_NAME__
 // from version 12 on only.
 #define GWA_FILE_NAME (__builtin_strrchr("/" __FILE__, '/') + 1)
 
-// Writes one line; the level is tested before the arguments are formatted.
+// Writes one line; the level is tested before the arguments are formatted. Lines of errors and
+// above are seldom switched off: their level is tested inside, which saves that code in 250 places.
 #define GWA_LOG(level, text, ...) GWA_LOG_UNENDED(level, text "\n" __VA_OPT__(, ) __VA_ARGS__)
 
 // The same without the line end, for the texts that have none.
-#define GWA_LOG_UNENDED(level, text, ...) \
-    GWA_LOG_FROM(level, GWA_FILE_NAME, __LINE__, __func__, text __VA_OPT__(, ) __VA_ARGS__)
-
-// The same on behalf of a caller: for the lines about socket options, which name the login.
-#define GWA_LOG_FROM(level, file, line, function, text, ...)                         \
-    do {                                                                             \
-        if (gwa_log_enabled(GWA_LEVEL_##level)) {                                    \
-            gwa_log_write(file, (line)*GWA_LOG_LEVELS + GWA_LEVEL_##level, function, \
-                          text __VA_OPT__(, ) __VA_ARGS__);                          \
-        }                                                                            \
+#define GWA_LOG_UNENDED(level, text, ...)                                                     \
+    do {                                                                                      \
+        if (GWA_LEVEL_##level <= GWA_LEVEL_ERROR || gwa_log_enabled(GWA_LEVEL_##level)) {     \
+            static constexpr gwa_log_place gwa_place{GWA_FILE_NAME, __func__, text, __LINE__, \
+                                                     GWA_LEVEL_##level};                      \
+            gwa_log_write(&gwa_place __VA_OPT__(, ) __VA_ARGS__);                             \
+            GWA_LOG_CHECK(text __VA_OPT__(, ) __VA_ARGS__);                                   \
+        }                                                                                     \
     } while (0)
+
+// The same on behalf of a caller, with the line end: for the lines about socket options, which name
+// the login.
+#define GWA_LOG_FOR(level, caller, text, ...)                                             \
+    do {                                                                                  \
+        if (GWA_LEVEL_##level <= GWA_LEVEL_ERROR || gwa_log_enabled(GWA_LEVEL_##level)) { \
+            const gwa_log_place gwa_place{GWA_FILE_NAME, caller, text "\n", __LINE__,     \
+                                          GWA_LEVEL_##level};                             \
+            gwa_log_write(&gwa_place __VA_OPT__(, ) __VA_ARGS__);                         \
+            GWA_LOG_CHECK(text __VA_OPT__(, ) __VA_ARGS__);                               \
+        }                                                                                 \
+    } while (0)
+
+// What a call says whatever its arguments are: one address to hand over in each of hundreds of
+// calls, which is what keeps the program small.
+struct gwa_log_place {
+    const char* file;
+    const char* function;
+    const char* format;
+    int16_t line, level;
+};
+
+// Has the compiler compare format and arguments, which it would not do inside a structure.
+#define GWA_LOG_CHECK(...)              \
+    do {                                \
+        if (false) {                    \
+            gwa_log_check(__VA_ARGS__); \
+        }                               \
+    } while (0)
+void gwa_log_check(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Chooses the stream. No path: standard error, or "/tmp/gwad.log" in background mode; otherwise the
 // file is opened for appending. Before the first call lines go to standard error at level 7.
@@ -63,11 +90,8 @@ int gwa_log_level_set(int level);
 // Stores the level, or -1 while logging is off. -1: `out` is null.
 int gwa_log_level_get(int* out);
 // Writes the time stamp, the place ("[gwad] file line function() <level> ") and the formatted text
-// at once, so that the line survives a kill. One number for line and level, and no such prefix in
-// every format: with hundreds of calls that is what keeps the program small. Use GWA_LOG instead.
-// Always 0.
-int gwa_log_write(const char* file, int line_and_level, const char* function, const char* format,
-                  ...) __attribute__((format(printf, 4, 5)));
+// at once, so that the line survives a kill. Use GWA_LOG instead. Always 0.
+int gwa_log_write(const gwa_log_place* place, ...);
 // Exception 70: while one lives, traces (level 7) of all threads wait for its end, or for a line of
 // another level, and then reach the file by one write: for what is told of one event in many lines.
 // Nothing that could wait or end the process belongs in its block.
