@@ -17,6 +17,7 @@
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_http.h"
+#include "runtime/gwa_util_open.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {
@@ -189,7 +190,8 @@ static void gwa_http_get_file(const gwa_stream* stream, const char* uri) {
     const int file_size = known ? static_cast<int>(std::min<off_t>(file.st_size, INT32_MAX)) : 0;
     GWA_LOG(DEBUG, "file size %d", file_size);
     http_status status = HTTP_OK;
-    const scoped_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    // Another user may have made the folder, and put a link there to what only we may read.
+    const scoped_fd fd(gwa_open(path, O_RDONLY));
     if (fd.fd == -1) {
         status = errno == ENOENT ? HTTP_NOT_FOUND : HTTP_UNAVAILABLE;
         GWA_LOG(ERROR, "open diag file field, %s", path);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_file.h"
+#include "runtime/gwa_util_open.h"
 
 namespace {
 
@@ -149,7 +151,7 @@ static void background_enter() {
 // Kills whoever the pid file names: a survivor would fight us for the same device id. A file that
 // outlived a reboot may name the number that we have been given ourselves.
 static void predecessor_kill(const char* path, pid_t own) {
-    const scoped_fd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // a pipe must not hold us
+    const scoped_fd file(gwa_open(path, O_RDONLY));
     char text[PID_TEXT_MAX + 1] = "";
     const ssize_t length = read(file.fd, text, PID_TEXT_MAX);
     const int pid = length > 0 ? int_of(text) : 0;
@@ -204,8 +206,18 @@ static void signals_install() {
     sigprocmask(SIG_UNBLOCK, &ending, nullptr);
 }
 
+// Nobody else may write to what we make, our sockets and what the diagnostic leaves included,
+// whatever mask we were started with. One that takes more away is the operator's choice.
+static void others_shut_out() {
+    constexpr mode_t WRITING_OF_OTHERS = S_IWGRP | S_IWOTH;
+    umask(umask(WRITING_OF_OTHERS) | WRITING_OF_OTHERS);
+}
+
 static void log_start(const options& given) {
     if (gwa_log_init(given.log, given.background) != 0) {
+        if (errno == EPERM) {
+            fputs("the log is not written, it may be another user's trap\n", stderr);
+        }
         fputs("init log failed\n", stderr);
         gwa_process_exit(1);
     }
@@ -222,6 +234,7 @@ void args_parse(int argc, char* argv[]) {
     if (given.background) {
         background_enter();
     }
+    others_shut_out();
     gwa_print_init();                              // after daemon, which replaces standard output
     pid_file_replace(gwa_process_paths.pid_file);  // after daemon, which gives us a new number
     signals_install();

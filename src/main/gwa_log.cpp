@@ -9,6 +9,7 @@
 
 #include "runtime/gwa_util_line.h"
 #include "runtime/gwa_util_lock.h"
+#include "runtime/gwa_util_open.h"
 
 std::atomic<int32_t> gwa_log_level{GWA_LEVEL_DEBUG};
 
@@ -16,7 +17,6 @@ namespace {
 
 constexpr char BACKGROUND_LOG[] = "/tmp/gwad.log";  // fixed, not under the home directory
 constexpr size_t STAMP_SIZE = 64;
-constexpr mode_t FOR_EVERYBODY = 0666;  // less what the process's mask takes away
 
 gwa_mutex log_lock;
 // Holds every line but one that quotes an endless option (exception 64), and others before it.
@@ -28,12 +28,6 @@ time_t stamped GWA_GUARDED_BY(log_lock) = -1;  // the second of that
 int gathering GWA_GUARDED_BY(log_lock) = 0;    // gwa_log_gather that live
 
 }  // namespace
-
-// A file of our own, whatever it is: it neither blocks nor becomes the terminal that controls us.
-static int log_file_open(const char* path) {
-    return open(path, O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
-                FOR_EVERYBODY);
-}
 
 int gwa_log_init(const char* path, bool background) {
     if (path == nullptr || path[0] == '\0') {
@@ -47,7 +41,7 @@ int gwa_log_init(const char* path, bool background) {
         gwa_line_open(&log_sink, STDERR_FILENO);
     } else {
         log_sink.way = gwa_line_way::WRITE;
-        log_sink.fd = log_file_open(path);
+        log_sink.fd = gwa_open(path, O_RDWR | O_CREAT | O_APPEND, GWA_MODE_PRIVATE);
         log_sink.own = true;
     }
     return log_sink.fd == -1 ? -1 : 0;

@@ -83,7 +83,7 @@ void gwa_log_check(const char* format, ...) __attribute__((format(printf, 1, 2))
 
 // Chooses the stream. No path: standard error, or "/tmp/gwad.log" in background mode; otherwise the
 // file is opened for appending. Before the first call lines go to standard error at level 7.
-// -1: the file cannot be opened, and there is no stream.
+// -1: the file cannot be opened, errno says why as gwa_open does, and there is no stream.
 int gwa_log_init(const char* path, bool background);
 // -1 turns logging off and keeps the level; 0 to 7 turn it on. Anything else: -1, nothing changes.
 int gwa_log_level_set(int level);

@@ -11,6 +11,7 @@
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_types.h"
+#include "runtime/gwa_util_open.h"
 #include "runtime/gwa_util_socket.h"
 #include "runtime/gwa_util_time.h"
 
@@ -70,6 +71,7 @@ int dlna_status_socket_open() {
         GWA_LOG(ERROR, "bind failed, %s", strerror(errno));
         return -1;
     }
+    gwa_socket_admit_group(path.text);
     if (listen(fd.fd, BACKLOG) == -1) {
         GWA_LOG(ERROR, "listen failed, %s", strerror(errno));
         return -1;

@@ -9,6 +9,7 @@
 
 #include "devid.h"
 #include "main/gwa_log.h"
+#include "runtime/gwa_util_open.h"
 
 const char PORT_INFO_PATH[] = "/tmp/mko_port_gwad.sock";
 
@@ -42,6 +43,7 @@ static int port_info_socket_init(const char* path) {
         GWA_LOG(ERROR, "init port info failed");
         return -1;
     }
+    gwa_socket_admit_group(path);
     GWA_LOG(INFO, "init port info success");
     return fd;
 }

@@ -6,12 +6,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <string_view>
 
 #include "main/gwa_log.h"
 #include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_types.h"
+#include "runtime/gwa_util_open.h"
 
 namespace {
 
@@ -88,8 +90,11 @@ int gwa_fwver_get(const char* path, gwa_firmware_value& version, gwa_firmware_va
 }
 
 int gwa_file_replace(const char* path) {
-    constexpr mode_t FOR_EVERYBODY = 0666;  // less what the process's mask takes away
-    return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, FOR_EVERYBODY);
+    const int fd = gwa_open(path, O_WRONLY | O_CREAT | O_TRUNC, GWA_MODE_FOR_READERS);
+    if (fd == -1 && errno == EPERM) {
+        GWA_LOG(ERROR, "%s is not written, it may be another user's trap", path);
+    }
+    return fd;
 }
 
 int gwa_file_write(const char* path, const void* data, size_t length) {

@@ -13,7 +13,8 @@ using gwa_firmware_value = char[GWA_FIRMWARE_VALUE_SIZE + 1];
 int gwa_fwver_get(const char* path, gwa_firmware_value& version, gwa_firmware_value& component,
                   gwa_firmware_value& terminal);
 
-// Opens a file, emptied or new, for writing; the descriptor is the caller's. -1: errno says why.
+// Opens a file, emptied or new and then for everybody to read, for writing; the descriptor is the
+// caller's. -1: errno says why, and that it may be another user's trap (gwa_util_open.h) is logged.
 // Neither this nor a write to it ever waits, should a pipe without a reader bear the name.
 int gwa_file_replace(const char* path);
 // Replaces a file's content. 0, or -1 when it cannot be opened.

@@ -103,10 +103,21 @@ TEST_F(Arguments, GoToTheBackgroundWithOneMessage) {
     EXPECT_EQ(program.wait(), 0);
     EXPECT_EQ(program.output(), "the home dir is " + home.path + "\n");
     EXPECT_NE(file_read(pid_file), std::to_string(program.pid())) << "written before the fork";
-    for (const std::string& path : {log, pid_file}) {
+    for (const auto& [path, mode] : {std::pair{log, 0640U}, {pid_file, 0644U}}) {
         struct stat file {};
         stat(path.c_str(), &file);
-        EXPECT_EQ(file.st_mode & 07777, 0666U) << path << " is not for everybody to read";
+        EXPECT_EQ(file.st_mode & 07777, mode) << path;
+    }
+}
+
+TEST_F(Arguments, LeaveNobodyElseTheRightToWrite) {
+    for (const auto& [given, kept] : {std::pair{0U, 022U}, {077U, 077U}}) {
+        child program([&] {
+            umask(given);
+            parse({"-H", home.path, "-l", log, "-r", "127.0.0.1", "-i", "lo", "-I", "box"});
+            _exit(umask(0) == kept ? child::RETURNED : 1);
+        });
+        EXPECT_EQ(program.wait(), child::RETURNED);
     }
 }
 
