@@ -10,6 +10,10 @@ include(CheckLinkerFlag)
 
 set(GWAD_STACK_PROTECTOR "-fstack-protector-strong" CACHE STRING "which frames have a guard, or nothing")
 
+# What is read-only after the start (relro) ends with a page, up to which the file is filled: with the
+# 64 KB that pages may have on MIPS, by 33 KB.
+set(GWAD_PAGE_SIZE "" CACHE STRING "the largest pages, in bytes, that the kernel may have; empty: the processor's largest")
+
 # harden(COMPILE|LINK OPTION): for all that is built from here on.
 function(harden kind option)
     string(MAKE_C_IDENTIFIER "GWAD_HAS${option}" known)
@@ -34,6 +38,9 @@ if(CMAKE_BUILD_TYPE STREQUAL Release)
         harden(COMPILE "${GWAD_STACK_PROTECTOR}")
     endif()
     harden(LINK "-Wl,-z,relro")
+    if(GWAD_PAGE_SIZE)
+        harden(LINK "-Wl,-z,max-page-size=${GWAD_PAGE_SIZE}")
+    endif()
     harden(LINK "-Wl,-z,now")
     # Kernels for MIPS before 4.8 run pieces of code on the stack when they emulate floating point: who
     # has such a one asks the linker for execstack.

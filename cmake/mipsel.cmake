@@ -9,9 +9,7 @@ set(CMAKE_C_COMPILER mipsel-linux-gnu-gcc)
 # itself (not its stack, heap and libraries) has the same addresses in every process.
 set(CMAKE_CXX_FLAGS_INIT "-fno-pic -fno-pie -mno-shared -mplt")
 # The linker would begin the data at a page of its own in the file, too; the memory is the same.
-# What is read-only after the start (relro) ends with a page. With the 64 KB that this processor's
-# pages may have at most, the file would be 33 KB larger; the box has pages of 4 KB.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-no-pie -Wl,-z,common-page-size=16 -Wl,-z,max-page-size=4096")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-no-pie -Wl,-z,common-page-size=16")
 set(CMAKE_FIND_ROOT_PATH /usr/mipsel-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
