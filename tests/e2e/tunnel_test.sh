@@ -12,6 +12,7 @@ gwad=$1 gwrelay=$2
 
 # On a network of its own where the machine allows it; what is left running ends with it.
 if [ -z "${GWAD_TEST_ISOLATED-}" ]; then
+    # shellcheck disable=SC2016
     for user in --pid --map-root-user; do
         ! unshare --fork --kill-child --pid --net --mount-proc "$user" true 2>/dev/null ||
             GWAD_TEST_ISOLATED=1 exec unshare --fork --kill-child --pid --net --mount-proc "$user" \
@@ -20,7 +21,15 @@ if [ -z "${GWAD_TEST_ISOLATED-}" ]; then
 fi
 
 work=$(mktemp -d)
-trap 'status=$?; kill $(jobs -p) 2>/dev/null || true; wait; rm -rf "$work"; exit $status' EXIT
+at_exit() {
+    local status=$?
+    # shellcheck disable=SC2046
+    kill $(jobs -p) 2>/dev/null || true
+    wait
+    rm -rf "$work"
+    exit "$status"
+}
+trap at_exit EXIT
 trap 'exit 1' INT TERM
 
 fail() {
@@ -101,6 +110,8 @@ grep -q '^CapEff:[[:space:]]0*$' "/proc/$gwad_pid/status" || fail "gwad has capa
 peers=$(sed -n 's/.*: [0-9A-F:]* \([0-9A-F]*\):[0-9A-F]* 01 .*/\1/p' "/proc/$gwad_pid/net/tcp" | sort -u)
 [[ $peers = *0200007F* ]] || fail "gwad has no connection to its end of the tunnel: $peers"
 
+wait_for [ -s "$work/home/tmp/session.id" ]
+wait_for [ -S "$work/home/tmp/dlna.sock" ]
 # Nobody else may write, although the mask would let everybody.
 modes=$(cd "$work/home" && stat -c '%a %n' log tmp/gwad.pid tmp/session.id tmp/dlna.sock)
 [ "$modes" = "640 log
