@@ -141,6 +141,7 @@ TEST_F(Requests, ForTheDiagnosticGetItsFileInFrames) {
     file_write(home.path + "/secret", "secret");
     chmod(folder.c_str(), 0777);  // so anybody may have put the link there
     EXPECT_EQ(reply_to(debug_request(5, "diag")), diagnostic_head("503 Gateway Internal Error", 6));
+    chmod(folder.c_str(), 0755);
     fs::remove(file);
     fs::create_directory(file);  // can be opened, has a size, and cannot be read
     fs::create_directory(file + "/some");
