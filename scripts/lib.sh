@@ -131,8 +131,34 @@ relay_port() {
 # The sanitizers of this compiler cannot place their shadow memory when the kernel spreads addresses
 # over 32 bits, as newer ones do. A container may forbid to switch that off; then it must do as is.
 plainly() { "$@"; }
-if setarch "$(uname -m)" --addr-no-randomize true 2>/dev/null; then
-    in_fixed_places() { setarch "$(uname -m)" --addr-no-randomize "$@"; }
-else
-    in_fixed_places() { "$@"; }
-fi
+fixed_places=(setarch "$(uname -m)" --addr-no-randomize)
+"${fixed_places[@]}" true 2>/dev/null || fixed_places=()
+in_fixed_places() { "${fixed_places[@]}" "$@"; }
+
+# can_be_alone: whether this machine allows what `alone` makes of it. A user who is not root keeps his
+# number in there, as servers want to be the user they are.
+alone_machine=(unshare --fork --kill-child --pid --net --mount-proc)
+[ "$(id -u)" -eq 0 ] || alone_machine+=(--user --map-current-user --keep-caps)
+can_be_alone() { "${alone_machine[@]}" true 2>/dev/null; }
+
+# alone COMMAND...: on a network and with process numbers of its own where the machine allows it, in a
+# session of its own in any case. The command is the first process in there and the parent of all: the
+# shell replaces itself. Whoever calls this calls alone_end at exit.
+alone_pid=""
+alone() {
+    local set_up="PATH=\$PATH:/usr/sbin:/sbin; ip link set lo up; exec \"\$@\""
+    if can_be_alone; then
+        setsid "${alone_machine[@]}" sh -c "$set_up" sh "$@" &
+    else
+        setsid "$@" &
+    fi
+    alone_pid=$!
+    wait "$alone_pid"
+}
+
+alone_end() {
+    if [ -n "$alone_pid" ]; then
+        kill -KILL -- "-$alone_pid" 2>/dev/null || true
+        wait "$alone_pid" 2>/dev/null || true
+    fi
+}
