@@ -26,8 +26,9 @@ class Faults:
              "daemon told to end": (1, 15), "daemon stopped": (1, 10), "relay gone mad": (2, 35)}
     LONG = "link silent for long"
 
-    def __init__(self, run):
+    def __init__(self, run, only):
         self.run, self.programs, self.random = run, run.programs, run.random
+        self.only = only
         self.periods = []   # of all faults: from when until when users may have been cut off
         self.active = False
         self.figures = {}   # by kind: each time in s from the fault, and from its end
@@ -50,6 +51,8 @@ class Faults:
         return self.active or any(until >= since for _, until in self.periods)
 
     def next_kind(self):
+        if self.only:
+            return self.only
         if not self.deck:
             self.deck = [kind for kind, (times, _) in self.KINDS.items() for _ in range(times)
                          if kind != self.LONG or self.run.seconds >= 180]

@@ -35,6 +35,7 @@ def arguments():
     parser.add_argument("--programs", required=True, help="the folder of gwad and gwrelay")
     parser.add_argument("--minutes", type=float, required=True)
     parser.add_argument("--seed", type=int, required=True)
+    parser.add_argument("--only", choices=Faults.KINDS, help="no other fault")
     parser.add_argument("--load", choices=("full", "light"), required=True)
     return parser.parse_args()
 
@@ -57,7 +58,7 @@ class Run:
         self.up = self.down = 0
         self.services = Services(self)
         self.programs = Programs(self, os.path.abspath(options.programs))
-        self.faults = Faults(self)
+        self.faults = Faults(self, options.only)
         self.rest = Rest(self)
 
     @staticmethod
