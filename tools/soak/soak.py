@@ -55,7 +55,7 @@ class Run:
         self.failures, self.streams = [], 0
         self.stopping = False
         self.done, self.cut = collections.Counter(), collections.Counter()
-        self.up = self.down = 0
+        self.up = self.down = self.slow_users = 0
         self.services = Services(self)
         self.programs = Programs(self, os.path.abspath(options.programs))
         self.faults = Faults(self, options.only)
@@ -98,6 +98,14 @@ class Run:
 
     def count_down(self, size):
         self.down += size
+
+    @contextlib.contextmanager
+    def slow_user(self):
+        self.slow_users += 1
+        try:
+            yield
+        finally:
+            self.slow_users -= 1
 
     def did(self, wish):
         self.done[wish] += 1

@@ -8,6 +8,7 @@ from pattern import WrongBytes, check
 from services import PIECE, head_of, reset, send_pattern, take_pattern
 
 REQUEST_LIMIT_S = 60  # beyond it a request hangs
+SLOW_USERS = 4        # at once: each may hold back one of the five data connections
 LEAVE_S = 3           # the most that somebody waits for a service that never gets on
 PAUSE_S = 0.3         # after a connection that did not last
 SLOW_BYTES, SLOW_S, SLOW_LIMIT_S = 8 << 10, 0.1, 15
@@ -46,7 +47,8 @@ class User:
                 self.run.fail(str(wrong))
 
     def wish(self):
-        return self.random.choices(list(WISHES), WISHES.values())[0]
+        wish = self.random.choices(list(WISHES), WISHES.values())[0]
+        return "down" if wish == "slow" and self.run.slow_users >= SLOW_USERS else wish
 
     def size(self, most=None):
         """Of all magnitudes alike."""
@@ -156,7 +158,7 @@ class User:
         stream, got, limit = self.run.stream(), 0, self.run.now() + SLOW_LIMIT_S
         self.request(writer, "flood", stream, 0)
         await self.answer(reader)
-        with contextlib.suppress(OSError):
+        with contextlib.suppress(OSError), self.run.slow_user():
             while self.run.now() < limit and (piece := await reader.read(SLOW_BYTES)):
                 check(stream, got, piece, "at a slow user")
                 got += len(piece)
