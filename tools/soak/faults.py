@@ -3,6 +3,7 @@
 import asyncio
 import contextlib
 import fcntl
+import math
 import os
 import signal
 import struct
@@ -13,6 +14,7 @@ INIT_SCRIPT = "/etc/init.d/gwadsh"
 HOLE, HOLE_TABLE = "hole0", 50
 TUNSETIFF, IFF_TUN, IFF_NO_PI = 0x400454ca, 0x0001, 0x1000
 NOTICED_S = 15           # for the daemon to see that its network has changed
+GIVE_UP_S = 60           # the most that a connection stays on which nothing is acknowledged
 PROBE_S, PROBE_PAUSE_S, PROBE_BYTES = 2, 0.1, 1000
 WHOLE_S = 30             # from the first byte to the last data connection
 
@@ -30,6 +32,7 @@ class Faults:
         self.run, self.programs, self.random = run, run.programs, run.random
         self.only = only
         self.periods = []   # of all faults: from when until when users may have been cut off
+        self.silences = []  # the long ones: until when connections may stand still
         self.active = False
         self.figures = {}   # by kind: each time in s from the fault, and from its end
         self.deck = []
@@ -49,6 +52,10 @@ class Faults:
     def disturbed(self, since):
         """Whether a fault explains what has happened since then."""
         return self.active or any(until >= since for _, until in self.periods)
+
+    def was_silent(self, since):
+        """Whether the link has been silent for long since then."""
+        return self.silences and self.silences[-1] >= since
 
     def next_kind(self):
         if self.only:
@@ -130,7 +137,13 @@ class Faults:
         return await self.silent(0.5 + self.random.random() * 10)
 
     async def link_silent_for_long(self, _):
-        return await self.silent(40 + self.random.random() * 40)
+        """Each connection goes on or gives up in its own time, long after the first that does."""
+        seconds = 40 + self.random.random() * 40
+        self.silences.append(math.inf)
+        told = await self.silent(seconds)
+        self.silences[-1] = self.run.now() + max(seconds, GIVE_UP_S)
+        self.periods.append((0, self.silences[-1]))
+        return told
 
     async def noticed(self, *commands):
         """The daemon restarts by itself, through an init script or without one."""

@@ -20,7 +20,7 @@ from processes import Programs
 from programs import free_port
 from services import PIECE, Services, head_of
 from rest import Rest
-from users import REQUEST_LIMIT_S, User
+from users import REQUEST_LIMIT_S, Hung, User
 
 CALM_S = (1, 6)     # between two faults
 LAST_FAULT_S = 15   # of a run, without a new one
@@ -112,7 +112,8 @@ class Run:
 
     def broke(self, wish, began, why):
         self.cut[wish] += 1
-        if not self.faults.disturbed(began):
+        explained = self.faults.was_silent if isinstance(why, Hung) else self.faults.disturbed
+        if not explained(began):
             self.fail(f"a user's {wish}, after {self.now() - began:.1f} s, without a fault: {why!r}")
 
     @contextlib.contextmanager

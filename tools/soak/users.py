@@ -22,6 +22,10 @@ class Cut(Exception):
     """A response is not what it should be, or not whole."""
 
 
+class Hung(Exception):
+    """A request has come to no end. Most faults cut it, and none lasts that long but silence."""
+
+
 class User:
     def __init__(self, run, seed):
         self.run = run
@@ -37,14 +41,21 @@ class User:
                     goes_on = True
                     while goes_on and not self.run.stopping and self.random.random() > 0.1:
                         wish, began = self.wish(), self.run.now()
-                        async with asyncio.timeout(REQUEST_LIMIT_S):
-                            goes_on = await getattr(self, wish)(reader, writer)
+                        goes_on = await self.within_limit(getattr(self, wish)(reader, writer))
                         self.run.did(wish)
-            except (Cut, OSError, EOFError, TimeoutError) as why:
+            except (Cut, Hung, OSError, EOFError) as why:
                 self.run.broke(wish, began, why)
                 await asyncio.sleep(PAUSE_S)
             except WrongBytes as wrong:
                 self.run.fail(str(wrong))
+
+    @staticmethod
+    async def within_limit(request):
+        try:
+            async with asyncio.timeout(REQUEST_LIMIT_S):
+                return await request
+        except TimeoutError:
+            raise Hung(f"nothing more after {REQUEST_LIMIT_S} s") from None
 
     def wish(self):
         wish = self.random.choices(list(WISHES), WISHES.values())[0]
