@@ -9,17 +9,20 @@ from relay import DATA, HEADER, LOGIN_ANSWER, PAYLOAD_MAX, frame
 CLOSE, NEW_DATA, DATA_CONNECTIONS = 6, 7, 5
 # Both end the daemon by design: such a relay is broken for good.
 ORDER_MAX, LOGIN_ANSWER_MAX = 127, 1007
+# The daemon takes what is no frame there for headers, some hundred a second; what waits beyond that
+# would have to be taken before the real relay is.
+CONTROL_PAYLOAD_MAX = 64
 PAUSE_S = 0.2
 
 
-def mad_frame(dice, box, port):
-    """Mostly what a relay could send: what cannot be a frame at all ends the connection."""
+def mad_frame(dice, box, port, most):
+    """Mostly what a relay could send: what cannot be a frame at all ends a data connection."""
     kind = dice.random()
     if kind < 0.4:
         request = f"GET /mute/0/0?x-qv-devid={box}&x-qv-port={port} HTTP/1.1\r\n\r\n".encode()
         return frame(DATA, dice.randrange(1 << 32), request[:dice.randrange(len(request) + 40)])
     if kind < 0.7:
-        return frame(DATA, dice.randrange(8), dice.randbytes(dice.randrange(PAYLOAD_MAX + 1)))
+        return frame(DATA, dice.randrange(8), dice.randbytes(dice.randrange(most + 1)))
     if kind < 0.9:
         command = dice.choice([command for command in range(1, 13) if command not in (CLOSE, NEW_DATA)])
         return frame(command, dice.randrange(8), dice.randbytes(dice.choice([0, 4, 8, 32, 200])),
@@ -67,22 +70,22 @@ class Rogue:
         order = f'host1host2host3host4host5 "{self.run.address}" port1port2port3port4port5 '
         writer.write(frame(LOGIN_ANSWER, 0, (order + f'"{self.run.ports["data"]}"').encode(), 2, 1))
         await asyncio.sleep(DATA_CONNECTIONS)
-        await self.rave(reader, writer)
+        await self.rave(reader, writer, CONTROL_PAYLOAD_MAX)
 
     async def data(self, reader, writer):
         await self.login(reader)
         writer.write(frame(LOGIN_ANSWER, 0, b"", 1, 1))
-        await self.rave(reader, writer)
+        await self.rave(reader, writer, PAYLOAD_MAX)
 
     async def login(self, reader):
         length = HEADER.unpack(await reader.readexactly(HEADER.size))[-1]
         await reader.readexactly(length)
 
-    async def rave(self, reader, writer):
+    async def rave(self, reader, writer, most):
         swallow = asyncio.ensure_future(self.swallow(reader))
         try:
             while not swallow.done():
-                many = b"".join(mad_frame(self.dice, self.run.box, self.run.services.port)
+                many = b"".join(mad_frame(self.dice, self.run.box, self.run.services.port, most)
                                 for _ in range(self.dice.randrange(1, 20)))
                 self.frames += 1
                 cut = self.dice.randrange(len(many) + 1)

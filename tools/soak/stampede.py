@@ -24,6 +24,7 @@ RESTART_S, RETRY_S, ORDER_S = 2, 10, 1
 CONNECT_S, ANSWER_S = 10, 60
 HEARTBEAT_S = 60
 LIMIT_S = 60            # until all are back
+DESCRIPTORS = 1024
 AWAY_S = (0, 7)         # of the relay: at once, and so that all have found nobody
 ECHO = b"HTTP/1.1 200 OK\r\nContent-Type:text/plain\r\nContent-Length:%d\r\n\r\n%b"
 
@@ -139,9 +140,7 @@ class Box:
 
     async def relay(self, reader, writer, is_control):
         """Until the end of the connection. The first heartbeat of a control connection is early."""
-        number, wait_s = 0, 0 if is_control else HEARTBEAT_S
-        beats = self.beat(writer, wait_s)
-        beating = asyncio.ensure_future(beats)
+        beating = asyncio.ensure_future(self.beat(writer, 0 if is_control else HEARTBEAT_S))
         try:
             while True:
                 command, stream, payload = await self.read(reader)
@@ -163,6 +162,12 @@ class Box:
         return ECHO % (len(body), body)
 
 
+def usual_descriptors():
+    """What a program starts with, when nobody has raised it: the relay has to."""
+    resource.setrlimit(resource.RLIMIT_NOFILE,
+                       (DESCRIPTORS, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
+
+
 class Stampede:
     def __init__(self, options):
         self.work, self.devices = options.work, options.devices
@@ -172,7 +177,8 @@ class Stampede:
 
     async def relay_start(self):
         ports = [word for name, port in self.ports.items() for word in (f"--{name}-port", port)]
-        self.relay = start(self.work, "gwrelay", self.program, "-q", *ports)
+        self.relay = start(self.work, "gwrelay", self.program, "-q", *ports,
+                           preexec_fn=usual_descriptors)
         await self.until("the relay", lambda: "front=" in open(self.relay.output).read(), LIMIT_S)
 
     async def until(self, what, question, limit_s):
