@@ -72,7 +72,8 @@ class Faults:
         what, mended = await getattr(self, kind.replace(" ", "_"))(kind)
         limit_s = self.KINDS[kind][1] * self.run.patience
         served = await self.until(self.serves, mended + limit_s)
-        whole = served and await self.until(self.run.is_whole, self.run.now() + WHOLE_S * self.run.patience)
+        whole = served and await self.until(self.run.is_whole,
+                                            self.run.now() + WHOLE_S * self.run.patience)
         now = self.run.now()
         self.periods.append((began, now))
         self.active = False
@@ -82,7 +83,8 @@ class Faults:
                              "its data connections do not come back"))
             return
         self.figures.setdefault(kind, []).append((served - began, max(served - mended, 0)))
-        self.run.say(f"{kind}: {what}; served after {served - began:.1f} s, whole after {now - began:.1f} s")
+        self.run.say(f"{kind}: {what}; served after {served - began:.1f} s, "
+                     f"whole after {now - began:.1f} s")
 
     async def until(self, question, limit):
         """When the answer was yes, or 0."""
@@ -128,7 +130,8 @@ class Faults:
         return await self.stopped("gwad")
 
     async def silent(self, seconds):
-        await self.programs.command(f"ip rule add pref 50 to {self.run.address} lookup {HOLE_TABLE}")
+        into_the_hole = f"pref 50 to {self.run.address} lookup {HOLE_TABLE}"
+        await self.programs.command(f"ip rule add {into_the_hole}")
         await asyncio.sleep(seconds)
         await self.programs.command("ip rule del pref 50")
         return f"for {seconds:.1f} s", self.run.now()

@@ -1,5 +1,7 @@
-"""The programs of a run: started, watched, and each of their ends accounted for. This process is the
-first of its machine, so those come here too whose parent has ended, as a daemon's that restarts."""
+"""The programs of a run: started, watched, and each of their ends accounted for.
+
+This process is the first of its machine, so those come to it too whose parent has ended, such as a
+daemon that has restarted."""
 
 import asyncio
 import collections

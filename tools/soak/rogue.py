@@ -3,12 +3,12 @@ relay sends them, in pieces, and connections that end anywhere."""
 
 import asyncio
 import contextlib
+import random
 
 from relay import DATA, HEADER, LOGIN_ANSWER, PAYLOAD_MAX, frame
 
 CLOSE, NEW_DATA, DATA_CONNECTIONS = 6, 7, 5
-# Both end the daemon by design: such a relay is broken for good.
-ORDER_MAX, LOGIN_ANSWER_MAX = 127, 1007
+ORDER_MAX = 127  # a longer one ends the daemon by design
 # The daemon takes what is no frame there for headers, some hundred a second; what waits beyond that
 # would have to be taken before the real relay is.
 CONTROL_PAYLOAD_MAX = 64
@@ -24,7 +24,7 @@ def mad_frame(dice, box, port, most):
     if kind < 0.7:
         return frame(DATA, dice.randrange(8), dice.randbytes(dice.randrange(most + 1)))
     if kind < 0.9:
-        command = dice.choice([command for command in range(1, 13) if command not in (CLOSE, NEW_DATA)])
+        command = dice.choice([each for each in range(1, 13) if each not in (CLOSE, NEW_DATA)])
         return frame(command, dice.randrange(8), dice.randbytes(dice.choice([0, 4, 8, 32, 200])),
                      dice.randrange(1, 4), dice.randrange(2))
     if kind < 0.95:
@@ -34,7 +34,7 @@ def mad_frame(dice, box, port, most):
 
 class Rogue:
     def __init__(self, run):
-        self.run, self.dice = run, run.random
+        self.run, self.dice = run, random.Random(run.random.random())  # how often depends on time
         self.frames, self.tasks = 0, set()
 
     async def rage(self, seconds):

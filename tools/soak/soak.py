@@ -50,8 +50,9 @@ class Run:
         self.users, self.largest = (8, 1 << 20) if light else (24, 4 << 20)
         self.patience, self.spare_kb = (2, 16 * SPARE_KB) if light else (1, SPARE_KB)
         self.random = random.Random(self.seed)
-        self.ports = dict(zip(PORTS, self.free_ports(len(PORTS))))
-        self.front_port, self.closed_port = self.ports["front"], self.free_ports(1)[0]
+        *ports, self.closed_port = self.free_ports(len(PORTS) + 1)
+        self.ports = dict(zip(PORTS, ports))
+        self.front_port = self.ports["front"]
         self.failures, self.streams = [], 0
         self.stopping = False
         self.done, self.cut = collections.Counter(), collections.Counter()
@@ -114,7 +115,8 @@ class Run:
         self.cut[wish] += 1
         explained = self.faults.was_silent if isinstance(why, Hung) else self.faults.disturbed
         if not explained(began):
-            self.fail(f"a user's {wish}, after {self.now() - began:.1f} s, without a fault: {why!r}")
+            time_s = self.now() - began
+            self.fail(f"a user's {wish}, after {time_s:.1f} s, without a fault: {why!r}")
 
     @contextlib.contextmanager
     def guarded(self):
@@ -217,18 +219,19 @@ def table(run):
     print("| Users' wishes | done | cut |\n|---|--:|--:|")
     for wish in sorted(run.done | run.cut):
         print(f"| {wish} | {run.done[wish]} | {run.cut[wish]} |")
-    print("\n| Fault | times | served again: longest after it began | after it was over | stated |\n"
-          "|---|--:|--:|--:|--:|")
+    print("\n| Fault | times | served again: longest after it began | after it was over | stated "
+          "|\n|---|--:|--:|--:|--:|")
     for kind, times in sorted(run.faults.figures.items()):
-        print(f"| {kind} | {len(times)} | {max(began for began, _ in times):.1f} s | "
-              f"{max(over for _, over in times):.1f} s | "
+        began_s, over_s = map(max, zip(*times))
+        print(f"| {kind} | {len(times)} | {began_s:.1f} s | {over_s:.1f} s | "
               f"{run.faults.KINDS[kind][1] * run.patience} s |")
     print("\n| Program | starts | processor | memory: before, at the end, most | "
           "descriptors: before, at the end, most | threads |\n|---|--:|--:|--:|--:|--:|")
     for name, each in run.programs.figures.items():
-        (descriptors, kb), (descriptors_now, kb_now) = run.rest.before[name], run.rest.after[name]
-        print(f"| {name} | {each.starts} | {each.cpu_s():.1f} s | {kb}, {kb_now}, {each.peak_kb} KB | "
-              f"{descriptors}, {descriptors_now}, {each.most_descriptors} | {each.most_threads} |")
+        (before, before_kb), (after, after_kb) = run.rest.before[name], run.rest.after[name]
+        print(f"| {name} | {each.starts} | {each.cpu_s():.1f} s "
+              f"| {before_kb}, {after_kb}, {each.peak_kb} KB "
+              f"| {before}, {after}, {each.most_descriptors} | {each.most_threads} |")
 
 
 def main():

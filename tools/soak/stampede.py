@@ -1,8 +1,8 @@
-"""A relay that restarts gets all its boxes back at once: see scripts/soak --stampede, which calls this.
+"""A relay that restarts gets all its boxes back at once: see scripts/soak, which calls this.
 
-Many boxes in one process speak the daemon's side of the wire and keep its pauses: 2 s before a process
-that has restarted begins, 10 s after nobody was found, a second between the orders to the data
-connections. All of them lose the relay in the same moment, so all come back in the same one."""
+Many boxes in one process speak the daemon's side of the wire and keep its pauses: 2 s before a
+process that has restarted begins, 10 s after nobody was found, a second between the orders to the
+data connections. All lose the relay in the same moment, so all come back in the same one."""
 
 import argparse
 import asyncio
@@ -212,8 +212,9 @@ class Stampede:
         slowest_s = await self.requests()
         failed = sum(self.crowd.vain.values())
         self.bad = self.bad or failed > 0
-        print(f"| {what} | {boxes_s:.1f} s | {all_s:.1f} s | {failed} | {slowest_s * 1000:.0f} ms | "
-              f"{tree_cpu_s(self.relay.pid):.1f} s | {peak_kb(self.relay) >> 10} MB |", flush=True)
+        print(f"| {what} | {boxes_s:.1f} s | {all_s:.1f} s | {failed} "
+              f"| {slowest_s * 1000:.0f} ms | {tree_cpu_s(self.relay.pid):.1f} s "
+              f"| {peak_kb(self.relay) >> 10} MB |", flush=True)
         for why, times in self.crowd.vain.items():
             print(f"    {times} times {why}", file=sys.stderr)
 
@@ -239,8 +240,9 @@ class Stampede:
 
     async def run(self):
         print(f"{self.devices} boxes, {self.devices * DATA_CONNECTIONS} data connections\n\n"
-              "| The relay | boxes logged in after | all connections after | failed | slowest of a "
-              "request each | relay's processor | memory |\n|---|--:|--:|--:|--:|--:|--:|", flush=True)
+              "| The relay | boxes logged in after | all connections after | failed "
+              "| slowest of a request each | its processor | its memory |\n"
+              "|---|--:|--:|--:|--:|--:|--:|", flush=True)
         boxes = [asyncio.ensure_future(Box(self.crowd, number).live())
                  for number in range(self.devices)]
         await self.row("starts", RESTART_S)
