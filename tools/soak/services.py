@@ -13,6 +13,7 @@ LENGTH = OK + b"Content-Length: %d\r\n\r\n"
 SWITCHED = b"HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nUpgrade: soak\r\n\r\n"
 FOREVER = 1 << 40
 TRICKLE_BYTES, TRICKLE_S = 700, 0.02
+SIP_S = 0.3
 MUTE_S = 60
 
 
@@ -113,6 +114,11 @@ class Services:
             return False
         writer.write(LENGTH % 0)
         return True
+
+    async def sip(self, reader, writer, stream, size, length):
+        """Takes a body late, so that much of it waits at the daemon."""
+        await asyncio.sleep(SIP_S)
+        return await self.up(reader, writer, stream, size, length)
 
     async def deaf(self, _reader, _writer, _stream, _size, _length):
         """Takes nothing of a body."""

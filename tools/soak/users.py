@@ -15,7 +15,7 @@ SLOW_BYTES, SLOW_S, SLOW_LIMIT_S = 8 << 10, 0.1, 15
 
 # What users do, and how often.
 WISHES = {"down": 30, "chunked": 10, "up": 20, "both": 10, "echo": 5, "refused": 5, "trickle": 5,
-          "unending": 1, "leave": 8, "slow": 3, "mute": 2, "deaf": 2, "reset": 3}
+          "sip": 5, "unending": 1, "leave": 8, "slow": 3, "mute": 2, "deaf": 2, "reset": 3}
 
 
 class Cut(Exception):
@@ -117,12 +117,18 @@ class User:
             raise Cut("more than there should be")
         return False
 
-    async def up(self, reader, writer):
-        stream, size = self.run.stream(), self.size()
-        self.request(writer, "up", stream, size, f"Content-Length: {size}\r\n", "POST")
+    async def post(self, reader, writer, kind, size):
+        stream = self.run.stream()
+        self.request(writer, kind, stream, size, f"Content-Length: {size}\r\n", "POST")
         await send_pattern(writer, stream, size)
         headers = await self.answer(reader)
         return headers.get(b"connection") != b"close"
+
+    async def up(self, reader, writer):
+        return await self.post(reader, writer, "up", self.size())
+
+    async def sip(self, reader, writer):
+        return await self.post(reader, writer, "sip", self.run.largest)
 
     async def both(self, reader, writer):
         stream, size = self.run.stream(), self.size()
