@@ -49,7 +49,7 @@ class Rest:
             if each.descriptors > descriptors:
                 left.append(f"{name}: {each.descriptors} descriptors, not {descriptors}: "
                             + self.run.programs.descriptors(name))
-            if each.kb > kb + self.run.spare_kb:
+            if each.kb > kb + self.run.spare_kb[name]:
                 left.append(f"{name}: {each.kb} KB, {kb} before the first user")
         return left
 
