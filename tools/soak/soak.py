@@ -25,9 +25,9 @@ from users import REQUEST_LIMIT_S, Hung, User
 CALM_S = (1, 6)     # between two faults
 LAST_FAULT_S = 15   # of a run, without a new one
 STATUS_S = 5
-# What a program may keep over its memory at the start. The relay's heap has holes after many users;
+# What a program may keep over its memory at the start: a heap has holes after many users, and
 # a sanitizer keeps what has been freed.
-SPARE_KB = {"gwad": 8 << 10, "gwrelay": 32 << 10}
+SPARE_KB = {"gwad": 16 << 10, "gwrelay": 32 << 10}
 PORTS = ("manager", "control", "data", "front")
 
 
