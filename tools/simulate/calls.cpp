@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdarg>
 
@@ -22,6 +23,7 @@ ssize_t __real_readv(int fd, const iovec* pieces, int count);
 ssize_t __real_send(int fd, const void* buffer, size_t length, int flags);
 ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
+int __real_getsockopt(int fd, int level, int name, void* value, socklen_t* size);
 int __real_epoll_ctl(int epfd, int operation, int fd, epoll_event* event);
 
 void* __real_malloc(size_t size);
@@ -29,6 +31,9 @@ void __real_free(void* block);
 
 // Whatever the daemon allocates comes from here, and nothing of ours does.
 void* __wrap_malloc(size_t size) {
+    if (the_network.fails(call::MALLOC)) {
+        return nullptr;
+    }
     memory_blocks++;
     return __real_malloc(size);
 }
@@ -118,6 +123,19 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
         return the_network.low_water_set(fd, *static_cast<const int*>(value));
     }
     return the_network.option_set(fd);
+}
+
+int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* size) {
+    return network::is_ours(fd) ? the_network.info(fd, static_cast<tcp_info*>(value))
+                                : __real_getsockopt(fd, level, name, value, size);
+}
+
+// gwa_process_exit, by the name that the compiler gives it.
+[[noreturn]] void __wrap__Z16gwa_process_exiti(int status) {
+    if (!the_network.is_apart || status != 1) {
+        broken("the daemon ends with status %d", status);
+    }
+    _exit(0);
 }
 
 // gwa_file_write, by the name that the compiler gives it: the session id, for other programs.

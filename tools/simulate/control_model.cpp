@@ -222,6 +222,8 @@ void control_model::looked(tcp_socket&, int queued) {
 
 void control_model::before(call what, tcp_socket*) {
     give_up_late_step();
+    server_is_gone = what == call::GETSOCKOPT && link_model::is_gone(*remote);
+    reading == input::HEADER ? link.comes_by(*remote) : link.is_busy();
     if (what == call::EPOLL_WAIT) {
         pass_ended();
     }
@@ -270,7 +272,7 @@ void control_model::wait_failed(int error) {
 
 void control_model::restarted() {
     give_up_late_step();
-    if (restart_reason == nullptr) {
+    if (restart_reason == nullptr && !server_is_gone) {
         broken("the daemon restarts without a reason");
     }
 }

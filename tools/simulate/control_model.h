@@ -11,6 +11,7 @@
 #include <string>
 
 #include "connection/gwa_connection_cntl_record.h"
+#include "link_model.h"
 #include "network.h"
 
 class control_model : public network_watcher {
@@ -64,6 +65,8 @@ class control_model : public network_watcher {
     enum class silence : uint8_t { NONE, OUT, IN } built = silence::NONE;  // in this pass
     bool first_wait = true;
     const char* restart_reason = nullptr;
+    link_model link;
+    bool server_is_gone = false;  // it has acknowledged nothing for so long, at a look
 
     void begin(input what, size_t bytes, int64_t limit_s = 0);
     void frame_done();

@@ -5,6 +5,7 @@
 
 #include "connection/gwa_connection.h"
 #include "connection/gwa_connection_cntl.h"
+#include "fail.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_time.h"
 
@@ -74,7 +75,7 @@ void control_world::connect() {
     server = std::make_unique<relay_server>(socket);
     model = std::make_unique<control_model>(cntl, socket);
     the_network.watcher = model.get();
-    waits_left = settling = 0;
+    waits_left = settling = spend_until_us = 0;
     if (gwa_connection_cntl_init(cntl, socket.fd) != GWA_OK) {
         broken("the control connection cannot be made");
     }
@@ -110,7 +111,7 @@ void control_world::meanwhile() {
         settle();
         return;
     }
-    while (waits_left == 0 && settling == 0) {
+    while (waits_left == 0 && the_time.now_us >= spend_until_us && settling == 0) {
         if (next == steps->size()) {
             gwa_process_run = 0;
             the_network.watcher = &the_network.nobody;  // whatever is going on breaks off
@@ -122,6 +123,7 @@ void control_world::meanwhile() {
 }
 
 void control_world::settle() {
+    server->link(true);
     model->server()->widen();
     server->take(SIZE_MAX);
     server->answer(0);
@@ -138,6 +140,7 @@ void control_world::play(const step& one) {
     const auto count = static_cast<size_t>(std::max<int64_t>(one.with[0], 0));
     switch (one.what) {
         case op::ROUND: waits_left = one.with[0]; return;
+        case op::SPEND: spend_until_us = the_time.now_us + one.with[0] * 1000; return;
         case op::TIME: return the_time.pass(one.with[0] * 1000);
         case op::CLOCK: the_time.set_us += one.with[0] * 1'000'000; return;
         case op::ROOM: server_room = std::max<size_t>(count, 1); return;
@@ -147,13 +150,14 @@ void control_world::play(const step& one) {
         case op::TAKE: return server->take(count == 0 ? SIZE_MAX : count);
         case op::END: return server->end();
         case op::RESET: return server->reset();
+        case op::LINK: return server->link(one.with[0] != 0);
         case op::ORDER: return order(one.with[0]);
         case op::REPORT:
             for (int64_t i = 0; i < one.with[1]; i++) {
                 report(one.with[0]);
             }
             return;
-        case op::FAIL: return the_network.fail(one.with[0], one.with[1], one.with[2]);
+        case op::FAIL: return fail_play(one);
         case op::SETTLE:
             the_network.failures = {};
             settling = SETTLE_WAITS;

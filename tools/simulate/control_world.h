@@ -29,6 +29,7 @@ class control_world {
     const schedule* steps = nullptr;
     size_t next = 0;
     int64_t waits_left = 0;  // until the next step
+    int64_t spend_until_us = 0;
     int64_t settling = 0;    // waits in which everybody reads and answers
     bool was_quiet = false;  // meanwhile
     size_t server_room = 1 << 17;

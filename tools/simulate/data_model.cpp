@@ -68,6 +68,7 @@ void data_model::before(call what, tcp_socket* socket) {
         catch_up();
     }
     over = over || freed;
+    server_is_gone = server_is_gone || (what == call::GETSOCKOPT && link_model::is_gone(*remote));
     if (what == call::EPOLL_WAIT) {
         waiting_begins = false;
     }
@@ -75,13 +76,14 @@ void data_model::before(call what, tcp_socket* socket) {
 
 void data_model::round_begins() {
     waiting_begins = true;
-    moved = waited = progressed = false;
+    moved = waited = progressed = server_is_gone = others_read = false;
+    link.comes_by(*remote);
     events_before = the_network.events;
 }
 
 void data_model::round_ended(bool goes_on) {
     if (!goes_on) {
-        if (close_reason == nullptr) {
+        if (close_reason == nullptr && !server_is_gone) {
             broken("the connection closes without a reason");
         }
         return;
@@ -99,6 +101,7 @@ void data_model::round_ended(bool goes_on) {
     judge_closed_streams();
     drop_stale();
     judge_hold(uploads_full());
+    judge_turns();
     if (gwa_connection_memory(conn) != memory()) {
         broken("the memory figure is %u, what is held makes %u", gwa_connection_memory(conn),
                memory());
@@ -113,6 +116,18 @@ void data_model::round_ended(bool goes_on) {
     idle_wakeups = woken && !moved ? idle_wakeups + 1 : 0;
     if (idle_wakeups > 1) {
         broken("two rounds in a row wake up and find nothing to do");
+    }
+}
+
+// Services take turns: whoever has something is not passed over for longer than a turn takes.
+void data_model::judge_turns() {
+    for (auto& [id, stream] : streams) {
+        const tcp_socket& socket = *stream.socket;
+        const bool could = !socket.arrived.empty() && !socket.listed && !socket.read_failed;
+        stream.passed_over = !could ? 0 : stream.passed_over + (others_read ? 1 : 0);
+        if (stream.passed_over > std::ssize(streams)) {
+            broken("stream %u is passed over while others are read", id);
+        }
     }
 }
 

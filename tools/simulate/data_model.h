@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "connection/gwa_connection_data_record.h"
+#include "link_model.h"
 #include "network.h"
 
 // A stream of this connection: the bytes of one user's request and its answer.
@@ -32,7 +33,8 @@ struct model_stream {
     int32_t last_activity = 0;
     bool refused_by_poller = false;
     bool was_stuck = false;
-    uint64_t left = 0;  // for the service to take, at the last look
+    uint64_t left = 0;    // for the service to take, at the last look
+    int passed_over = 0;  // rounds in which others were read without an event, and it was not
 
     uint64_t bytes_waiting() const {
         uint64_t bytes = 0;
@@ -142,7 +144,11 @@ class data_model : public network_watcher {
     int32_t last_out, last_in, last_check;
     int last_look = 0;
 
+    link_model link;
+
     // Of the current round.
+    bool server_is_gone = false;  // it has acknowledged nothing for so long
+    bool others_read = false;     // services, without an event
     bool waiting_begins = false;  // the wait has not been reached yet
     bool excused = true;
     bool moved = false;  // something has come or gone
@@ -170,6 +176,7 @@ class data_model : public network_watcher {
     void heartbeat_build(bool at_front);
     void drop_stale();
     void judge_closed_streams();
+    void judge_turns();
     bool is_stuck(const model_stream& stream) const;
     bool looks_in_this_round() const;
     void judge_hold(bool full);

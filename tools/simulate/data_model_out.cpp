@@ -57,6 +57,8 @@ void data_model::received(tcp_socket& socket, size_t, std::string_view bytes, in
         broken("stream %u reads although %u bytes are held", stream->id, memory());
     }
     moved = moved || error != EAGAIN;
+    stream->passed_over = 0;
+    others_read = others_read || (!bytes.empty() && events_before == the_network.events);
     for (size_t at = 0; at < bytes.size(); at += wire::PAYLOAD_MAX) {
         const std::string_view payload = bytes.substr(at, wire::PAYLOAD_MAX);
         stream->last_activity = gwa_now_get();

@@ -7,6 +7,7 @@
 
 #include "connection/gwa_connection.h"
 #include "connection/gwa_connection_data_round.h"
+#include "fail.h"
 #include "login/gwa_login.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_time.h"
@@ -14,6 +15,7 @@
 namespace {
 
 constexpr int SETTLE_ROUNDS = 2000;
+constexpr int SPEND_ROUNDS = 30000;
 constexpr size_t SETTLE_ROOM = 1 << 17;
 constexpr size_t BALLAST_MIN = 8192;          // smaller pieces are counted as larger ones
 constexpr int64_t START_S = INT32_MAX - 300;  // the coarse clock wraps in most schedules
@@ -92,6 +94,12 @@ bool data_world::round() {
 
 void data_world::rounds(int64_t count) {
     while (count-- > 0 && round()) {
+    }
+}
+
+void data_world::spend(int64_t ms) {
+    const int64_t end_us = the_time.now_us + ms * 1000;
+    for (int i = 0; i < SPEND_ROUNDS && the_time.now_us < end_us && round(); i++) {
     }
 }
 
@@ -174,6 +182,7 @@ void data_world::play(const step& one) {
     model->outside_event();
     switch (one.what) {
         case op::ROUND: return rounds(one.with[0]);
+        case op::SPEND: return spend(one.with[0]);
         case op::SETTLE: return settle();
         case op::SAY:
         case op::READ:
@@ -197,6 +206,7 @@ void data_world::play_server(const step& one) {
         case op::TAKE: return server->take(all_or(one.with[0]));
         case op::END: return server->end();
         case op::RESET: return server->reset();
+        case op::LINK: return server->link(one.with[0] != 0);
         default: return play_box(one);
     }
 }
@@ -210,7 +220,7 @@ void data_world::play_box(const step& one) {
             server_room = std::max<size_t>(count, 1);
             the_network.local_room = static_cast<size_t>(std::max<int64_t>(one.with[1], 1));
             return;
-        case op::FAIL: return the_network.fail(one.with[0], one.with[1], one.with[2]);
+        case op::FAIL: return fail_play(one);
         case op::ORDER:
             gwa_connection_data_order_all(&gwa_connections.data, {});
             return model->may_close("a newer order");
@@ -244,6 +254,7 @@ void data_world::settle() {
     the_network.failures = {};
     ballast(0);
     const data_model* const began = model.get();
+    server->link(true);
     model->server()->widen();
     model->each_service([](tcp_socket& socket) { socket.widen(); });
     the_network.local_room = SETTLE_ROOM;

@@ -32,6 +32,7 @@ class data_world {
     void close();
     bool round();
     void rounds(int64_t count);
+    void spend(int64_t ms);
     void open(const step& one);
     void flood(const step& one);
     void ask(const step& one);

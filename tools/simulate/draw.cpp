@@ -49,14 +49,15 @@ constexpr habit HABITS[] = {
     {op::STOP, 1, 1},     {op::CLOSE, 6, 3}, {op::COMMAND, 3, 1},     {op::ANSWER, 8, 3},
     {op::DELIVER, 24, 4}, {op::TAKE, 14, 3}, {op::END, 1, 1},         {op::RESET, 1, 1},
     {op::SAY, 20, 3},     {op::READ, 14, 3}, {op::SERVICE_END, 2, 1}, {op::SERVICE_RESET, 2, 1},
-    {op::FAIL, 3, 1},     {op::ORDER, 1, 1}, {op::BALLAST, 2, 1},     {op::SETTLE, 1, 3},
+    {op::LINK, 2, 1},     {op::FAIL, 3, 1},  {op::ORDER, 1, 1},       {op::BALLAST, 2, 1},
+    {op::SETTLE, 1, 3},
 };
 
 constexpr habit CONTROL_HABITS[] = {
     {op::ROUND, 40, 4},  {op::TIME, 6, 3},     {op::CLOCK, 3, 1},   {op::COMMAND, 14, 3},
     {op::ANSWER, 12, 3}, {op::DELIVER, 24, 4}, {op::TAKE, 20, 4},   {op::END, 1, 1},
     {op::RESET, 1, 1},   {op::ORDER, 4, 2},    {op::REPORT, 10, 3}, {op::FAIL, 2, 1},
-    {op::SETTLE, 1, 3},  {op::ROOM, 1, 2},
+    {op::SETTLE, 1, 3},  {op::ROOM, 1, 2},     {op::LINK, 2, 1},
 };
 
 mood mood_drawn(dice* chance, bool control) {
@@ -106,7 +107,7 @@ int64_t part_drawn(const mood& mind, dice* chance) {
 
 int64_t error_drawn(dice* chance) {
     return chance->of(
-        {ECONNRESET, EPIPE, ETIMEDOUT, ENOBUFS, EINTR, EHOSTUNREACH, ENOMEM, ECONNREFUSED});
+        {ECONNRESET, EPIPE, ETIMEDOUT, ENOBUFS, EINTR, EHOSTUNREACH, ENOMEM, ECONNREFUSED, EMFILE});
 }
 
 using numbers = std::array<int64_t, 4>;
@@ -155,7 +156,8 @@ step step_drawn(const mood& mind, dice* chance) {
         case op::FAIL:
             return {what,
                     {chance->below(static_cast<int64_t>(CALL_COUNT)), error_drawn(chance),
-                     chance->below(4)}};
+                     chance->one_in(4) ? chance->below(60) : chance->below(4)}};
+        case op::LINK: return {what, {chance->below(2)}};
         case op::BALLAST: {
             const int64_t limit = chance->of({0, 0, 4 << 20, 5 << 20});
             return {what, {limit - chance->of({0, 1, 8192, 20000, 200000})}};
@@ -184,6 +186,21 @@ schedule siege_drawn(const mood& mind, dice* chance) {
     return steps;
 }
 
+// The link to the server goes silent, idle or not, and comes back or not.
+schedule silence_drawn(const mood& mind, dice* chance) {
+    schedule steps{{op::SPEND, {chance->below(20000)}}, {op::LINK, {0}}};
+    if (chance->one_in(2)) {
+        steps.push_back({op::SAY, {chance->below(mind.ids), size_drawn(mind, chance)}});
+        steps.push_back({op::REPORT, {1 + chance->below(300), 1}});
+    }
+    steps.push_back({op::SPEND, {chance->of({5000, 40000, 70000, 140000, 400000})}});
+    if (chance->one_in(2)) {
+        steps.push_back({op::LINK, {1}});
+        steps.push_back({op::SPEND, {chance->of({1000, 70000})}});
+    }
+    return steps;
+}
+
 }  // namespace
 
 schedule schedule_drawn(uint64_t seed) {
@@ -204,6 +221,10 @@ schedule schedule_drawn(uint64_t seed) {
         if (!control && chance.one_in(400)) {
             const schedule siege = siege_drawn(mind, &chance);
             steps.insert(steps.end(), siege.begin(), siege.end());
+        }
+        if (chance.one_in(400)) {
+            const schedule silence = silence_drawn(mind, &chance);
+            steps.insert(steps.end(), silence.begin(), silence.end());
         }
         steps.push_back(step_drawn(mind, &chance));
     }

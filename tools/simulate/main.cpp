@@ -64,22 +64,25 @@ void time_replace() {
 
 void play(const schedule& steps) {
     alarm(SCHEDULE_LIMIT_S);  // ends a process that spins
+    const auto over = [&](uint64_t rounds) {
+        if (the_network.is_apart) {
+            _exit(0);
+        }
+        shared->steps += steps.size();
+        shared->rounds += rounds;
+        shared->schedules++;
+    };
     if (!steps.empty() && steps.front().what == op::CONTROL) {
         control_world world;
         world.play(steps);
-        shared->steps += steps.size();
-        shared->rounds += world.rounds_run;
-        shared->schedules++;
-        return;
+        return over(world.rounds_run);
     }
     data_world world;
     for (const step& one : steps) {
         world.play(one);
-        shared->steps++;
     }
     world.finish();
-    shared->rounds += world.rounds_run;
-    shared->schedules++;
+    over(world.rounds_run);
 }
 
 // Runs `work` in a process of its own, which a fault ends. The fault, or "".

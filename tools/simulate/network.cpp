@@ -50,6 +50,7 @@ void tcp_socket::arrive(std::string_view bytes) {
     if (dead || ended || bytes.empty()) {
         return;
     }
+    link.bytes_came();
     arrived.push(bytes);
     if (arrived.size() >= low_water) {
         wake();
@@ -73,6 +74,15 @@ void tcp_socket::reset(int reason) {
     }
 }
 
+void tcp_socket::link_change(bool to_silent) { link.change(to_silent, !sent.empty()); }
+
+// What the kernel does by itself when time has passed.
+void tcp_socket::kernel_turn() {
+    if (!dead && link.is_silent() && link.is_given_up(!sent.empty())) {
+        reset(ETIMEDOUT);
+    }
+}
+
 size_t tcp_socket::receive_room() const {
     return RECEIVE_ROOM - std::min(RECEIVE_ROOM, arrived.size());
 }
@@ -82,6 +92,9 @@ void tcp_socket::widen() { send_room = std::max(send_room, SEND_ROOM); }
 std::string tcp_socket::take(size_t count) {
     std::string taken(sent.view().substr(0, count));
     sent.pop(taken.size());
+    if (!taken.empty()) {
+        link.bytes_taken(!sent.empty());
+    }
     if (wants_room && has_room()) {
         wants_room = false;
         wake();
@@ -125,6 +138,7 @@ tcp_socket& network::socket_at(int fd, const char* what) {
     if (found.socket == nullptr) {
         broken("%s on descriptor %d, which is an epoll set", what, fd - FIRST_FD);
     }
+    found.socket->kernel_turn();
     return *found.socket;
 }
 
@@ -234,6 +248,9 @@ int network::connect_to(int fd, uint16_t port) {
 
 int network::connect_settle(int fd, int timeout_ms) {
     const tcp_socket& socket = socket_at(fd, "poll");
+    if (fails(call::POLL)) {
+        return -1;
+    }
     const int64_t left_us = socket.settled_us - the_time.now_us;
     if (socket.port == port_kind::NEVER_ANSWERS || left_us > int64_t{timeout_ms} * 1000) {
         the_time.pass(int64_t{timeout_ms} * 1000);
@@ -301,6 +318,7 @@ ssize_t network::send_all(int fd, const iovec* pieces, size_t count, call what) 
     if (taken == 0 && !offered.empty()) {
         return failed(EAGAIN);
     }
+    socket.link.bytes_sent(!socket.sent.empty());
     socket.sent.push(std::string_view(offered).substr(0, taken));
     watcher->sent(socket, offered, static_cast<ssize_t>(taken), 0);
     return static_cast<ssize_t>(taken);
@@ -321,6 +339,17 @@ int network::queued(int fd, int* count) {
 int network::option_set(int fd) {
     watcher->before(call::SETSOCKOPT, &socket_at(fd, "setsockopt"));
     return fails(call::SETSOCKOPT) ? -1 : 0;
+}
+
+int network::info(int fd, tcp_info* out) {
+    tcp_socket& socket = socket_at(fd, "getsockopt");
+    watcher->before(call::GETSOCKOPT, &socket);
+    if (fails(call::GETSOCKOPT)) {
+        return -1;
+    }
+    *out = socket.link.info(!socket.sent.empty());
+    out->tcpi_state = socket.dead ? TCP_CLOSE : TCP_ESTABLISHED;
+    return 0;
 }
 
 int network::low_water_set(int fd, int bytes) {
@@ -397,6 +426,11 @@ static int table_collect(poll_table& table, epoll_event* out, int count) {
 
 int network::table_wait(int epfd, epoll_event* out, int count, int timeout_ms) {
     poll_table& table = *at(epfd, "epoll_wait").table;
+    for (const descriptor& one : descriptors) {
+        if (one.socket != nullptr) {
+            one.socket->kernel_turn();
+        }
+    }
     watcher->before(call::EPOLL_WAIT, nullptr);
     if (fails(call::EPOLL_WAIT)) {
         watcher->wait_failed(errno);
@@ -419,6 +453,9 @@ int network::table_wait(int epfd, epoll_event* out, int count, int timeout_ms) {
 
 int network::wait_readable(int fd, int timeout_ms) {
     const tcp_socket& socket = socket_at(fd, "poll");
+    if (fails(call::POLL)) {
+        return -1;
+    }
     if ((socket.ready() & EPOLLIN) == 0) {
         if (the_time.meanwhile != nullptr) {
             the_time.meanwhile();

@@ -23,6 +23,8 @@
 #include <string_view>
 #include <vector>
 
+#include "link.h"
+
 class byte_queue {  // first in, first out
    public:
     size_t size() const { return bytes.size() - at; }
@@ -53,9 +55,12 @@ enum class call : uint8_t {
     SENDMSG,
     IOCTL,
     SETSOCKOPT,
+    GETSOCKOPT,
+    POLL,
     EPOLL_ADD,
     EPOLL_WAIT,
     CLOSE,
+    MALLOC,
     COUNT
 };
 constexpr size_t CALL_COUNT = static_cast<size_t>(call::COUNT);
@@ -90,6 +95,7 @@ struct tcp_socket {
     bool wants_room = false;     // the daemon has met a full buffer: an event will tell of room
     int error = 0;               // to be told by the next call
     bool dead = false;           // reset: nothing goes any more
+    tcp_link link;
 
     poll_table* table = nullptr;  // where it is registered
     void* data = nullptr;
@@ -99,11 +105,15 @@ struct tcp_socket {
     void arrive(std::string_view bytes);
     void end();
     void reset(int reason);
+    void link_change(bool to_silent);
     std::string take(size_t count);
     size_t receive_room() const;
     void widen();  // its send buffer, to what is usual
+    // For how long its peer has owed an acknowledgement.
+    int64_t unanswered_us() { return dead ? 0 : link.unanswered_us(!sent.empty()); }
 
     uint32_t ready() const;
+    void kernel_turn();
     bool has_room() const { return sent.size() * 3 <= send_room * 2; }
     void wake();
 };
@@ -148,6 +158,11 @@ struct network {
 
     // A call is to fail, after so many that succeed.
     void fail(int64_t what, int64_t error, int64_t after);
+    // Whether this one is to fail now: errno says why.
+    bool fails(call what);
+    // What ends the daemon by design is tried by a copy of this process, until the schedule or the
+    // daemon ends: this is it.
+    bool is_apart = false;
     // A connected socket that the daemon is handed, as after a login.
     tcp_socket& login_socket(size_t send_room);
     // How many descriptors the daemon holds.
@@ -162,6 +177,7 @@ struct network {
     int queued(int fd, int* count);
     int low_water_set(int fd, int bytes);
     int option_set(int fd);
+    int info(int fd, tcp_info* out);
     int table_make();
     int table_change(int epfd, int operation, int fd, epoll_event* event);
     int table_wait(int epfd, epoll_event* out, int count, int timeout_ms);
@@ -180,7 +196,6 @@ struct network {
     descriptor& make();
     descriptor& at(int fd, const char* what);
     tcp_socket& socket_at(int fd, const char* what);
-    bool fails(call what);
 };
 extern network the_network;
 

@@ -64,6 +64,9 @@ void relay_server::say(std::string_view bytes) {
 }
 
 void relay_server::deliver(size_t count) {
+    if (socket->link.is_silent()) {
+        return;
+    }
     const size_t now = std::min({count, socket->receive_room(), said.size() - delivered});
     socket->arrive(std::string_view(said).substr(delivered, now));
     delivered += now;
@@ -73,6 +76,9 @@ void relay_server::deliver(size_t count) {
 }
 
 void relay_server::take(size_t count) {
+    if (socket->link.is_silent()) {
+        return;
+    }
     heard += socket->take(count);
     size_t size = 0;
     while (heard.size() >= wire::HEADER &&
@@ -89,7 +95,17 @@ void relay_server::end() {
     deliver(0);
 }
 
-void relay_server::reset() { socket->reset(ECONNRESET); }
+void relay_server::reset() {
+    is_gone = true;
+    link(!socket->link.is_silent());
+}
+
+void relay_server::link(bool up) {
+    socket->link_change(!up);
+    if (up && is_gone) {
+        socket->reset(ECONNRESET);
+    }
+}
 
 void relay_server::answer(uint32_t wrong_by) {
     for (const uint32_t number : heartbeats) {

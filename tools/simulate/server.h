@@ -51,6 +51,7 @@ class relay_server {
     void take(size_t count);
     void end();
     void reset();
+    void link(bool up);
     // Answers the heartbeats that have come, with a number that is wrong by so much.
     void answer(uint32_t wrong_by);
     bool has_said_all() const { return delivered == said.size(); }
@@ -60,6 +61,7 @@ class relay_server {
     std::string said;
     size_t delivered = 0;  // of it
     bool ends = false;     // behind that
+    bool is_gone = false;  // reset, which a silent link does not tell
     std::string heard;     // not a whole frame yet
     std::vector<uint32_t> heartbeats;
 };

@@ -6,7 +6,8 @@ namespace {
 
 constexpr op_description DESCRIPTIONS[] = {
     {"round", 1, "so many rounds; of the control connection: waits"},
-    {"time", 1, "so many ms pass"},
+    {"spend", 1, "rounds until so many ms have passed"},
+    {"time", 1, "so many ms pass, in which the daemon does not run"},
     {"clock", 1, "the wall clock is set by so many seconds"},
     {"room", 2, "send buffers from the next socket on: the server's, the services' (bytes)"},
     {"open", 4, "a request: stream id, how its port answers, priority, bytes behind the head"},
@@ -20,6 +21,7 @@ constexpr op_description DESCRIPTIONS[] = {
     {"take", 1, "the server takes so many bytes; 0: all"},
     {"end", 0, "the server ends its side"},
     {"reset", 0, "the server resets the connection"},
+    {"link", 1, "the link to the server: 0 goes silent, else it is there again"},
     {"say", 2, "a service says something: stream id, bytes"},
     {"read", 2, "a service reads: stream id, bytes; 0: all"},
     {"service-end", 1, "a service ends its side: stream id"},

@@ -10,6 +10,7 @@
 
 enum class op : uint8_t {
     ROUND,
+    SPEND,
     TIME,
     CLOCK,
     ROOM,
@@ -24,6 +25,7 @@ enum class op : uint8_t {
     TAKE,
     END,
     RESET,
+    LINK,
     SAY,
     READ,
     SERVICE_END,
