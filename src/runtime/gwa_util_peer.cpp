@@ -13,7 +13,9 @@ namespace {
 // Bytes are sent again after 0.2 s, and each time after twice as long: the ninth time after 51 s.
 constexpr int32_t SILENCE_LIMIT_S = 55;
 constexpr uint32_t PROBES_LOST_MAX = 1;  // of which the next comes up to two minutes later
-constexpr int32_t GAP_S = 2;  // between two looks; then what was seen before says nothing
+// Between two looks, of which the control connection takes one in 2.1 s: after a longer gap, what
+// was seen before says nothing.
+constexpr int32_t GAP_S = 3;
 constexpr uint32_t MS_PER_S = 1000;
 
 }  // namespace
@@ -26,8 +28,10 @@ bool gwa_peer_judge(gwa_peer_watch* watch, const gwa_peer_state& state) {
     const bool waiting = state.unacknowledged || state.probes > PROBES_LOST_MAX;
     const bool saw_it_wait = watch->waiting && gwa_seconds_since(watch->looked) <= GAP_S;
     const auto silent_s = static_cast<uint32_t>(gwa_seconds_since(watch->since));
-    if (!waiting || !saw_it_wait || heard_s < silent_s) {
+    if (!waiting || !saw_it_wait) {
         watch->since = gwa_now_get();
+    } else if (heard_s < silent_s) {
+        watch->since = gwa_moment_before(gwa_now_get(), static_cast<int32_t>(heard_s));
     }
     watch->waiting = waiting;
     watch->looked = gwa_now_get();

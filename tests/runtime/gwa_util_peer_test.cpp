@@ -40,12 +40,22 @@ TEST_F(Peer, IsGoneWhenItAcknowledgesNothingForFiftyFiveSeconds) {
     EXPECT_TRUE(gone_at(65, {false, true, 0, 5065, 5065}));
 }
 
+TEST_F(Peer, IsGoneAsSoonForWhoLooksAsSeldomAsTheControlConnection) {
+    gwa_peer_state state{false, true, 0, 0, 0};
+    for (int64_t looked_ms = 900; looked_ms < 59'000; looked_ms += 2100) {
+        set_clock(looked_ms / 1000);
+        state.acknowledged_s = state.received_s = static_cast<uint32_t>((looked_ms - 900) / 1000);
+        EXPECT_EQ(gwa_peer_judge(&watch, state), looked_ms >= 55'900) << looked_ms;
+    }
+}
+
 TEST_F(Peer, IsThereAsLongAsAcknowledgementsCome) {
     EXPECT_FALSE(gone_at(50, {false, true, 0, 0, 0})) << "always some bytes on their way";
     EXPECT_FALSE(gone_at(90, {false, true, 0, 1, 51}));
     EXPECT_FALSE(gone_at(99, {false, false, 0, 42, 91})) << "all of them acknowledged";
-    now = 200;
-    EXPECT_FALSE(gone_at(200, {false, true, 0, 143, 192})) << "nobody has looked for a while";
+    now = 103;
+    EXPECT_FALSE(gone_at(103, {false, true, 0, 46, 95})) << "nobody has looked for a while";
+    EXPECT_FALSE(gone_at(150, {false, true, 0, 47, 96})) << "which says nothing of then";
     EXPECT_TRUE(gone_at(201, {true, false, 0, 0, 0})) << "the kernel has given up, or was told to";
 }
 

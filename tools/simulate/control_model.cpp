@@ -223,7 +223,11 @@ void control_model::looked(tcp_socket&, int queued) {
 void control_model::before(call what, tcp_socket*) {
     give_up_late_step();
     server_is_gone = what == call::GETSOCKOPT && link_model::is_gone(*remote);
-    reading == input::HEADER ? link.comes_by(*remote) : link.is_busy();
+    if (reading != input::HEADER) {
+        link.is_busy();  // oddity 30: with the rest of a payload
+    } else if (what == call::GETSOCKOPT || what == call::EPOLL_WAIT || answer_outstanding) {
+        link.comes_by(*remote);
+    }
     if (what == call::EPOLL_WAIT) {
         pass_ended();
     }
