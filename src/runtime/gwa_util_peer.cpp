@@ -45,8 +45,8 @@ bool gwa_peer_is_gone(gwa_peer_watch* watch, int fd) {
     tcp_info info{};
     socklen_t size = sizeof info;
     if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == -1) {
-        watch->looked = gwa_now_get();
-        return false;  // not for this socket, or not with this kernel
+        *watch = {.looked = gwa_now_get()};  // what was seen before says nothing
+        return false;                        // not for this socket, or not with this kernel
     }
     return gwa_peer_judge(watch, {.closed = info.tcpi_state == TCP_CLOSE,
                                   .unacknowledged = info.tcpi_unacked > 0,

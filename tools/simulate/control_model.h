@@ -32,6 +32,7 @@ class control_model : public network_watcher {
     void received(tcp_socket& socket, size_t wanted, std::string_view bytes, int error) override;
     void sent(tcp_socket& socket, std::string_view offered, ssize_t taken, int error) override;
     void looked(tcp_socket& socket, int queued) override;
+    void info_failed() override { link.is_busy(); }
     void waits(int timeout_ms) override;
     void wait_failed(int error) override;
 

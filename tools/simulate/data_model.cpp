@@ -124,11 +124,13 @@ void data_model::judge_turns() {
     for (auto& [id, stream] : streams) {
         const tcp_socket& socket = *stream.socket;
         const bool could = !socket.arrived.empty() && !socket.listed && !socket.read_failed;
-        stream.passed_over = !could ? 0 : stream.passed_over + (others_read ? 1 : 0);
+        const bool same_turn = could && streams.size() == turn_streams;
+        stream.passed_over = same_turn ? stream.passed_over + (others_read ? 1 : 0) : 0;
         if (stream.passed_over > std::ssize(streams)) {
             broken("stream %u is passed over while others are read", id);
         }
     }
+    turn_streams = streams.size();
 }
 
 // ---- Waits ----

@@ -93,6 +93,7 @@ class data_model : public network_watcher {
     void looked(tcp_socket& socket, int queued) override;
     void registered(tcp_socket& socket, bool success) override;
     void closing(tcp_socket& socket) override;
+    void info_failed() override { link.is_busy(); }
     void waits(int timeout_ms) override;
     void wait_failed(int error) override;
 
@@ -149,6 +150,7 @@ class data_model : public network_watcher {
     // Of the current round.
     bool server_is_gone = false;  // it has acknowledged nothing for so long
     bool others_read = false;     // services, without an event
+    size_t turn_streams = 0;      // of the turns that are counted
     bool waiting_begins = false;  // the wait has not been reached yet
     bool excused = true;
     bool moved = false;  // something has come or gone

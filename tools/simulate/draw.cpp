@@ -186,6 +186,32 @@ schedule siege_drawn(const mood& mind, dice* chance) {
     return steps;
 }
 
+// The server stops reading while services talk, closes one of them, and reads a part.
+schedule jam_drawn(dice* chance) {
+    schedule steps{{op::ROOM, {chance->of({20, 3000, 131072, 131072}), 131072}},
+                   {op::ORDER, {}},
+                   {op::ROUND, {1}},
+                   {op::OPEN, {0, 0, 4, 0}},
+                   {op::OPEN, {1, 0, chance->of({1, 4, 9}), 0}},
+                   {op::DELIVER, {0}},
+                   {op::ROUND, {3}}};
+    if (chance->one_in(2)) {
+        steps.push_back({op::BALLAST, {(4 << 20) - chance->of({0, 8192, 40000, 200000})}});
+    }
+    steps.push_back({op::SAY, {0, chance->of({20000, 180000, 240000})}});
+    steps.push_back({op::SAY, {1, chance->of({1, 30000})}});
+    steps.push_back({op::ROUND, {chance->of({1, 2, 20})}});
+    steps.push_back({op::FLOOD, {1, chance->of({0, 0, 64, 100}), 1}});
+    steps.push_back({op::CLOSE, {0}});
+    steps.push_back({op::DELIVER, {0}});
+    steps.push_back({op::ROUND, {chance->of({1, 3})}});
+    steps.push_back({op::TAKE, {chance->of({0, 1, 50000, 70000})}});
+    steps.push_back({op::ROUND, {chance->of({1, 3})}});
+    steps.push_back({op::SAY, {1, 100}});
+    steps.push_back({op::ROUND, {5}});
+    return steps;
+}
+
 // The link to the server goes silent, idle or not, and comes back or not.
 schedule silence_drawn(const mood& mind, dice* chance) {
     schedule steps{{op::SPEND, {chance->below(20000)}}, {op::LINK, {0}}};
@@ -221,6 +247,10 @@ schedule schedule_drawn(uint64_t seed) {
         if (!control && chance.one_in(400)) {
             const schedule siege = siege_drawn(mind, &chance);
             steps.insert(steps.end(), siege.begin(), siege.end());
+        }
+        if (!control && chance.one_in(400)) {
+            const schedule jam = jam_drawn(&chance);
+            steps.insert(steps.end(), jam.begin(), jam.end());
         }
         if (chance.one_in(400)) {
             const schedule silence = silence_drawn(mind, &chance);

@@ -4,8 +4,8 @@
 
 namespace {
 
-// 55 s, counted by a clock of whole seconds that is looked at once a round.
-constexpr int64_t SOONEST_US = 54'000'000;
+// 55 s, less what can be missed between two looks, and more by a clock of whole seconds.
+constexpr int64_t SOONEST_US = 51'000'000;
 constexpr int64_t LATEST_US = 59'000'000;
 constexpr int64_t GAP_US = 2'500'000;  // a longer one spoils what was seen before
 

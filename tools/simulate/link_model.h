@@ -8,7 +8,7 @@ class link_model {
    public:
     // The daemon comes by, and has to have noticed what it could.
     void comes_by(tcp_socket& server);
-    // It does something else for so long that it need not have.
+    // It does something else, or cannot look: what it has seen before counts no more.
     void is_busy() { since_us = came_us = the_time.now_us; }
     // Whether it may end the connection.
     static bool is_gone(tcp_socket& server);

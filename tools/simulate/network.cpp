@@ -345,6 +345,7 @@ int network::info(int fd, tcp_info* out) {
     tcp_socket& socket = socket_at(fd, "getsockopt");
     watcher->before(call::GETSOCKOPT, &socket);
     if (fails(call::GETSOCKOPT)) {
+        watcher->info_failed();
         return -1;
     }
     *out = socket.link.info(!socket.sent.empty());

@@ -134,6 +134,7 @@ struct network_watcher {  // this one does not care
     // What the daemon has offered, and how much of it has been taken: -1 with an error.
     virtual void sent(tcp_socket&, std::string_view, ssize_t /*taken*/, int /*error*/) {}
     virtual void looked(tcp_socket&, int /*queued*/) {}
+    virtual void info_failed() {}
     virtual void registered(tcp_socket&, bool /*success*/) {}
     virtual void closing(tcp_socket&) {}
     // Nothing is ready, and the daemon wants to wait that long.
