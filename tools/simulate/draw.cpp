@@ -199,7 +199,7 @@ schedule jam_drawn(dice* chance) {
         steps.push_back({op::BALLAST, {(4 << 20) - chance->of({0, 8192, 40000, 200000})}});
     }
     steps.push_back({op::SAY, {0, chance->of({20000, 180000, 240000})}});
-    steps.push_back({op::SAY, {1, chance->of({1, 30000})}});
+    steps.push_back({op::SAY, {1, chance->of({0, 0, 1, 30000})}});
     steps.push_back({op::ROUND, {chance->of({1, 2, 20})}});
     steps.push_back({op::FLOOD, {1, chance->of({0, 0, 64, 100}), 1}});
     steps.push_back({op::CLOSE, {0}});
