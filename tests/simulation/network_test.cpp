@@ -51,7 +51,7 @@ struct real_connection : connection {
         fcntl(ours.get(), F_SETFL, O_NONBLOCK);
         change(EPOLL_CTL_ADD);
     }
-    void change(int operation) {
+    void change(int operation) const {
         epoll_event wanted{};
         wanted.events = EPOLLIN | EPOLLOUT | EPOLLET;
         epoll_ctl(poller.get(), operation, ours.get(), &wanted);
@@ -91,7 +91,7 @@ struct simulated_connection : connection {
         the_network.close_fd(socket.fd);
         the_network.close_fd(poller);
     }
-    void change(int operation) {
+    void change(int operation) const {
         epoll_event wanted{};
         the_network.table_change(poller, operation, socket.fd, &wanted);
     }

@@ -12,7 +12,7 @@ constexpr int64_t PAUSE_MAX_US = 120'000'000;
 constexpr int TRIES_MAX = 15;
 constexpr int PROBES_LOST = 2;
 constexpr int64_t KEEP_IDLE_US = 30'000'000;  // as the login sets them
-constexpr int64_t KEEP_LOST_US = 3 * 8'000'000;
+constexpr int64_t KEEP_LOST_US = 24'000'000;
 constexpr int64_t US_PER_MS = 1000;
 
 // Bytes or a probe that are sent again and again, after pauses that double.
