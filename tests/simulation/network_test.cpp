@@ -28,6 +28,9 @@ struct connection {
     virtual uint32_t events(int wait_ms) = 0;
     virtual ssize_t receive(size_t most) = 0;
     virtual ssize_t send_much() = 0;
+    // What TCP_INFO tells when everything under way is acknowledged: whether bytes are not, whether
+    // the connection is closed.
+    virtual std::pair<bool, bool> info() = 0;
     virtual void low_water(int bytes) = 0;
     virtual void rearm() = 0;
     virtual void peer_says(const std::string& text) = 0;
@@ -66,6 +69,15 @@ struct real_connection : connection {
     }
     ssize_t send_much() override {
         return send(ours.get(), MUCH.data(), MUCH.size(), MSG_NOSIGNAL);
+    }
+    std::pair<bool, bool> info() override {
+        tcp_info told{};
+        eventually([&] {
+            socklen_t size = sizeof told;
+            getsockopt(ours.get(), IPPROTO_TCP, TCP_INFO, &told, &size);
+            return told.tcpi_unacked == 0;
+        });
+        return {told.tcpi_unacked > 0, told.tcpi_state == TCP_CLOSE};
     }
     void low_water(int bytes) override {
         setsockopt(ours.get(), SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes);
@@ -107,6 +119,12 @@ struct simulated_connection : connection {
     ssize_t send_much() override {
         const iovec piece{const_cast<char*>(MUCH.data()), MUCH.size()};
         return the_network.send_all(socket.fd, &piece, 1, call::SEND);
+    }
+    std::pair<bool, bool> info() override {
+        the_time.pass(1'000'000);
+        tcp_info told{};
+        the_network.info(socket.fd, &told);
+        return {told.tcpi_unacked > 0, told.tcpi_state == TCP_CLOSE};
     }
     void low_water(int bytes) override { the_network.low_water_set(socket.fd, bytes); }
     void rearm() override { change(EPOLL_CTL_MOD); }
@@ -168,6 +186,23 @@ TEST_F(SimulatedKernel, TellsOfRoomOnceItWasMissed) {
     both([](connection& one) { one.peer_reads_all(); }, "room");
     both([](connection& one) { one.rearm(); }, "asked for again");
     both([](connection& one) { one.peer_reads_all(); }, "room that nobody has missed");
+}
+
+TEST_F(SimulatedKernel, KnowsAPeerThatDoesNotReadFromOneThatIsGone) {
+    EXPECT_EQ(real.info(), simulated.info()) << "idle";
+    real.send_much();
+    simulated.send_much();
+    EXPECT_EQ(real.info(), simulated.info()) << "nobody reads, but the kernel of the peer is there";
+    simulated.socket.link_change(true);
+    EXPECT_EQ(simulated.info(), std::pair(false, false)) << "silent, behind a shut window";
+    simulated.socket.link_change(false);
+    simulated.peer_reads_all();
+    simulated.socket.link_change(true);
+    simulated.send_much();
+    EXPECT_EQ(simulated.info(), std::pair(true, false)) << "silent";
+    real.peer_resets();
+    simulated.peer_resets();
+    EXPECT_EQ(real.info(), simulated.info()) << "gone";
 }
 
 TEST_F(SimulatedKernel, TellsOfAReset) {

@@ -153,10 +153,13 @@ step step_drawn(const mood& mind, dice* chance) {
                      chance->of({1, 20, 100, 3000, 8192, 40000, 131072})}};
         case op::DELIVER:
         case op::TAKE: return {what, {part_drawn(mind, chance)}};
-        case op::FAIL:
+        case op::FAIL: {
+            // Whatever ends the daemon takes a process of its own.
+            const call last = chance->one_in(5) ? call::COUNT : call::MALLOC;
             return {what,
-                    {chance->below(static_cast<int64_t>(CALL_COUNT)), error_drawn(chance),
+                    {chance->below(static_cast<int64_t>(last)), error_drawn(chance),
                      chance->one_in(4) ? chance->below(60) : chance->below(4)}};
+        }
         case op::LINK: return {what, {chance->below(2)}};
         case op::BALLAST: {
             const int64_t limit = chance->of({0, 0, 4 << 20, 5 << 20});

@@ -348,7 +348,7 @@ int network::info(int fd, tcp_info* out) {
         watcher->info_failed();
         return -1;
     }
-    *out = socket.link.info(!socket.sent.empty());
+    *out = socket.dead ? tcp_info{} : socket.link.info(!socket.sent.empty());
     out->tcpi_state = socket.dead ? TCP_CLOSE : TCP_ESTABLISHED;
     return 0;
 }
