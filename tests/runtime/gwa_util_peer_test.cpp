@@ -78,8 +78,11 @@ TEST_F(Peer, IsLookedAtOnceASecond) {
     set_clock(2);
     EXPECT_TRUE(gwa_peer_is_gone(&watch, sockets.ours));
     const socket_pair others(AF_UNIX);
-    set_clock(3);
+    now = 10;
+    EXPECT_FALSE(gone_at(64, {false, true, 0, 60, 60}));
+    set_clock(now++);
     EXPECT_FALSE(gwa_peer_is_gone(&watch, others.ours)) << "nothing is known of it";
+    EXPECT_FALSE(gone_at(70, {false, true, 0, 116, 116})) << "and no longer what was before";
 }
 
 }  // namespace

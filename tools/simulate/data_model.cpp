@@ -140,7 +140,8 @@ void data_model::waits(int timeout_ms) {
     waited = timeout_ms > 0;
     const bool busy = !queue.empty() || !streams.empty();
     if (timeout_ms > (busy ? WAIT_BUSY_MS : WAIT_IDLE_MS)) {
-        broken("a wait of %d ms", timeout_ms);
+        broken("a wait of %d ms, with %zu frames and %zu streams", timeout_ms, queue.size(),
+               streams.size());
     }
     if (timeout_ms > 0 && !excused) {
         work_of_server_waits(timeout_ms);

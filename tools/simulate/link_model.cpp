@@ -4,8 +4,8 @@
 
 namespace {
 
-// 55 s by a clock of whole seconds, from the first look on that finds bytes unacknowledged up to the
-// first one behind that time; what happens between two looks may be missed.
+// 55 s by a clock of whole seconds, from the first look on that finds bytes unacknowledged up to
+// the first one behind that time; what happens between two looks may be missed.
 constexpr int64_t SOONEST_US = 51'000'000;
 constexpr int64_t LATEST_US = 61'000'000;
 constexpr int64_t GAP_US = 2'500'000;  // a longer one spoils what was seen before
