@@ -11,7 +11,7 @@
 namespace {
 
 // Bytes are sent again after 0.2 s, and each time after twice as long: the ninth time after 51 s.
-constexpr int32_t SILENCE_LIMIT_S = 55;
+constexpr int32_t SILENCE_LIMIT_S = 53;
 constexpr uint32_t PROBES_LOST_MAX = 1;  // of which the next comes up to two minutes later
 // Between two looks, of which the control connection takes one in 2.1 s: after a longer gap, what
 // was seen before says nothing.

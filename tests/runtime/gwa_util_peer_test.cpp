@@ -34,10 +34,10 @@ struct Peer : testing::Test {
     }
 };
 
-TEST_F(Peer, IsGoneWhenItAcknowledgesNothingForFiftyFiveSeconds) {
+TEST_F(Peer, IsGoneWhenItAcknowledgesNothingForFiftyThreeSeconds) {
     EXPECT_FALSE(gone_at(9, {false, false, 0, 5000, 5000})) << "idle for long";
-    EXPECT_FALSE(gone_at(64, {false, true, 0, 5010, 5010})) << "bytes have just left";
-    EXPECT_TRUE(gone_at(65, {false, true, 0, 5065, 5065}));
+    EXPECT_FALSE(gone_at(62, {false, true, 0, 5010, 5010})) << "bytes have just left";
+    EXPECT_TRUE(gone_at(63, {false, true, 0, 5063, 5063}));
 }
 
 TEST_F(Peer, IsGoneAsSoonForWhoLooksAsSeldomAsTheControlConnection) {
@@ -45,7 +45,7 @@ TEST_F(Peer, IsGoneAsSoonForWhoLooksAsSeldomAsTheControlConnection) {
     for (int64_t looked_ms = 900; looked_ms < 59'000; looked_ms += 2100) {
         set_clock(looked_ms / 1000);
         state.acknowledged_s = state.received_s = static_cast<uint32_t>((looked_ms - 900) / 1000);
-        EXPECT_EQ(gwa_peer_judge(&watch, state), looked_ms >= 55'900) << looked_ms;
+        EXPECT_EQ(gwa_peer_judge(&watch, state), looked_ms >= 53'900) << looked_ms;
     }
 }
 
@@ -63,8 +63,8 @@ TEST_F(Peer, BehindAShutWindowIsGoneWhenTwoProbesAreLost) {
     EXPECT_FALSE(gone_at(120, {false, false, 1, 60, 60})) << "the next one may be answered";
     EXPECT_FALSE(gone_at(150, {false, false, 2, 180, 0})) << "it says something";
     now = 300;
-    EXPECT_FALSE(gone_at(354, {false, false, 2, 280, 100}));
-    EXPECT_TRUE(gone_at(355, {false, false, 2, 335, 155}));
+    EXPECT_FALSE(gone_at(352, {false, false, 2, 280, 100}));
+    EXPECT_TRUE(gone_at(353, {false, false, 2, 335, 155}));
 }
 
 TEST_F(Peer, IsLookedAtOnceASecond) {
@@ -79,7 +79,7 @@ TEST_F(Peer, IsLookedAtOnceASecond) {
     EXPECT_TRUE(gwa_peer_is_gone(&watch, sockets.ours));
     const socket_pair others(AF_UNIX);
     now = 10;
-    EXPECT_FALSE(gone_at(64, {false, true, 0, 60, 60}));
+    EXPECT_FALSE(gone_at(62, {false, true, 0, 60, 60}));
     set_clock(now++);
     EXPECT_FALSE(gwa_peer_is_gone(&watch, others.ours)) << "nothing is known of it";
     EXPECT_FALSE(gone_at(70, {false, true, 0, 116, 116})) << "and no longer what was before";

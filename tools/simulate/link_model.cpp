@@ -4,10 +4,10 @@
 
 namespace {
 
-// 55 s by a clock of whole seconds, from the first look on that finds bytes unacknowledged up to
+// 53 s by a clock of whole seconds, from the first look on that finds bytes unacknowledged up to
 // the first one behind that time; what happens between two looks may be missed.
-constexpr int64_t SOONEST_US = 51'000'000;
-constexpr int64_t LATEST_US = 61'000'000;
+constexpr int64_t SOONEST_US = 49'000'000;
+constexpr int64_t LATEST_US = 59'000'000;
 constexpr int64_t GAP_US = 2'500'000;  // a longer one spoils what was seen before
 
 }  // namespace
