@@ -125,10 +125,10 @@ void run(const options& settings) {
     co_spawn(io, accept_loop(hub, ports.data, data_serve), detached);
     co_spawn(io, accept_loop(hub, ports.front, admission_serve), detached);
     co_spawn(io,
-             repeat(interval_for({settings.login_timeout, settings.silence_timeout,
-                                  settings.stall_timeout, settings.answer_timeout,
-                                  settings.linger_timeout, settings.idle_timeout,
-                                  settings.reuse_timeout, settings.repeat_timeout}),
+             repeat(interval_for(
+                        {settings.login_timeout, settings.silence_timeout, settings.gone_timeout,
+                         settings.stall_timeout, settings.answer_timeout, settings.linger_timeout,
+                         settings.idle_timeout, settings.reuse_timeout, settings.repeat_timeout}),
                     [&hub] { tick(hub); }),
              detached);
     co_spawn(

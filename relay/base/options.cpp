@@ -108,6 +108,8 @@ constexpr option_row OPTIONS[] = {
      set_timeout<&options::login_timeout>},
     {"silence-timeout", "S", "ends a device that sends nothing, and an idle stream (300)",
      set_timeout<&options::silence_timeout>},
+    {"gone-timeout", "S", "ends a device that acknowledges nothing (55)",
+     set_timeout<&options::gone_timeout>},
     {"stall-timeout", "S", "ends a user who takes nothing of what waits for him (120)",
      set_timeout<&options::stall_timeout>},
     {"answer-timeout", "S", "a request unanswered for so long gets a 504 (120)",

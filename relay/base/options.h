@@ -31,6 +31,7 @@ struct options {
 
     milliseconds login_timeout{60'000};     // for a login, and for a user's request head
     milliseconds silence_timeout{300'000};  // a device's heartbeats come every minute
+    milliseconds gone_timeout{55'000};      // a device that acknowledges nothing
     milliseconds stall_timeout{120'000};    // a user who takes none of what waits for him
     milliseconds answer_timeout{120'000};   // a request that nothing on the device answers
     milliseconds linger_timeout{5000};      // silence that ends what has no end of its own

@@ -39,6 +39,7 @@ std::shared_ptr<device> login(relay& hub, connection& link, const frame& got, ui
     auto owner = device_get(hub, id);
     owner->info = std::move(*info);
     link.patience = hub.settings.silence_timeout;
+    liveness_watch(link.alive, link.socket.native_handle(), hub.settings.gone_timeout);
     return owner;
 }
 

@@ -76,6 +76,8 @@ void connection::tick(steady::time_point now) {
         refuse(deadline_reason);
     } else if (!idle() && now - last_taken >= patience) {
         refuse("takes nothing of what waits for it");
+    } else if (!closed && liveness_is_over(alive, socket.native_handle(), now)) {
+        refuse("gone without a word");
     }
     changed.notify();
 }

@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "base/options.h"
+#include "net/liveness.h"
 #include "net/outbox.h"
 #include "wire/frames.h"
 
@@ -49,6 +50,7 @@ struct connection {
     milliseconds patience{};  // while the peer takes nothing of what waits for it
     steady::time_point last_taken = steady::now();
     uint64_t last_acknowledged = 0;
+    liveness alive;  // watched from a device's login on
 
     explicit connection(tcp::socket accepted);
     connection(connection&&) = delete;
