@@ -53,6 +53,10 @@ static void signals_reset() {
 // calls that are safe in a signal handler. Nothing can be logged: every descriptor is closed.
 [[noreturn]] static void restart_child() {
     signals_reset();
+    if (!gwa_process_running()) {
+        _exit(
+            0);  // exception 55: a signal came while the handler of the old program was still ours
+    }
     gwa_close_all_fds();
     timespec left{PAUSE_S, 0};
     while (nanosleep(&left, &left) == -1 && errno == EINTR) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,4 +75,19 @@ TEST(Restart, IsCalledOffByASignal) {
         EXPECT_EQ(program.wait(), 0) << forked;
         EXPECT_EQ(program.errors().find("<0> exit from func") != std::string::npos, forked);
     }
+}
+
+// One that reaches the new process alone, before it has its own way of taking signals.
+TEST(Restart, EndsWithASignalThatReachesOnlyItsChild) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    child program([] {
+        signal(SIGTERM, [](int) { gwa_process_run = 0; });
+        pthread_atfork(nullptr, nullptr, [] { raise(SIGTERM); });
+        gwa_restart();
+    });
+    EXPECT_EQ(program.wait(), 0);
+    int status = -1;
+    EXPECT_TRUE(eventually([&] { return waitpid(-1, &status, WNOHANG) > 0; }));
+    EXPECT_EQ(status, 0);
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
