@@ -70,7 +70,7 @@ need_packages() {
 # machine and to run all tests.
 need_test_packages() {
     need_packages "$@" g++ cmake make libgtest-dev libasio-dev curl nginx-light util-linux iproute2 \
-        busybox groff-base openssl stunnel4
+        busybox groff-base openssl stunnel4 libfaketime
 }
 
 # Runs an installation during which Debian starts no service: nobody asked for a web server on

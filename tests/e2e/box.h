@@ -11,9 +11,11 @@ struct box {
     temp_dir home;
     child gwad;
 
-    // Starts the daemon; it asks the address manager at localhost and this port.
-    explicit box(uint16_t manager_port, const char* verbose = "7")
-        : gwad(command_line(home.path, manager_port, verbose)) {}
+    // Starts the daemon; it asks the address manager at that host and this port. The settings are
+    // variables of its environment.
+    explicit box(uint16_t manager_port, const char* verbose = "7",
+                 const char* manager = "localhost", const std::vector<std::string>& settings = {})
+        : gwad(command_line(home.path, manager_port, verbose, manager, settings)) {}
 
     std::string log() const { return file_read(home.path + "/log"); }
     // True as soon as the text has been logged that many times.
@@ -31,28 +33,20 @@ struct box {
 
    private:
     static std::vector<std::string> command_line(const std::string& home, uint16_t manager_port,
-                                                 const char* verbose) {
+                                                 const char* verbose, const char* manager,
+                                                 const std::vector<std::string>& settings) {
         for (const char* folder : {"/tmp/wkr", "/etc", "/bin"}) {
             std::filesystem::create_directories(home + folder);
         }
         file_write(home + "/etc/firmware", "CURVER=1.2.3\r\nCOMPONENT=c7\nTERMINAL=t9\n");
         // A name that cannot be resolved costs a second at most, also where nothing is isolated.
-        return {"/usr/bin/env",
-                "RES_OPTIONS=timeout:1 attempts:1",
-                GWAD_PATH,
-                "-r",
-                "localhost",
-                "-p",
-                std::to_string(manager_port),
-                "-i",
-                "lo",
-                "-I",
-                "box",
-                "-H",
-                home,
-                "-l",
-                home + "/log",
-                "-V",
-                verbose};
+        std::vector<std::string> all{"/usr/bin/env", "RES_OPTIONS=timeout:1 attempts:1"};
+        all.insert(all.end(), settings.begin(), settings.end());
+        const std::vector<std::string> command = {
+            GWAD_PATH, "-r", manager,       "-p",  std::to_string(manager_port),
+            "-i",      "lo", "-I",          "box", "-H",
+            home,      "-l", home + "/log", "-V",  verbose};
+        all.insert(all.end(), command.begin(), command.end());
+        return all;
     }
 };

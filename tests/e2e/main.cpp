@@ -1,6 +1,6 @@
 // main.cpp - runs the end-to-end tests on a machine of their own: private process, network and
-// mount namespaces. In there the loopback interface is the only one, /etc/init.d is empty and
-// writable, name servers are out of reach, and whatever a test leaves running ends with it.
+// mount namespaces. In there the loopback interface is the only one, /etc/init.d and /etc/hosts are
+// the test's to write, name servers are out of reach, and whatever a test leaves running ends with it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,7 +10,8 @@ constexpr char IN_THERE[] = "GWAD_TEST_ISOLATED";
 // The shell stays, as the first process there is: it takes in the orphans of the others, and
 // sanitizers could not look for leaks in its place.
 constexpr char SET_UP[] =
-    "PATH=$PATH:/usr/sbin:/sbin; mount -t tmpfs tmpfs /etc/init.d && ip link set lo up || exit 1; "
+    "PATH=$PATH:/usr/sbin:/sbin; mount -t tmpfs tmpfs /etc/init.d && cp /etc/hosts /etc/init.d && "
+    "mount --bind /etc/init.d/hosts /etc/hosts && ip link set lo up || exit 1; "
     "\"$@\"; exit $?";
 
 bool isolated() { return getenv(IN_THERE) != nullptr; }

@@ -40,7 +40,9 @@ struct session {
     unique_fd control, data;
     box device;
 
-    explicit session(const char* verbose = "7") : device(manager.port, verbose) {}
+    explicit session(const char* verbose = "7", const char* host = "localhost",
+                     const std::vector<std::string>& settings = {})
+        : device(manager.port, verbose, host, settings) {}
 
     // Answers one discovery with the control port. Hands back the request.
     std::string discover() const {
