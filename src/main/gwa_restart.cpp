@@ -54,8 +54,7 @@ static void signals_reset() {
 [[noreturn]] static void restart_child() {
     signals_reset();
     if (!gwa_process_running()) {
-        _exit(
-            0);  // exception 55: a signal came while the handler of the old program was still ours
+        _exit(0);  // exception 55: a signal that the old program's handler has taken
     }
     gwa_close_all_fds();
     timespec left{PAUSE_S, 0};
