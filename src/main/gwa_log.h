@@ -32,9 +32,13 @@ inline bool gwa_log_enabled(int level) {
     return gwa_log_level.load(std::memory_order_relaxed) >= level;
 }
 
-// The name of a source file without its folders; compilers do the search. g++ has __FILE_NAME__
-// from version 12 on only.
+// The name of a source file without its folders. g++ has it from version 12 on only, and does the
+// search itself before; clang does not.
+#ifdef __FILE_NAME__
+#define GWA_FILE_NAME __FILE_NAME__
+#else
 #define GWA_FILE_NAME (__builtin_strrchr("/" __FILE__, '/') + 1)
+#endif
 
 // Writes one line; the level is tested before the arguments are formatted. Lines of errors and
 // above are seldom switched off: their level is tested inside, which saves that code in 250 places.
