@@ -17,6 +17,7 @@ constexpr milliseconds ACCEPT_PAUSE{200};
 
 struct listeners {
     tcp::acceptor manager, control, data, front;
+    std::optional<tcp::acceptor> admin;
 };
 
 uint16_t port_of(const tcp::acceptor& acceptor) { return acceptor.local_endpoint().port(); }
@@ -29,6 +30,19 @@ tcp::acceptor listen_on(asio::io_context& io, const std::string& address, uint16
                 failed.what());
         exit(EXIT_FAILURE);
     }
+}
+
+// For --check-config, which binds nothing.
+bool addresses_fit(const options& set) {
+    for (const std::string& each : {set.listen_devices, set.listen_users, set.listen_admin}) {
+        asio::error_code failed;
+        asio::ip::make_address(each, failed);
+        if (failed && !each.empty()) {
+            fprintf(stderr, "gwrelay: cannot listen on %s: it is no address\n", each.c_str());
+            return false;
+        }
+    }
+    return true;
 }
 
 void announce(relay& hub, const listeners& ports) {
@@ -108,22 +122,41 @@ milliseconds interval_for(std::initializer_list<milliseconds> times) {
     return std::min(TICK, std::min(times) / 4);
 }
 
+void tell_ready(const options& set, const listeners& ports) {
+    printf("ready manager=%u control=%u data=%u front=%u", port_of(ports.manager),
+           port_of(ports.control), port_of(ports.data), port_of(ports.front));
+    if (ports.admin) {
+        printf(" admin=%u", port_of(*ports.admin));
+    }
+    puts("");
+    fflush(stdout);
+    const auto& [address, page] = ports.admin ? std::tie(set.listen_admin, *ports.admin)
+                                              : std::tie(set.listen_users, ports.front);
+    log_line(EVENT, "front page: http://%s:%u/", address.c_str(), port_of(page));
+}
+
 void run(const options& settings) {
     asio::io_context io(1);
     relay hub{settings, {settings.user_buffer, settings.buffers, settings.buffer_folder},
               {},       {},
               {},       {},
               {},       {}};
-    listeners ports{listen_on(io, settings.listen, settings.manager_port),
-                    listen_on(io, settings.listen, settings.control_port),
-                    listen_on(io, settings.listen, settings.data_port),
-                    listen_on(io, settings.listen, settings.front_port)};
+    listeners ports{listen_on(io, settings.listen_devices, settings.manager_port),
+                    listen_on(io, settings.listen_devices, settings.control_port),
+                    listen_on(io, settings.listen_devices, settings.data_port),
+                    listen_on(io, settings.listen_users, settings.front_port), std::nullopt};
+    if (!settings.listen_admin.empty()) {
+        ports.admin = listen_on(io, settings.listen_admin, settings.admin_port);
+    }
     announce(hub, ports);
     using asio::co_spawn, asio::detached;
     co_spawn(io, accept_loop(hub, ports.manager, manager_serve), detached);
     co_spawn(io, accept_loop(hub, ports.control, control_serve), detached);
     co_spawn(io, accept_loop(hub, ports.data, data_serve), detached);
     co_spawn(io, accept_loop(hub, ports.front, admission_serve), detached);
+    if (ports.admin) {
+        co_spawn(io, accept_loop(hub, *ports.admin, admission_admin_serve), detached);
+    }
     co_spawn(io,
              repeat(interval_for(
                         {settings.login_timeout, settings.silence_timeout, settings.gone_timeout,
@@ -141,19 +174,23 @@ void run(const options& settings) {
         log_line(EVENT, "signal %d, stopping", number);
         exit(EXIT_SUCCESS);  // the kernel closes every connection as close() would
     });
-    printf("ready manager=%u control=%u data=%u front=%u\n", port_of(ports.manager),
-           port_of(ports.control), port_of(ports.data), port_of(ports.front));
-    fflush(stdout);
-    log_line(EVENT, "front page: http://%s:%u/", settings.listen.c_str(), port_of(ports.front));
+    tell_ready(settings, ports);
     io.run();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    options settings;
-    if (!options_parse(argc, argv, settings)) {
+    std::string error;
+    auto line = options_parse(argc, argv, error);
+    if (!line) {
+        fprintf(stderr, "gwrelay: %s\n", error.c_str());
         return EXIT_FAILURE;
+    }
+    options& settings = line->set;
+    if (line->check_only) {
+        const bool fit = addresses_fit(settings);
+        return fit ? EXIT_SUCCESS : EXIT_FAILURE;
     }
     log_set_level(settings.level);
     admission_fit(settings);

@@ -66,10 +66,13 @@ need_packages() {
     esac
 }
 
+# The libraries of gwrelay.
+relay_packages=(libasio-dev libcli11-dev libtomlplusplus-dev)
+
 # need_test_packages WHAT_FOR PACKAGE...: those, and what it takes to build everything for this
 # machine and to run all tests.
 need_test_packages() {
-    need_packages "$@" g++ cmake make libgtest-dev libasio-dev curl nginx-light util-linux iproute2 \
+    need_packages "$@" g++ cmake make libgtest-dev "${relay_packages[@]}" curl nginx-light util-linux iproute2 \
         busybox groff-base openssl stunnel4 libfaketime
 }
 

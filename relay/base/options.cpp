@@ -1,170 +1,136 @@
 #include "base/options.h"
 
-#include <getopt.h>
+#include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
-#include <vector>
 
+#include "base/config_file.h"
+#include "base/option_table.h"
 #include "base/text.h"
 
 namespace {
 
-constexpr uint16_t PORT_MAX = 65534;  // a device refuses 65535 wherever it checks a port
+constexpr char DEFAULT_CONFIG[] = "/etc/gwrelay/gwrelay.toml";
 constexpr uint32_t T1_MIN = 2, T1_MAX = 3599, T2_MIN = 3600, T2_MAX = 0x7fffffff;
-constexpr int TIMEOUT_MIN_MS = 10;
-constexpr double TIMEOUT_MAX_S = 86400, MS_PER_S = 1000;
-constexpr int SETTLE_MIN_MS = 1;  // which no tick has to see
 // The device keeps a host in 64 bytes, and knows IPv4 addresses and names only.
 constexpr size_t HOST_MAX = 63;
+constexpr size_t HELP_COLUMN = 28;
+constexpr char SUMMARY[] =
+    "The relay: address manager, control and data connections for devices, and an HTTP front\n"
+    "door for users at http://127.0.0.1:8080/ with a page that lists them. /DEVICE/PORT/PATH\n"
+    "there is a port of a device; ?gwrelay-pri=N sets a priority, and\n"
+    "POST /DEVICE/report-times?t1=S&t2=S sets its reporting times.";
+constexpr char READY[] =
+    "Every option but the last group can stand in the configuration file: front-port = 8080.\n\n"
+    "Once it listens, gwrelay prints one line on standard output, with --listen-admin and\n"
+    "admin=PORT at its end:\n"
+    "ready manager=PORT control=PORT data=PORT front=PORT";
 
-struct option_row {
-    const char *name, *value, *help;
-    bool (*set)(options& to, const char* value);  // false: the value is no good
+struct given {
+    const option_row* row;
+    std::string value;
 };
 
-template <auto Member, auto Value>
-bool set_fixed(options& to, const char*) {
-    to.*Member = Value;
-    return true;
+struct arguments {
+    std::vector<given> values;  // in their order
+    std::string config;
+    bool check_only = false;
+};
+
+// "--name=value" as two words, because the parser takes an empty value for none.
+std::vector<std::string> words_reversed(int argc, const char* const* argv) {
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        const size_t equals = word.starts_with("--") ? word.find('=') : word.npos;
+        words.push_back(word.substr(0, equals));
+        if (equals != word.npos) {
+            words.push_back(word.substr(equals + 1));
+        }
+    }
+    std::ranges::reverse(words);
+    return words;
 }
 
-template <auto Member>
-bool set_text(options& to, const char* value) {
-    to.*Member = value;
-    return true;
+void add_rows(CLI::App& app, std::vector<given>& to) {
+    for (const option_group& group : option_groups()) {
+        for (const option_row& row : group.rows) {
+            const std::string name = row.name;
+            const bool has_short = name == "quiet" || name == "verbose";
+            const std::string names =
+                (has_short ? "-" + name.substr(0, 1) + "," : "") + "--" + name;
+            const auto take = [&to, &row](const std::string& value) {
+                to.push_back({&row, value});
+            };
+            CLI::Option* const added =
+                row.value != nullptr ? app.add_option_function<std::string>(names, take, row.help)
+                                     : app.add_flag_callback(
+                                           names, [take] { take(""); }, row.help);
+            added->trigger_on_parse()->group(group.title)->type_name(row.value ? row.value : "");
+        }
+    }
 }
 
-template <auto Member>
-bool set_port(options& to, const char* value) {
-    const auto port = number_parse<uint16_t>(value);
-    to.*Member = port.value_or(0);
-    return port && *port <= PORT_MAX;
+std::optional<arguments> arguments_parse(int argc, const char* const* argv, std::string& error) {
+    arguments found;
+    CLI::App app(SUMMARY, "gwrelay");
+    app.get_formatter()->column_width(HELP_COLUMN);
+    app.footer(READY);
+    add_rows(app, found.values);
+    app.set_help_flag("-h,--help", "show this text")->group("The program");
+    app.set_version_flag("--version", "gwrelay " GWRELAY_VERSION, "show the version")
+        ->group("The program");
+    app.add_option("--config", found.config,
+                   std::string("configuration file, TOML; without it ") + DEFAULT_CONFIG +
+                       " if that is there")
+        ->type_name("FILE")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+        ->group("The program");
+    app.add_flag("--check-config", found.check_only, "say whether all of this makes sense, and end")
+        ->group("The program");
+    try {
+        app.parse(words_reversed(argc, argv));
+    } catch (const CLI::Success& asked) {
+        exit(app.exit(asked));
+    } catch (const CLI::ParseError& failed) {
+        error = failed.what() + std::string("\ngwrelay: try --help");
+        return std::nullopt;
+    }
+    return found;
 }
 
-template <auto Member, int LeastMs = TIMEOUT_MIN_MS>
-bool set_timeout(options& to, const char* value) {
-    const double time_s = number_parse<double>(value).value_or(0);
-    if (!(time_s * MS_PER_S >= LeastMs && time_s <= TIMEOUT_MAX_S)) {  // nor is what is no number
+std::string bad_value(const option_row& row, const std::string& value) {
+    return std::string("bad value for --") + row.name + ": " + value;
+}
+
+// Empty, or what is wrong with this line of the file.
+std::string entry_take(options& to, const config_entry& entry) {
+    const option_row* const row = option_find(entry.name);
+    if (row == nullptr) {
+        return "unknown option: " + entry.name;
+    }
+    const bool is_flag = row->value == nullptr;
+    if (is_flag != entry.is_flag) {
+        return is_flag ? entry.name + " is true or false" : bad_value(*row, entry.value);
+    }
+    const bool takes = !is_flag || entry.value == "true";
+    return !takes || row->effect.set(to, entry.value) ? "" : bad_value(*row, entry.value);
+}
+
+bool config_take(options& to, const std::string& path, std::string& error) {
+    const auto entries = config_read(path, error);
+    if (!entries) {
         return false;
     }
-    to.*Member = std::chrono::duration_cast<milliseconds>(std::chrono::duration<double>(time_s));
-    return true;
-}
-
-// Bytes: a number, of units of 1024 when a letter follows.
-template <auto Member, uint64_t Least = 0>
-bool set_bytes(options& to, const char* value) {
-    constexpr std::string_view UNITS = "KMG";
-    std::string_view text = value;
-    const size_t unit = text.empty() ? UNITS.npos : UNITS.find(text.back());
-    const auto number = number_parse<uint32_t>(text.substr(0, text.size() - (unit < UNITS.size())));
-    to.*Member = uint64_t{number.value_or(0)} << (unit < UNITS.size() ? 10 * (unit + 1) : 0);
-    return number && to.*Member >= Least;
-}
-
-template <auto Member>
-bool set_count(options& to, const char* value) {
-    to.*Member = number_parse<uint32_t>(value).value_or(0);
-    return to.*Member > 0;
-}
-
-bool set_times(options& to, const char* value) {
-    const std::string_view text = value;
-    const size_t comma = std::min(text.find(','), text.size());
-    to.times =
-        report_times_parse(text.substr(0, comma), text.substr(std::min(comma + 1, text.size())));
-    return to.times.has_value();
-}
-
-bool show_help(options& to, const char*);
-
-bool show_version(options&, const char*) {
-    puts("gwrelay " GWRELAY_VERSION);
-    exit(EXIT_SUCCESS);
-}
-
-constexpr option_row OPTIONS[] = {
-    {"listen", "ADDRESS", "address that everything listens on (127.0.0.1)",
-     set_text<&options::listen>},
-    {"announce", "ADDRESS", "address or name that devices are told to connect to (as --listen)",
-     set_text<&options::announce>},
-    {"manager-port", "PORT", "address manager (9999); 0 lets the kernel choose any of the ports",
-     set_port<&options::manager_port>},
-    {"control-port", "PORT", "control connections (9998)", set_port<&options::control_port>},
-    {"data-port", "PORT", "data connections (9997)", set_port<&options::data_port>},
-    {"front-port", "PORT", "front door (8080)", set_port<&options::front_port>},
-    {"command7", nullptr, "order data connections by command 7, not in the login answer",
-     set_fixed<&options::command7, true>},
-    {"report-times", "T1,T2", "send these reporting times (s) to every device after its login",
-     set_times},
-    {"no-dead-port-guard", nullptr,
-     "do not find out whether a port is alive: a dead one costs others data",
-     set_fixed<&options::dead_port_guard, false>},
-    {"no-reuse", nullptr, "a stream of its own for every request",
-     set_fixed<&options::reuse, false>},
-    {"login-timeout", "S",
-     "for a device's login and a user's request head (60); any S may be a fraction",
-     set_timeout<&options::login_timeout>},
-    {"silence-timeout", "S", "ends a device that sends nothing, and an idle stream (300)",
-     set_timeout<&options::silence_timeout>},
-    {"gone-timeout", "S", "ends a device that acknowledges nothing (55)",
-     set_timeout<&options::gone_timeout>},
-    {"stall-timeout", "S", "ends a user who takes nothing of what waits for him (120)",
-     set_timeout<&options::stall_timeout>},
-    {"answer-timeout", "S", "a request unanswered for so long gets a 504 (120)",
-     set_timeout<&options::answer_timeout>},
-    {"linger-timeout", "S",
-     "ends, when silent, a half-closed user or a response of unknown length (5)",
-     set_timeout<&options::linger_timeout>},
-    {"idle-timeout", "S", "ends a user's connection that waits for his next request (30)",
-     set_timeout<&options::idle_timeout>},
-    {"reuse-timeout", "S", "a stream may serve another request for so long (4)",
-     set_timeout<&options::reuse_timeout>},
-    {"settle-timeout", "S", "and one of another user after so long a silence (0.005)",
-     set_timeout<&options::settle_timeout, SETTLE_MIN_MS>},
-    {"repeat-timeout", "S",
-     "such a request, unanswered for so long, goes once more on a new one (2)",
-     set_timeout<&options::repeat_timeout>},
-    {"user-buffer", "BYTES", "what waits for a user, 64K at least (8M); K, M, G count by 1024",
-     set_bytes<&options::user_buffer, 64 << 10>},
-    {"buffers", "BYTES", "what waits for all users; beyond it nobody gets a file (1G)",
-     set_bytes<&options::buffers>},
-    {"buffer-folder", "FOLDER", "where it waits, beyond 256K of each user (/var/tmp)",
-     set_text<&options::buffer_folder>},
-    {"least-rate", "BYTES", "who keeps others waiting and takes less a second is cut (16K)",
-     set_bytes<&options::least_rate>},
-    {"rate-time", "S", "the time that such a rate is measured over (10)",
-     set_timeout<&options::rate_time>},
-    {"slow-timeout", "S", "who has been too slow for so long is cut (20)",
-     set_timeout<&options::slow_timeout>},
-    {"stuck-timeout", "S", "a device whose data connections are all held back gets one back (1)",
-     set_timeout<&options::stuck_timeout>},
-    {"device-streams", "N", "streams of a device, a fifth on each data connection (500)",
-     set_count<&options::device_streams>},
-    {"address-users", "N", "users from one address (256)", set_count<&options::address_users>},
-    {"users", "N", "users in all (2000)", set_count<&options::users>},
-    {"quiet", nullptr, "log problems only (-q)", set_fixed<&options::level, PROBLEM>},
-    {"verbose", nullptr, "log every frame header as well (-v)", set_fixed<&options::level, FRAME>},
-    {"version", nullptr, "show the version", show_version},
-    {"help", nullptr, "show this text (-h)", show_help},
-};
-
-bool show_help(options&, const char*) {
-    puts(
-        "Usage: gwrelay [options]\n"
-        "The development relay: address manager, control and data connections for devices, and\n"
-        "an HTTP front door for users at http://127.0.0.1:8080/ with a page that lists them.\n"
-        "/DEVICE/PORT/PATH there is a port of a device; ?gwrelay-pri=N sets a priority, and\n"
-        "POST /DEVICE/report-times?t1=S&t2=S sets its reporting times.\n");
-    for (const option_row& row : OPTIONS) {
-        const std::string name = row.name + std::string(" ") + (row.value ? row.value : "");
-        printf("  --%-21s %s\n", name.c_str(), row.help);
+    for (const config_entry& entry : *entries) {
+        error = entry_take(to, entry);
+        if (!error.empty()) {
+            error = path + ":" + std::to_string(entry.line) + ": " + error;
+            return false;
+        }
     }
-    puts(
-        "\nOnce it listens, it prints one line on standard output:\n"
-        "ready manager=PORT control=PORT data=PORT front=PORT");
-    exit(EXIT_SUCCESS);
+    return true;
 }
 
 // Whether a device can be told this address: it goes between double quotes and before a colon.
@@ -173,6 +139,23 @@ bool announce_fits(const std::string& address) {
            std::ranges::all_of(address, [](unsigned char c) {
                return isalnum(c) != 0 || c == '.' || c == '-' || c == '_';
            });
+}
+
+// What has not been set follows from the rest.
+bool complete(options& to, std::string& error) {
+    const auto instead = [](std::string& text, const std::string& of) {
+        text = text.empty() ? of : text;
+    };
+    instead(to.listen_devices, to.listen);
+    instead(to.listen_users, to.listen);
+    instead(to.announce, to.listen_devices);
+    if (!announce_fits(to.announce)) {
+        error = "devices cannot be told the address \"" + to.announce +
+                "\": --announce takes an IPv4 address or a name of at most " +
+                std::to_string(HOST_MAX) + " characters";
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -185,41 +168,36 @@ std::optional<report_times> report_times_parse(std::string_view t1, std::string_
     return fit ? std::optional(times) : std::nullopt;
 }
 
-bool options_parse(int argc, char** argv, options& to) {
-    std::vector<option> names;
-    const auto letter = [](const option_row& row) { return row.name[0]; };
-    for (const option_row& row : OPTIONS) {  // a short name is the first letter, of the first row
-        const bool has_short =
-            std::string_view("qvh").find(row.name[0]) != std::string_view::npos &&
-            std::ranges::find(OPTIONS, row.name[0], letter) == &row;
-        names.push_back({row.name, row.value ? required_argument : no_argument, nullptr,
-                         has_short ? row.name[0] : 0});
+std::optional<command_line> options_parse(int argc, const char* const* argv, std::string& error) {
+    const auto found = arguments_parse(argc, argv, error);
+    if (!found) {
+        return std::nullopt;
     }
-    names.push_back({});
-    int index = 0;
-    for (int code; (code = getopt_long(argc, argv, "qvh", names.data(), &index)) != -1;) {
-        if (code == '?') {  // getopt_long has said what is wrong
-            fputs("gwrelay: try --help\n", stderr);
-            return false;
-        }
-        const option_row* row =
-            code == 0 ? &OPTIONS[index] : std::ranges::find(OPTIONS, code, letter);
-        if (!row->set(to, optarg)) {
-            fprintf(stderr, "gwrelay: bad value for --%s: %s\n", row->name, optarg);
-            return false;
+    command_line line{{}, found->check_only};
+    const bool by_default = found->config.empty() && access(DEFAULT_CONFIG, F_OK) == 0;
+    const std::string config = by_default ? DEFAULT_CONFIG : found->config;
+    if (!config.empty() && !config_take(line.set, config, error)) {
+        return std::nullopt;
+    }
+    for (const auto& [row, value] : found->values) {
+        if (!row->effect.set(line.set, value)) {
+            error = bad_value(*row, value);
+            return std::nullopt;
         }
     }
-    if (optind < argc) {
-        fprintf(stderr, "gwrelay: unexpected argument: %s\n", argv[optind]);
-        return false;
+    return complete(line.set, error) ? std::optional(line) : std::nullopt;
+}
+
+std::vector<std::string> options_reload(options& to, options fresh) {
+    std::vector<std::string> later;
+    for (const option_group& group : option_groups()) {
+        for (const option_row& row : group.rows) {
+            if (row.time == option_time::START && !row.effect.same(fresh, to)) {
+                later.emplace_back(row.name);
+                row.effect.copy(fresh, to);
+            }
+        }
     }
-    to.announce = to.announce.empty() ? to.listen : to.announce;
-    if (!announce_fits(to.announce)) {
-        fprintf(stderr,
-                "gwrelay: devices cannot be told the address \"%s\": --announce takes an IPv4 "
-                "address or a name of at most %zu characters\n",
-                to.announce.c_str(), HOST_MAX);
-        return false;
-    }
-    return true;
+    to = std::move(fresh);
+    return later;
 }

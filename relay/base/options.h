@@ -1,4 +1,6 @@
-// options.h - the command line. There is no configuration file.
+// options.h - what can be set, by the command line and by a configuration file with the same names.
+//
+// A new option is a member here, a row in option_table.cpp and a line in docs/relay.md.
 #pragma once
 
 #include <chrono>
@@ -6,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/log.h"
 
@@ -16,13 +19,17 @@ constexpr auto NEVER = steady::time_point::max();
 // The reporting times of a device's media server, in seconds, within what a device accepts.
 struct report_times {
     uint32_t t1, t2;
+    bool operator==(const report_times&) const = default;
 };
 std::optional<report_times> report_times_parse(std::string_view t1, std::string_view t2);
 
 struct options {
     std::string listen = "127.0.0.1";
-    std::string announce;  // what devices are told to connect to; the listening address by default
+    std::string listen_devices, listen_users;  // as `listen` by default
+    std::string listen_admin;  // empty: the relay's own pages are at the users', on loopback only
+    std::string announce;      // what devices are told to connect to; listen_devices by default
     uint16_t manager_port = 9999, control_port = 9998, data_port = 9997, front_port = 8080;
+    uint16_t admin_port = 8081;
     bool command7 = false;  // order the data connections by command 7, not in the login answer
     bool dead_port_guard = true;
     bool reuse = true;                  // of a stream, for one request after another
@@ -53,5 +60,13 @@ struct options {
     size_t device_streams = 500;  // each costs the device a descriptor, of which it may have 1024
 };
 
-// Fills `to`. False: it makes no sense, and the error has been printed. Help ends the program.
-bool options_parse(int argc, char** argv, options& to);
+struct command_line {
+    options set;
+    bool check_only = false;
+};
+
+// Reads the configuration file, if there is one, then the arguments, which prevail. Nothing, with
+// the reason in `error`, when something makes no sense. Help and version end the program.
+std::optional<command_line> options_parse(int argc, const char* const* argv, std::string& error);
+// Takes over what is live; the names of what would take a restart come back.
+std::vector<std::string> options_reload(options& to, options fresh);

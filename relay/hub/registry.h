@@ -26,8 +26,11 @@ enum class port_state : uint8_t { ALIVE, DEAD, UNKNOWN };
 
 constexpr size_t DATA_CONNECTIONS = 5;  // that a device is told to make
 
+enum class door : uint8_t { USERS, ADMIN, BOTH };  // devices' ports, the relay's own pages
+
 struct user_link : connection {
     using connection::connection;
+    door came_by = door::USERS;
     const uint64_t number = ++count;  // no other user has it
     std::string input;                // what he has sent and nobody has taken yet
     bool user_ended = false;          // he sends no more; he may still read

@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr rlim_t DESCRIPTORS_ENOUGH = 65536;
 constexpr size_t DESCRIPTORS_OF_USER = 2;
 constexpr size_t TURNED_AWAY_MAX = 1000;  // at once
 constexpr size_t HEAD_MAX = 16 * 1024;
@@ -61,7 +60,8 @@ awaitable<void> turn_away(const relay& hub, std::shared_ptr<user_link> user, con
     user->expect_within(hub.settings.linger_timeout, why);
     const size_t length = co_await connection_http_head(*user, bytes, HEAD_MAX);
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
-    const std::string page = request ? page_answer(hub, *request) : "";
+    const bool sees = request && user->came_by != door::USERS;
+    const std::string page = sees ? page_answer(hub, *request) : "";
     user->head_only = request && request->method == "HEAD";
     user->reply(page.empty() ? http_busy_reply(why) : page);
     co_await connection_flush(*user);
@@ -71,12 +71,21 @@ awaitable<void> turn_away(const relay& hub, std::shared_ptr<user_link> user, con
     co_await connection_http_head(*user, bytes, HEAD_MAX);
 }
 
+// Whether he came to an address that only this machine reaches.
+bool on_loopback(const user_link& user) {
+    asio::error_code failed;
+    const asio::ip::address address = user.socket.local_endpoint(failed).address();
+    const bool mapped = address.is_v6() && address.to_v6().is_v4_mapped();
+    return mapped ? make_address_v4(asio::ip::v4_mapped, address.to_v6()).is_loopback()
+                  : address.is_loopback();
+}
+
 }  // namespace
 
 void admission_fit(options& set) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = std::min(limit.rlim_max, std::max(limit.rlim_cur, DESCRIPTORS_ENOUGH));
+    limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     getrlimit(RLIMIT_NOFILE, &limit);
     // A quarter for devices, a quarter for those who are turned away.
@@ -89,6 +98,8 @@ void admission_fit(options& set) {
 }
 
 awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
+    const bool own_pages = hub.settings.listen_admin.empty() && on_loopback(*user);
+    user->came_by = own_pages ? door::BOTH : door::USERS;
     const place his(hub, user->name.substr(0, user->name.rfind(':')));
     user->out.use_files(hub.pool);
     if (his.refusal == nullptr) {
@@ -98,4 +109,10 @@ awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
     } else {
         user->refuse(his.refusal);
     }
+}
+
+awaitable<void> admission_admin_serve(relay& hub, std::shared_ptr<user_link> user) {
+    user->came_by = door::ADMIN;
+    user->out.use_files(hub.pool);
+    return front_door_serve(hub, user);
 }

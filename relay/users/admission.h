@@ -11,3 +11,5 @@
 void admission_fit(options& set);
 // A user's story, when he is admitted; else he is told to come again.
 awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user);
+// The same for those who come to the address of the relay's own pages: no limit keeps them out.
+awaitable<void> admission_admin_serve(relay& hub, std::shared_ptr<user_link> user);

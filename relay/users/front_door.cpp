@@ -59,8 +59,10 @@ std::string answer_report_times(device& owner, const http_request& request) {
 
 // The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
 std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
-    if (std::string page = page_answer(hub, request); !page.empty()) {
-        return page;
+    if (user.came_by != door::USERS) {
+        if (std::string page = page_answer(hub, request); !page.empty()) {
+            return page;
+        }
     }
     const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
     const path_parts parts = path_split(request.path);
@@ -70,8 +72,11 @@ std::string route(relay& hub, user_link& user, const http_request& request, std:
         return prefix.empty() ? http_text_reply(404, "No such device.")
                               : http_redirect(prefix + std::string(request.path) + query);
     }
-    if (parts.second == "report-times" && parts.rest.empty()) {
+    if (user.came_by != door::USERS && parts.second == "report-times" && parts.rest.empty()) {
         return answer_report_times(*found->second, request);
+    }
+    if (user.came_by == door::ADMIN) {
+        return http_text_reply(404, "Devices' ports are at the users' address.");
     }
     const auto port = number_parse<uint16_t>(parts.second);
     if (!port || *port == 0 || *port > PORT_MAX) {

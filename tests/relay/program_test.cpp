@@ -26,12 +26,56 @@ TEST(GwrelayOptions, BadOnesAreNamedAndEndWithStatusOne) {
     refuses({"--unknown"}, "try --help");
 }
 
+// A file says the same as the command line, which prevails. What is wrong in it is named by its
+// line.
+TEST(GwrelayOptions, StandInAFileAsWell) {
+    const temp_dir folder;
+    const std::string file = folder.path + "/gwrelay.toml";
+    const auto check = [](const std::string& path, const std::string& reason) {
+        child process(relay::command_line({"--check-config", "--config=" + path}));
+        EXPECT_EQ(process.wait(), reason.empty() ? 0 : 1) << reason;
+        EXPECT_TRUE(has(process.errors(), reason)) << process.errors();
+    };
+    const std::pair<const char*, const char*> files[] = {
+        {"users = 5\n\nusrs = 6\n", ":3: unknown option: usrs\n"},
+        {"\n[users]\nx = 1\n", ":2: bad value for --users: "},
+        {"quiet = 1\n", ":1: quiet is true or false\n"},
+        {"users = true\n", ":1: bad value for --users: true\n"},
+        {"front-port = 65535\n", ":1: bad value for --front-port: 65535\n"},
+        {"announce =\n", ":1: "},
+        {"listen-admin = 'nowhere'\n", ": cannot listen on nowhere: "},
+        {"rate-time = 0.5\nbuffers = '2G'\nno-reuse = false\nlisten-users = '::'\n", ""}};
+    for (const auto& [text, reason] : files) {
+        file_write(file, text);
+        check(file, reason);
+    }
+    check(folder.path, folder.path + ": ");
+    check(file + "x", file + "x: ");
+    file_write(file, "users = 1 # one\naddress-users = 1\nlisten-admin = '127.0.0.1'\n");
+    const relay hub({"--config=" + file, "--address-users=2"});
+    const unique_fd first = say_to(hub.front, "");
+    EXPECT_TRUE(has(get(hub, "/"), "as many users as it can bear"));
+}
+
+// With an address of their own, the relay's pages are there and nothing else is.
+TEST(GwrelayPage, IsNotTheUsersWhenItHasAnAddress) {
+    const device box({"--listen-admin=127.0.0.1"});
+    const std::string times = "/box/report-times?t1=5&t2=3600";
+    for (const std::string path : {"/", "/status.json", times.c_str()}) {
+        const std::string method = path == times ? "POST " : "GET ", request = method + path + HTTP;
+        const std::string own = read_to_end(say_to(box.hub.admin, request + "\r\n").get());
+        EXPECT_TRUE(own.starts_with("HTTP/1.1 200 ")) << own;
+        EXPECT_TRUE(fetch(box.hub, request + "\r\n").starts_with("HTTP/1.1 404 "));
+    }
+    EXPECT_TRUE(has(read_to_end(say_to(box.hub.admin, GET_BOX).get()), "HTTP/1.1 404 "));
+}
+
 TEST(GwrelayOptions, GoodOnesAreTakenAndHelpTellsAll) {
     child help(
         relay::command_line({"--front-port=65534", "--answer-timeout=86400",
                              "--silence-timeout=0.01", "--report-times=2,3600", "-q", "-h"}));
     EXPECT_EQ(help.wait(), 0) << help.errors();
-    EXPECT_TRUE(has(help.output(), "\n  --front-port PORT       front door") &&
+    EXPECT_TRUE(has(help.output(), "\n  --front-port PORT         front door") &&
                 help.output().ends_with("\nready manager=PORT control=PORT data=PORT front=PORT\n"))
         << help.output();
     const relay hub({"--announce", "a-b_c.0" + std::string(56, 'd'), "-q"});
