@@ -1,4 +1,4 @@
-// main.cpp - binds the four ports and runs until SIGINT or SIGTERM.
+// main.cpp - binds the ports and runs until a signal ends it.
 
 #include <algorithm>
 #include <csignal>
@@ -6,6 +6,9 @@
 #include <cstdlib>
 
 #include "boxes/devices.h"
+#include "run/lifecycle.h"
+#include "run/service.h"
+#include "users/access_log.h"
 #include "users/admission.h"
 #include "users/fairness.h"
 #include "users/kept.h"
@@ -22,8 +25,16 @@ struct listeners {
 
 uint16_t port_of(const tcp::acceptor& acceptor) { return acceptor.local_endpoint().port(); }
 
-tcp::acceptor listen_on(asio::io_context& io, const std::string& address, uint16_t port) {
+// The socket that the service manager has made for this, or one of our own.
+tcp::acceptor listen_on(asio::io_context& io, const char* name, const std::string& address,
+                        uint16_t port) {
     try {
+        if (const int fd = service_socket(name); fd >= 0) {
+            sockaddr_storage bound{};
+            socklen_t size = sizeof bound;
+            getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size);
+            return {io, bound.ss_family == AF_INET6 ? tcp::v6() : tcp::v4(), fd};
+        }
         return {io, tcp::endpoint(asio::ip::make_address(address), port)};
     } catch (const std::exception& failed) {
         fprintf(stderr, "gwrelay: cannot listen on %s port %u: %s\n", address.c_str(), port,
@@ -93,11 +104,11 @@ awaitable<void> accept_loop(relay& hub, tcp::acceptor& acceptor,
 }
 
 // Calls `look` again and again, for ever.
-template <typename Look>
-awaitable<void> repeat(milliseconds interval, Look look) {
+template <typename Interval, typename Look>
+awaitable<void> repeat(Interval interval, Look look) {
     asio::steady_timer timer(co_await asio::this_coro::executor);
     for (;;) {
-        timer.expires_after(interval);
+        timer.expires_after(interval());
         co_await timer.async_wait(asio::use_awaitable);
         look();
     }
@@ -135,18 +146,20 @@ void tell_ready(const options& set, const listeners& ports) {
     log_line(EVENT, "front page: http://%s:%u/", address.c_str(), port_of(page));
 }
 
-void run(const options& settings) {
+void run(options& settings, int argc, const char* const* argv) {
     asio::io_context io(1);
     relay hub{settings, {settings.user_buffer, settings.buffers, settings.buffer_folder},
               {},       {},
               {},       {},
               {},       {}};
-    listeners ports{listen_on(io, settings.listen_devices, settings.manager_port),
-                    listen_on(io, settings.listen_devices, settings.control_port),
-                    listen_on(io, settings.listen_devices, settings.data_port),
-                    listen_on(io, settings.listen_users, settings.front_port), std::nullopt};
-    if (!settings.listen_admin.empty()) {
-        ports.admin = listen_on(io, settings.listen_admin, settings.admin_port);
+    listeners ports{listen_on(io, "manager", settings.listen_devices, settings.manager_port),
+                    listen_on(io, "control", settings.listen_devices, settings.control_port),
+                    listen_on(io, "data", settings.listen_devices, settings.data_port),
+                    listen_on(io, "front", settings.listen_users, settings.front_port),
+                    std::nullopt};
+    hub.own_door = !settings.listen_admin.empty() || service_socket("admin") >= 0;
+    if (hub.own_door) {
+        ports.admin = listen_on(io, "admin", settings.listen_admin, settings.admin_port);
     }
     announce(hub, ports);
     using asio::co_spawn, asio::detached;
@@ -157,24 +170,21 @@ void run(const options& settings) {
     if (ports.admin) {
         co_spawn(io, accept_loop(hub, *ports.admin, admission_admin_serve), detached);
     }
-    co_spawn(io,
-             repeat(interval_for(
-                        {settings.login_timeout, settings.silence_timeout, settings.gone_timeout,
-                         settings.stall_timeout, settings.answer_timeout, settings.linger_timeout,
-                         settings.idle_timeout, settings.reuse_timeout, settings.repeat_timeout}),
-                    [&hub] { tick(hub); }),
+    const auto tick_interval = [&settings] {
+        return interval_for({settings.login_timeout, settings.silence_timeout,
+                             settings.gone_timeout, settings.stall_timeout, settings.answer_timeout,
+                             settings.linger_timeout, settings.idle_timeout, settings.reuse_timeout,
+                             settings.repeat_timeout});
+    };
+    const auto fairness_interval = [&settings] {
+        return interval_for({settings.rate_time, settings.slow_timeout, settings.stuck_timeout});
+    };
+    co_spawn(io, repeat(tick_interval, [&hub] { tick(hub); }), detached);
+    co_spawn(io, repeat(fairness_interval, [&hub] { fairness_look(hub, steady::now()); }),
              detached);
-    co_spawn(
-        io,
-        repeat(interval_for({settings.rate_time, settings.slow_timeout, settings.stuck_timeout}),
-               [&hub] { fairness_look(hub, steady::now()); }),
-        detached);
-    asio::signal_set signals(io, SIGINT, SIGTERM);
-    signals.async_wait([](asio::error_code, int number) {
-        log_line(EVENT, "signal %d, stopping", number);
-        exit(EXIT_SUCCESS);  // the kernel closes every connection as close() would
-    });
+    co_spawn(io, lifecycle_serve(hub, settings, argc, argv), detached);
     tell_ready(settings, ports);
+    service_notify("READY=1");
     io.run();
 }
 
@@ -195,6 +205,9 @@ int main(int argc, char** argv) {
     log_set_level(settings.level);
     admission_fit(settings);
     signal(SIGPIPE, SIG_IGN);
-    run(settings);
+    if (!access_log_open(settings.access_log)) {
+        return EXIT_FAILURE;
+    }
+    run(settings, argc, argv);
     return EXIT_SUCCESS;
 }

@@ -49,7 +49,7 @@ bool put_port(options& to, const std::string& value) {
 
 template <auto Member, int LeastMs = TIMEOUT_MIN_MS>
 bool put_timeout(options& to, const std::string& value) {
-    const double time_s = number_parse<double>(value).value_or(0);
+    const double time_s = number_parse<double>(value).value_or(-1);
     if (!(time_s * MS_PER_S >= LeastMs && time_s <= TIMEOUT_MAX_S)) {  // nor is what is no number
         return false;
     }
@@ -151,6 +151,8 @@ constexpr option_row TIMES[] = {
     {"repeat-timeout", "S",
      "such a request, unanswered for so long, goes once more on a new one (2)",
      set_timeout<&options::repeat_timeout>},
+    {"drain", "S", "after SIGTERM, for requests that are under way; 0 to 86400 (60)",
+     set_timeout<&options::drain, 0>},
 };
 
 constexpr option_row USERS[] = {
@@ -175,6 +177,8 @@ constexpr option_row USERS[] = {
 };
 
 constexpr option_row LOG[] = {
+    {"access-log", "FILE", "a line for each request; SIGUSR1 opens it anew",
+     set_text<&options::access_log>},
     {"quiet", nullptr, "log problems only", set_fixed<&options::level, PROBLEM>},
     {"verbose", nullptr, "log every frame header as well", set_fixed<&options::level, FRAME>},
 };

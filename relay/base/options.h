@@ -35,6 +35,8 @@ struct options {
     bool reuse = true;                  // of a stream, for one request after another
     std::optional<report_times> times;  // sent to every device after its login
     log_level level = EVENT;
+    std::string access_log;  // a file; empty: none
+    milliseconds drain{60'000};
 
     milliseconds login_timeout{60'000};     // for a login, and for a user's request head
     milliseconds silence_timeout{300'000};  // a device's heartbeats come every minute

@@ -19,6 +19,10 @@ std::shared_ptr<device> device_get(relay& hub, const std::string& id) {
         };
         const auto longest = std::ranges::min_element(hub.devices, {}, away_since);
         if (longest->second->away()) {
+            const traffic total = device_traffic(*longest->second);
+            hub.forgotten.from_device += total.from_device;
+            hub.forgotten.to_device += total.to_device;
+            hub.forgotten_cuts += longest->second->cuts;
             hub.devices.erase(longest);
         }
     }
@@ -45,6 +49,15 @@ std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owne
     };
     const auto best = std::ranges::min_element(owner.data, {}, rank);
     return best == owner.data.end() || !can_take(*best) ? nullptr : *best;
+}
+
+traffic device_traffic(const device& owner) {
+    traffic total{owner.bytes_in, owner.bytes_out};
+    for (const auto& link : owner.data) {
+        total.from_device += link->bytes_in;
+        total.to_device += link->bytes_out;
+    }
+    return total;
 }
 
 bool device_send_times(const device& owner, report_times times) {

@@ -1,6 +1,7 @@
 // registry.h - the devices, their connections and streams, and what the whole relay shares.
 #pragma once
 
+#include <array>
 #include <map>
 #include <optional>
 #include <unordered_map>
@@ -59,6 +60,7 @@ struct user_link : connection {
     std::string head;            // of the response, on its way
     std::vector<iovec> arrived;  // for him, in what his data connection has just received
     uint64_t to_device = 0, from_device = 0;
+    int answered = 0;  // by the relay itself, with this status
     slowness slow;
     uint64_t taken_when_stuck = 0;  // when all data connections of the device became held back
     const char* cut = nullptr;      // why he had to give way to others
@@ -121,6 +123,10 @@ struct admission {
     uint64_t refused = 0;  // ever
 };
 
+struct traffic {  // stream payload
+    uint64_t from_device = 0, to_device = 0;
+};
+
 struct relay {
     const options& settings;
     outbox_pool pool;
@@ -130,6 +136,12 @@ struct relay {
     std::string manager_body;                            // the address manager's answer
     std::string order_json;                              // the order in a login answer
     std::string order_text;                              // the order by command 7
+    steady::time_point started = steady::now();
+    traffic forgotten{};  // of devices that are not known any more
+    uint64_t forgotten_cuts = 0;
+    bool draining = false;               // no new requests: the process is about to end
+    bool own_door = false;               // the relay's own pages have an address of their own
+    std::array<uint64_t, 6> requests{};  // that are over, by the hundreds of their status
 };
 
 // The device of that id, made when it is new. Devices that are away stay known, up to a limit.
@@ -140,6 +152,8 @@ size_t data_share(const options& set);
 // The connection for a new stream: where it waits for nobody, if there is such a one, then the one
 // with the fewest streams. Null: there is none, or the device could not bear one more.
 std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owner);
+
+traffic device_traffic(const device& owner);
 
 // Sends the reporting times; false when the device has no control connection.
 bool device_send_times(const device& owner, report_times times);

@@ -43,6 +43,9 @@ struct place {
 
     const char* why_not(const relay& hub) const {
         const auto found = all.by_address.find(address);
+        if (hub.draining) {
+            return DRAINING;
+        }
         if (all.users >= hub.settings.users) {
             return "The relay has as many users as it can bear.";
         }
@@ -98,7 +101,7 @@ void admission_fit(options& set) {
 }
 
 awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
-    const bool own_pages = hub.settings.listen_admin.empty() && on_loopback(*user);
+    const bool own_pages = !hub.own_door && on_loopback(*user);
     user->came_by = own_pages ? door::BOTH : door::USERS;
     const place his(hub, user->name.substr(0, user->name.rfind(':')));
     user->out.use_files(hub.pool);

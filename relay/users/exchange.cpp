@@ -68,6 +68,7 @@ void exchange_begin(const options& settings, user_link& user, const http_request
     user.response = http_response(user.head_only, request.upgrades);
     user.held.clear();
     user.to_device = user.from_device = 0;
+    user.answered = 0;
 }
 
 std::string_view exchange_take_body(user_link& user, std::string_view bytes) {
@@ -129,6 +130,7 @@ void user_link::reply(std::string_view whole) {
     input.erase(0, request.take(input));
     keeps = persistent && request.complete();
     std::string said(whole);
+    answered = number_parse<int>(whole.substr(whole.find(' ') + 1, 3)).value_or(0);
     said.insert(said.find('\n') + 1, connection_line(*this));
     send(std::string_view(said).substr(0, head_only ? http_head_length(said) : said.size()));
 }

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "page/metrics.h"
 #include "page/page.h"
+#include "users/access_log.h"
 #include "users/device_request.h"
 #include "users/exchange.h"
 #include "users/stream.h"
@@ -57,12 +59,27 @@ std::string answer_report_times(device& owner, const http_request& request) {
                : http_text_reply(503, "The device has no control connection.");
 }
 
+// What is not about a device, if it is that.
+std::string own_answer(const relay& hub, const user_link& user, const http_request& request) {
+    if (request.path == "/healthz") {
+        return http_text_reply(hub.draining ? 503 : 200, hub.draining ? "Ending." : "Fine.");
+    }
+    if (user.came_by == door::USERS) {
+        return {};
+    }
+    if (request.path == "/metrics") {
+        return http_reply(200, "text/plain; version=0.0.4", metrics_text(hub));
+    }
+    return page_answer(hub, request);
+}
+
 // The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
 std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
-    if (user.came_by != door::USERS) {
-        if (std::string page = page_answer(hub, request); !page.empty()) {
-            return page;
-        }
+    if (std::string own = own_answer(hub, user, request); !own.empty()) {
+        return own;
+    }
+    if (hub.draining) {
+        return http_busy_reply(DRAINING);
     }
     const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
     const path_parts parts = path_split(request.path);
@@ -113,7 +130,8 @@ awaitable<size_t> next_head(const relay& hub, user_link& user) {
             }
         } else if (!user.idle()) {  // he still reads
             idle_since = steady::now();
-        } else if (user.user_ended || steady::now() - idle_since >= hub.settings.idle_timeout) {
+        } else if (user.user_ended || hub.draining ||
+                   steady::now() - idle_since >= hub.settings.idle_timeout) {
             break;
         }
         co_await user.changed.wait();
@@ -143,6 +161,8 @@ awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
         co_return false;
     }
     exchange_begin(hub.settings, *user, *request);
+    user->persistent = user->persistent && !hub.draining;
+    const access_record record(*user, *request);
     std::string head;
     const std::string reply = route(hub, *user, *request, head);
     user->input.erase(0, head_length);
@@ -154,6 +174,7 @@ awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
     while (user->full() && !user->closed) {  // he takes less than he asks for
         co_await user->changed.wait();
     }
+    access_log_write(hub, *user, record);
     co_return user->keeps;
 }
 

@@ -8,4 +8,6 @@
 
 #include "hub/registry.h"
 
+constexpr char DRAINING[] = "The relay is about to end.";
+
 awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user);

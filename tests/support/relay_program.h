@@ -19,8 +19,9 @@ struct relay_program {
     }
     static std::vector<std::string> command_line(const std::vector<std::string>& arguments) {
         std::vector<std::string> all = {
-            GWRELAY_PATH,     "--manager-port=0", "--control-port=0",   "--data-port=0",
-            "--front-port=0", "--admin-port=0",   "--config=/dev/null", "-v"};
+            GWRELAY_PATH,         "--manager-port=0", "--control-port=0",
+            "--data-port=0",      "--front-port=0",   "--admin-port=0",
+            "--config=/dev/null", "--drain=0",        "-v"};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return all;
     }
