@@ -130,7 +130,7 @@ void user_link::reply(std::string_view whole) {
     input.erase(0, request.take(input));
     keeps = persistent && request.complete();
     std::string said(whole);
-    answered = number_parse<int>(whole.substr(whole.find(' ') + 1, 3)).value_or(0);
+    answered = closed ? 0 : number_parse<int>(whole.substr(whole.find(' ') + 1, 3)).value_or(0);
     said.insert(said.find('\n') + 1, connection_line(*this));
     send(std::string_view(said).substr(0, head_only ? http_head_length(said) : said.size()));
 }
