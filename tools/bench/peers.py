@@ -201,7 +201,7 @@ def gwad(work, services, programs, level, name):
     device = f"box{level}"
     ready = f"{work}/ready{level}"
     with open(ready, "w") as output:
-        relay = start(work, "gwrelay", f"{programs}/gwrelay", "--quiet",
+        relay = start(work, "gwrelay", f"{programs}/gwrelay", "--quiet", "--config", "/dev/null",
                       *(word for port in ("manager", "control", "data", "front")
                         for word in (f"--{port}-port", 0)), stdout=output)
     wait_for("gwrelay", lambda: os.path.getsize(ready), relay)

@@ -90,7 +90,8 @@ class Programs:
 
     async def start_relay(self):
         ports = [word for name, port in self.run.ports.items() for word in (f"--{name}-port", port)]
-        pid = self.launch("gwrelay", f"{self.folder}/gwrelay", "-q", "--listen", "0.0.0.0",
+        pid = self.launch("gwrelay", f"{self.folder}/gwrelay", "-q", "--config", "/dev/null",
+                          "--drain", 0, "--listen", "0.0.0.0",
                           "--announce", self.run.address, *ports)
         self.pid["gwrelay"] = pid
         end = self.run.now() + START_S

@@ -177,7 +177,8 @@ class Stampede:
 
     async def relay_start(self):
         ports = [word for name, port in self.ports.items() for word in (f"--{name}-port", port)]
-        self.relay = start(self.work, "gwrelay", self.program, "-q", *ports,
+        self.relay = start(self.work, "gwrelay", self.program, "-q", "--config", "/dev/null",
+                           *ports,
                            preexec_fn=usual_descriptors)
         await self.until("the relay", lambda: "front=" in open(self.relay.output).read(), LIMIT_S)
 
