@@ -43,9 +43,9 @@ std::vector<std::string> words_reversed(int argc, const char* const* argv) {
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
-        const size_t equals = word.starts_with("--") ? word.find('=') : word.npos;
+        const size_t equals = word.starts_with("--") ? word.find('=') : std::string::npos;
         words.push_back(word.substr(0, equals));
-        if (equals != word.npos) {
+        if (equals != std::string::npos) {
             words.push_back(word.substr(equals + 1));
         }
     }
@@ -126,7 +126,7 @@ bool config_take(options& to, const std::string& path, std::string& error) {
     for (const config_entry& entry : *entries) {
         error = entry_take(to, entry);
         if (!error.empty()) {
-            error = path + ":" + std::to_string(entry.line) + ": " + error;
+            error.insert(0, path + ":" + std::to_string(entry.line) + ": ");
             return false;
         }
     }
