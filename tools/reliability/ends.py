@@ -179,7 +179,8 @@ class Site:
         listen = "127.0.0.1" if self.behind else "0.0.0.0"
         with open(self.relay_log, "a") as log:
             self.relay = subprocess.Popen(
-                [self.programs / "gwrelay", "--listen", listen, "--announce", RELAY],
+                [self.programs / "gwrelay", "--config", "/dev/null", "--drain", "0",
+                 "--listen", listen, "--announce", RELAY],
                 stdout=subprocess.DEVNULL, stderr=log)
 
     def relay_kill(self, number=signal.SIGKILL):
