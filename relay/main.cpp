@@ -42,6 +42,7 @@ void announce(relay& hub, const listeners& ports) {
                           "\":\"" + port + "\"";
     }
     hub.order_json += "}";
+    hub.manager_port = port_of(ports.manager);
     // A device does not parse JSON: it searches the key, skips it and the one byte behind, and
     // takes the text between the next two double quotes. So keys that mean the same value can share
     // it, which is how ten pairs fit into a command 7.
@@ -136,6 +137,7 @@ void run(const options& settings) {
         repeat(interval_for({settings.rate_time, settings.slow_timeout, settings.stuck_timeout}),
                [&hub] { fairness_look(hub, steady::now()); }),
         detached);
+    co_spawn(io, repeat(LOOK_INTERVAL, [&hub] { relay_look(hub, steady::now()); }), detached);
     asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([](asio::error_code, int number) {
         log_line(EVENT, "signal %d, stopping", number);

@@ -68,6 +68,8 @@ void exchange_begin(const options& settings, user_link& user, const http_request
     user.response = http_response(user.head_only, request.upgrades);
     user.held.clear();
     user.to_device = user.from_device = 0;
+    user.began = steady::now();
+    user.rate = {};
 }
 
 std::string_view exchange_take_body(user_link& user, std::string_view bytes) {

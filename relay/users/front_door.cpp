@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "page/live.h"
 #include "page/page.h"
 #include "users/device_request.h"
 #include "users/exchange.h"
@@ -59,7 +60,7 @@ std::string answer_report_times(device& owner, const http_request& request) {
 
 // The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
 std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
-    if (std::string page = page_answer(hub, request); !page.empty()) {
+    if (std::string page = page_answer(hub, user, request); !page.empty()) {
         return page;
     }
     const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
@@ -145,6 +146,9 @@ awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
         co_await exchange_run(hub, user, std::move(head));
     } else {
         user->reply(reply);
+    }
+    if (user->watches) {
+        co_await page_watch(hub, user);
     }
     while (user->full() && !user->closed) {  // he takes less than he asks for
         co_await user->changed.wait();
