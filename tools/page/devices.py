@@ -39,7 +39,8 @@ class Device:
         self.id += f"-{number // len(KINDS) // len(PLACES) + 1}" if number >= 80 else ""
         self.info = json.dumps({
             "deviceid": self.id, "mac": "02:00:00:%02x:%02x:%02x" % (number >> 16, number >> 8 & 255, number & 255),
-            "ip": f"192.168.{number % 250}.1", "fwver": rng.choice(firmware), "prover": product,
+            "ip": f"192.168.{number % 250}.1", "fwver": rng.choice(firmware), "prover": "2",
+            "product": product,
             "component": kind, "terminal": "none"}).encode()
         self.writers = []
         self.streams = {}  # by connection and id: the task that feeds it

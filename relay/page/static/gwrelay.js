@@ -15,7 +15,8 @@ const ALERTS = {
   "no data connection": ["no data", "It has logged in, but none of its data connections has come. Can the box reach the data port?"],
   "held back": ["held back", "A user takes less than the box sends, and others may wait for him."],
 };
-const LABELS = { deviceid: "Id", mac: "MAC", ip: "Address at home", fwver: "Firmware", prover: "Product", component: "Component", terminal: "Terminal" };
+const LABELS = { deviceid: "Id", fwver: "Firmware", prover: "Product version", component: "Component", terminal: "Terminal",
+  mac: "MAC", ip: "Address at home" };
 
 const devices = new Map();  // by id: what the relay says, and what we have made of it
 const rows = new Map();     // by id: the nodes of those in the window
@@ -159,9 +160,10 @@ function takeList(said) {
 // --- the relay as a whole ---
 
 function showWhole() {
-  let away = 0, rateIn = 0, rateOut = 0, totalIn = whole.forgotten_from_device, totalOut = whole.forgotten_to_device;
+  let away = 0, streams = 0, rateIn = 0, rateOut = 0, totalIn = whole.forgotten_from_device, totalOut = whole.forgotten_to_device;
   for (const device of devices.values()) {
     away += isAway(device) ? 1 : 0;
+    streams += device.streams;
     rateIn += device.rate_from_device;
     rateOut += device.rate_to_device;
     totalIn += device.bytes_from_device;
@@ -171,11 +173,11 @@ function showWhole() {
   setText($("online"), `${online.toLocaleString()} online`);
   setText($("away"), away ? `${away.toLocaleString()} away` : devices.size ? "none away" : "");
   setText($("users"), whole.users.toLocaleString());
-  setText($("refused"), whole.users_refused ? `${whole.users_refused.toLocaleString()} turned away` : "none turned away");
+  setText($("refused"), `${streams.toLocaleString()} ${streams === 1 ? "stream" : "streams"}${whole.users_refused ? `, ${whole.users_refused.toLocaleString()} turned away` : ""}`);
   setText($("rate"), rateText(rateIn + rateOut));
-  setText($("rates"), `${rateText(rateIn)} from boxes, ${rateText(rateOut)} to them`);
+  showBoth($("rates"), rateText(rateIn), rateText(rateOut));
   setText($("total"), bytesText(totalIn + totalOut));
-  setText($("totals"), `${bytesText(totalIn)} from boxes, ${bytesText(totalOut)} to them`);
+  showBoth($("totals"), bytesText(totalIn), bytesText(totalOut));
   setAge($("uptime"), whole.started, "age");
   setText($("started"), `since ${new Date(whole.started * 1000).toLocaleString(undefined, { dateStyle: "medium", timeStyle: "short" })}`);
   setText($("version"), whole.version);
@@ -184,6 +186,12 @@ function showWhole() {
   if (devices.size === 0) showCommand();
   showAlerts();
   document.title = `${[...devices.values()].some(isWarned) ? "(!) " : ""}${online} of ${devices.size} online, gwrelay`;
+}
+
+// Both directions; arrows come from the style.
+function showBoth(node, fromBoxes, toBoxes) {
+  setText(node.children[0].lastChild, fromBoxes);
+  setText(node.children[1].lastChild, toBoxes);
 }
 
 function showCommand() {
@@ -207,13 +215,13 @@ function showAlerts() {
     const button = make("button", "", device.label);
     button.type = "button";
     button.addEventListener("click", () => deviceShow(device.id));
-    return make("li", "", null, button, make("span", "", ALERTS[kind]?.[1] ?? kind));
+    return make("li", "", null, make("span", "", null, button, ALERTS[kind]?.[1] ?? kind));
   });
   if (alerts.length > ALERTS_SHOWN) {
     const button = make("button", "", `All ${alerts.length}`);
     button.type = "button";
     button.addEventListener("click", () => choose("warned"));
-    items.push(make("li", "", null, button));
+    items.push(make("li", "", null, make("span", "", null, button)));
   }
   $("alerts").firstElementChild.replaceChildren(...items);
 }
@@ -298,13 +306,14 @@ function rowMake(device) {
   row.fold = make("button");
   row.fold.type = "button";
   row.tags = make("span");
-  row.cells.name.append(make("div", "who", null, row.fold, make("span", "dot"), row.tags, row.state));
-  row.cells.name.firstChild.prepend(row.cells.name.querySelector(".dot"));
+  row.cells.name.append(make("div", "who", null, make("span", "dot"), row.fold, row.tags, row.state));
   row.svg = document.createElementNS(SVG, "svg");
   row.svg.setAttribute("viewBox", "0 0 59 24");
   row.svg.setAttribute("preserveAspectRatio", "none");
   row.svg.setAttribute("aria-hidden", "true");
-  row.path = row.svg.appendChild(document.createElementNS(SVG, "path"));
+  row.area = row.svg.appendChild(document.createElementNS(SVG, "path"));
+  row.line = row.svg.appendChild(document.createElementNS(SVG, "path"));
+  row.area.setAttribute("class", "area");
   row.rate = make("span");
   row.cells.rate.append(make("div", "flow", null, row.svg, row.rate));
   rows.set(device.id, row);
@@ -324,7 +333,7 @@ function rowFill(row, device) {
   setAge(row.cells.seen, away ? seenAt(device) : device.since, away ? "ago" : "online");
   setText(row.cells.streams, device.streams ? String(device.streams) : away ? "" : "0");
   row.cells.streams.classList.toggle("zero", device.streams === 0);
-  setText(row.rate, device.rate ? rateText(device.rate) : away ? "" : "0 B/s");
+  setText(row.rate, device.rate ? rateText(device.rate) : away ? "" : "idle");
   row.rate.classList.toggle("zero", device.rate === 0);
   setText(row.cells.firmware, device.firmwareText);
   setAttribute(row.cells.firmware, "title", device.firmwareText);
@@ -352,15 +361,17 @@ function openLink(device, { name, port }) {
 function graphFill(row, graph) {
   row.graph = graph;
   if (!graph) {
-    row.path.setAttribute("class", "still");
-    row.path.setAttribute("d", "M0 23.5H59");
+    row.line.setAttribute("class", "line still");
+    row.line.setAttribute("d", "M0 23H59");
+    row.area.removeAttribute("d");
     return;
   }
   const rates = Array.from(graph, (c) => (c === "-" ? 0 : 64 * 2 ** ((c.charCodeAt(0) - 48) / 3)));
   const top = Math.max(...rates, 8192);
-  const points = rates.map((rate, i) => `${i} ${(23.5 - 22 * Math.sqrt(rate / top)).toFixed(1)}`);
-  row.path.removeAttribute("class");
-  row.path.setAttribute("d", `M-1 25L-1 ${points[0].split(" ")[1]}L${points.join("L")}L60 ${points.at(-1).split(" ")[1]}L60 25Z`);
+  const points = rates.map((rate, i) => `${i} ${(23 - 21 * Math.sqrt(rate / top)).toFixed(1)}`);
+  row.line.setAttribute("class", "line");
+  row.line.setAttribute("d", `M${points.join("L")}`);
+  row.area.setAttribute("d", `M0 24L${points.join("L")}L59 24Z`);
 }
 
 // --- an unfolded device ---
@@ -476,7 +487,11 @@ function detailFill(detail, device) {
 function aboutList(device, traffic) {
   const list = make("dl");
   const put = (label, value) => list.append(make("dt", "", label), value instanceof Node ? make("dd", "", null, value) : make("dd", "", value));
-  for (const [key, value] of Object.entries(device.info)) put(LABELS[key] ?? readable(key), readable(value) || "(empty)");
+  const keys = Object.keys(LABELS).filter((key) => key in device.info);
+  for (const key of [...keys, ...Object.keys(device.info).filter((each) => !(each in LABELS))]) {
+    const value = device.info[key];
+    put(LABELS[key] ?? readable(key), readable(value) || "(empty)");
+  }
   put("Comes from", device.address || "unknown");
   put("Relayed", traffic);
   put("Waits for users", bytesText(device.bytes_waiting));
@@ -494,11 +509,10 @@ function connectionsTable(device) {
   device.connections.forEach((link) => {
     const age = make("td", "number");
     setAge(age, link.since, "age");
-    body.append(make("tr", "", null, make("td", "", link.address), make("td", "", null, link.held_back ? make("span", "tag", "held back") : "in use"), age,
+    body.append(make("tr", "", null, make("td", "", link.address), make("td", "", null, link.held_back ? make("span", "tag", "held back") : "up"), age,
       make("td", "number", String(link.streams.length)), make("td", "number", String(link.kept_streams)),
       make("td", "number", bytesText(link.bytes_from_device)), make("td", "number", bytesText(link.bytes_to_device)),
       make("td", "number", bytesText(link.bytes_waiting))));
-    if (!link.held_back) body.lastChild.children[1].textContent = "up";
   });
   return [make("table", "", null, headOf([["From"], ["State"], ["Age", "number"], ["Streams", "number"], ["Kept", "number"],
     ["From box", "number"], ["To box", "number"], ["Waiting", "number"]]), body)];

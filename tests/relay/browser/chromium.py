@@ -125,6 +125,7 @@ class Page:
 
     def go(self, address):
         self.call("Page.navigate", url=address)
+        self.wait("location.href != 'about:blank' && document.readyState == 'complete'")
 
     def run(self, script):
         """The value of an expression in the page; a promise's is waited for."""
