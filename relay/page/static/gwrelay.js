@@ -86,8 +86,8 @@ function spanText(seconds) {
 // A text that grows older by itself.
 const AGES = { age: (t) => t, ago: (t) => `${t} ago`, online: (t) => `online ${t}` };
 function setAge(node, since, form) {
-  node.dataset.since = since;
-  node.dataset.form = form;
+  setAttribute(node, "data-since", String(since));
+  setAttribute(node, "data-form", form);
   setText(node, AGES[form](spanText(now() - since)));
 }
 function agesPass() {
