@@ -10,10 +10,10 @@ constexpr milliseconds SILENCE_MAX{15'000};
 constexpr size_t WATCHED_MAX = 32;  // devices by one viewer
 
 struct viewer {
-    std::vector<std::string> ids;        // of the devices that he looks at; none: he has the list
+    std::vector<std::string> ids;  // of the devices that he looks at; none: he has the list
     std::map<std::string, std::string> told;  // of each
-    uint64_t round = 0;                  // whose rows he has
-    std::string whole;                   // what he knows of the relay
+    uint64_t round = 0;                       // whose rows he has
+    std::string whole;                        // what he knows of the relay
 };
 
 // Rows that have changed since they were made last. One time serves all viewers.
@@ -47,8 +47,8 @@ std::string list_event(relay& hub, viewer& him) {
         return {};
     }
     him.whole = whole;
-    return "event: list\ndata: {\"all\":" + std::string(all ? "true" : "false") +
-           ",\"devices\":[" + rows + "]," + whole + ",\"now\":" + status_now(hub) + "}\n\n";
+    return "event: list\ndata: {\"all\":" + std::string(all ? "true" : "false") + ",\"devices\":[" +
+           rows + "]," + whole + ",\"now\":" + status_now(hub) + "}\n\n";
 }
 
 std::string device_events(const relay& hub, viewer& him) {

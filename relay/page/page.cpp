@@ -8,10 +8,10 @@
 namespace {
 
 // Nothing from elsewhere, nothing in the page's own text that runs, no other site around it.
-#define PAGE_SAFETY                                                                             \
-    "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "        \
-    "img-src 'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; "                 \
-    "frame-ancestors 'none'\r\nX-Content-Type-Options: nosniff\r\nReferrer-Policy: "            \
+#define PAGE_SAFETY                                                                      \
+    "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; " \
+    "img-src 'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; "          \
+    "frame-ancestors 'none'\r\nX-Content-Type-Options: nosniff\r\nReferrer-Policy: "     \
     "same-origin\r\nX-Frame-Options: DENY\r\nCross-Origin-Resource-Policy: same-origin\r\n"
 constexpr char FRESH[] = PAGE_SAFETY "Cache-Control: no-store\r\n";
 constexpr char EVENTS_HEAD[] =
@@ -89,12 +89,14 @@ std::string read_answer(const relay& hub, user_link& user, const http_request& r
 }  // namespace
 
 std::string page_answer(const relay& hub, user_link& user, const http_request& request) {
-    const bool closes = request.path == "/close-stream";
-    std::string answer = closes ? close_stream(hub, request) : read_answer(hub, user, request);
-    const bool reads = request.method == "GET" || request.method == "HEAD";
-    if (answer.empty() || (closes ? request.method == "POST" : reads)) {
-        return answer;
+    if (request.path == "/close-stream") {
+        return request.method == "POST"
+                   ? close_stream(hub, request)
+                   : http_reply(405, "text/plain", "Use POST.\n", "Allow: POST\r\n");
     }
-    return http_reply(405, "text/plain", closes ? "Use POST.\n" : "Use GET.\n",
-                      closes ? "Allow: POST\r\n" : "Allow: GET, HEAD\r\n");
+    std::string answer = read_answer(hub, user, request);
+    const bool reads = request.method == "GET" || request.method == "HEAD";
+    return answer.empty() || reads
+               ? answer
+               : http_reply(405, "text/plain", "Use GET.\n", "Allow: GET, HEAD\r\n");
 }

@@ -1,4 +1,5 @@
-// page.h - the relay's page: its files, what the relay knows as JSON, and what the page may ask for.
+// page.h - the relay's page: its files, what the relay knows as JSON, and what the page may ask
+// for.
 #pragma once
 
 #include "hub/registry.h"

@@ -11,8 +11,8 @@ std::string word(bool value) { return value ? "true" : "false"; }
 
 // Of a time that the relay's own clock has told, so that it stays the same when the world's is set.
 std::string unix_s(const relay& hub, steady::time_point at) {
-    static const auto offset = std::chrono::system_clock::now().time_since_epoch() -
-                               hub.started.time_since_epoch();
+    static const auto offset =
+        std::chrono::system_clock::now().time_since_epoch() - hub.started.time_since_epoch();
     const auto since = at.time_since_epoch() + offset;
     return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(since).count());
 }
@@ -42,8 +42,8 @@ std::string joined(const Elements& elements, Function element) {
 }
 
 std::string rates_json(uint64_t in, uint64_t out) {
-    return "\"rate_from_device\":" + std::to_string(in) + ",\"rate_to_device\":" +
-           std::to_string(out);
+    return "\"rate_from_device\":" + std::to_string(in) +
+           ",\"rate_to_device\":" + std::to_string(out);
 }
 
 std::string text_json(const text_pairs& pairs) {
@@ -66,15 +66,13 @@ std::string connection_json(const relay& hub, const data_link& link) {
         return "{\"id\":" + std::to_string(entry.first) + ",\"port\":" + std::to_string(user.port) +
                ",\"request\":" + json_quote(user.what) + "," +
                counts_json(user.from_device, user.to_device, user.out.size()) +
-               ",\"user\":" + json_quote(user.name) +
-               ",\"number\":" + std::to_string(user.number) +
+               ",\"user\":" + json_quote(user.name) + ",\"number\":" + std::to_string(user.number) +
                ",\"since\":" + unix_s(hub, user.began) +
                ",\"rate\":" + std::to_string(user.rate.rate) + "}";
     };
     return "{\"held_back\":" + word(link.held_back) + "," +
            counts_json(link.bytes_in, link.bytes_out, waiting_bytes(link)) + ",\"streams\":[" +
-           joined(link.streams, stream) +
-           "],\"kept_streams\":" + std::to_string(link.kept.size()) +
+           joined(link.streams, stream) + "],\"kept\":" + std::to_string(link.kept.size()) +
            ",\"address\":" + json_quote(link.name.substr(0, link.name.find(' '))) +
            ",\"since\":" + unix_s(hub, link.came) + "}";
 }
@@ -83,8 +81,8 @@ std::string events_json(const relay& hub, const device& box) {
     const auto one = [&hub](const device_event& each) {
         return "{\"at\":" + unix_s(hub, each.at) +
                ",\"kind\":" + json_quote(happening_name(each.kind)) +
-               ",\"text\":" + json_quote(each.text) +
-               ",\"times\":" + std::to_string(each.times) + "}";
+               ",\"text\":" + json_quote(each.text) + ",\"times\":" + std::to_string(each.times) +
+               "}";
     };
     return "[" + joined(box.lately.events, one) + "]";
 }
@@ -134,15 +132,16 @@ std::string status_device(const relay& hub, const device& box) {
     const auto link = [&hub](const auto& each) { return connection_json(hub, *each); };
     return "{\"id\":" + json_quote(box.id) +
            ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
-           ",\"control\":" + word(box.control != nullptr) + ",\"info\":" +
-           text_json(box.info) + ",\"ports\":" + ports_json(box) + ",\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
+           ",\"control\":" + word(box.control != nullptr) + ",\"info\":" + text_json(box.info) +
+           ",\"ports\":" + ports_json(box) +
+           ",\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
            ",\"data_connections\":" + std::to_string(box.data.size()) +
            ",\"open_streams\":" + std::to_string(streams) +
            ",\"kept_streams\":" + std::to_string(kept) + "," + counts_json(in, out, waiting) +
            ",\"streams_cut\":" + std::to_string(box.cuts) + ",\"connections\":[" +
            joined(box.data, link) + "]," + times_json(hub, box) + "," +
-           rates_json(box.lately.in.rate, box.lately.out.rate) +
-           ",\"alerts\":" + alerts_json(box) + ",\"events\":" + events_json(hub, box) + "}";
+           rates_json(box.lately.in.rate, box.lately.out.rate) + ",\"alerts\":" + alerts_json(box) +
+           ",\"events\":" + events_json(hub, box) + "}";
 }
 
 std::string status_row(const relay& hub, const device& box) {
@@ -164,8 +163,8 @@ std::string status_row(const relay& hub, const device& box) {
            rates_json(box.lately.in.rate, box.lately.out.rate) +
            ",\"bytes_from_device\":" + std::to_string(total.from_device) +
            ",\"bytes_to_device\":" + std::to_string(total.to_device) +
-           ",\"graph\":" + json_quote(box.lately.graph_text()) +
-           ",\"alerts\":" + alerts_json(box) + "}";
+           ",\"graph\":" + json_quote(box.lately.graph_text()) + ",\"alerts\":" + alerts_json(box) +
+           "}";
 }
 
 std::string status_whole(const relay& hub) {
