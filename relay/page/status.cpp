@@ -61,6 +61,7 @@ std::string ports_json(const device& box) {
 }
 
 std::string connection_json(const relay& hub, const data_link& link) {
+    const auto kept = [](const kept_stream& each) { return std::to_string(each.port); };
     const auto stream = [&hub](const auto& entry) {
         const user_link& user = *entry.second;
         return "{\"id\":" + std::to_string(entry.first) + ",\"port\":" + std::to_string(user.port) +
@@ -72,7 +73,7 @@ std::string connection_json(const relay& hub, const data_link& link) {
     };
     return "{\"held_back\":" + word(link.held_back) + "," +
            counts_json(link.bytes_in, link.bytes_out, waiting_bytes(link)) + ",\"streams\":[" +
-           joined(link.streams, stream) + "],\"kept\":" + std::to_string(link.kept.size()) +
+           joined(link.streams, stream) + "],\"kept\":[" + joined(link.kept, kept) + "]" +
            ",\"address\":" + json_quote(link.name.substr(0, link.name.find(' '))) +
            ",\"since\":" + unix_s(hub, link.came) + "}";
 }

@@ -62,7 +62,7 @@ TEST(GwrelayPage, TellsProgramsWhatItKnows) {
         R"("bytes_waiting":0,"streams":[)"
         R"({"id":2,"port":8080,"request":"GET /%3Cb%ff%3E/8080/&",)"
         R"("bytes_from_device":1048576,"bytes_to_device":50,"bytes_waiting":0,"user":")" +
-            address_of(user) + R"(","number":2,"since":T,"rate":T}],"kept":0,"address":")" +
+            address_of(user) + R"(","number":2,"since":T,"rate":T}],"kept":[],"address":")" +
             address_of(data) +
             R"(","since":T}],"address":"127.0.0.1","since":T,"left":null,"rate_from_device":T,)"
             R"("rate_to_device":T,"alerts":[],"events":[)"

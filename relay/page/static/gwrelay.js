@@ -510,7 +510,7 @@ function connectionsTable(device) {
     const age = make("td", "number");
     setAge(age, link.since, "age");
     body.append(make("tr", "", null, make("td", "", link.address), make("td", "", null, link.held_back ? make("span", "tag", "held back") : "up"), age,
-      make("td", "number", String(link.streams.length)), make("td", "number", String(link.kept)),
+      make("td", "number", String(link.streams.length)), make("td", "number", String(link.kept.length)),
       make("td", "number", bytesText(link.bytes_from_device)), make("td", "number", bytesText(link.bytes_to_device)),
       make("td", "number", bytesText(link.bytes_waiting))));
   });
