@@ -78,6 +78,8 @@ class Device:
         while True:
             rate = min(max(rate * random.uniform(0.6, 1.65), 2000), 900000)
             for _ in range(random.randint(4, 60)):
+                if writer.is_closing():
+                    return
                 size = int(rate / 4)
                 while size > 0:
                     writer.write(frame(DATA, stream, bytes(min(size, PIECE)), flag=0))
@@ -104,11 +106,15 @@ async def use(front, device, number):
     """A user who looks at something of the device for as long as it comes."""
     port = list(device.ports.values())[-1]
     while True:
-        reader, writer = await asyncio.open_connection(HOST, front, local_addr=(f"127.0.1.{number % 200 + 1}", 0))
-        writer.write(f"GET /{device.id}/{port}/films/{number:03}.mp4 HTTP/1.1\r\nHost: x\r\n\r\n".encode())
-        while await reader.read(1 << 16):
+        try:
+            reader, writer = await asyncio.open_connection(
+                HOST, front, local_addr=(f"127.0.1.{number % 200 + 1}", 0))
+            writer.write(f"GET /{device.id}/{port}/films/{number:03}.mp4 HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+            while await reader.read(1 << 16):
+                pass
+            writer.close()
+        except ConnectionError:
             pass
-        writer.close()
         await asyncio.sleep(random.uniform(2, 8))
 
 

@@ -585,6 +585,9 @@ async function streamClose(button, device, number) {
 
 // --- the wire ---
 
+let rests = false;  // while nobody looks
+let hideTimer = 0;
+
 // One source of events that comes back by itself.
 function watcher(take) {
   let source = null, address = "", heardAt = 0, retry = 0;
@@ -592,7 +595,7 @@ function watcher(take) {
     clearTimeout(retry);
     source?.close();
     source = null;
-    if (!address || document.hidden && hiddenFor() > HIDDEN_MS) return;
+    if (!address || rests) return;
     heardAt = Date.now();
     source = new EventSource(address);
     const heard = (event) => {
@@ -651,18 +654,16 @@ function detailsWatch() {
   if (!ids.length) detailWatcher.close();
 }
 
-let hiddenAt = 0;
-const hiddenFor = () => Date.now() - hiddenAt;
 document.addEventListener("visibilitychange", () => {
+  clearTimeout(hideTimer);
   if (document.hidden) {
-    hiddenAt = Date.now();
-    setTimeout(() => {
-      if (document.hidden && hiddenFor() >= HIDDEN_MS) {
-        listWatcher.close();
-        detailWatcher.close();
-      }
-    }, HIDDEN_MS + 100);
-  } else if (hiddenFor() >= HIDDEN_MS) {
+    hideTimer = setTimeout(() => {
+      rests = true;
+      listWatcher.close();
+      detailWatcher.close();
+    }, HIDDEN_MS);
+  } else if (rests) {
+    rests = false;
     listWatcher.open();
     detailWatcher.open();
   }

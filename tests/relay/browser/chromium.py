@@ -46,7 +46,8 @@ class Chromium:
         self.out = os.fdopen(to_browser, "wb", buffering=0)
         self.answers, self.events, self.count = {}, queue.Queue(), 0
         self.arrived = threading.Condition()
-        threading.Thread(target=self._read, args=(os.fdopen(from_browser, "rb"),), daemon=True).start()
+        self.reader = threading.Thread(target=self._read, args=(from_browser,), daemon=True)
+        self.reader.start()
 
     def __enter__(self):
         return self
@@ -58,11 +59,13 @@ class Chromium:
         except (Failed, OSError, subprocess.TimeoutExpired):
             self.process.kill()
             self.process.wait()
+        self.out.close()
+        self.reader.join(10)
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def _read(self, pipe):
         rest = b""
-        while chunk := pipe.read1(1 << 16):
+        while chunk := os.read(pipe, 1 << 16):
             *whole, rest = (rest + chunk).split(b"\0")
             for message in map(json.loads, whole):
                 with self.arrived:
@@ -71,6 +74,7 @@ class Chromium:
                     elif message["method"] in ("Runtime.exceptionThrown", "Log.entryAdded"):
                         self.events.put(message)
                     self.arrived.notify_all()
+        os.close(pipe)
 
     def call(self, method, session=None, **parameters):
         """What the browser answers to a command."""
@@ -137,10 +141,7 @@ class Page:
     def wait(self, script, limit=20):
         """Until the expression is true."""
         end = time.monotonic() + limit
-        while True:
-            value = self.run(script)
-            if value:
-                return value
+        while not self.run(f"Boolean({script})"):
             if time.monotonic() > end:
                 raise Failed(f"not within {limit} s: {script}")
             time.sleep(0.05)
