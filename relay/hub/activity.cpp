@@ -62,17 +62,17 @@ void activity::note_replaced(const std::string& address, steady::time_point now)
 }
 
 void activity::count(uint64_t bytes, uint64_t at_step) {
-    for (uint64_t passed = std::min<uint64_t>(at_step - step, GRAPH_STEPS); passed > 0; --passed) {
-        graph[(at_step - passed + 1) % GRAPH_STEPS] = 0;
+    for (uint64_t passed = std::min<uint64_t>(at_step - step, graph.size()); passed > 0; --passed) {
+        graph[(at_step - passed + 1) % graph.size()] = 0;
     }
     step = at_step;
-    graph[step % GRAPH_STEPS] += bytes;
+    graph[step % graph.size()] += bytes;
 }
 
 std::string activity::graph_text() const {
     std::string text;
     for (uint64_t i = 1; i <= GRAPH_STEPS; ++i) {
-        text += graph_level(graph[(step + i) % GRAPH_STEPS]);
+        text += graph_level(graph[(step + i) % graph.size()]);
     }
     return text.find_first_not_of('-') == text.npos ? "" : text;
 }

@@ -44,12 +44,12 @@ struct device_event {
 };
 
 struct activity {
-    rate_meter in, out;                       // from the device, to it
-    std::array<uint64_t, GRAPH_STEPS> graph;  // bytes of both in each step
-    uint64_t step = 0;                        // the one that is being filled
-    std::deque<device_event> events;          // oldest first
-    steady::time_point replaced = NEVER;      // for the last time
-    steady::time_point twice_until = NEVER;   // so long its id counts as used by two
+    rate_meter in, out;                           // from the device, to it
+    std::array<uint64_t, GRAPH_STEPS + 1> graph;  // bytes of both in each step
+    uint64_t step = 0;                            // the one that is being filled
+    std::deque<device_event> events;              // oldest first
+    steady::time_point replaced = NEVER;          // for the last time
+    steady::time_point twice_until = NEVER;       // so long its id counts as used by two
 
     activity() : graph() {}
     // Of the same in a row, only how often and when the last one was.
@@ -59,7 +59,8 @@ struct activity {
         return twice_until != NEVER && now < twice_until;
     }
     void count(uint64_t bytes, uint64_t at_step);
-    // A character a step, oldest first: '-' for nothing, then from '0' a third of an octave each.
+    // A character for each step that is over, oldest first: '-' for nothing, then from '0' a third
+    // of an octave each.
     // Empty when nothing has moved.
     std::string graph_text() const;
 };

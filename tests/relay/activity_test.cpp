@@ -19,18 +19,22 @@ TEST(GwrelayActivity, CountsRatesOfCountsThatBeginAnew) {
     }
 }
 
-TEST(GwrelayActivity, DrawsTheLastSixtySteps) {
+TEST(GwrelayActivity, DrawsTheSixtyStepsThatAreOver) {
     const std::string nothing(GRAPH_STEPS, '-');
     activity box;
-    EXPECT_EQ(box.graph_text(), "");
-    box.count(1, 7);            // next to nothing is not nothing
-    box.count(320, 8);          // 64 bytes a second
-    box.count(320, 8);          // twice that
-    box.count(UINT64_MAX, 10);  // more than it can draw
-    EXPECT_EQ(box.graph_text(), nothing.substr(4) + "03-z");
-    box.count(0, 10 + GRAPH_STEPS - 1);
+    const std::pair<uint64_t, uint64_t> steps[] = {
+        {1, 7}, {320, 8}, {320, 8}, {UINT64_MAX, 10}};  // least is 320 bytes, most 'z'
+    for (const auto& [bytes, step] : steps) {
+        box.count(bytes, step);
+    }
+    EXPECT_EQ(box.graph_text(), nothing.substr(3) + "03-");
+    box.count(640, 10 + GRAPH_STEPS);
     EXPECT_EQ(box.graph_text(), "z" + nothing.substr(1));
+    box.count(0, 11 + GRAPH_STEPS);
+    EXPECT_EQ(box.graph_text(), nothing.substr(1) + "3");
     box.count(640, 5000);
+    EXPECT_EQ(box.graph_text(), "");
+    box.count(0, 5001);
     EXPECT_EQ(box.graph_text(), nothing.substr(1) + "3");
 }
 

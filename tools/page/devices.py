@@ -19,10 +19,10 @@ DATA, HEARTBEAT, INFO, CLOSE, ANSWER, PORT_INFO = 1, 2, 3, 4, 5, 12
 PIECE = 8000
 HOST = "127.0.0.1"
 KINDS = [
-    ("nas", "StoreBox 2", ["3.1.4", "3.1.4", "3.0.9"], {"http_port": 80, "files_port": 5000}),
-    ("router", "HomeGate", ["22.03.7", "23.05.2", "23.05.2"], {"http_port": 80}),
-    ("camera", "Watcher", ["1.8.0", "1.8.1"], {"http_port": 8080, "stream_port": 8554}),
-    ("media", "Player", ["5.2"], {"dlna_port": 8200}),
+    ("nas", ["3.1.4", "3.1.4", "3.0.9"], {"http_port": 80, "files_port": 5000}),
+    ("router", ["22.03.7", "23.05.2", "23.05.2"], {"http_port": 80}),
+    ("camera", ["1.8.0", "1.8.1"], {"http_port": 8080, "stream_port": 8554}),
+    ("media", ["5.2"], {"dlna_port": 8200}),
 ]
 PLACES = ["amsterdam", "bergen", "cork", "delft", "evora", "freiburg", "ghent", "hobart", "izmir", "jena",
           "kyoto", "lyon", "malmo", "nantes", "oslo", "porto", "quebec", "riga", "sofia", "turin"]
@@ -34,13 +34,12 @@ def frame(command, stream, payload, version=1, flag=1):
 
 class Device:
     def __init__(self, number, rng):
-        kind, product, firmware, self.ports = KINDS[number % len(KINDS)]
+        kind, firmware, self.ports = KINDS[number % len(KINDS)]
         self.id = f"{kind}-{PLACES[number // len(KINDS) % len(PLACES)]}"
         self.id += f"-{number // len(KINDS) // len(PLACES) + 1}" if number >= 80 else ""
         self.info = json.dumps({
             "deviceid": self.id, "mac": "02:00:00:%02x:%02x:%02x" % (number >> 16, number >> 8 & 255, number & 255),
             "ip": f"192.168.{number % 250}.1", "fwver": rng.choice(firmware), "prover": "2",
-            "product": product,
             "component": kind, "terminal": "none"}).encode()
         self.writers = []
         self.streams = {}  # by connection and id: the task that feeds it
