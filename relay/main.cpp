@@ -67,6 +67,7 @@ void announce(relay& hub, const listeners& ports) {
                           "\":\"" + port + "\"";
     }
     hub.order_json += "}";
+    hub.manager_port = port_of(ports.manager);
     // A device does not parse JSON: it searches the key, skips it and the one byte behind, and
     // takes the text between the next two double quotes. So keys that mean the same value can share
     // it, which is how ten pairs fit into a command 7.
@@ -181,6 +182,8 @@ void run(options& settings, int argc, const char* const* argv) {
     };
     co_spawn(io, repeat(tick_interval, [&hub] { tick(hub); }), detached);
     co_spawn(io, repeat(fairness_interval, [&hub] { fairness_look(hub, steady::now()); }),
+             detached);
+    co_spawn(io, repeat([] { return LOOK_INTERVAL; }, [&hub] { relay_look(hub, steady::now()); }),
              detached);
     co_spawn(io, lifecycle_serve(hub, settings, argc, argv), detached);
     tell_ready(settings, ports);

@@ -20,6 +20,7 @@ constexpr size_t SESSION_ID_SIZE = 32;
 constexpr size_t WORD = 4;
 constexpr char CLOSING[] = "Connection: close\r\n";
 constexpr int NUDGES_IN_SILENCE = 5;
+constexpr milliseconds LOGIN_TIME{10'000};  // of all five data connections, one a second
 
 std::string frame_text(const frame& got) {
     return std::string(command_name(got.code)) + " of version " + std::to_string(got.version) +
@@ -62,10 +63,15 @@ void control_login(relay& hub, const std::shared_ptr<control_link>& link, const 
     }
     log_line(EVENT, "%s: control login of device %s: %s", link->name.c_str(), owner->name.c_str(),
              log_text(got.payload).c_str());
+    owner->address = link->name.substr(0, link->name.rfind(':'));
+    owner->came = steady::now();
     link->name += " control of " + owner->name;
     // The device has started anew, or it is another of the same id. Of what was there before,
     // nothing is of use, and nobody may have told us that it is dead.
-    if (owner->control != nullptr) {
+    if (owner->control == nullptr) {
+        owner->lately.note(happening::CONNECTED, "from " + owner->address);
+    } else {
+        owner->lately.note_replaced(owner->address, owner->came);
         owner->control->refuse("replaced by a new login");
     }
     for (const auto& old_link : owner->data) {
@@ -250,6 +256,7 @@ void control_link::ended() {
         log_line(EVENT, "device %s: control connection ended", owner->name.c_str());
         owner->left = steady::now();
         owner->control = nullptr;
+        owner->lately.note(happening::LEFT, "its control connection has ended");
     }
 }
 
@@ -282,6 +289,9 @@ void data_link::ended() {
     owner->bytes_in += bytes_in;
     owner->bytes_out += bytes_out;
     owner->left = steady::now();
+    if (owner->control != nullptr && steady::now() - owner->came >= LOGIN_TIME) {
+        owner->lately.note(happening::LOST, std::to_string(owner->data.size()) + " are left");
+    }
     log_line(EVENT, "%s: ended with %zu streams, %zu left", name.c_str(), streams.size(),
              owner->data.size());
     for (const auto& [id, user] : std::exchange(streams, {})) {

@@ -6,6 +6,24 @@
 namespace {
 
 constexpr size_t DEVICES_MAX = 256;  // known at once, as far as those above it are away
+constexpr milliseconds HELD_LONG{2000};
+
+void device_look(device& owner, milliseconds passed, uint64_t step, steady::time_point now) {
+    const traffic total = device_traffic(owner);
+    const uint64_t moved = owner.lately.in.look(total.from_device, passed) +
+                           owner.lately.out.look(total.to_device, passed);
+    owner.lately.count(moved, step);
+    for (const auto& link : owner.data) {
+        for (const auto& [id, user] : link->streams) {
+            user->rate.look(user->from_device + user->to_device, passed);
+        }
+        const bool long_held = link->held_back && now - link->last_held >= HELD_LONG;
+        if (long_held && !link->held_noted) {
+            owner.lately.note(happening::HELD_BACK, "a user takes less than the device sends");
+        }
+        link->held_noted = long_held;
+    }
+}
 
 }  // namespace
 
@@ -23,6 +41,7 @@ std::shared_ptr<device> device_get(relay& hub, const std::string& id) {
             hub.forgotten.from_device += total.from_device;
             hub.forgotten.to_device += total.to_device;
             hub.forgotten_cuts += longest->second->cuts;
+            hub.page.all_since = hub.page.round + 1;
             hub.devices.erase(longest);
         }
     }
@@ -58,6 +77,15 @@ traffic device_traffic(const device& owner) {
         total.to_device += link->bytes_out;
     }
     return total;
+}
+
+void relay_look(relay& hub, steady::time_point now) {
+    const auto passed = std::chrono::duration_cast<milliseconds>(now - hub.looked);
+    const auto step = static_cast<uint64_t>((now - hub.started) / GRAPH_STEP);
+    for (const auto& [id, owner] : hub.devices) {
+        device_look(*owner, passed, step, now);
+    }
+    hub.looked = now;
 }
 
 bool device_send_times(const device& owner, report_times times) {

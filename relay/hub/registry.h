@@ -11,6 +11,7 @@
 #include "base/text.h"
 #include "http/http.h"
 #include "http/http_message.h"
+#include "hub/activity.h"
 #include "net/connection.h"
 #include "net/slowness.h"
 
@@ -63,8 +64,11 @@ struct user_link : connection {
     int answered = 0;  // by the relay itself, with this status
     slowness slow;
     uint64_t taken_when_stuck = 0;  // when all data connections of the device became held back
-    const char* cut = nullptr;      // why he had to give way to others
+    const char* cut = nullptr;      // why the relay has ended his stream
+    rate_meter rate;
     steady::time_point last_moved = steady::now();  // a byte, in either direction
+    steady::time_point began = steady::now();       // his request
+    std::optional<std::string> watches;  // the page's events, by a request with this query
 
     void ended() override;
     void has_room() override;
@@ -88,6 +92,8 @@ struct data_link : connection {
     std::shared_ptr<device> owner;  // null until the login
     bool held_back = false;         // not read at present: one of its users takes too little
     steady::time_point last_held{};
+    bool held_noted = false;  // for so long that it is told
+    steady::time_point came = steady::now();
     steady::time_point last_nudge = steady::now();
     std::unordered_map<uint32_t, std::shared_ptr<user_link>> streams;
     std::vector<kept_stream> kept;         // oldest first
@@ -111,7 +117,11 @@ struct device {
     std::map<std::string, uint16_t> ports;  // as announced; kept while the device is away
     std::map<uint16_t, steady::time_point> unkept_ports;  // whose streams are not kept, until then
     uint64_t bytes_in = 0, bytes_out = 0;  // stream payload of connections that have ended
-    steady::time_point left = steady::now();
+    steady::time_point left = steady::now(), came = left;
+    std::string address;  // from where it has logged in last
+    activity lately;
+    std::string row;         // on the page, as JSON
+    uint64_t row_round = 0;  // in which it has changed last
 
     bool away() const { return control == nullptr && data.empty(); }
 };
@@ -127,6 +137,13 @@ struct traffic {  // stream payload
     uint64_t from_device = 0, to_device = 0;
 };
 
+// What the page shows, made once for all who look at it.
+struct page_rounds {
+    uint64_t round = 0;      // counts up with each time that rows were made
+    uint64_t all_since = 0;  // in this one a device was forgotten: who has older rows needs all
+    steady::time_point made{};
+};
+
 struct relay {
     const options& settings;
     outbox_pool pool;
@@ -136,9 +153,11 @@ struct relay {
     std::string manager_body;                            // the address manager's answer
     std::string order_json;                              // the order in a login answer
     std::string order_text;                              // the order by command 7
-    steady::time_point started = steady::now();
+    uint16_t manager_port = 0;                           // the address manager's
+    steady::time_point started = steady::now(), looked = started;
     traffic forgotten{};  // of devices that are not known any more
     uint64_t forgotten_cuts = 0;
+    page_rounds page{};
     bool draining = false;               // no new requests: the process is about to end
     bool own_door = false;               // the relay's own pages have an address of their own
     std::array<uint64_t, 6> requests{};  // that are over, by the hundreds of their status
@@ -154,6 +173,8 @@ size_t data_share(const options& set);
 std::shared_ptr<data_link> device_pick_data(const relay& hub, const device& owner);
 
 traffic device_traffic(const device& owner);
+// Takes the rates of everything that moves; to be called every LOOK_INTERVAL.
+void relay_look(relay& hub, steady::time_point now);
 
 // Sends the reporting times; false when the device has no control connection.
 bool device_send_times(const device& owner, report_times times);

@@ -57,14 +57,14 @@ struct place {
 
 // He may see how things are all the same. Closing before he has read his answer, or while he still
 // sends, could cost him that.
-awaitable<void> turn_away(const relay& hub, std::shared_ptr<user_link> user, const char* why) {
+awaitable<void> turn_away(relay& hub, std::shared_ptr<user_link> user, const char* why) {
     std::string bytes;
     log_line(EVENT, "%s: turned away: %s", user->name.c_str(), why);
     user->expect_within(hub.settings.linger_timeout, why);
     const size_t length = co_await connection_http_head(*user, bytes, HEAD_MAX);
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
     const bool sees = request && user->came_by != door::USERS;
-    const std::string page = sees ? page_answer(hub, *request) : "";
+    const std::string page = sees ? page_answer(hub, *user, *request) : "";
     user->head_only = request && request->method == "HEAD";
     user->reply(page.empty() ? http_busy_reply(why) : page);
     co_await connection_flush(*user);

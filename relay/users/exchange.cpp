@@ -69,6 +69,8 @@ void exchange_begin(const options& settings, user_link& user, const http_request
     user.held.clear();
     user.to_device = user.from_device = 0;
     user.answered = 0;
+    user.began = steady::now();
+    user.rate = {};
 }
 
 std::string_view exchange_take_body(user_link& user, std::string_view bytes) {

@@ -22,6 +22,7 @@ void cut(user_link& user, const char* reason) {
     log_line(PROBLEM, "device %s: stream %u of %s is cut: %s; %zu bytes wait for him",
              user.owner->name.c_str(), user.stream_id, user.name.c_str(), reason, user.out.size());
     ++user.owner->cuts;
+    user.owner->lately.note(happening::CUT, log_text(user.name) + ": " + reason);
     user.cut = reason;
     user.close();  // by a reset, as always before a whole response has gone out
 }

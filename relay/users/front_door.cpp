@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "page/live.h"
 #include "page/metrics.h"
 #include "page/page.h"
 #include "users/access_log.h"
@@ -60,7 +61,7 @@ std::string answer_report_times(device& owner, const http_request& request) {
 }
 
 // What is not about a device, if it is that.
-std::string own_answer(const relay& hub, const user_link& user, const http_request& request) {
+std::string own_answer(relay& hub, user_link& user, const http_request& request) {
     if (request.path == "/healthz") {
         return http_text_reply(hub.draining ? 503 : 200, hub.draining ? "Ending." : "Fine.");
     }
@@ -70,7 +71,7 @@ std::string own_answer(const relay& hub, const user_link& user, const http_reque
     if (request.path == "/metrics") {
         return http_reply(200, "text/plain; version=0.0.4", metrics_text(hub));
     }
-    return page_answer(hub, request);
+    return page_answer(hub, user, request);
 }
 
 // The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
@@ -170,6 +171,9 @@ awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
         co_await exchange_run(hub, user, std::move(head));
     } else {
         user->reply(reply);
+    }
+    if (user->watches) {
+        co_await page_watch(hub, user);
     }
     while (user->full() && !user->closed) {  // he takes less than he asks for
         co_await user->changed.wait();

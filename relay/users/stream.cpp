@@ -184,6 +184,7 @@ awaitable<std::shared_ptr<data_link>> stream_route(const relay& hub,
                                            : "The device has as many streams as it can bear.";
     log_line(PROBLEM, "device %s: no data connection for %s: %s", owner.name.c_str(),
              user->what.c_str(), why);
+    owner.lately.note(happening::REFUSED, why);
     user->reply(http_busy_reply(why));
     co_return nullptr;
 }
@@ -305,6 +306,10 @@ awaitable<bool> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
         }
     } else {
         user->persistent = user->persistent && reason != RESPONSE_BROKEN;
+        if (!user->closed) {
+            const std::string port = "port " + std::to_string(user->port) + ": ";
+            user->owner->lately.note(happening::REFUSED, port + reason);
+        }
         user->reply(answer_instead(*user, reason));
     }
     co_return true;

@@ -144,7 +144,7 @@ TEST(GwrelayReuse, IsForTheSamePortAndPriorityAndNeverForWhatMayNotBeRepeated) {
     EXPECT_EQ(box.serves(user, 2, ON_81), X);
     EXPECT_EQ(box.serves(user, 1, "GET /box/80/?gwrelay-pri=4" + HTTP_ON + "\r\n"), X);
     EXPECT_TRUE(has(get(box.hub, "/status.json"), "\"open_streams\":3,\"kept_streams\":3,"));
-    EXPECT_TRUE(has(get(box.hub, "/"), "<td>81</td><td>kept for the next request</td>"));
+    EXPECT_TRUE(has(get(box.hub, "/status.json"), "\"kept\":[80,81,80]"));
     EXPECT_TRUE(stays_silent(box.data.get(), test_duration{10}));
     EXPECT_EQ(box.serves(other, 1), X);
     EXPECT_EQ(box.serves(user, 3, priority_3), X);

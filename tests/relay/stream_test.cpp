@@ -202,7 +202,7 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     std::atomic<bool> taken = false;
     std::jthread writer([&] { taken = write_all(box.data.get(), flood, 2 * TEST_PATIENCE); });
     EXPECT_TRUE(
-        eventually([&] { return has(get(box.hub, "/"), "<td>held back by a slow user</td>"); }));
+        eventually([&] { return has(get(box.hub, "/status.json"), "{\"held_back\":true,"); }));
     const unique_fd quick = data_login(box.hub, "box");
     std::vector<unique_fd> others;
     for (uint32_t stream = 2; stream < 5; ++stream) {  // all on the one that is not held back
