@@ -77,6 +77,16 @@ bool set_times(options& to, const char* value) {
     return to.times.has_value();
 }
 
+// As hosts are compared: in lower case, without a dot at either end.
+bool set_domain(options& to, const char* value) {
+    to.domain = value;
+    std::ranges::transform(to.domain, to.domain.begin(),
+                           [](unsigned char c) { return tolower(c); });
+    return !to.domain.empty() && !to.domain.starts_with('.') && !to.domain.ends_with('.') &&
+           std::ranges::all_of(
+               to.domain, [](unsigned char c) { return isalnum(c) != 0 || c == '.' || c == '-'; });
+}
+
 bool show_help(options& to, const char*);
 
 bool show_version(options&, const char*) {
@@ -94,6 +104,9 @@ constexpr option_row OPTIONS[] = {
     {"control-port", "PORT", "control connections (9998)", set_port<&options::control_port>},
     {"data-port", "PORT", "data connections (9997)", set_port<&options::data_port>},
     {"front-port", "PORT", "front door (8080)", set_port<&options::front_port>},
+    {"domain", "NAME", "reach ports of devices at DEVICE--PORT.NAME (localhost)", set_domain},
+    {"service-host", "NAME", "tell services this Host, with their port, not what the user asked",
+     set_text<&options::service_host>},
     {"command7", nullptr, "order data connections by command 7, not in the login answer",
      set_fixed<&options::command7, true>},
     {"report-times", "T1,T2", "send these reporting times (s) to every device after its login",
@@ -155,7 +168,9 @@ bool show_help(options&, const char*) {
         "Usage: gwrelay [options]\n"
         "The development relay: address manager, control and data connections for devices, and\n"
         "an HTTP front door for users at http://127.0.0.1:8080/ with a page that lists them.\n"
-        "/DEVICE/PORT/PATH there is a port of a device; ?gwrelay-pri=N sets a priority, and\n"
+        "http://DEVICE--PORT.localhost:8080/ is a port of a device, and so is /DEVICE/PORT/PATH "
+        "at\n"
+        "the front door itself; there ?gwrelay-pri=N sets a priority, and\n"
         "POST /DEVICE/report-times?t1=S&t2=S sets its reporting times.\n");
     for (const option_row& row : OPTIONS) {
         const std::string name = row.name + std::string(" ") + (row.value ? row.value : "");

@@ -19,12 +19,17 @@ std::shared_ptr<device> device_get(relay& hub, const std::string& id) {
         };
         const auto longest = std::ranges::min_element(hub.devices, {}, away_since);
         if (longest->second->away()) {
+            hub.labels.erase(longest->second->label);
             hub.devices.erase(longest);
         }
     }
     const auto made = std::make_shared<device>();
     made->id = id;
     made->name = log_text(id);
+    made->label = label_of(id);
+    if (!made->label.empty()) {
+        hub.labels[made->label] = made;
+    }
     return hub.devices[id] = made;
 }
 

@@ -140,7 +140,7 @@ std::string device_json(const device& box) {
         return json_quote(pair.first) + ":" + std::to_string(pair.second);
     };
     const auto link = [](const auto& each) { return connection_json(*each); };
-    return "{\"id\":" + json_quote(box.id) +
+    return "{\"id\":" + json_quote(box.id) + ",\"name\":" + json_quote(box.label) +
            ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
            ",\"control\":" + (box.control != nullptr ? "true" : "false") + ",\"info\":{" +
            joined(box.info, text) + "},\"ports\":{" + joined(box.ports, port) +

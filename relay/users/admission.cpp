@@ -6,6 +6,7 @@
 
 #include "page/page.h"
 #include "users/front_door.h"
+#include "users/names.h"
 
 namespace {
 
@@ -61,7 +62,9 @@ awaitable<void> turn_away(const relay& hub, std::shared_ptr<user_link> user, con
     user->expect_within(hub.settings.linger_timeout, why);
     const size_t length = co_await connection_http_head(*user, bytes, HEAD_MAX);
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
-    const std::string page = request ? page_answer(hub, *request) : "";
+    // What belongs to the relay is not to be had under a device's name.
+    const bool own = request && !names_find(hub, http_header(request->headers, "host"));
+    const std::string page = own ? page_answer(hub, *request) : "";
     user->head_only = request && request->method == "HEAD";
     user->reply(page.empty() ? http_busy_reply(why) : page);
     co_await connection_flush(*user);
