@@ -26,7 +26,7 @@ TEST(GwrelayPage, TellsProgramsAndPeopleWhatItKnows) {
         }
         user = say_to(hub.front, "GET /%3Cb%ff%3E/8080/&" + HTTP + "\r\n");
         const std::string opening = frame_read(data.get());
-        EXPECT_EQ(frame_payload(opening).size(), 50U);
+        EXPECT_EQ(frame_payload(opening).size(), 103U);
         write_all(data.get(), data_frames(frame_stream(opening), std::string(size, 'd')));
         EXPECT_EQ(read_exact(user.get(), size).size(), size);
     }
@@ -36,15 +36,15 @@ TEST(GwrelayPage, TellsProgramsAndPeopleWhatItKnows) {
     EXPECT_TRUE(known.ends_with(",\"users_refused\":0,\"bytes_waiting\":0}\n")) << known;
     EXPECT_EQ(
         known.substr(0, known.find(users)),
-        R"({"devices":[{"id":"<b\u00ff>","path":"/%3Cb%FF%3E/","control":true,)"
+        R"({"devices":[{"id":"<b\u00ff>","name":"x-b----yhr7z6","path":"/%3Cb%FF%3E/","control":true,)"
         R"("info":{"a\u0022\u005c&'":"-1.5e+3","deviceid":"<b\u00ff>","z":"true"},)"
         R"("ports":{"http_port":8080},"dlna_status":258,"data_connections":1,"open_streams":1,"kept_streams":0,)"
-        R"("bytes_from_device":1048583,"bytes_to_device":100,"bytes_waiting":0,"streams_cut":0,)"
-        R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":50,)"
+        R"("bytes_from_device":1048583,"bytes_to_device":206,"bytes_waiting":0,"streams_cut":0,)"
+        R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":103,)"
         R"("bytes_waiting":0,"streams":[)"
         R"({"id":2,"port":8080,"request":"GET /%3Cb%ff%3E/8080/&",)"
-        R"("bytes_from_device":1048576,"bytes_to_device":50,"bytes_waiting":0}]}]},)"
-        R"({"id":"x","path":"/x/","control":false,"info":{"deviceid":"x","fwver":"1.2"},)"
+        R"("bytes_from_device":1048576,"bytes_to_device":103,"bytes_waiting":0}]}]},)"
+        R"({"id":"x","name":"x","path":"/x/","control":false,"info":{"deviceid":"x","fwver":"1.2"},)"
         R"("ports":{},"dlna_status":null,"data_connections":0,"open_streams":0,"kept_streams":0,)"
         R"("bytes_from_device":0,"bytes_to_device":0,"bytes_waiting":0,"streams_cut":0,)"
         R"("connections":[]}])");
@@ -57,9 +57,9 @@ TEST(GwrelayPage, TellsProgramsAndPeopleWhatItKnows) {
           "<tr><th>a&#34;\\&#38;&#39;</th><td>-1.5e+3</td></tr>\n",
           "<th>from the device</th><th>to the device</th><th>waits for the "
           "user</th></tr>\n<tr><td>127",
-          "</td><td>1 open</td><td></td><td></td><td>1.0 MiB</td><td>50 B</td><td>0 B</td></tr>\n",
+          "</td><td>1 open</td><td></td><td></td><td>1.0 MiB</td><td>103 B</td><td>0 B</td></tr>\n",
           "<tr><td></td><td>2</td><td>8080</td><td>GET /%3Cb%ff%3E/8080/&#38;</td>"
-          "<td>1.0 MiB</td><td>50 B</td><td>0 B</td></tr>\n</table>\n<h2>x</h2>\n<table>\n"
+          "<td>1.0 MiB</td><td>103 B</td><td>0 B</td></tr>\n</table>\n<h2>x</h2>\n<table>\n"
           "<tr><th>control connection</th><td><b class=\"down\">down</b></td></tr>\n"}) {
         EXPECT_TRUE(has(page, part)) << testing::PrintToString(part + (" in " + page));
     }
