@@ -16,8 +16,8 @@ constexpr int SEND_BUFFER_LIMIT = 0x20000;  // bytes; what the login asks the ke
 constexpr int64_t HELD_MAX_US = 30 * GWA_US_PER_SECOND;  // then a line tells of it
 constexpr int32_t BUFFER_TIMEOUT_S = 600;
 // Frames that are kept ready for the next pass: half of what the send buffer can take, which is
-// twice of what the login asks for, socket(7). The other half is read when the first has left: until
-// then it is better kept by the services.
+// twice of what the login asks for, socket(7). The other half is read when the first has left:
+// until then it is better kept by the services.
 constexpr int FRAMES_READY = SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
 
 enum class policy : uint8_t { SEND, HOLD, FAILED };
@@ -29,7 +29,7 @@ static void hold(gwa_connection_data* conn) {
     gwa_data_output& output = conn->output;
     const int64_t now = gwa_time.steady_us();
     if (gwa_connection_queue_is_empty(&output.queue) != 0) {
-        output.held_passes = 0;  // nothing that could be held
+        output.held_passes = 0;                 // nothing that could be held
         output.state = gwa_out_state::DRAINED;  // the event that tells of room has been and gone
     } else if (output.held_passes++ == 0) {
         output.held_since_us = now;

@@ -1,5 +1,5 @@
-// gwa_util_open.h - opens the files at our fixed names. Some are in /tmp, where every user of the box
-// can put something first: a link, so that we write into its target, or a file or pipe of his
+// gwa_util_open.h - opens the files at our fixed names. Some are in /tmp, where every user of the
+// box can put something first: a link, so that we write into its target, or a file or pipe of his
 // (exception 71).
 //
 // A folder is ours when it belongs to us or to root and nobody else may write to it. There a name

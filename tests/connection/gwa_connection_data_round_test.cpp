@@ -88,7 +88,8 @@ TEST_F(DataRound, WhatIsHeldBackHoldsUpNothingElse) {
     sent();
     rounds(1);
     all_sent = sent();
-    EXPECT_EQ(all_sent.size(), 32 * (HEADER_SIZE + GWA_PAYLOAD_MAX)) << "what was kept, and as much";
+    EXPECT_EQ(all_sent.size(), 32 * (HEADER_SIZE + GWA_PAYLOAD_MAX))
+        << "what was kept, and as much";
     rounds_until_idle();
     EXPECT_EQ(all_sent.size(), 60 * (HEADER_SIZE + GWA_PAYLOAD_MAX));
     EXPECT_EQ(conn->output.send_level, 0);

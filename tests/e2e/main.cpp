@@ -1,6 +1,7 @@
 // main.cpp - runs the end-to-end tests on a machine of their own: private process, network and
 // mount namespaces. In there the loopback interface is the only one, /etc/init.d and /etc/hosts are
-// the test's to write, name servers are out of reach, and whatever a test leaves running ends with it.
+// the test's to write, name servers are out of reach, and whatever a test leaves running ends with
+// it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

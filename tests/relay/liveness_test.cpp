@@ -1,7 +1,7 @@
 // Which devices the relay takes for gone; with real ones, in tests/e2e.
-#include <gtest/gtest.h>
-
 #include "net/liveness.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 
