@@ -1,7 +1,9 @@
 #include "runtime/gwa_util_open.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -91,9 +93,17 @@ static bool is_taken(int fd, const struct stat& folder, int flags) {
     return (flags & O_TRUNC) == 0 || !S_ISREG(file.st_mode) || ftruncate(fd, 0) == 0;
 }
 
+// Whether the kernel makes what is in the folder, proc(5). Its links, to which /dev/stderr leads,
+// have no text that could be followed, and nobody plants one.
+static bool is_of_kernel(int folder) {
+    struct statfs system {};
+    return fstatfs(folder, &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
+}
+
 // What is there, or a new one; only then is it known that nobody else has made it.
 static int entry_open(int folder, const char* name, int flags, mode_t mode) {
-    const int always = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const int follow = is_of_kernel(folder) ? 0 : O_NOFOLLOW;
+    const int always = follow | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const int fd = openat(folder, name, (flags & ~(O_CREAT | O_TRUNC)) | always);
     if (fd != -1 || errno != ENOENT || (flags & O_CREAT) == 0) {
         return fd;

@@ -86,6 +86,16 @@ TEST_F(Open, FollowsLinksThatNobodyElseCanHaveMade) {
     EXPECT_FALSE(opens(link, O_WRONLY) || errno != ELOOP);
 }
 
+TEST_F(Open, FollowsWhatIsLikeDevStdoutToAPipe) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const unique_fd reader(ends[0]), writer(ends[1]);
+    ASSERT_EQ(symlink(("/proc/self/fd/" + std::to_string(ends[1])).c_str(), link.c_str()), 0);
+    const unique_fd log(gwa_open(link.c_str(), O_RDWR | O_CREAT | O_APPEND, GWA_MODE_PRIVATE));
+    EXPECT_EQ(write(log.get(), "line", 4), 4);
+    EXPECT_EQ(read_exact(reader.get(), 4), "line");
+}
+
 TEST_F(Open, RefusesASecondNameOfAFileWhereEverybodyWrites) {
     ASSERT_EQ(::link(victim.c_str(), name.c_str()), 0);
     EXPECT_TRUE(refuses(name));
