@@ -22,7 +22,7 @@ struct sums {
             cuts += box->cuts;
             for (const auto& link : box->data) {
                 ++links;
-                held_back += link->held_back;
+                held_back += link->held_back ? 1 : 0;
                 open += link->streams.size();
                 kept += link->kept.size();
             }
@@ -97,7 +97,7 @@ void of_process(metrics& to, const relay& hub) {
     to.one("gwrelay_uptime_seconds", "gauge", "Time since the start.",
            static_cast<uint64_t>(up.count()));
     to.one("gwrelay_draining", "gauge", "Whether new requests are refused because it ends.",
-           hub.draining);
+           hub.draining ? 1 : 0);
     to.one("process_open_fds", "gauge", "Open descriptors.", descriptors_open());
     to.one("process_max_fds", "gauge", "As many as there may be.", limit.rlim_cur);
     to.one("process_resident_memory_bytes", "gauge", "Resident memory.", resident_bytes());

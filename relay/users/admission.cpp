@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t DESCRIPTORS_OF_USER = 2;
 constexpr size_t TURNED_AWAY_MAX = 1000;  // at once
-constexpr size_t HEAD_MAX = 16 * 1024;
+constexpr size_t REFUSED_HEAD_MAX = 16 * 1024;
 
 // A user's place among the others while he is served or turned away.
 struct place {
@@ -61,7 +61,7 @@ awaitable<void> turn_away(relay& hub, std::shared_ptr<user_link> user, const cha
     std::string bytes;
     log_line(EVENT, "%s: turned away: %s", user->name.c_str(), why);
     user->expect_within(hub.settings.linger_timeout, why);
-    const size_t length = co_await connection_http_head(*user, bytes, HEAD_MAX);
+    const size_t length = co_await connection_http_head(*user, bytes, REFUSED_HEAD_MAX);
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
     const bool sees = request && user->came_by != door::USERS;
     const std::string page = sees ? page_answer(hub, *user, *request) : "";
@@ -71,7 +71,7 @@ awaitable<void> turn_away(relay& hub, std::shared_ptr<user_link> user, const cha
     asio::error_code ignored;
     user->socket.shutdown(tcp::socket::shutdown_send, ignored);
     bytes.clear();
-    co_await connection_http_head(*user, bytes, HEAD_MAX);
+    co_await connection_http_head(*user, bytes, REFUSED_HEAD_MAX);
 }
 
 // Whether he came to an address that only this machine reaches.
@@ -117,5 +117,5 @@ awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
 awaitable<void> admission_admin_serve(relay& hub, std::shared_ptr<user_link> user) {
     user->came_by = door::ADMIN;
     user->out.use_files(hub.pool);
-    return front_door_serve(hub, user);
+    return front_door_serve(hub, std::move(user));
 }

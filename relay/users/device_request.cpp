@@ -49,7 +49,7 @@ std::string parameters(const device& owner, uint16_t port) {
 }
 
 // What the service is told of its connection, which is another one than the user's.
-std::string_view connection_line(const user_link& user) {
+std::string_view connection_line_to_service(const user_link& user) {
     if (!user.shareable) {
         return "Connection: close\r\n";
     }
@@ -108,7 +108,7 @@ std::string device_request_head(user_link& user, std::string_view path, const ht
     }
     user.shareable = user.shareable && port != MAINTENANCE_PORT;  // which has no streams
     user.repeatable = user.repeatable && user.shareable;
-    head = head_with(target, request, connection_line(user));
+    head = head_with(target, request, connection_line_to_service(user));
     return {};
 }
 

@@ -1,5 +1,6 @@
 #include "connection/gwa_connection_cntl_command.h"
 
+#include "connection/gwa_connection_heartbeat.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_file.h"
@@ -12,7 +13,6 @@ constexpr uint32_t ORDER_SIZE = 128;  // of the text, with its terminator
 constexpr uint32_t SESSION_ID_SIZE = 32;
 constexpr uint32_t SESSION_ID_BUFFER = 64;
 constexpr uint32_t REPORTING_SIZE = 8;  // t1 and t2
-constexpr int HEARTBEAT_LIMIT_S = 10;
 
 }  // namespace
 
@@ -39,7 +39,7 @@ static void discard_payload(gwa_connection_cntl* cntl, uint32_t length) {
 
 static int heartbeat_answer(gwa_connection_cntl* cntl) {
     uint8_t bytes[GWA_HEARTBEAT_PAYLOAD] = {};
-    const int got = gwa_recvn_timeout_fast(cntl->socket, bytes, sizeof bytes, HEARTBEAT_LIMIT_S);
+    const int got = gwa_recvn_timeout_fast(cntl->socket, bytes, sizeof bytes, GWA_HEARTBEAT_LIMIT_S);
     if (got == static_cast<int>(sizeof bytes)) {
         count_payload(cntl, sizeof bytes);
         if (load_be32(bytes) + 1 == cntl->heartbeat.seq) {

@@ -7,12 +7,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "connection/gwa_connection_heartbeat.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {
 
 constexpr int HEADER_LIMIT_S = 10;
-constexpr int HEARTBEAT_LIMIT_S = 10;
 constexpr int PAYLOAD_LIMIT_S = 120;
 constexpr int DISCARD_LIMIT_S = 120;
 
@@ -44,7 +44,7 @@ bool gwa_input_frame_has_begun(const gwa_data_input* input) {
 static int step_limit_s(gwa_input_step step) {
     switch (step) {
         case gwa_input_step::HEADER: return HEADER_LIMIT_S;
-        case gwa_input_step::HEARTBEAT: return HEARTBEAT_LIMIT_S;
+        case gwa_input_step::HEARTBEAT: return GWA_HEARTBEAT_LIMIT_S;
         case gwa_input_step::PAYLOAD: return PAYLOAD_LIMIT_S;
         case gwa_input_step::DISCARD:
         case gwa_input_step::EXTRA_DISCARD: break;

@@ -8,6 +8,8 @@
 
 #include "connection/gwa_connection_queue.h"
 
+constexpr int GWA_HEARTBEAT_LIMIT_S = 10;  // for the rest of one whose header has come
+
 struct gwa_heartbeat {
     uint32_t seq = 0;           // of the next one; never starts over within a process
     int32_t last_out_time = 0;  // coarse clock, last successful write

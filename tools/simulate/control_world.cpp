@@ -13,7 +13,6 @@ control_world* the_control_world = nullptr;
 
 namespace {
 
-constexpr int64_t START_S = INT32_MAX - 300;
 constexpr int64_t SETTLE_WAITS = 400;
 constexpr size_t LOW_WATER = 16;  // as the login leaves it
 constexpr size_t ORDER_MAX = 127;

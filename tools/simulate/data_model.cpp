@@ -9,7 +9,6 @@ namespace {
 
 constexpr uint32_t MEMORY_LIMIT = 4 << 20;
 constexpr size_t FRAMES_READY = 16;
-constexpr int QUARTER = 0x20000 / 4;
 constexpr int WAIT_HELD_MS = 5;
 constexpr int WAIT_BUSY_MS = 100;
 constexpr int WAIT_IDLE_MS = 1000;

@@ -10,7 +10,6 @@
 namespace {
 
 constexpr uint32_t UPLOADS_MAX = 2 << 20;
-constexpr uint32_t CEILING = 5 << 20;
 constexpr int32_t LOOK_INTERVAL_S = 30;
 constexpr int LOOKS = 4;
 constexpr int32_t STREAM_IDLE_S = 300;

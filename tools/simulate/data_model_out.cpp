@@ -9,9 +9,7 @@
 namespace {
 
 constexpr size_t FRAMES_PER_CALL = 16;
-constexpr int QUARTER = 0x20000 / 4;
 constexpr uint32_t LIMIT = 4 << 20;
-constexpr uint32_t CEILING = 5 << 20;
 
 }  // namespace
 

@@ -210,6 +210,7 @@ struct virtual_time {
     void sleep(int64_t us);
 };
 extern virtual_time the_time;
+constexpr int64_t START_S = INT32_MAX - 300;  // the coarse clock wraps in most schedules
 
 // Blocks of memory that the daemon holds.
 extern int64_t memory_blocks;
