@@ -82,6 +82,16 @@ bool put_times(options& to, const std::string& value) {
     return to.times.has_value();
 }
 
+// As hosts are compared: in lower case, without a dot at either end.
+bool put_domain(options& to, const std::string& value) {
+    to.domain = value;
+    std::ranges::transform(to.domain, to.domain.begin(),
+                           [](unsigned char c) { return tolower(c); });
+    return !to.domain.empty() && !to.domain.starts_with('.') && !to.domain.ends_with('.') &&
+           std::ranges::all_of(
+               to.domain, [](unsigned char c) { return isalnum(c) != 0 || c == '.' || c == '-'; });
+}
+
 template <auto Member, auto Value>
 constexpr option_effect set_fixed = effect<Member>(put_fixed<Member, Value>);
 template <auto Member>
@@ -95,6 +105,7 @@ constexpr option_effect set_bytes = effect<Member>(put_bytes<Member, Least>);
 template <auto Member>
 constexpr option_effect set_count = effect<Member>(put_count<Member>);
 constexpr option_effect set_times = effect<&options::times>(put_times);
+constexpr option_effect set_domain = effect<&options::domain>(put_domain);
 
 constexpr option_row ADDRESSES[] = {
     {"listen", "ADDRESS", "what everything listens on that has no address of its own (127.0.0.1)",
@@ -113,6 +124,9 @@ constexpr option_row ADDRESSES[] = {
     {"front-port", "PORT", "front door (8080)", set_port<&options::front_port>, START},
     {"admin-port", "PORT", "the relay's own pages, with --listen-admin (8081)",
      set_port<&options::admin_port>, START},
+    {"domain", "NAME", "reach ports of devices at DEVICE--PORT.NAME (localhost)", set_domain},
+    {"service-host", "NAME", "tell services this Host, with their port, not what the user asked",
+     set_text<&options::service_host>},
 };
 
 constexpr option_row DEVICES[] = {

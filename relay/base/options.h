@@ -30,6 +30,8 @@ struct options {
     std::string announce;      // what devices are told to connect to; listen_devices by default
     uint16_t manager_port = 9999, control_port = 9998, data_port = 9997, front_port = 8080;
     uint16_t admin_port = 8081;
+    std::string domain = "localhost";  // under which each device has its names; lower case
+    std::string service_host;          // that services are told instead of the user's Host
     bool command7 = false;  // order the data connections by command 7, not in the login answer
     bool dead_port_guard = true;
     bool reuse = true;                  // of a stream, for one request after another

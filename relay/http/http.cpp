@@ -170,6 +170,7 @@ std::optional<http_request> http_request_parse(std::string_view head) {
     const size_t mark = std::min(target.find('?'), target.size());
     http_request request{.method = first.substr(0, method_end),
                          .version = first.substr(target_end + 1),
+                         .target = target,
                          .path = target.substr(0, mark),
                          .query = target.substr(std::min(mark + 1, target.size())),
                          .headers = head};

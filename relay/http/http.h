@@ -11,7 +11,8 @@
 
 struct http_request {  // borrows from the head that was parsed
     std::string_view method, version;
-    std::string_view path, query;  // as sent, not decoded; the query without its question mark
+    std::string_view target;       // as sent, not decoded: the path, or it and a query
+    std::string_view path, query;  // the query without its question mark
     std::string_view headers;      // lines with their ends, up to the empty line
     uint64_t length = 0;           // of its body
     bool chunked = false;

@@ -157,7 +157,7 @@ void http_response::after_head() {
 }
 
 void http_response::read_fields(std::string_view lines) {
-    says_close = says_keep_alive = is_chunked = is_coded = is_open_type = false;
+    says_close = says_keep_alive = is_chunked = is_coded = is_open_type = is_websocket = false;
     length.reset();
     waits.reset();
     fields.clear();
@@ -205,6 +205,8 @@ void http_response::read_field(std::string_view name, std::string_view value) {
         says_keep_alive = says_keep_alive || http_has_word(value, "keep-alive");
     } else if (same_word(name, "keep-alive")) {
         read_keep_alive(value);
+    } else if (same_word(name, "upgrade")) {
+        is_websocket = same_word(value, "websocket");
     } else if (same_word(name, "content-type")) {
         is_open_type = std::ranges::any_of(OPEN_TYPES, [value](std::string_view known) {
             return same_word(value.substr(0, known.size()), known);

@@ -76,6 +76,7 @@ class http_response {
     bool endless() const { return is_begun && body.open(); }
     bool stays_open() const { return endless() && (is_open_type || switched()); }
     bool switched() const { return is_begun && status == HTTP_SWITCHING; }  // to another protocol
+    bool upgrades_to_websocket() const { return switched() && is_websocket; }
     bool chunked() const { return is_chunked; }
     int code() const { return status; }  // 0 as yet
     // How long the service promises to wait on its connection for the next request. Nothing: it
@@ -97,7 +98,7 @@ class http_response {
     // of the head that came last:
     int status = 0;
     bool is_1_0 = false, says_close = false, says_keep_alive = false;
-    bool is_chunked = false, is_coded = false, is_open_type = false;
+    bool is_chunked = false, is_coded = false, is_open_type = false, is_websocket = false;
     std::optional<uint64_t> length;
     std::optional<uint32_t> waits;
     std::string first_line, fields;  // the latter with their line ends

@@ -42,12 +42,17 @@ std::shared_ptr<device> device_get(relay& hub, const std::string& id) {
             hub.forgotten.to_device += total.to_device;
             hub.forgotten_cuts += longest->second->cuts;
             hub.page.all_since = hub.page.round + 1;
+            hub.labels.erase(longest->second->label);
             hub.devices.erase(longest);
         }
     }
     const auto made = std::make_shared<device>();
     made->id = id;
     made->name = log_text(id);
+    made->label = label_of(id);
+    if (!made->label.empty()) {
+        hub.labels[made->label] = made;
+    }
     return hub.devices[id] = made;
 }
 

@@ -7,11 +7,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/label.h"
 #include "base/options.h"
 #include "base/text.h"
 #include "http/http.h"
 #include "http/http_message.h"
 #include "hub/activity.h"
+#include "http/rewrite.h"
+#include "http/websocket.h"
 #include "net/connection.h"
 #include "net/slowness.h"
 
@@ -29,6 +32,11 @@ enum class port_state : uint8_t { ALIVE, DEAD, UNKNOWN };
 constexpr size_t DATA_CONNECTIONS = 5;  // that a device is told to make
 
 enum class door : uint8_t { USERS, ADMIN, BOTH };  // devices' ports, the relay's own pages
+// What has passed of a WebSocket's frames, to know when both sides have taken leave.
+struct websocket {
+    websocket_side user, service;
+    bool over() const { return user.closed() && service.closed(); }
+};
 
 struct user_link : connection {
     using connection::connection;
@@ -47,8 +55,10 @@ struct user_link : connection {
     port_state port_is = port_state::ALIVE;  // while unknown, the rest of his request waits
     std::string held;                        // what waits of it, apart from what he has yet to send
     std::string what;                        // method and path, safe to log
+    http_view view;                          // what he and the service see of each other
     bool head_only = false;                  // the method is HEAD
     bool is_1_0 = false;                     // HTTP/1.0
+    bool may_switch = false;                 // he asks for another protocol
     bool persistent = false;                 // he would have his connection go on after it
     bool keeps = false;                      // and it will
     bool shareable = false;                  // the stream may serve another request after it
@@ -56,7 +66,11 @@ struct user_link : connection {
     bool reused = false;                     // the stream has served another one before
     bool stale = false;                      // and turns out to be of no use any more
     bool too_much = false;                   // more has come than the response
-    http_body request;                       // its rest, which he has yet to send
+    bool swallows = false;          // the response is to the relay's own request, for nobody
+    bool opened = false;            // it has opened the stream, in front of his request
+    bool patient = false;           // the service is known to go on after such a one
+    std::optional<websocket> talk;  // while he and the service speak by its rules
+    http_body request;              // its rest, which he has yet to send
     http_response response;
     std::string head;            // of the response, on its way
     std::vector<iovec> arrived;  // for him, in what his data connection has just received
@@ -103,9 +117,17 @@ struct data_link : connection {
     size_t open_streams() const { return streams.size() + kept.size(); }
 };
 
+// Whether a port's service goes on after a request of the relay's own; not known when it is not
+// there.
+struct opening {
+    bool works;
+    steady::time_point until;  // asked again then, when it does not
+};
+
 struct device {
-    std::string id;    // up to 47 characters of any kind
-    std::string name;  // the id, safe to log
+    std::string id;     // up to 47 characters of any kind
+    std::string name;   // the id, safe to log
+    std::string label;  // of its names (base/label.h); empty when it can have none
     text_pairs info;
     std::shared_ptr<control_link> control;  // null while the device is away
     std::vector<std::shared_ptr<data_link>> data;
@@ -116,6 +138,7 @@ struct device {
     std::optional<uint32_t> dlna_status;
     std::map<std::string, uint16_t> ports;  // as announced; kept while the device is away
     std::map<uint16_t, steady::time_point> unkept_ports;  // whose streams are not kept, until then
+    std::map<uint16_t, opening> openings;
     uint64_t bytes_in = 0, bytes_out = 0;  // stream payload of connections that have ended
     steady::time_point left = steady::now(), came = left;
     std::string address;  // from where it has logged in last
@@ -161,6 +184,7 @@ struct relay {
     bool draining = false;               // no new requests: the process is about to end
     bool own_door = false;               // the relay's own pages have an address of their own
     std::array<uint64_t, 6> requests{};  // that are over, by the hundreds of their status
+    std::map<std::string, std::shared_ptr<device>, std::less<>> labels = {};  // the devices again
 };
 
 // The device of that id, made when it is new. Devices that are away stay known, up to a limit.

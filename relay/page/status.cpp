@@ -131,7 +131,7 @@ std::string status_device(const relay& hub, const device& box) {
         out += link->bytes_out;
     }
     const auto link = [&hub](const auto& each) { return connection_json(hub, *each); };
-    return "{\"id\":" + json_quote(box.id) +
+    return "{\"id\":" + json_quote(box.id) + ",\"name\":" + json_quote(box.label) +
            ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
            ",\"control\":" + word(box.control != nullptr) + ",\"info\":" + text_json(box.info) +
            ",\"ports\":" + ports_json(box) +

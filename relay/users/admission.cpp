@@ -6,6 +6,7 @@
 
 #include "page/page.h"
 #include "users/front_door.h"
+#include "users/names.h"
 
 namespace {
 
@@ -63,7 +64,9 @@ awaitable<void> turn_away(relay& hub, std::shared_ptr<user_link> user, const cha
     user->expect_within(hub.settings.linger_timeout, why);
     const size_t length = co_await connection_http_head(*user, bytes, REFUSED_HEAD_MAX);
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
-    const bool sees = request && user->came_by != door::USERS;
+    // What belongs to the relay is not to be had under a device's name.
+    const bool sees = request && user->came_by != door::USERS &&
+                      !names_find(hub, http_header(request->headers, "host"));
     const std::string page = sees ? page_answer(hub, *user, *request) : "";
     user->head_only = request && request->method == "HEAD";
     user->reply(page.empty() ? http_busy_reply(why) : page);

@@ -56,59 +56,95 @@ std::string_view connection_line_to_service(const user_link& user) {
     return user.is_1_0 ? "Connection: keep-alive\r\n" : "";
 }
 
-std::string head_with(std::string_view target, const http_request& request,
-                      std::string_view connection_line) {
-    std::string head(request.method);
-    head.append(" ").append(target).append(" ").append(request.version).append("\r\n");
+// The service's own connection lines are of no use to others, and an upgrade is between the two.
+std::string fields_for_service(const user_link& user, const http_request& request) {
+    std::string fields;
     for (std::string_view rest = request.headers; !rest.empty();) {
         const http_field field = http_field_take(rest);
         if (request.upgrades || !http_is_hop(field)) {
-            head.append(field.line).append("\r\n");
+            fields += user.port == MAINTENANCE_PORT ? std::string(field.line) + "\r\n"
+                                                    : rewrite_field(user.view, field);
         }
     }
-    return head.append(request.upgrades ? "" : connection_line).append("\r\n");
+    if (user.port != MAINTENANCE_PORT) {  // which is no service
+        fields += rewrite_forwarded(user.view);
+    }
+    return fields.append(request.upgrades ? "" : connection_line(user)).append("\r\n");
+}
+
+std::string request_line(std::string_view method, std::string_view target,
+                         std::string_view version) {
+    return std::string(method).append(" ").append(target).append(" ").append(version) + "\r\n";
+}
+
+// Whether a device takes a parameter from what comes first on a stream.
+bool device_takes(std::string_view method) {
+    return method == "GET" || method == "POST" || method == "HEAD";
+}
+
+// The device compares undecoded text, up to a blank or an ampersand.
+bool sayable(const device& owner) {
+    return std::ranges::all_of(owner.id,
+                               [](unsigned char c) { return c > ' ' && c != '&' && c != 0x7f; }) &&
+           owner.id.find(NAMES[0].name) == owner.id.npos;
+}
+
+// The relay's own request: it changes nothing, and a service answers it without a body.
+std::string ask_head(const user_link& user, std::string_view version) {
+    http_view view = user.view;
+    std::string host = "Host: " + (view.service_host.empty() ? "localhost" : view.service_host);
+    return request_line("HEAD", "/?" + view.parameters, version) + host + "\r\n" +
+           rewrite_forwarded(view) + (user.is_1_0 ? "Connection: keep-alive\r\n\r\n" : "\r\n");
 }
 
 }  // namespace
 
-std::string device_request_head(user_link& user, std::string_view path, const http_request& request,
-                                std::string& head) {
+std::string device_request_heads(user_link& user, std::string_view path,
+                                 const http_request& request, device_heads& heads) {
     const device& owner = *user.owner;
     const uint16_t port = user.port;
-    if (request.method != "GET" && request.method != "POST" && request.method != "HEAD") {
-        // a device drops the others without a word
-        return http_reply(405, "text/plain", "Devices take GET, POST and HEAD.\n",
-                          "Allow: GET, POST, HEAD\r\n");
-    }
-    // The device compares undecoded text, up to a blank or an ampersand.
-    const bool sayable =
-        std::ranges::all_of(owner.id,
-                            [](unsigned char c) { return c > ' ' && c != '&' && c != 0x7f; }) &&
-        owner.id.find(NAMES[0].name) == owner.id.npos;
-    if (!sayable) {
+    const bool by_path = !user.view.prefix.empty();
+    if (!sayable(owner)) {
         return http_text_reply(502, "This device's id does not fit into a request.");
     }
-    // The parameters come first in the query, where a long one cannot push them out of sight.
     user.priority = DEFAULT_PRIORITY;
     std::string query(request.query);
-    std::string target = without_names(path, port) + "?" + parameters(owner, port);
-    if (const auto priority = query_take(request.query, "gwrelay-pri", &query)) {
+    std::string& parameters_now = user.view.parameters = parameters(owner, port);
+    const auto priority = by_path ? query_take(request.query, "gwrelay-pri", &query) : std::nullopt;
+    if (priority) {
         const auto value = number_parse<int32_t>(*priority);
         if (!value || *value < 0) {
             return http_text_reply(400, "gwrelay-pri is a number from 0 to 2147483647.");
         }
-        target += "&x-qv-pri=" + std::to_string(*value);
+        parameters_now += "&x-qv-pri=" + std::to_string(*value);
         user.priority = *value;
-    }
-    const size_t own_size = target.size();
-    target.append(query.empty() ? "" : "&").append(query_without_names(query, port));
-    const size_t needed = port == MAINTENANCE_PORT ? target.size() : own_size;
-    if (request.method.size() + 1 + needed > DEVICE_LOOKS_AT) {
-        return http_text_reply(414, "The device would not see where this is going.");
     }
     user.shareable = user.shareable && port != MAINTENANCE_PORT;  // which has no streams
     user.repeatable = user.repeatable && user.shareable;
-    head = head_with(target, request, connection_line_to_service(user));
+    const std::string fields = fields_for_service(user, request);
+    // The parameters come first in the query, where a long one cannot push them out of sight.
+    std::string target = without_names(path, port) + "?" + parameters_now;
+    const size_t own_size = target.size();
+    target.append(query.empty() ? "" : "&").append(query_without_names(query, port));
+    const size_t needed = port == MAINTENANCE_PORT ? target.size() : own_size;
+    if (!device_takes(request.method)) {
+        heads.refusal = http_reply(
+            405, "text/plain",
+            "This service does not keep its connection open, so it gets GET, POST and HEAD.\n",
+            "Allow: GET, POST, HEAD\r\n");
+    } else if (request.method.size() + 1 + needed > DEVICE_LOOKS_AT) {
+        heads.refusal = http_text_reply(414, "The device would not see where this is going.");
+    } else {
+        heads.opening = request_line(request.method, target, request.version) + fields;
+    }
+    if (port != MAINTENANCE_PORT) {
+        heads.ask = ask_head(user, request.version);
+    }
+    const std::string target_of_path =
+        query.empty() ? std::string(path) : std::string(path) + "?" + query;
+    heads.own =
+        request_line(request.method, by_path ? target_of_path : request.target, request.version) +
+        fields;
     return {};
 }
 

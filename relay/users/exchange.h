@@ -4,7 +4,7 @@
 // have ended where everybody sees their end; otherwise it closes after the response, which says so.
 #pragma once
 
-#include "hub/registry.h"
+#include "users/device_request.h"
 
 // A request whose head has been taken from what the user has sent.
 void exchange_begin(const options& settings, user_link& user, const http_request& request);
@@ -16,4 +16,4 @@ void exchange_take_response(user_link& user, std::string_view bytes);
 void exchange_pass_on(user_link& user);
 // Sends a request to the device, its head and what has come of its body, and waits for the end of
 // its response. The user is answered whatever happens.
-awaitable<void> exchange_run(const relay& hub, std::shared_ptr<user_link> user, std::string bytes);
+awaitable<void> exchange_run(const relay& hub, std::shared_ptr<user_link> user, device_heads heads);

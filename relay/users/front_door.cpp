@@ -8,12 +8,15 @@
 #include "users/access_log.h"
 #include "users/device_request.h"
 #include "users/exchange.h"
-#include "users/stream.h"
+#include "users/names.h"
+#include "users/upload.h"
 
 namespace {
 
 constexpr size_t HEAD_MAX = 64 * 1024;
-constexpr uint16_t PORT_MAX = 65534;
+constexpr uint16_t PORT_MAX = 65534, HTTP_PORT = 80;
+
+constexpr char ELSEWHERE[] = "Devices' ports are at the users' address.";
 
 // A path in its three parts: "/<device id>/<second>/<rest>".
 struct path_parts {
@@ -74,13 +77,53 @@ std::string own_answer(relay& hub, user_link& user, const http_request& request)
     return page_answer(hub, user, request);
 }
 
-// The user's answer; or it is empty, and the request goes to `user.owner` with `head`.
-std::string route(relay& hub, user_link& user, const http_request& request, std::string& head) {
-    if (std::string own = own_answer(hub, user, request); !own.empty()) {
+// The request goes to that port of the device, to `path` there. What the device gets for it is in
+// `heads`; or the result is the user's answer.
+std::string forward(const relay& hub, user_link& user, const http_request& request,
+                    std::string_view path, device_heads& heads) {
+    const std::string& service = hub.settings.service_host;
+    const std::string_view host = http_header(request.headers, "host");
+    const std::string port = user.port == HTTP_PORT ? "" : ":" + std::to_string(user.port);
+    user.view = {.address = user.name.substr(0, user.name.rfind(':')),
+                 .scheme = "http",
+                 .user_host = std::string(host),
+                 .service_host = service.empty() ? std::string(host) : service + port,
+                 .prefix = std::string(request.path.substr(0, request.path.size() - path.size())),
+                 .port = user.port,
+                 .parameters = {}};
+    return device_request_heads(user, path, request, heads);
+}
+
+std::string route_named(const relay& hub, user_link& user, const http_request& request,
+                        const named& name, device_heads& heads) {
+    if (user.came_by == door::ADMIN) {
+        return http_text_reply(404, ELSEWHERE);
+    }
+    if (name.owner == nullptr) {
+        return http_text_reply(404, "No device has this name.");
+    }
+    if (name.port == 0) {
+        return http_text_reply(
+            404, "This device has announced no web page. With a port its name is " +
+                     label_with_port(name.owner->label, HTTP_PORT) + "." + hub.settings.domain +
+                     ".");
+    }
+    user.owner = name.owner;
+    user.port = name.port;
+    return forward(hub, user, request, request.path, heads);
+}
+
+// The user's answer; or it is empty, and the request goes to `user.owner` with `heads`.
+std::string route(relay& hub, user_link& user, const http_request& request, device_heads& heads) {
+    const auto name = names_find(hub, http_header(request.headers, "host"));
+    if (std::string own = name ? "" : own_answer(hub, user, request); !own.empty()) {
         return own;
     }
     if (hub.draining) {
         return http_busy_reply(DRAINING);
+    }
+    if (name) {
+        return route_named(hub, user, request, *name, heads);
     }
     const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
     const path_parts parts = path_split(request.path);
@@ -94,7 +137,7 @@ std::string route(relay& hub, user_link& user, const http_request& request, std:
         return answer_report_times(*found->second, request);
     }
     if (user.came_by == door::ADMIN) {
-        return http_text_reply(404, "Devices' ports are at the users' address.");
+        return http_text_reply(404, ELSEWHERE);
     }
     const auto port = number_parse<uint16_t>(parts.second);
     if (!port || *port == 0 || *port > PORT_MAX) {
@@ -105,7 +148,7 @@ std::string route(relay& hub, user_link& user, const http_request& request, std:
     }
     user.owner = found->second;
     user.port = *port;
-    return device_request_head(user, parts.rest, request, head);
+    return forward(hub, user, request, parts.rest, heads);
 }
 
 // Whether bytes of a next request are there. Empty lines in front of it mean nothing.
@@ -164,11 +207,11 @@ awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
     exchange_begin(hub.settings, *user, *request);
     user->persistent = user->persistent && !hub.draining;
     const access_record record(*user, *request);
-    std::string head;
-    const std::string reply = route(hub, *user, *request, head);
+    device_heads heads;
+    const std::string reply = route(hub, *user, *request, heads);
     user->input.erase(0, head_length);
     if (reply.empty()) {
-        co_await exchange_run(hub, user, std::move(head));
+        co_await exchange_run(hub, user, std::move(heads));
     } else {
         user->reply(reply);
     }
@@ -188,7 +231,7 @@ awaitable<void> front_door_serve(relay& hub, std::shared_ptr<user_link> user) {
     // Until everything has gone out, an end of the connection, whatever its reason, must not look
     // like the end of a response.
     user->reset_when_closed(true);
-    asio::co_spawn(user->socket.get_executor(), stream_upload(user), asio::detached);
+    asio::co_spawn(user->socket.get_executor(), upload_serve(user), asio::detached);
     bool more = co_await serve_one(hub, user);
     while (more) {  // g++ 12 destroys a coroutine's variables too early when this would await
         more = co_await serve_one(hub, user);

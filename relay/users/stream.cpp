@@ -1,79 +1,20 @@
 #include "users/stream.h"
 
-#include <cerrno>
-
 #include "users/device_request.h"
 #include "users/exchange.h"
 #include "users/guard.h"
 #include "users/kept.h"
+#include "users/opening.h"
+#include "users/upload.h"
 
 namespace {
 
-constexpr size_t UPLOAD_FRAMES = 32;     // received at once
-constexpr size_t INPUT_FRAMES = 2;       // of further requests
-constexpr size_t INPUT_MAX = 64 * 1024;  // of them; then they wait with the user
 constexpr char NO_ANSWER[] = "no answer", NO_LISTENER[] = "nothing listens on the port";
 constexpr char USER_CLOSED[] = "user closed", RESPONSE_SILENT[] = "response silent";
 constexpr char COMPLETE[] = "response complete", NO_ROUTE[] = "data connection ended";
 constexpr char REQUEST_BROKEN[] = "request malformed", RESPONSE_BROKEN[] = "response malformed";
+constexpr char TALK_OVER[] = "both sides have closed the WebSocket";
 constexpr char STALE[] = "no answer to a further request", FOREIGN[] = "late end of a response";
-
-void count_to_device(user_link& user, std::string_view bytes) {
-    user.to_device += bytes.size();
-    user.route->bytes_out += bytes.size();
-    user.last_moved = steady::now();
-}
-
-frame data_frame(const user_link& user, std::string_view payload) {
-    return {.code = command::DATA, .flag = 0, .stream_id = user.stream_id, .payload = payload};
-}
-
-// Frames for what is received from a user: the kernel puts it right behind where headers will be.
-// One for all users, since nothing stays in it over a wait.
-struct upload_frames {
-    struct {
-        char header[FRAME_HEADER], payload[FRAME_PAYLOAD_MAX];
-    } frames[UPLOAD_FRAMES];
-    iovec payloads[UPLOAD_FRAMES];
-
-    upload_frames() {
-        for (size_t i = 0; i < UPLOAD_FRAMES; ++i) {
-            payloads[i] = {frames[i].payload, FRAME_PAYLOAD_MAX};
-        }
-    }
-    // What has been received goes to the device, or waits: it is a further request.
-    void pass_on(user_link& user, size_t size, bool uploads) {
-        size_t body = 0;
-        for (const iovec* each = payloads; size > 0; ++each) {
-            const std::string_view part(static_cast<char*>(each->iov_base),
-                                        std::min(size, each->iov_len));
-            size -= part.size();
-            if (uploads) {
-                body += exchange_take_body(user, part).size();
-            } else if (!user.unheard) {
-                user.input += part;
-            }
-        }
-        if (body > 0) {
-            send(user, body);
-        }
-    }
-
-   private:
-    void send(user_link& user, size_t size) {
-        static_assert(sizeof *frames == FRAME_MAX, "so that they leave as one piece");
-        size_t count = 0;
-        for (size_t left = size; left > 0; left -= std::min(left, FRAME_PAYLOAD_MAX)) {
-            auto& [header, payload] = frames[count++];
-            const frame whole = data_frame(user, {payload, std::min(left, FRAME_PAYLOAD_MAX)});
-            count_to_device(user, whole.payload);
-            user.route->log_frame('<', whole);
-            frame_header(header, whole);
-        }
-        iovec piece{frames, size + count * FRAME_HEADER};
-        user.route->send_now({&piece, 1});
-    }
-};
 
 // Why the stream is over, or null while it goes on.
 const char* end_reason(const relay& hub, const user_link& user) {
@@ -90,8 +31,14 @@ const char* end_reason(const relay& hub, const user_link& user) {
     if (user.response.broken()) {
         return RESPONSE_BROKEN;
     }
+    if (user.talk && user.talk->over()) {
+        return TALK_OVER;
+    }
     if (user.response.complete() && user.too_much) {
         return "more than the response";
+    }
+    if (user.response.complete() && user.swallows) {
+        return COMPLETE;
     }
     if (user.request.broken()) {
         return REQUEST_BROKEN;
@@ -99,10 +46,11 @@ const char* end_reason(const relay& hub, const user_link& user) {
     if (user.response.complete() && (user.request.complete() || user.user_ended)) {
         return COMPLETE;
     }
-    if (user.reused && user.stale) {
+    if (user.stale) {
         return FOREIGN;
     }
-    if (user.reused && !user.response.started() && quiet >= hub.settings.repeat_timeout) {
+    if ((user.swallows || (user.reused && !user.patient)) && !user.response.started() &&
+        quiet >= hub.settings.repeat_timeout) {
         return STALE;
     }
     // The service's end is not told. And closing one's sending side looks the same as leaving; a
@@ -189,21 +137,41 @@ awaitable<std::shared_ptr<data_link>> stream_route(const relay& hub,
     co_return nullptr;
 }
 
-}  // namespace
+// Not so: an answer may have come while nobody has read it.
+bool was_read(const user_link& user, const data_link& route) {
+    return !route.held_back && route.last_held < user.last_moved;
+}
 
-void stream_send(user_link& user, std::string_view bytes) {
-    count_to_device(user, bytes);
-    for (; !bytes.empty(); bytes.remove_prefix(std::min(bytes.size(), FRAME_PAYLOAD_MAX))) {
-        user.route->send_frame(data_frame(user, bytes.substr(0, FRAME_PAYLOAD_MAX)));
+// What the end of a stream that the relay has opened itself says of its service.
+void learn_from_end(user_link& user, const char* reason, const data_link* route) {
+    const bool unanswered = reason == STALE || reason == FOREIGN || reason == NO_ANSWER;
+    if (unanswered && route != nullptr && was_read(user, *route)) {
+        opening_learn(user, false);
+    } else if (!unanswered && user.response.begun()) {
+        opening_learn(user, true);
     }
 }
+
+// Until the stream is over; why it is.
+awaitable<const char*> stream_end(const relay& hub, std::shared_ptr<user_link> user) {
+    const char* reason = end_reason(hub, *user);
+    while (reason == nullptr) {
+        co_await user->changed.wait();
+        reason = end_reason(hub, *user);
+    }
+    co_return reason;
+}
+
+}  // namespace
 
 awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, std::string bytes) {
     const std::shared_ptr<data_link> route = co_await stream_route(hub, user);
     if (route == nullptr) {
         co_return;
     }
-    bytes += exchange_take_body(*user, std::exchange(user->input, {}));
+    if (!user->swallows) {
+        bytes += exchange_take_body(*user, std::exchange(user->input, {}));
+    }
     kept_make_room(*route, data_share(hub.settings));
     user->route = route;
     uint32_t& last_id = user->owner->last_stream_id;
@@ -219,7 +187,7 @@ awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, s
         guard_lengthen(bytes, *user->owner);
     }
     const size_t opening = guarded ? std::min(bytes.size(), FRAME_PAYLOAD_MAX) : bytes.size();
-    stream_send(*user, std::string_view(bytes).substr(0, opening));
+    upload_send(*user, std::string_view(bytes).substr(0, opening));
     if (guarded) {
         guard_send(*user, opening);
         user->port_is = port_state::UNKNOWN;
@@ -232,65 +200,44 @@ bool stream_heard(user_link& user, uint32_t id) {
         const bool dead = id == user.stream_id + GUARD_SECOND;
         user.port_is = dead ? port_state::DEAD : port_state::ALIVE;
         if (!dead) {
-            stream_send(user, std::exchange(user.held, {}));
+            upload_send(user, std::exchange(user.held, {}));
         }
         user.changed.notify();
     }
     return id == user.stream_id;
 }
 
-awaitable<void> stream_upload(std::shared_ptr<user_link> user) {
-    static upload_frames buffer;
-    bool more = false;  // the last receive has left some
-    while (!user->closed && !user->user_ended) {
-        asio::error_code failed;
-        if (more) {
-            co_await asio::post(user->socket.get_executor(), asio::use_awaitable);  // in turn
-        } else {
-            co_await user->socket.async_wait(tcp::socket::wait_read,
-                                             asio::redirect_error(asio::use_awaitable, failed));
-        }
-        const std::shared_ptr<data_link> route = user->route;
-        const bool uploads =
-            route != nullptr && (!user->request.complete() || user->response.switched());
-        if (uploads ? user->port_is != port_state::ALIVE : user->input.size() > INPUT_MAX) {
-            co_await user->changed.wait();  // a device would take the rest for a new request
-            continue;
-        }
-        if (uploads && route->full()) {
-            co_await route->changed.wait();  // the device takes less than he sends
-            continue;
-        }
-        const size_t frames = uploads ? UPLOAD_FRAMES : INPUT_FRAMES;
-        const ssize_t got = user->closed ? 0
-                                         : readv(user->socket.native_handle(), buffer.payloads,
-                                                 static_cast<int>(frames));
-        if (got > 0) {
-            buffer.pass_on(*user, static_cast<size_t>(got), uploads);
-        }
-        more = got == static_cast<ssize_t>(frames * FRAME_PAYLOAD_MAX);
-        user->user_ended = got == 0;
-        if (got < 0 && errno != EAGAIN) {
-            user->close();  // a reset, unlike an end, means both ways
-        }
-        user->changed.notify();
+awaitable<swallowed> stream_swallow(const relay& hub, std::shared_ptr<user_link> user) {
+    if (user->stream_id == 0) {
+        co_return swallowed::ANSWERED_INSTEAD;
     }
+    const char* const reason = co_await stream_end(hub, user);
+    const http_response& response = user->response;
+    if (reason == COMPLETE && !response.sloppy() && response.waits_s() != 0U) {
+        co_return swallowed::GOES_ON;
+    }
+    const bool judged = user->port_is == port_state::ALIVE && user->route != nullptr &&
+                        was_read(*user, *user->route);
+    stream_leave(*user, reason, false);
+    if (reason == NO_LISTENER || reason == NO_ROUTE || user->closed) {
+        user->swallows = false;
+        user->reply(answer_instead(*user, reason));
+        co_return swallowed::ANSWERED_INSTEAD;
+    }
+    co_return judged ? swallowed::NOTHING_FOLLOWS : swallowed::UNKNOWN;
 }
 
 awaitable<bool> stream_carry(const relay& hub, std::shared_ptr<user_link> user) {
     if (user->stream_id == 0) {
         co_return true;
     }
-    const char* reason = end_reason(hub, *user);
-    while (reason == nullptr) {
-        co_await user->changed.wait();
-        reason = end_reason(hub, *user);
-    }
+    const char* const reason = co_await stream_end(hub, user);
     const auto route = user->route;
     stream_leave(*user, reason, reason == COMPLETE && kept_add(hub.settings, *user));
     const bool unanswered = reason == STALE || reason == FOREIGN;
-    // An answer may have come while nobody has read it.
-    if (reason == STALE && !route->held_back && route->last_held < user->last_moved) {
+    if (user->opened) {
+        learn_from_end(*user, reason, route.get());
+    } else if (reason == STALE && was_read(*user, *route)) {
         kept_failed(*user);
     }
     if (user->reused && (unanswered || (reason == NO_ROUTE && !user->response.begun()))) {
@@ -299,7 +246,8 @@ awaitable<bool> stream_carry(const relay& hub, std::shared_ptr<user_link> user) 
     if (user->response.begun()) {
         // Nothing but silence tells the end of an endless response. Any other end has cut it off.
         const bool silent = reason == USER_CLOSED || reason == RESPONSE_SILENT;
-        const bool whole = user->response.complete() || (user->response.endless() && silent);
+        const bool whole = user->response.complete() || reason == TALK_OVER ||
+                           (user->response.endless() && silent);
         user->keeps = user->keeps && reason == COMPLETE && !user->response.sloppy();
         if (!whole) {
             user->close();

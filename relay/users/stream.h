@@ -12,11 +12,14 @@ bool stream_heard(user_link& user, uint32_t id);
 // Opens a stream to the user's device with these bytes, the request's head, and with what has come
 // of the body. Without a way to the device the user is answered instead.
 awaitable<void> stream_open(const relay& hub, std::shared_ptr<user_link> user, std::string bytes);
-// More of the request, on the stream that there is.
-void stream_send(user_link& user, std::string_view bytes);
-// Receives from the user until he ends: into his stream while it lacks something of his request,
-// and else for the request that comes next.
-awaitable<void> stream_upload(std::shared_ptr<user_link> user);
+// What has become of the relay's own request on a stream that stream_open has opened with it.
+enum class swallowed : uint8_t {
+    GOES_ON,           // it is answered, and the user's may follow
+    NOTHING_FOLLOWS,   // this service takes one request on a connection, or not this one
+    UNKNOWN,           // it had no chance to answer
+    ANSWERED_INSTEAD,  // there is no way to the service at all, which the user has been told
+};
+awaitable<swallowed> stream_swallow(const relay& hub, std::shared_ptr<user_link> user);
 // Until the stream, when there is one, is over. It is closed then, or kept for another request.
 // False: this was another request's stream, and the request may go to the service once more.
 awaitable<bool> stream_carry(const relay& hub, std::shared_ptr<user_link> user);
