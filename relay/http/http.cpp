@@ -126,7 +126,7 @@ namespace {
 bool request_read_headers(http_request& request) {
     const bool is_1_0 = request.version == "HTTP/1.0";
     bool closes = false, keeps = false, asks_upgrade = false, has_upgrade = false;
-    bool has_length = false;
+    bool has_length = false, has_host = false;
     for (std::string_view rest = request.headers; !rest.empty();) {
         const http_field field = http_field_take(rest);
         if (!field.valid()) {
@@ -144,6 +144,11 @@ bool request_read_headers(http_request& request) {
                 return false;
             }
             request.chunked = true;
+        } else if (field.is("host")) {
+            if (has_host) {
+                return false;
+            }
+            has_host = true;
         } else if (field.is("connection")) {
             closes = closes || http_has_word(field.value, "close");
             keeps = keeps || http_has_word(field.value, "keep-alive");

@@ -21,6 +21,8 @@ const std::string CLOSE = "Connection: close\r\n";
 const std::string HTTP_ON = " HTTP/1.1\r\n", OK_ON = "HTTP/1.1 200 OK\r\n";
 const std::string HTTP = HTTP_ON + CLOSE, OK = OK_ON + CLOSE;
 const std::string OK_X = OK + "Content-Length: 1\r\n\r\nx";
+// What a service is told of a user who has named no host.
+const std::string FORWARDED = "X-Forwarded-For: 127.0.0.1\r\nX-Forwarded-Proto: http\r\n";
 const std::string GET_BOX = "GET /box/80/" + HTTP + "\r\n";
 
 inline bool has(std::string_view text, std::string_view part) {

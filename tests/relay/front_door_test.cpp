@@ -21,7 +21,7 @@ TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
         {"404",
          {"GET /box/65535/" + http, "GET /box/0/" + http, "GET /box/http/" + http,
           "GET /box%/1/" + http}},
-        {"405", {"PUT /box/80/" + http, "POST /" + http}},
+        {"405", {"PUT /box/10010/" + http, "POST /" + http}},
         {"431", {start + longest + "a"}},
         // carried, were the id one that a device recognises in its request
         {"502",
@@ -29,7 +29,8 @@ TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
           "GET /x-qv-port=1/80/" + http}},
         // carried, were there a data connection
         {"503",
-         {"GET /box/65534/ HTTP/1.0", "GET /%62o%78/1/?gwrelay-pri=0" + http, start + longest}},
+         {"GET /box/65534/ HTTP/1.0", "PUT /box/80/" + http, "GET /%62o%78/1/?gwrelay-pri=0" + http,
+          start + longest}},
     };
     for (const auto& [code, requests] : cases) {
         for (const std::string& request : requests) {
@@ -107,6 +108,7 @@ TEST(GwrelayFrontDoor, AnswersHeadWithTheHeadAlone) {
 }
 
 const std::string HEAD = HTTP_ON + "Host: a\r\n", END = "\r\n";
+const std::string TOLD = FORWARDED + "X-Forwarded-Host: a\r\n";
 const std::string AT_80 = "x-qv-devid=box&x-qv-port=80";
 const std::string AT_10010 = "x-qv-devid=box&x-qv-port=10010";
 
@@ -124,22 +126,23 @@ struct answering : device {
 // The device takes the first place in the URI where a name occurs, and decodes nothing. Names of
 // operations mean something at its own port alone.
 TEST(GwrelayRequest, GetsTheParametersInFrontAndNothingElseThatLooksLikeThem) {
-    const std::string asked = HEAD + CLOSE + END, sent = HEAD + END;
+    const std::string asked = HEAD + CLOSE + END, sent = HEAD + TOLD + END;
     const std::string upgrade = "Connection: Upgrade, close\r\nUpgrade: x\r\n\r\n";
     const std::string length = "Content-Length: 2\r\n", chunked = "Transfer-Encoding: chunked\r\n";
     const std::pair<std::string, std::string> cases[] = {
         {"GET /box/80/a%20b?c=d&e" + HEAD + "CONNECTION:\tx, Close\r\nKeep-Alive: 5\r\n\r\n",
          "GET /a%20b?" + AT_80 + "&c=d&e" + sent},
         {"POST /b%6fx/80/p" + HEAD + CLOSE + length + "\r\nhi",
-         "POST /p?" + AT_80 + HEAD + length + "\r\nhi"},
+         "POST /p?" + AT_80 + HEAD + length + TOLD + "\r\nhi"},
         // A service that does not know such a body might take it for another request.
         {"POST /box/80/" + HEAD + CLOSE + chunked + "\r\n0\r\n\r\n",
-         "POST /?" + AT_80 + HEAD + chunked + CLOSE + "\r\n0\r\n\r\n"},
+         "POST /?" + AT_80 + HEAD + chunked + TOLD + CLOSE + "\r\n0\r\n\r\n"},
         {"GET /box/80/" + HEAD + CLOSE + length + "\r\nhi",
-         "GET /?" + AT_80 + HEAD + length + CLOSE + "\r\nhi"},
+         "GET /?" + AT_80 + HEAD + length + TOLD + CLOSE + "\r\nhi"},
         {"GET /box/80/ HTTP/1.0\r\n\r\n",
-         "GET /?" + AT_80 + " HTTP/1.0\r\nConnection: keep-alive\r\n\r\n"},
-        {"GET /box/80/ws" + HEAD + upgrade, "GET /ws?" + AT_80 + HEAD + upgrade},
+         "GET /?" + AT_80 + " HTTP/1.0\r\n" + FORWARDED + "Connection: keep-alive\r\n\r\n"},
+        {"GET /box/80/ws" + HEAD + upgrade,
+         "GET /ws?" + AT_80 + HEAD + upgrade.substr(0, upgrade.size() - 2) + TOLD + END},
         {"GET /box/80/ HTTP/1.1\nHost: a\nConnection: close\n\n", "GET /?" + AT_80 + sent},
         {"GET /box/80/?a=1&gwrelay-pri=2&b" + asked, "GET /?" + AT_80 + "&x-qv-pri=2&a=1&b" + sent},
         {"GET /box/80/x-qv-port=10010&x-qv-gwad-opt=echo&" + asked,
@@ -167,9 +170,12 @@ TEST(GwrelayRequest, IsRefusedWhenTheDeviceWouldNotSeeItsParameters) {
     answering box;
     const std::string path(SEEN - ("POST /?" + AT_80).size(), 'a');
     std::string sent = "POST /box/80/" + path, seen = "POST /" + path + "?" + AT_80;
-    EXPECT_EQ(box.request(sent + HEAD + CLOSE + END), seen + HEAD + END);
-    EXPECT_EQ(box.request(sent + "?b" + HEAD + CLOSE + END), seen + "&b" + HEAD + END);
-    EXPECT_TRUE(fetch(box.hub, sent + "a" + HEAD + CLOSE + END).starts_with("HTTP/1.1 414 "));
+    EXPECT_EQ(box.request(sent + HEAD + CLOSE + END), seen + HEAD + TOLD + END);
+    EXPECT_EQ(box.request(sent + "?b" + HEAD + CLOSE + END), seen + "&b" + HEAD + TOLD + END);
+    const unique_fd user = box.user(sent + "a" + HEAD + CLOSE + END);
+    box.answers(OK + "\r\n");  // to a request of the relay's own, and nothing may follow it
+    EXPECT_TRUE(read_with_end(user).starts_with("end:HTTP/1.1 414 "));
+    box.hears();
     seen = "GET /?" + AT_10010 + "&x-qv-gwad-opt=";
     const std::string rest(SEEN - seen.size(), 'a');
     sent = "GET /box/10010/?x-qv-gwad-opt=" + rest;

@@ -36,7 +36,7 @@ TEST(GwrelayGuard, IsAsLongAsTheOpeningFrameCarries) {
         const std::string cookie = "Cookie: " + std::string(size, 'c');
         box.user("GET /box/80/" + HTTP + cookie + "\r\n\r\n");
         const std::string whole =
-            "GET /?x-qv-devid=box&x-qv-port=80" + HTTP_ON + cookie + "\r\n\r\n";
+            "GET /?x-qv-devid=box&x-qv-port=80" + HTTP_ON + cookie + "\r\n" + FORWARDED + "\r\n";
         if (whole.size() < SHORTEST) {
             EXPECT_TRUE(box.opening.starts_with(whole.substr(0, whole.size() - 2) + "X-Pad: 0"));
             EXPECT_TRUE(box.opening.ends_with("0\r\n\r\n"));

@@ -9,7 +9,7 @@ const std::string CHUNKED = "Transfer-Encoding: chunked\r\n\r\n";
 const std::string GO_ON = "GET /box/80/" + HTTP_ON + "\r\n",
                   ON_81 = "GET /box/81/" + HTTP_ON + "\r\n";
 const std::string POST = "POST /box/80/" + HTTP_ON + LENGTH_1, POSTED = POST + "a";
-const std::string SEEN = "GET /?x-qv-devid=box&x-qv-port=80" + HTTP_ON + "\r\n";
+const std::string SEEN = "GET /?x-qv-devid=box&x-qv-port=80" + HTTP_ON + FORWARDED + "\r\n";
 const std::string UPGRADE = "GET /box/80/" + HTTP_ON + "Connection: Upgrade\r\nUpgrade: x\r\n\r\n";
 
 struct keeping : device {
@@ -47,11 +47,11 @@ TEST(GwrelayKeepAlive, AUserGetsTheAnswersInTheOrderOfHisRequests) {
     EXPECT_TRUE(stays_silent(box.data.get(), A_MOMENT / 4)) << "one after the other";
     EXPECT_EQ(box.answered(user, 1), X);
     EXPECT_TRUE(box.closes(1)) << "what may not be repeated takes the place of what is kept";
-    EXPECT_TRUE(frame_payload(box.hears()).ends_with(LENGTH_1 + "a"));
+    EXPECT_TRUE(frame_payload(box.hears()).ends_with(FORWARDED + "\r\na"));
     EXPECT_EQ(box.answered(user, 2), X);
     EXPECT_TRUE(has(read_until(user.get(), "No such device.\n"), "HTTP/1.1 404 Not Found\r\nC"));
     EXPECT_TRUE(box.closes(2));
-    EXPECT_TRUE(frame_payload(box.hears()).ends_with(LENGTH_1 + "a"));
+    EXPECT_TRUE(frame_payload(box.hears()).ends_with(FORWARDED + "\r\na"));
     EXPECT_EQ(box.answered(user, 3), X);
     EXPECT_TRUE(has(read_until(user.get(), "\r\n\r\n"), "\r\nLocation: /box/80/\r\n\r\n"));
     EXPECT_EQ(box.serves(user, 3, GO_ON.substr(9)), X);

@@ -44,7 +44,7 @@ TEST(GwrelayPage, TellsProgramsWhatItKnows) {
         }
         user = say_to(hub.front, "GET /%3Cb%ff%3E/8080/&" + HTTP + "\r\n");
         const std::string opening = frame_read(data.get());
-        EXPECT_EQ(frame_payload(opening).size(), 50U);
+        EXPECT_EQ(frame_payload(opening).size(), 103U);
         write_all(data.get(), data_frames(frame_stream(opening), std::string(size, 'd')));
         EXPECT_EQ(read_exact(user.get(), size).size(), size);
     }
@@ -54,20 +54,20 @@ TEST(GwrelayPage, TellsProgramsWhatItKnows) {
     EXPECT_TRUE(has(known, ",\"users_refused\":0,\"bytes_waiting\":0,\"version\":\"")) << known;
     EXPECT_EQ(
         known.substr(0, known.find(users)),
-        R"({"devices":[{"id":"<b\u00ff>","path":"/%3Cb%FF%3E/","control":true,)"
+        R"({"devices":[{"id":"<b\u00ff>","name":"x-b----yhr7z6","path":"/%3Cb%FF%3E/","control":true,)"
         R"("info":{"a\u0022\u005c&'":"-1.5e+3","deviceid":"<b\u00ff>","z":"true"},)"
         R"("ports":{"http_port":8080},"dlna_status":258,"data_connections":1,"open_streams":1,"kept_streams":0,)"
-        R"("bytes_from_device":1048583,"bytes_to_device":100,"bytes_waiting":0,"streams_cut":0,)"
-        R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":50,)"
+        R"("bytes_from_device":1048583,"bytes_to_device":206,"bytes_waiting":0,"streams_cut":0,)"
+        R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":103,)"
         R"("bytes_waiting":0,"streams":[)"
         R"({"id":2,"port":8080,"request":"GET /%3Cb%ff%3E/8080/&",)"
-        R"("bytes_from_device":1048576,"bytes_to_device":50,"bytes_waiting":0,"user":")" +
+        R"("bytes_from_device":1048576,"bytes_to_device":103,"bytes_waiting":0,"user":")" +
             address_of(user) + R"(","number":2,"since":T,"rate":T}],"kept":[],"address":")" +
             address_of(data) +
             R"(","since":T}],"address":"127.0.0.1","since":T,"left":null,"rate_from_device":T,)"
             R"("rate_to_device":T,"alerts":[],"events":[)"
             R"({"at":T,"kind":"connected","text":"from 127.0.0.1","times":1}]},)"
-            R"({"id":"x","path":"/x/","control":false,"info":{"deviceid":"x","fwver":"1.2"},)"
+            R"({"id":"x","name":"x","path":"/x/","control":false,"info":{"deviceid":"x","fwver":"1.2"},)"
             R"("ports":{},"dlna_status":null,"data_connections":0,"open_streams":0,"kept_streams":0,)"
             R"("bytes_from_device":0,"bytes_to_device":0,"bytes_waiting":0,"streams_cut":0,)"
             R"("connections":[],"address":"127.0.0.1","since":T,"left":T,"rate_from_device":T,)"
