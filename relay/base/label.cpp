@@ -32,9 +32,9 @@ struct bit_writer {
     std::string digits;
     unsigned value = 0, count = 0;
 
-    void add(unsigned bits, unsigned size) {
-        value = value << size | bits;
-        for (count += size; count >= BITS; count -= BITS) {
+    void add(unsigned what, unsigned in_bits) {
+        value = value << in_bits | what;
+        for (count += in_bits; count >= BITS; count -= BITS) {
             digits += DIGITS_OF_32[value >> (count - BITS) & (DIGITS_OF_32.size() - 1)];
         }
         value &= (1U << count) - 1;

@@ -57,7 +57,8 @@ bool is_service(const http_view& view, const absolute& place) {
         !same_host(place.scheme, view.scheme)) {
         return false;
     }
-    const auto [name, port] = host_split(place.host);
+    const auto parts = host_split(place.host);  // clang 14 lets no lambda see a binding
+    const std::string_view name = parts[0], port = parts[1];
     const bool own_port = port == std::to_string(view.port) || (port.empty() && view.port == 80);
     const auto [user_name, user_port] = host_split(view.user_host);
     if (same_host(name, user_name)) {  // a name of its own is nobody else's, whatever the port
@@ -83,7 +84,7 @@ std::string without_parameters(const http_view& view, std::string_view reference
 }
 
 std::string reference_for_user(const http_view& view, std::string_view reference) {
-    const std::string text = without_parameters(view, reference);
+    std::string text = without_parameters(view, reference);
     const absolute place = absolute_split(text);
     if (place.host.empty()) {
         return (text.starts_with('/') ? view.prefix : "") + text;
