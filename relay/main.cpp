@@ -68,6 +68,7 @@ void announce(relay& hub, const listeners& ports) {
     }
     hub.order_json += "}";
     hub.manager_port = port_of(ports.manager);
+    hub.front_port = port_of(ports.front);
     // A device does not parse JSON: it searches the key, skips it and the one byte behind, and
     // takes the text between the next two double quotes. So keys that mean the same value can share
     // it, which is how ten pairs fit into a command 7.

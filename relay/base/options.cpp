@@ -19,7 +19,8 @@ constexpr size_t HELP_COLUMN = 28;
 constexpr char SUMMARY[] =
     "The relay: address manager, control and data connections for devices, and an HTTP front\n"
     "door for users at http://127.0.0.1:8080/ with a page that lists them.\n"
-    "http://DEVICE--PORT.localhost:8080/ is a port of a device, and so is /DEVICE/PORT/PATH at the\n"
+    "http://DEVICE--PORT.localhost:8080/ is a port of a device, and so is /DEVICE/PORT/PATH at "
+    "the\n"
     "front door itself; there ?gwrelay-pri=N sets a priority, and\n"
     "POST /DEVICE/report-times?t1=S&t2=S sets its reporting times.";
 constexpr char READY[] =

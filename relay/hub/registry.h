@@ -12,9 +12,9 @@
 #include "base/text.h"
 #include "http/http.h"
 #include "http/http_message.h"
-#include "hub/activity.h"
 #include "http/rewrite.h"
 #include "http/websocket.h"
+#include "hub/activity.h"
 #include "net/connection.h"
 #include "net/slowness.h"
 
@@ -176,7 +176,7 @@ struct relay {
     std::string manager_body;                            // the address manager's answer
     std::string order_json;                              // the order in a login answer
     std::string order_text;                              // the order by command 7
-    uint16_t manager_port = 0;                           // the address manager's
+    uint16_t manager_port = 0, front_port = 0;           // the address manager's, the users'
     steady::time_point started = steady::now(), looked = started;
     traffic forgotten{};  // of devices that are not known any more
     uint64_t forgotten_cuts = 0;

@@ -155,7 +155,7 @@ std::string status_row(const relay& hub, const device& box) {
         streams += link->streams.size();
     }
     const traffic total = device_traffic(box);
-    return "{\"id\":" + json_quote(box.id) +
+    return "{\"id\":" + json_quote(box.id) + ",\"name\":" + json_quote(box.label) +
            ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
            ",\"control\":" + word(box.control != nullptr) + ",\"ports\":" + ports_json(box) +
            ",\"data_connections\":" + std::to_string(box.data.size()) +
@@ -172,6 +172,8 @@ std::string status_whole(const relay& hub) {
     return whole_json(hub) + ",\"version\":" + json_quote(GWRELAY_VERSION) +
            ",\"started\":" + unix_s(hub, hub.started) +
            ",\"manager_port\":" + std::to_string(hub.manager_port) +
+           ",\"domain\":" + json_quote(hub.settings.domain) +
+           ",\"users_port\":" + (hub.own_door ? std::to_string(hub.front_port) : "null") +
            ",\"forgotten_from_device\":" + std::to_string(hub.forgotten.from_device) +
            ",\"forgotten_to_device\":" + std::to_string(hub.forgotten.to_device);
 }

@@ -69,7 +69,7 @@ std::string fields_for_service(const user_link& user, const http_request& reques
     if (user.port != MAINTENANCE_PORT) {  // which is no service
         fields += rewrite_forwarded(user.view);
     }
-    return fields.append(request.upgrades ? "" : connection_line(user)).append("\r\n");
+    return fields.append(request.upgrades ? "" : connection_line_to_service(user)).append("\r\n");
 }
 
 std::string request_line(std::string_view method, std::string_view target,

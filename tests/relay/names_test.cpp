@@ -200,7 +200,7 @@ TEST(GwrelayNames, APathOfTheRelayIsInFrontOfWhatTheServiceSaysOfItself) {
 TEST(GwrelayNames, ShowNothingOfTheRelay) {
     const relay hub({"--users=1"});
     const unique_fd only = loopback_connect(hub.front);
-    EXPECT_TRUE(eventually([&] { return has(get(hub, "/"), "1 users"); }));
+    EXPECT_TRUE(eventually([&] { return has(get(hub, "/status.json"), "\"users\":1"); }));
     EXPECT_EQ(asked_at(hub, "relay"), "200");
     EXPECT_EQ(asked_at(hub, "box--80.localhost"), "503");
 }

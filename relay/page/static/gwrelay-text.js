@@ -66,9 +66,15 @@ function agesPass() {
   for (const node of document.querySelectorAll("[data-since]")) setAge(node, Number(node.dataset.since), node.dataset.form);
 }
 
-// Where a port of a device is reached.
+// Where a port of a device is reached: under its name, wherever this browser finds names of the
+// relay's domain, those of "localhost" only on the relay's own machine.
 function addressOf(device, port) {
-  return device.path + port + "/";
+  const here = location.hostname;
+  const isHere = here === "localhost" || here.endsWith(".localhost") || here.startsWith("127.") || here === "[::1]";
+  const at = whole.users_port ?? location.port, atPort = at ? `:${at}` : "";
+  if (device.name && (whole.domain !== "localhost" || isHere))
+    return `${location.protocol}//${device.name}--${port}.${whole.domain}${atPort}/`;
+  return `${whole.users_port ? `${location.protocol}//${here}${atPort}` : ""}${device.path}${port}/`;
 }
 
 const idInQuery = (device) => device.path.slice(1, -1);  // its bytes, escaped

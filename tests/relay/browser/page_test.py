@@ -70,6 +70,8 @@ class PageTest(unittest.TestCase):
         self.rows("== 1")
         self.assertEqual(self.page.run("document.querySelector('.row button').textContent"), "camera-cork")
         self.assertRegex(self.page.run("document.getElementById('count').textContent"), r"^1 of \d+ devices$")
+        self.assertRegex(self.page.run("document.querySelector('.open a').href"),
+                         rf"^http://camera-cork--\d+\.localhost:{self.relay.front}/$")
         self.page.type("x")
         self.page.wait("document.getElementById('none').checkVisibility()")
         self.page.press("Escape", 27)
