@@ -1,15 +1,18 @@
 #include "main/gwa_log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <ctime>
 
+#include "runtime/gwa_scoped_fd.h"
 #include "runtime/gwa_util_line.h"
 #include "runtime/gwa_util_lock.h"
 #include "runtime/gwa_util_open.h"
+#include "runtime/gwa_util_time.h"
 
 std::atomic<int32_t> gwa_log_level{GWA_LEVEL_DEBUG};
 
@@ -27,7 +30,43 @@ char stamp[STAMP_SIZE] GWA_GUARDED_BY(log_lock) = "";
 time_t stamped GWA_GUARDED_BY(log_lock) = -1;  // the second of that
 int gathering GWA_GUARDED_BY(log_lock) = 0;    // gwa_log_gather that live
 
+// The file that the log is, null where nobody can move it away; and when it was last looked for.
+const char* file_path GWA_GUARDED_BY(log_lock) = nullptr;
+dev_t file_device GWA_GUARDED_BY(log_lock) = 0;
+ino_t file_inode GWA_GUARDED_BY(log_lock) = 0;
+int32_t file_looked GWA_GUARDED_BY(log_lock) = 0;
+
 }  // namespace
+
+// Has the log go to what is at the path. -1: errno says why, and the log goes on as before.
+static int file_open(const char* path) GWA_REQUIRES(log_lock) {
+    scoped_fd fd(gwa_open(path, O_RDWR | O_CREAT | O_APPEND, GWA_MODE_PRIVATE));
+    struct stat file {};
+    if (fd.fd == -1 || fstat(fd.fd, &file) != 0) {
+        return -1;
+    }
+    gwa_line_flush(&log_sink);
+    gwa_line_close(&log_sink);
+    log_sink.way = gwa_line_way::WRITE;
+    log_sink.fd = fd.release();
+    log_sink.own = true;
+    file_path = S_ISREG(file.st_mode) ? path : nullptr;
+    file_device = file.st_dev;
+    file_inode = file.st_ino;
+    return 0;
+}
+
+// Exception 72: looks once a second whether the file still has its name.
+static void file_follow() GWA_REQUIRES(log_lock) {
+    if (file_path == nullptr || file_looked == gwa_now_get()) {
+        return;
+    }
+    file_looked = gwa_now_get();
+    struct stat file {};
+    if (stat(file_path, &file) != 0 || file.st_dev != file_device || file.st_ino != file_inode) {
+        file_open(file_path);  // if it cannot be opened, who has the old one still gets the lines
+    }
+}
 
 int gwa_log_init(const char* path, bool background) {
     if (path == nullptr || path[0] == '\0') {
@@ -36,14 +75,12 @@ int gwa_log_init(const char* path, bool background) {
     const gwa_lock held(log_lock);
     gwa_line_flush(&log_sink);
     gwa_line_close(&log_sink);
+    file_path = nullptr;
     to_standard_error = path == nullptr;
-    if (to_standard_error) {
-        gwa_line_open(&log_sink, STDERR_FILENO);
-    } else {
-        log_sink.way = gwa_line_way::WRITE;
-        log_sink.fd = gwa_open(path, O_RDWR | O_CREAT | O_APPEND, GWA_MODE_PRIVATE);
-        log_sink.own = true;
+    if (!to_standard_error) {
+        return file_open(path);
     }
+    gwa_line_open(&log_sink, STDERR_FILENO);
     return log_sink.fd == -1 ? -1 : 0;
 }
 
@@ -65,6 +102,7 @@ int gwa_log_level_get(int* out) {
 
 // Begins a line with its time stamp. False: the line is lost.
 static bool stamped_line_begin() GWA_REQUIRES(log_lock) {
+    file_follow();
     if (!gwa_line_begin(&log_sink)) {
         return false;
     }
@@ -138,6 +176,7 @@ void gwa_log_close() {
     const gwa_lock held(log_lock);
     gwa_line_flush(&log_sink);
     gwa_line_close(&log_sink);
+    file_path = nullptr;
     if (to_standard_error) {
         close(STDERR_FILENO);  // oddity 4
         to_standard_error = false;

@@ -4,8 +4,9 @@
 //          been closed a no-op instead of a use of a closed stream.
 // Results: 0, or -1 where a function can fail.
 //
-// There is no rotation and no size limit: the file grows until the box clears it. Lines for which a
-// pipe or a terminal has no room are dropped whole: nobody who stops reading may stop the daemon.
+// There is no rotation and no size limit: the file grows until the box clears it or moves it away;
+// then the next line that comes a second later opens it anew (exception 72). Lines for which a pipe
+// or a terminal has no room are dropped whole: nobody who stops reading may stop the daemon.
 #pragma once
 
 #include <atomic>
@@ -86,8 +87,9 @@ struct gwa_log_place {
 void gwa_log_check(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Chooses the stream. No path: standard error, or "/tmp/gwad.log" in background mode; otherwise the
-// file is opened for appending. Before the first call lines go to standard error at level 7.
-// -1: the file cannot be opened, errno says why as gwa_open does, and there is no stream.
+// file is opened for appending, and the path outlives the log. Before the first call lines go to
+// standard error at level 7. -1: the file cannot be opened, errno says why as gwa_open does, and
+// there is no stream.
 int gwa_log_init(const char* path, bool background);
 // -1 turns logging off and keeps the level; 0 to 7 turn it on. Anything else: -1, nothing changes.
 int gwa_log_level_set(int level);

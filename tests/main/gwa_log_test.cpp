@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 
 #include "runtime/gwa_print.h"
 #include "runtime/gwa_process.h"
+#include "runtime/gwa_util_time.h"
 #include "support/child.h"
 
 namespace {
@@ -25,6 +27,12 @@ struct log_to_file {  // while it lives, the log goes to a file of the test's
         gwa_log_level_set(GWA_LEVEL_DEBUG);
     }
     std::string text() const { return file_read(path); }
+    std::string numbers(const std::string& of) const {  // of lines that are numbers
+        std::string ends = std::regex_replace(file_read(of), std::regex("<2.*> "), "");
+        std::replace(ends.begin(), ends.end(), '\n', ' ');
+        return ends;
+    }
+    std::string numbers() const { return numbers(path); }
 };
 
 }  // namespace
@@ -62,11 +70,7 @@ TEST(Log, WritesUpToTheLevelThatIsSet) {
 
 TEST(Log, GathersTracesUntilTheirEndOrALineThatMattersMore) {
     log_to_file log;
-    const auto numbers = [&] {
-        std::string ends = std::regex_replace(log.text(), std::regex("<2.*> "), "");
-        std::replace(ends.begin(), ends.end(), '\n', ' ');
-        return ends;
-    };
+    const auto numbers = [&] { return log.numbers(); };
     {
         const gwa_log_gather outer;
         GWA_LOG(DEBUG, "1");
@@ -87,6 +91,61 @@ TEST(Log, GathersTracesUntilTheirEndOrALineThatMattersMore) {
     }
     gwa_log_close();
     EXPECT_EQ(numbers(), expected);
+}
+
+TEST(Log, FollowsItsNameWhenTheFileIsMovedAway) {
+    log_to_file log;
+    const std::string moved = log.path + ".1";
+    GWA_LOG(FATAL, "1");
+    rename(log.path.c_str(), moved.c_str());
+    GWA_LOG(FATAL, "2");
+    EXPECT_EQ(log.numbers(moved), "1 2 ") << "looked for once a second, not with every line";
+    {
+        const gwa_log_gather event;
+        GWA_LOG(DEBUG, "3");
+        gwa_now++;
+        GWA_LOG(DEBUG, "4");
+    }
+    EXPECT_EQ(log.numbers(moved), "1 2 3 ");
+    EXPECT_EQ(log.numbers(), "4 ");
+    ASSERT_EQ(truncate(log.path.c_str(), 0), 0);
+    gwa_now++;
+    GWA_LOG(FATAL, "5");
+    EXPECT_EQ(log.numbers(), "5 ");
+
+    file_write(log.path + ".new", "");  // as logrotate's "create" puts one there
+    rename(log.path.c_str(), moved.c_str());
+    rename((log.path + ".new").c_str(), log.path.c_str());
+    gwa_now++;
+    GWA_LOG(FATAL, "6");
+    EXPECT_EQ(log.numbers(), "6 ");
+
+    rename(log.path.c_str(), moved.c_str());
+    mkdir(log.path.c_str(), 0700);  // cannot be opened as a log
+    gwa_now++;
+    GWA_LOG(FATAL, "7");
+    EXPECT_EQ(log.numbers(moved), "6 7 ");
+    rmdir(log.path.c_str());
+    gwa_now++;
+    gwa_log_close();
+    GWA_LOG(FATAL, "8");
+    EXPECT_NE(access(log.path.c_str(), F_OK), 0) << "closed for good";
+}
+
+// Nobody can move a pipe's other end away, whatever becomes of the name.
+TEST(Log, StaysAtAPipe) {
+    log_to_file log;
+    const std::string pipe = log.dir.path + "/pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    ASSERT_EQ(gwa_log_init(pipe.c_str(), false), 0);
+    const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    remove(pipe.c_str());
+    gwa_now++;
+    GWA_LOG(FATAL, "text");
+    char text[256] = "";
+    EXPECT_GT(read(reader, text, sizeof text - 1), 0);
+    EXPECT_NE(access(pipe.c_str(), F_OK), 0);
+    close(reader);
 }
 
 TEST(Log, GoesToItsFixedFileInTheBackground) {
