@@ -18,6 +18,7 @@ endif()
 add_custom_target(installed_programs DEPENDS gwad $<TARGET_NAME_IF_EXISTS:gwad-announce>)
 install(PROGRAMS ${CMAKE_BINARY_DIR}/packaging/gwadsh DESTINATION ${init_folder} RENAME ${init_name})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/gwad.default DESTINATION /etc/default RENAME gwad)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/gwad.logrotate DESTINATION /etc/logrotate.d RENAME gwad)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/gwad.8 DESTINATION ${CMAKE_INSTALL_FULL_MANDIR}/man8)
 
 set(CPACK_GENERATOR DEB)
@@ -35,7 +36,7 @@ if(CMAKE_CROSSCOMPILING)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${CMAKE_SYSTEM_PROCESSOR})
 endif()
 # An update keeps what was changed on the box.
-file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles "/etc/default/gwad\n${GWAD_INIT_SCRIPT}\n")
+file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles "/etc/default/gwad\n/etc/logrotate.d/gwad\n${GWAD_INIT_SCRIPT}\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/conffiles)
 include(CPack)
 

@@ -73,7 +73,7 @@ relay_packages=(libasio-dev libcli11-dev libspdlog-dev libtomlplusplus-dev)
 # machine and to run all tests.
 need_test_packages() {
     need_packages "$@" g++ cmake make libgtest-dev "${relay_packages[@]}" curl nginx-light util-linux iproute2 \
-        busybox groff-base openssl stunnel4 libfaketime
+        busybox groff-base openssl stunnel4 libfaketime logrotate
 }
 
 # Runs an installation during which Debian starts no service: nobody asked for a web server on

@@ -45,6 +45,7 @@ fi
 files=$(dpkg-deb -c "$package" | sed -n 's/^\(-[^ ]* [^ ]*\) .* \.\//\1 /p' | sort -k 3)
 [ "$files" = "-rw-r--r-- root/root etc/default/gwad
 -rwxr-xr-x root/root etc/init.d/gwadsh
+-rw-r--r-- root/root etc/logrotate.d/gwad
 -rwxr-xr-x root/root usr/sbin/gwad${announce-}
 -rw-r--r-- root/root usr/share/man/man8/gwad.8" ] || fail "other files than expected: $files"
 
@@ -186,6 +187,39 @@ start_fails() {
     [ -z "$(processes)" ] || fail "a start with '$2' that failed has left a gwad"
 }
 
+# With a stand-in for logger, which ends by itself when gwad does.
+log_goes_to_syslog() {
+    mkdir -p "$run/syslog"
+    printf '#!/bin/sh\ncat >"%s/messages"\necho ended >>"%s/messages"\n' "$run" "$run" >"$run/syslog/logger"
+    chmod 755 "$run/syslog/logger"
+    cp "$run/settings" "$run/good"
+    echo GWAD_SYSLOG=yes >>"$run/settings"
+    tools=$run/syslog:$tools
+    controls 0:start 0:status 0:stop
+    until grep -q ended "$run/messages"; do sleep 0.05; done
+    grep -q 'gwad start' "$run/messages" || fail "no log in syslog: $(cat "$run/messages")"
+    settings_write "$run/home" "-i nosuch0" >"$run/settings"
+    echo GWAD_SYSLOG=yes >>"$run/settings"
+    rm "$run/messages"
+    expect 1 control start
+    until grep -q ended "$run/messages"; do sleep 0.05; done
+    grep -q 'get mac failed' "$run/messages" || fail "no reason in syslog: $(cat "$run/messages")"
+    tools=${tools#*:}
+    cp "$run/good" "$run/settings"
+}
+
+# By logrotate itself, which gwad is not told of.
+log_is_rotated() {
+    sed "s|^/tmp/gwad.log|$run/log|; s|su root root|su $(id -un) $(id -gn)|" "$root/etc/logrotate.d/gwad" >"$run/rotate"
+    controls 0:start
+    sleep 1.1 # gwad looks for its log once a second
+    PATH=$PATH:/usr/sbin logrotate -f -s "$run/rotated" "$run/rotate" >"$run/out" 2>&1 ||
+        fail "logrotate: $(cat "$run/out")"
+    [ ! -s "$run/log" ] || fail "the log has not been moved away"
+    controls 0:stop
+    [ -s "$run/log" ] || fail "gwad has gone on with the old log: $(cat "$run/log.1")"
+}
+
 init_script_holds() {
     run=$work/$1 shell=$2 tools=$3
     trap 'wait; kill_all' EXIT
@@ -201,6 +235,7 @@ init_script_holds() {
     start_fails "$run/home" "-l $run/none/log" "nothing to $run/none/log"
     start_fails "$run/home" "-Z" "getopt returned"
     start_fails "$run/settings/home" "" "ot a directory"
+    log_goes_to_syslog
 }
 
 (init_script_holds sh sh "$PATH") &
@@ -218,7 +253,13 @@ for run in $runs; do
     wait "$run" || failed=1
 done
 [ $failed = 0 ] || exit 1
-run=$work/sh
+run=$work/sh shell=sh tools=$PATH
+if PATH=$PATH:/usr/sbin command -v logrotate >/dev/null; then
+    settings_write "$run/home" "-V 7" >"$run/settings"
+    (trap kill_all EXIT && log_is_rotated) || exit 1
+else
+    echo "logrotate is not there: its settings have not been tried"
+fi
 rm "$root/usr/sbin/gwad"
-shell=sh tools=$PATH expect 5 control start
+expect 5 control start
 echo "The init script has started and stopped gwad."
