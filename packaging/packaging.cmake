@@ -11,6 +11,8 @@ cmake_path(GET GWAD_INIT_SCRIPT PARENT_PATH init_folder)
 cmake_path(GET GWAD_INIT_SCRIPT FILENAME init_name)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/gwadsh.in ${CMAKE_BINARY_DIR}/packaging/gwadsh @ONLY)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/gwad.8.in ${CMAKE_BINARY_DIR}/packaging/gwad.8 @ONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/gwad-doctor.in ${CMAKE_BINARY_DIR}/packaging/gwad-doctor @ONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/gwad-doctor.8.in ${CMAKE_BINARY_DIR}/packaging/gwad-doctor.8 @ONLY)
 install(TARGETS gwad RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 if(TARGET gwad-announce)
     install(TARGETS gwad-announce RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
@@ -19,7 +21,9 @@ add_custom_target(installed_programs DEPENDS gwad $<TARGET_NAME_IF_EXISTS:gwad-a
 install(PROGRAMS ${CMAKE_BINARY_DIR}/packaging/gwadsh DESTINATION ${init_folder} RENAME ${init_name})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/gwad.default DESTINATION /etc/default RENAME gwad)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/gwad.logrotate DESTINATION /etc/logrotate.d RENAME gwad)
-install(FILES ${CMAKE_BINARY_DIR}/packaging/gwad.8 DESTINATION ${CMAKE_INSTALL_FULL_MANDIR}/man8)
+install(PROGRAMS ${CMAKE_BINARY_DIR}/packaging/gwad-doctor DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES ${CMAKE_BINARY_DIR}/packaging/gwad.8 ${CMAKE_BINARY_DIR}/packaging/gwad-doctor.8
+        DESTINATION ${CMAKE_INSTALL_FULL_MANDIR}/man8)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "the gwad developers <gwad@localhost>")
@@ -51,4 +55,11 @@ if(BUILD_TESTING AND DPKG AND NOT CMAKE_CXX_FLAGS MATCHES sanitize)
     add_test(NAME Package.InstallsIntoAScratchRoot
              COMMAND tests/packaging/package_test.sh ${CMAKE_BINARY_DIR} ${package_architecture}
              WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
+endif()
+# gwrelay is here where the tests of real programs are.
+find_program(BUSYBOX busybox)
+if(BUILD_TESTING AND BUSYBOX AND TARGET gwrelay)
+    add_test(NAME Doctor.FindsFaults
+             COMMAND ${CMAKE_SOURCE_DIR}/tests/packaging/doctor_test.sh ${CMAKE_BINARY_DIR})
+    set_tests_properties(Doctor.FindsFaults PROPERTIES TIMEOUT 120)
 endif()

@@ -47,12 +47,14 @@ files=$(dpkg-deb -c "$package" | sed -n 's/^\(-[^ ]* [^ ]*\) .* \.\//\1 /p' | so
 -rwxr-xr-x root/root etc/init.d/gwadsh
 -rw-r--r-- root/root etc/logrotate.d/gwad
 -rwxr-xr-x root/root usr/sbin/gwad${announce-}
+-rwxr-xr-x root/root usr/sbin/gwad-doctor
+-rw-r--r-- root/root usr/share/man/man8/gwad-doctor.8
 -rw-r--r-- root/root usr/share/man/man8/gwad.8" ] || fail "other files than expected: $files"
 
 expect 0 sh -n "$root/etc/default/gwad"
 if command -v groff >/dev/null; then
-    groff -ww -man -Tutf8 "$root/usr/share/man/man8/gwad.8" >/dev/null 2>"$work/out"
-    [ ! -s "$work/out" ] || fail "the manual page: $(cat "$work/out")"
+    groff -ww -man -Tutf8 "$root"/usr/share/man/man8/*.8 >/dev/null 2>"$work/out"
+    [ ! -s "$work/out" ] || fail "the manual pages: $(cat "$work/out")"
 fi
 
 version=$(dpkg-deb -f "$package" Version)
