@@ -1,0 +1,133 @@
+#!/bin/bash
+# gwad held in the foreground by supervisors that start it again: after a restart each has one gwad, which
+# has been started once more and not twice. busybox's init is the real one, procd is played: by a loop that
+# runs what the init script has given it.
+#
+#   supervisor_test.sh BUILD_FOLDER
+set -eu
+cd "$(dirname "$0")/../.."
+export PATH=$PATH:/usr/sbin:/sbin
+# In there /etc is our own, and process 1 another one.
+if [ -z "${GWAD_TEST_ISOLATED-}" ]; then
+    machine=(unshare --fork --kill-child --pid --net --mount --mount-proc)
+    [ "$(id -u)" = 0 ] || machine+=(--map-root-user)
+    if ! "${machine[@]}" unshare --fork --pid --mount-proc true 2>/dev/null; then
+        echo "This machine gives no process 1 of its own: nothing has been tried."
+        exit 77
+    fi
+    # shellcheck disable=SC2016
+    GWAD_TEST_ISOLATED=1 exec "${machine[@]}" sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
+fi
+
+build=$1
+gwad=$build/gwad
+work=$(mktemp -d)
+at_exit() {
+    local status=$?
+    # shellcheck disable=SC2046
+    kill -KILL $(jobs -p) 2>/dev/null || true
+    [ $status -eq 0 ] || tail -n 15 "$work"/*/log >&2
+    rm -rf "$work"
+}
+trap at_exit EXIT
+trap 'exit 1' INT TERM
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+# wait_for COMMAND...: for 40 s at most.
+wait_for() {
+    local end=$((SECONDS + 40))
+    until "$@"; do
+        [ $SECONDS -lt $end ] || fail "waited in vain: $*"
+        sleep 0.1
+    done
+}
+
+# settings_write FOLDER [OPTION...]
+settings_write() {
+    mkdir -p "$1"
+    printf "GWAD_PROGRAM='%s'\nGWAD_HOME='%s'\nGWAD_OPTIONS='%s'\n" "$gwad" "$1" "${*:2}" >"$1/settings"
+}
+
+# --- gwad-run alone, with a clock and a logger that are played ---
+
+settings_write "$work/run" "-i nosuch0 -I box"
+echo GWAD_SYSLOG=yes >>"$work/run/settings"
+mkdir "$work/bin"
+# shellcheck disable=SC2016
+printf '#!/bin/sh\necho "$1" >>"%s/slept"\n' "$work" >"$work/bin/sleep"
+printf '#!/bin/sh\ncat >>"%s/messages"\necho ended >>"%s/messages"\n' "$work" "$work" >"$work/bin/logger"
+chmod 755 "$work"/bin/*
+touch "$work/slept"
+# runs SECONDS: after a pause of at least so many, or none.
+runs() {
+    rm -f "$work/messages"
+    PATH=$work/bin:$PATH GWAD_SETTINGS=$work/run/settings busybox sh "$build/packaging/gwad-run" || true
+    [ "$(tail -n 1 "$work/slept")" -ge "$1" ] 2>/dev/null || [ ! -s "$work/slept" ] || fail "pauses: $(cat "$work/slept")"
+    wait_for grep -q ended "$work/messages"
+    grep -q 'get mac failed' "$work/messages" || fail "no reason in syslog: $(cat "$work/messages")"
+}
+runs 0
+[ ! -s "$work/slept" ] || fail "the first start pauses"
+runs 8
+[ -s "$work/slept" ] || fail "starts that fail follow each other at once"
+: >"$work/slept"
+echo 999999999 >"$work/run/tmp/gwad.started" # of an earlier boot
+runs 0
+[ ! -s "$work/slept" ] || fail "a start pauses because of an earlier boot"
+
+# --- a restart under both ---
+
+relay_start() {
+    : >"$work/ready"
+    "$build/gwrelay" --config /dev/null --drain 0 --manager-port "$1" --control-port 0 --data-port 0 \
+        --front-port 0 --admin-port 0 >"$work/ready" 2>>"$work/relay.log" &
+    relay_pid=$!
+    wait_for grep -q ^ready "$work/ready"
+    manager=$(sed -n 's/.*manager=\([0-9]*\).*/\1/p' "$work/ready")
+}
+relay_start 0
+
+mount -t tmpfs none /etc
+mkdir /etc/init.d /etc/default
+cp packaging/gwad-restart /etc/init.d/gwadsh # where the build at hand looks for it
+settings_write "$work/init" "-r 127.0.0.1 -p $manager -i lo -I init-box -V 3 -l $work/init/log"
+cp "$work/init/settings" /etc/default/gwad
+echo "null::respawn:/bin/sh $build/packaging/gwad-run" >/etc/inittab
+unshare --fork --kill-child --pid --mount-proc busybox init >/dev/null 2>&1 &
+
+# At level 1 the logins show.
+command=$(CONFIG=packaging/openwrt/files/gwad.config SETTINGS="home=$work/procd log=$work/procd/log interface=lo
+    id=procd-box relay=127.0.0.1 port=$manager" sh tests/packaging/trees/rc.common "$PWD/packaging/openwrt/files/gwad.init")
+procd_plays() {
+    # shellcheck disable=SC2086
+    while :; do
+        "$gwad" ${command#* } || true
+        sleep 2
+    done
+}
+procd_plays &
+
+# count TEXT N: each log has it so often.
+count() {
+    local log
+    for log in "$work"/init/log "$work"/procd/log; do
+        [ "$(grep -c "$1" "$log" 2>/dev/null)" = "$2" ] || return 1
+    done
+}
+wait_for count 'login remote server success' 6
+kill -KILL "$relay_pid"
+wait "$relay_pid" 2>/dev/null || true
+relay_start "$manager"
+wait_for count 'login remote server success' 12
+
+sleep 2.5 # a process that starts gwad beside the supervisor would have done so by now
+count 'gwad start' 2 || fail "each gwad restarts once"
+parents=$(for process in /proc/[0-9]*; do
+    [ "$(readlink "$process/exe")" != "$gwad" ] || cat "/proc/$(sed -n 's/^PPid:\t//p' "$process/status")/comm"
+done 2>/dev/null | sort | tr '\n' ' ')
+[ "$parents" = "busybox supervisor_test " ] || fail "gwads are the children of: $parents"
+echo "Two supervisors have one gwad each."
