@@ -126,10 +126,14 @@ TEST(Log, FollowsItsNameWhenTheFileIsMovedAway) {
     GWA_LOG(FATAL, "7");
     EXPECT_EQ(log.numbers(moved), "6 7 ");
     rmdir(log.path.c_str());
-    gwa_now++;
-    gwa_log_close();
-    GWA_LOG(FATAL, "8");
-    EXPECT_NE(access(log.path.c_str(), F_OK), 0) << "closed for good";
+    for (void (*leave)() : {+[] { gwa_log_close(); }, +[] { gwa_log_init(nullptr, false); }}) {
+        gwa_log_init(log.path.c_str(), false);
+        leave();
+        remove(log.path.c_str());
+        gwa_now++;
+        GWA_LOG(FATAL, "8");
+        EXPECT_NE(access(log.path.c_str(), F_OK), 0) << "nobody's log any more";
+    }
 }
 
 // Nobody can move a pipe's other end away, whatever becomes of the name.
