@@ -7,45 +7,9 @@
 # The relay is 127.0.0.1, the box's end of the tunnel 127.0.0.2, the relay's end 127.0.0.3; the same
 # three ports are used on each.
 set -eu
-export PATH=$PATH:/usr/sbin:/sbin
+# shellcheck source=tests/support/script.sh
+. "${0%/*}/../support/script.sh"
 gwad=$1 gwrelay=$2
-
-# On a network of its own where the machine allows it; what is left running ends with it.
-if [ -z "${GWAD_TEST_ISOLATED-}" ]; then
-    # shellcheck disable=SC2016
-    for user in --pid --map-root-user; do
-        ! unshare --fork --kill-child --pid --net --mount-proc "$user" true 2>/dev/null ||
-            GWAD_TEST_ISOLATED=1 exec unshare --fork --kill-child --pid --net --mount-proc "$user" \
-                sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
-    done
-fi
-
-work=$(mktemp -d)
-at_exit() {
-    local status=$?
-    # shellcheck disable=SC2046
-    kill $(jobs -p) 2>/dev/null || true
-    wait
-    rm -rf "$work"
-    exit "$status"
-}
-trap at_exit EXIT
-trap 'exit 1' INT TERM
-
-fail() {
-    echo "FAILED: $*" >&2
-    tail -n 20 "$work"/*.log "$work"/home/log >&2
-    exit 1
-}
-
-# wait_for COMMAND...: for 20 s at most.
-wait_for() {
-    local end=$((SECONDS + 20))
-    until "$@"; do
-        [ $SECONDS -lt $end ] || fail "waited in vain: $*"
-        sleep 0.1
-    done
-}
 
 # Nobody's number where we are root in earnest, else ours; never a capability, nor a way to get one.
 own_user=()
@@ -76,8 +40,6 @@ tunnel() {
     wait_for grep -q "Configuration successful" "$work/$name.log"
 }
 
-port_of() { sed -n "s/^ready .*$1=\([0-9]*\).*/\1/p" "$work/ready"; }
-
 mkdir -p "$work/home/tmp" "$work/www"
 chmod 755 "$work"
 head -c 1000000 /dev/urandom >"$work/www/file"
@@ -86,10 +48,7 @@ certificate relay
 certificate box
 certificate stranger
 
-"$gwrelay" --manager-port 0 --control-port 0 --data-port 0 --front-port 0 --announce 127.0.0.2 \
-    >"$work/ready" 2>"$work/gwrelay.log" &
-wait_for grep -q '^ready' "$work/ready"
-manager=$(port_of manager) control=$(port_of control) data=$(port_of data) front=$(port_of front)
+relay_start "$gwrelay" 0 --announce 127.0.0.2
 tunnel relay-end relay box 127.0.0.3 127.0.0.1
 tunnel box-end box relay 127.0.0.2 127.0.0.3 "client = yes"
 tunnel strange-end stranger relay 127.0.0.4 127.0.0.3 "client = yes"

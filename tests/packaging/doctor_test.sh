@@ -1,43 +1,15 @@
 #!/bin/bash
 # gwad-doctor finds each of several faults of a real gwad and its relay, and nothing where all is well;
-# also with busybox and nothing else.
+# also with busybox and nothing else. Without settings any gwad is looked at, so only on a machine of its own.
 #
 #   doctor_test.sh BUILD_FOLDER
 set -eu
-export PATH=$PATH:/usr/sbin:/sbin
-# On a machine of its own where that is allowed: without settings any gwad is looked at.
-if [ -z "${GWAD_TEST_ISOLATED-}" ]; then
-    # shellcheck disable=SC2016
-    for user in --pid --map-root-user; do
-        ! unshare --fork --kill-child --pid --net --mount-proc "$user" true 2>/dev/null ||
-            GWAD_TEST_ISOLATED=1 exec unshare --fork --kill-child --pid --net --mount-proc "$user" \
-                sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
-    done
-fi
-
+# shellcheck source=tests/support/script.sh
+. "${0%/*}/../support/script.sh"
 build=$1
 gwad=$build/gwad
-work=$(mktemp -d)
 mkdir -p "$work/home/tmp" "$work/tools"
 busybox --install -s "$work/tools"
-
-at_exit() {
-    local status=$?
-    # shellcheck disable=SC2046
-    kill -KILL $(jobs -p) 2>/dev/null || true
-    [ $status -eq 0 ] || tail -n 20 "$work"/said "$work"/log >&2
-    rm -rf "$work"
-}
-trap at_exit EXIT
-trap 'exit 1' INT TERM
-
-wait_for() {
-    local end=$((SECONDS + 30))
-    until "$@"; do
-        [ $SECONDS -lt $end ] || { echo "FAILED: waited in vain: $*" >&2 && exit 1; }
-        sleep 0.1
-    done
-}
 
 # finds STATUS TEXT [PORT...]: ten lines, the last of which has the text.
 finds() {
@@ -48,8 +20,7 @@ finds() {
         PATH=$path GWAD_SETTINGS=$work/settings sh "$build/packaging/gwad-doctor" "$@" >"$work/said" 2>&1 || status=$?
         if [ "$status" != "$expected" ] || [ "$(wc -l <"$work/said")" != 10 ] ||
             ! tail -n 1 "$work/said" | grep -q "verdict *$text"; then
-            echo "FAILED: with $path: status $status instead of $expected, or not '$text' after nine lines" >&2
-            exit 1
+            fail "with $path: status $status instead of $expected, or not '$text' after nine lines: $(cat "$work/said")"
         fi
     done
 }
@@ -60,12 +31,7 @@ settings_write() {
     printf "GWAD_PROGRAM='%s'\nGWAD_HOME='%s'\nGWAD_OPTIONS='%s'\n" "$gwad" "$work/home" "$options" >"$work/settings"
 }
 
-"$build/gwrelay" --config /dev/null --drain 0 --manager-port 0 --control-port 0 --data-port 0 --front-port 0 \
-    --admin-port 0 >"$work/ready" 2>"$work/relay.log" &
-relay_pid=$!
-wait_for grep -q ^ready "$work/ready"
-manager=$(sed -n 's/.*manager=\([0-9]*\).*/\1/p' "$work/ready")
-front=$(sed -n 's/.*front=\([0-9]*\).*/\1/p' "$work/ready")
+relay_start "$build/gwrelay" 0 --admin-port 0
 
 [ -z "${GWAD_TEST_ISOLATED-}" ] || finds 1 "settings: .*cannot be read"
 settings_write 127.0.0.1 -I box

@@ -5,46 +5,15 @@
 #
 #   supervisor_test.sh BUILD_FOLDER
 set -eu
-cd "$(dirname "$0")/../.."
-export PATH=$PATH:/usr/sbin:/sbin
-# In there /etc is our own, and process 1 another one.
-if [ -z "${GWAD_TEST_ISOLATED-}" ]; then
-    machine=(unshare --fork --kill-child --pid --net --mount --mount-proc)
-    [ "$(id -u)" = 0 ] || machine+=(--map-root-user)
-    if ! "${machine[@]}" unshare --fork --pid --mount-proc true 2>/dev/null; then
-        echo "This machine gives no process 1 of its own: nothing has been tried."
-        exit 77
-    fi
-    # shellcheck disable=SC2016
-    GWAD_TEST_ISOLATED=1 exec "${machine[@]}" sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
+# shellcheck source=tests/support/script.sh
+. "${0%/*}/../support/script.sh"
+if [ -z "${GWAD_TEST_ISOLATED-}" ] || ! unshare --fork --pid --mount-proc true 2>/dev/null; then
+    echo "This machine gives no process 1 of its own: nothing has been tried."
+    exit 77
 fi
-
+cd "${0%/*}/../.."
 build=$1
 gwad=$build/gwad
-work=$(mktemp -d)
-at_exit() {
-    local status=$?
-    # shellcheck disable=SC2046
-    kill -KILL $(jobs -p) 2>/dev/null || true
-    [ $status -eq 0 ] || tail -n 15 "$work"/*/log >&2
-    rm -rf "$work"
-}
-trap at_exit EXIT
-trap 'exit 1' INT TERM
-
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
-
-# wait_for COMMAND...: for 40 s at most.
-wait_for() {
-    local end=$((SECONDS + 40))
-    until "$@"; do
-        [ $SECONDS -lt $end ] || fail "waited in vain: $*"
-        sleep 0.1
-    done
-}
 
 # settings_write FOLDER [OPTION...]
 settings_write() {
@@ -81,17 +50,8 @@ runs 0
 
 # --- a restart under both ---
 
-relay_start() {
-    : >"$work/ready"
-    "$build/gwrelay" --config /dev/null --drain 0 --manager-port "$1" --control-port 0 --data-port 0 \
-        --front-port 0 --admin-port 0 >"$work/ready" 2>>"$work/relay.log" &
-    relay_pid=$!
-    wait_for grep -q ^ready "$work/ready"
-    manager=$(sed -n 's/.*manager=\([0-9]*\).*/\1/p' "$work/ready")
-}
-relay_start 0
-
-mount -t tmpfs none /etc
+relay_start "$build/gwrelay" 0 --admin-port 0
+mount -t tmpfs none /etc # nobody else sees it
 mkdir /etc/init.d /etc/default
 cp packaging/gwad-restart /etc/init.d/gwadsh # where the build at hand looks for it
 settings_write "$work/init" "-r 127.0.0.1 -p $manager -i lo -I init-box -V 3 -l $work/init/log"
@@ -121,7 +81,7 @@ count() {
 wait_for count 'login remote server success' 6
 kill -KILL "$relay_pid"
 wait "$relay_pid" 2>/dev/null || true
-relay_start "$manager"
+relay_start "$build/gwrelay" "$manager" --admin-port 0
 wait_for count 'login remote server success' 12
 
 sleep 2.5 # a process that starts gwad beside the supervisor would have done so by now
