@@ -68,6 +68,6 @@ if(BUILD_TESTING AND BUSYBOX AND TARGET gwrelay AND NOT CMAKE_CXX_FLAGS MATCHES 
     foreach(test doctor trees supervisor)
         add_test(NAME Packaging.${test}
                  COMMAND ${CMAKE_SOURCE_DIR}/tests/packaging/${test}_test.sh ${CMAKE_BINARY_DIR})
-        set_tests_properties(Packaging.${test} PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
+        set_tests_properties(Packaging.${test} PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77)
     endforeach()
 endif()
