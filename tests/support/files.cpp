@@ -23,7 +23,15 @@ temp_dir::~temp_dir() {
 
 std::string file_read(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::error_code failed;
+    // As long as it is now: somebody may write faster than we read. Files of /proc do not tell.
+    std::string bytes(fs::file_size(path, failed) * (failed ? 0 : 1), '\0');
+    if (bytes.empty()) {
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    file.read(bytes.data(), std::ssize(bytes));
+    bytes.resize(static_cast<size_t>(file.gcount()));
+    return bytes;
 }
 
 void file_write(const std::string& path, std::string_view bytes, bool executable) {
