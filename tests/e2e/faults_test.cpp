@@ -343,7 +343,7 @@ TEST_F(Faults, OfTheAddressManagerLeadToTheNextOne) {
         head + "{\"ret\":0,\"proxy\":\"127.0.0.1:0\"}",
         head + "{\"ret\":0,\"proxy\":\"127.0.0.1:65535\"}",
         head + "{\"ret\":0,\"proxy\":\"" + unknown + ":9998\"}",
-        std::string("\0\r\n\r\n{\"ret\":0,\"proxy\":\"", 26) + noise(2000, 3),
+        std::string("\0\r\n\r\n{\"ret\":0,\"proxy\":\"", 23) + noise(2000, 3),
         noise(100000, 4),
     };
     name_resolves("backup.example.net");
