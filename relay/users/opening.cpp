@@ -2,7 +2,7 @@
 
 namespace {
 
-constexpr std::chrono::minutes LEFT_ALONE{5};
+constexpr std::chrono::minutes KNOWN_FOR{5};
 
 // What is known of the user's port, or null.
 const opening* known(const user_link& user) {
@@ -50,5 +50,5 @@ void opening_learn(user_link& user, bool works) {
                  works ? "takes requests behind one of the relay's own"
                        : "does not go on after a request of the relay's own");
     }
-    user.owner->openings[user.port] = {works, steady::now() + LEFT_ALONE};
+    user.owner->openings[user.port] = {works, steady::now() + KNOWN_FOR};
 }
