@@ -18,8 +18,8 @@ bool is_upper(char c) { return c >= 'A' && c <= 'Z'; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 // Browsers take what begins with "xn--" for a name in another alphabet.
-bool begins_badly(std::string_view shown) {
-    return shown.starts_with('-') || shown == "xn" || shown.starts_with("xn-");
+bool begins_badly(std::string_view visible) {
+    return visible.starts_with('-') || visible == "xn" || visible.starts_with("xn-");
 }
 
 bool is_label(std::string_view id) {
@@ -52,24 +52,24 @@ std::string label_of(std::string_view id) {
     if (is_label(id)) {
         return std::string(id);
     }
-    std::string shown;
+    std::string visible;
     bit_writer hidden;
     for (const char c : id) {
         const auto byte = static_cast<unsigned char>(c);
         if (is_lower(c) || is_upper(c)) {
             hidden.add(is_upper(c) ? 1 : 0, LETTER_BITS);
-            shown += static_cast<char>(tolower(byte));
+            visible += static_cast<char>(tolower(byte));
         } else if (is_digit(c)) {
-            shown += c;
+            visible += c;
         } else {
             hidden.add(byte, OTHER_BITS);
-            shown += '-';
+            visible += '-';
         }
     }
     hidden.fill();
     // The letter tells it from a port, and whether the first character is one too many.
-    const bool prefixed = begins_badly(shown);
-    const std::string label = (prefixed ? "x" : "") + shown + std::string(BETWEEN) +
+    const bool prefixed = begins_badly(visible);
+    const std::string label = (prefixed ? "x" : "") + visible + std::string(BETWEEN) +
                               (prefixed ? "y" : "x") + hidden.digits;
     return label.size() <= ID_LABEL_MAX ? label : "";
 }

@@ -126,7 +126,8 @@ namespace {
 bool request_read_headers(http_request& request) {
     const bool is_1_0 = request.version == "HTTP/1.0";
     bool closes = false, keeps = false, asks_upgrade = false, has_upgrade = false;
-    bool has_length = false, has_host = false;
+    bool has_length = false;
+    int hosts = 0;
     for (std::string_view rest = request.headers; !rest.empty();) {
         const http_field field = http_field_take(rest);
         if (!field.valid()) {
@@ -145,10 +146,7 @@ bool request_read_headers(http_request& request) {
             }
             request.chunked = true;
         } else if (field.is("host")) {
-            if (has_host) {
-                return false;
-            }
-            has_host = true;
+            ++hosts;
         } else if (field.is("connection")) {
             closes = closes || http_has_word(field.value, "close");
             keeps = keeps || http_has_word(field.value, "keep-alive");
@@ -159,7 +157,7 @@ bool request_read_headers(http_request& request) {
     }
     request.persistent = !closes && (keeps || !is_1_0);
     request.upgrades = asks_upgrade && has_upgrade && !is_1_0;
-    return !(has_length && request.chunked);
+    return hosts <= 1 && !(has_length && request.chunked);
 }
 
 }  // namespace

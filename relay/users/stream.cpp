@@ -16,9 +16,31 @@ constexpr char REQUEST_BROKEN[] = "request malformed", RESPONSE_BROKEN[] = "resp
 constexpr char TALK_OVER[] = "both sides have closed the WebSocket";
 constexpr char STALE[] = "no answer to a further request", FOREIGN[] = "late end of a response";
 
+// Why its silence means that the stream is over, or null when it does not.
+const char* silence_reason(const options& set, const user_link& user) {
+    const auto quiet = steady::now() - user.last_moved;
+    if ((user.swallows || (user.reused && !user.patient)) && !user.response.started() &&
+        quiet >= set.repeat_timeout) {
+        return STALE;
+    }
+    // The service's end is not told. And closing one's sending side looks the same as leaving; a
+    // user who is gone shows when something is sent to him. So in both cases only silence tells.
+    if (user.user_ended && user.idle() && quiet >= set.linger_timeout) {
+        return USER_CLOSED;
+    }
+    if (user.response.endless() && !user.response.stays_open() && user.idle() &&
+        quiet >= set.linger_timeout) {
+        return RESPONSE_SILENT;
+    }
+    if (!user.response.started() && quiet >= set.answer_timeout) {
+        return NO_ANSWER;
+    }
+    // A device forgets such streams as well.
+    return user.idle() && quiet >= set.silence_timeout ? "idle" : nullptr;
+}
+
 // Why the stream is over, or null while it goes on.
 const char* end_reason(const relay& hub, const user_link& user) {
-    const auto quiet = steady::now() - user.last_moved;
     if (user.closed) {
         return user.cut != nullptr ? user.cut : "user left";
     }
@@ -49,24 +71,7 @@ const char* end_reason(const relay& hub, const user_link& user) {
     if (user.stale) {
         return FOREIGN;
     }
-    if ((user.swallows || (user.reused && !user.patient)) && !user.response.started() &&
-        quiet >= hub.settings.repeat_timeout) {
-        return STALE;
-    }
-    // The service's end is not told. And closing one's sending side looks the same as leaving; a
-    // user who is gone shows when something is sent to him. So in both cases only silence tells.
-    if (user.user_ended && user.idle() && quiet >= hub.settings.linger_timeout) {
-        return USER_CLOSED;
-    }
-    if (user.response.endless() && !user.response.stays_open() && user.idle() &&
-        quiet >= hub.settings.linger_timeout) {
-        return RESPONSE_SILENT;
-    }
-    if (!user.response.started() && quiet >= hub.settings.answer_timeout) {
-        return NO_ANSWER;
-    }
-    // A device forgets such streams as well.
-    return user.idle() && quiet >= hub.settings.silence_timeout ? "idle" : nullptr;
+    return silence_reason(hub.settings, user);
 }
 
 // Takes the stream from the user. It is closed unless it is kept for another request.
