@@ -138,10 +138,14 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 if(CMAKE_CROSSCOMPILING)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${CMAKE_SYSTEM_PROCESSOR})
 endif()
-# A static program depends on nothing.
+# Debian's tools find out what the programs need, in Debian's own toolchains. A static program needs nothing.
 find_program(SHLIBDEPS dpkg-shlibdeps)
-if(SHLIBDEPS AND NOT CMAKE_EXE_LINKER_FLAGS MATCHES "-static")
+if(SHLIBDEPS AND NOT CMAKE_EXE_LINKER_FLAGS MATCHES "-static" AND
+   (NOT CMAKE_CROSSCOMPILING OR CMAKE_CXX_COMPILER MATCHES "-linux-gnu[a-z0-9]*-g\\+\\+$"))
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+    if(CMAKE_CROSSCOMPILING)
+        list(TRANSFORM CMAKE_FIND_ROOT_PATH APPEND /lib OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS)
+    endif()
 endif()
 include(CPack)
 

@@ -26,7 +26,7 @@ expect() {
     [ "$status" = "$expected" ] || fail "$* ends with $status, not $expected: $(cat "$run/out")"
 }
 
-(cd "$build" && cpack -G DEB -D CPACK_COMPONENTS_ALL=gwad -B "$work/package") >"$work/cpack.log" || fail "$(cat "$work/cpack.log")"
+(cd "$build" && cpack -G DEB -D CPACK_COMPONENTS_ALL=gwad -B "$work/package") >"$work/cpack.log" 2>&1 || fail "$(cat "$work/cpack.log")"
 package=$(echo "$work"/package/gwad_*_"$architecture".deb)
 [ -e "$package" ] || fail "no package for $architecture: $(ls "$work/package")"
 
@@ -135,9 +135,14 @@ leaves_others_alone() {
 # start itself; a start beside it is content, and a program that was replaced is still stopped.
 runs_in_the_foreground() {
     controls 0:start
-    PATH=$tools GWAD_SETTINGS=$run/settings setsid $shell "$root/etc/init.d/gwadsh" run &
+    PATH=$tools GWAD_SETTINGS=$run/settings $shell "$root/etc/init.d/gwadsh" run >"$run/held" 2>&1 &
     held=$!
-    until [ "$(processes)" = "$held" ]; do sleep 0.05; done
+    tries=200
+    until [ "$(processes)" = "$held" ]; do
+        tries=$((tries - 1))
+        [ $tries -gt 0 ] || fail "run leaves '$(processes)', not $held: $(cat "$run/held")"
+        sleep 0.05
+    done
     controls 0:status 0:start
     grep -q . "$run/out" && fail "start beside run: $(cat "$run/out")"
     [ "$(processes)" = "$held" ] || fail "a start beside run has left: $(processes)"
@@ -236,8 +241,9 @@ init_script_holds() {
     start_fails 1 "$home" "-Z" "getopt returned"
     start_fails 6 "$run/none" "" "no directory that is there"
     [ ! -e "$run/none" ] || fail "a home has been made"
-    echo "disk $run/the\\040home/ ext4" >"$run/fstab"
+    printf '%s\n' "disk $run/the\\040home/ ext4" >"$run/fstab"
     start_fails 6 "$home" "" "home is not mounted"
+    : >"$run/fstab"
 }
 
 (init_script_holds sh sh "$PATH") &
