@@ -95,7 +95,8 @@ endif()
 add_custom_target(installed_programs DEPENDS gwad $<TARGET_NAME_IF_EXISTS:gwad-announce>)
 debian_package(gwad ${init_name} "/etc/default/gwad;${GWAD_INIT_SCRIPT}"
     REGISTER "update-rc.d ${init_name} defaults >/dev/null"
-    FORGET "update-rc.d ${init_name} remove >/dev/null" "rm -f /tmp/gwad.pid /tmp/gwad.stat /tmp/gwad.log")
+    FORGET "update-rc.d ${init_name} remove >/dev/null" "rm -f /tmp/gwad.pid /tmp/gwad.stat /tmp/gwad.log"
+        "rmdir /tmp/gwadsh.* 2>/dev/null || true")
 set(packages gwad)
 
 # --- gwrelay ---

@@ -113,9 +113,9 @@ with_system_v() {
 
 main_pid() { systemctl show -p MainPID --value gwadsh; }
 restarts() { systemctl show -p NRestarts --value gwadsh; }
-is_online() { journalctl -o cat "_PID=$(main_pid)" | grep -q 'notify thread data conn'; }
+is_online() { journalctl -o cat "_PID=$(main_pid)" | grep -q 'dlna status socket init success'; }
 
-# Logged in and alone, and its process is the one that systemd knows, by both names.
+# It has logged in and listens, is alone, and its process is the one that systemd knows, by both names.
 is_well() {
     is_one gwad && [ "$(pids_of gwad)" = "$(main_pid)" ] && systemctl is-active --quiet gwad && is_online
 }
