@@ -101,7 +101,7 @@ set(packages gwad)
 
 # --- gwrelay ---
 
-if(TARGET gwrelay AND NOT CMAKE_EXE_LINKER_FLAGS MATCHES "-static")
+if(TARGET gwrelay)
     set(relay_folder ${CMAKE_CURRENT_LIST_DIR}/gwrelay)
     install(TARGETS gwrelay RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT gwrelay EXCLUDE_FROM_ALL)
     install(FILES ${relay_folder}/gwrelay.service DESTINATION /lib/systemd/system
