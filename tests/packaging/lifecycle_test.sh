@@ -11,7 +11,10 @@ group=
 clean_up() {
     # Without its first process the kernel ends all the others in there.
     [ -z "$booted" ] || { kill -KILL "$booted" && wait "$booted"; } 2>/dev/null || true
-    [ -z "$group" ] || find "$group" -depth -type d -exec rmdir {} + 2>/dev/null || true
+    for _ in {1..50}; do
+        [ -d "$group" ] || break
+        find "$group" -depth -type d -exec rmdir {} + 2>/dev/null || sleep 0.1 # they take a moment to end
+    done
     rm -rf "$work"
 }
 trap clean_up EXIT
