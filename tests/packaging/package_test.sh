@@ -226,14 +226,19 @@ start_fails() {
 # With a stand-in for logger, which ends by itself when gwad does.
 log_goes_to_syslog() {
     mkdir -p "$run/syslog"
-    printf '#!/bin/sh\ncat >"%s/messages"\necho ended >>"%s/messages"\n' "$run" "$run" >"$run/syslog/logger"
+    printf '#!/bin/sh\nPATH=%s\ncat >>"%s/messages"\necho ended >>"%s/messages"\n' "$PATH" "$run" "$run" \
+        >"$run/syslog/logger"
     chmod 755 "$run/syslog/logger"
     cp "$run/settings" "$run/good"
     echo GWAD_SYSLOG=yes >>"$run/settings"
     tools=$run/syslog:$tools
-    controls 0:start 0:status 0:stop
-    until grep -q ended "$run/messages"; do sleep 0.05; done
-    grep -q 'gwad start' "$run/messages" || fail "no log in syslog: $(cat "$run/messages")"
+    controls 0:start 0:status
+    control run >"$run/held" 2>&1 &
+    held=$!
+    until [ "$(grep -c 'gwad start' "$run/messages")" = 2 ]; do sleep 0.05; done
+    controls 0:status 0:stop
+    wait "$held" || fail "gwad in the foreground ends with $?: $(cat "$run/held")"
+    until [ "$(grep -c ended "$run/messages")" = 2 ]; do sleep 0.05; done
     settings_write "$home" "-i nosuch0" >"$run/settings"
     echo GWAD_SYSLOG=yes >>"$run/settings"
     rm "$run/messages"
@@ -287,7 +292,7 @@ init_script_holds() {
 runs=$!
 if command -v busybox >/dev/null; then
     mkdir "$work/tools"
-    for tool in sh mkdir rmdir rm tr sleep readlink tail; do
+    for tool in sh mkdir mkfifo rmdir rm tr sleep readlink tail; do
         ln -s "$(command -v busybox)" "$work/tools/$tool"
     done
     (init_script_holds busybox "$work/tools/sh" "$work/tools") &
