@@ -34,9 +34,9 @@ fail() {
     exit 1
 }
 
-# eventually COMMAND...: within ten seconds.
+# eventually COMMAND...: within half a minute; a login alone takes six seconds, after a restart eight.
 eventually() {
-    local tries=100
+    local tries=300
     until "$@"; do
         tries=$((tries - 1))
         [ "$tries" -gt 0 ] || fail "not true: $*"
