@@ -27,8 +27,9 @@ finds() {
 
 # settings_write RELAY [OPTION...]
 settings_write() {
-    options="-r $1 -p $manager -i lo -V 7 -l $work/log ${*:2}"
-    printf "GWAD_PROGRAM='%s'\nGWAD_HOME='%s'\nGWAD_OPTIONS='%s'\n" "$gwad" "$work/home" "$options" >"$work/settings"
+    options="-p $manager -i lo -V 7 -l $work/log ${*:2}"
+    printf "GWAD_PROGRAM='%s'\nGWAD_HOME='%s'\nGWAD_RELAY='%s'\nGWAD_OPTIONS='%s'\n" \
+        "$gwad" "$work/home" "$1" "$options" >"$work/settings"
 }
 
 relay_start "$build/gwrelay" 0 --admin-port 0
@@ -37,7 +38,7 @@ relay_start "$build/gwrelay" 0 --admin-port 0
 settings_write 127.0.0.1 -I box
 finds 1 "process: gwad does not run"
 # shellcheck disable=SC2086
-"$gwad" -H "$work/home" $options 2>"$work/gwad.out" &
+"$gwad" -H "$work/home" -r 127.0.0.1 $options 2>"$work/gwad.out" &
 gwad_pid=$!
 all_are_up() { [ "$(grep -c 'login remote server success' "$work/log")" = 6 ]; }
 wait_for all_are_up

@@ -1,6 +1,7 @@
 #!/bin/sh
-# Makes the Debian package of a build, installs it into a scratch root and looks at what is there.
-# With a build that runs on this machine it also starts and stops gwad by the installed init script.
+# Makes the Debian package of a build, unpacks it into a scratch root and looks at what is there. With a
+# build that runs on this machine it also starts and stops gwad by the init script in it. What dpkg makes
+# of the package, scripts/package --check looks at.
 #
 #   package_test.sh BUILD_FOLDER ARCHITECTURE
 set -eu
@@ -12,9 +13,6 @@ run=$work # what the output of a command goes to
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' INT TERM
 root=$work/root
-mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
-touch "$root/var/lib/dpkg/status"
-
 fail() {
     echo "FAILED: $*" >&2
     exit 1
@@ -28,37 +26,40 @@ expect() {
     [ "$status" = "$expected" ] || fail "$* ends with $status, not $expected: $(cat "$run/out")"
 }
 
-(cd "$build" && cpack -G DEB -B "$work/package") >"$work/cpack.log" || fail "$(cat "$work/cpack.log")"
+(cd "$build" && cpack -G DEB -D CPACK_COMPONENTS_ALL=gwad -B "$work/package") >"$work/cpack.log" 2>&1 || fail "$(cat "$work/cpack.log")"
 package=$(echo "$work"/package/gwad_*_"$architecture".deb)
 [ -e "$package" ] || fail "no package for $architecture: $(ls "$work/package")"
 
-# dpkg sets owners, which only root can; another user can still unpack.
-if [ "$(id -u)" = 0 ]; then
-    dpkg="dpkg --root=$root --log=$work/dpkg.log --force-architecture --force-depends --force-script-chrootless"
-    $dpkg -i "$package" >"$work/out" 2>&1 || fail "$(cat "$work/out")"
-else
-    dpkg-deb -x "$package" "$root"
-fi
+dpkg-deb -x "$package" "$root"
 
 [ ! -e "$build/gwad-announce" ] || announce="
--rwxr-xr-x root/root usr/sbin/gwad-announce"
-files=$(dpkg-deb -c "$package" | sed -n 's/^\(-[^ ]* [^ ]*\) .* \.\//\1 /p' | sort -k 3)
+-rwxr-xr-x root/root usr/bin/gwad-announce" announce_page="
+-rw-r--r-- root/root usr/share/man/man1/gwad-announce.1.gz"
+files=$(dpkg-deb -c "$package" | sed -n 's/^\([-l][^ ]* [^ ]*\) .* \.\//\1 /p' | sort -k 3)
 [ "$files" = "-rw-r--r-- root/root etc/default/gwad
 -rwxr-xr-x root/root etc/init.d/gwadsh
 -rw-r--r-- root/root etc/logrotate.d/gwad
--rwxr-xr-x root/root usr/sbin/gwad${announce-}
+-rw-r--r-- root/root lib/systemd/system/gwadsh.service${announce-}
+-rwxr-xr-x root/root usr/sbin/gwad
 -rwxr-xr-x root/root usr/sbin/gwad-doctor
--rw-r--r-- root/root usr/share/man/man8/gwad-doctor.8
--rw-r--r-- root/root usr/share/man/man8/gwad.8" ] || fail "other files than expected: $files"
+-rw-r--r-- root/root usr/share/doc/gwad/changelog.Debian.gz
+-rw-r--r-- root/root usr/share/doc/gwad/changelog.gz
+-rw-r--r-- root/root usr/share/doc/gwad/copyright
+-rw-r--r-- root/root usr/share/lintian/overrides/gwad${announce_page-}
+-rw-r--r-- root/root usr/share/man/man8/gwad-doctor.8.gz
+-rw-r--r-- root/root usr/share/man/man8/gwad.8.gz" ] || fail "other files than expected: $files"
 
 expect 0 sh -n "$root/etc/default/gwad"
 if command -v groff >/dev/null; then
-    groff -ww -man -Tutf8 "$root"/usr/share/man/man8/*.8 >/dev/null 2>"$work/out"
-    [ ! -s "$work/out" ] || fail "the manual pages: $(cat "$work/out")"
+    for page in "$root"/usr/share/man/man*/*.gz; do
+        zcat "$page" | groff -ww -man -Tutf8 >/dev/null 2>"$work/out"
+        [ ! -s "$work/out" ] || fail "$page: $(cat "$work/out")"
+    done
 fi
 
 version=$(dpkg-deb -f "$package" Version)
-grep -q "^\.TH GWAD 8 \"\" \"gwad $version\" " "$root/usr/share/man/man8/gwad.8" ||
+version=${version%-*} # the package's own number comes behind it
+zcat "$root/usr/share/man/man8/gwad.8.gz" | grep -q "^\.TH GWAD 8 \"\" \"gwad $version\" " ||
     fail "the manual page is of another version than the package, $version"
 
 if ! "$root/usr/sbin/gwad" -v >"$work/out" 2>&1 || [ "$architecture" != "$(dpkg --print-architecture)" ]; then
@@ -75,7 +76,7 @@ control() { PATH=$tools GWAD_SETTINGS=$run/settings $shell "$root/etc/init.d/gwa
 
 # settings_write HOME [OPTION...]
 settings_write() {
-    printf 'GWAD_PROGRAM=%s\nGWAD_HOME=%s\n' "$root/usr/sbin/gwad" "$1"
+    printf 'GWAD_PROGRAM=%s\nGWAD_HOME="%s"\nfstab=%s\n' "$run/gwad" "$1" "$run/fstab"
     shift
     echo "GWAD_OPTIONS=\"-r 127.0.0.1 -p 1 -i lo -I box-* -V 3 -l $run/log $*\""
 }
@@ -83,8 +84,7 @@ settings_write() {
 # The processes of our gwad, whoever thinks of them what.
 processes() {
     for process in /proc/[0-9]*; do
-        [ "$(readlink "$process/exe")" != "$root/usr/sbin/gwad" ] ||
-            ! grep -qF "$run/home" "$process/cmdline" || echo "${process#/proc/}"
+        case $(readlink "$process/exe") in "$run/gwad"*) echo "${process#/proc/}" ;; esac
     done 2>/dev/null
 }
 
@@ -116,10 +116,43 @@ starts_and_stops() {
     grep -q "process [0-9]*$" "$run/out" || fail "not one process: $(cat "$run/out")"
     controls 0:restart 0:status
     kill_all
-    controls 3:status
-    printf %d $$ >"$run/home/tmp/gwad.pid" # somebody else has got the number
-    controls 0:start 0:stop 0:stop 3:status 2:what
-    [ "$(starts_in_log)" = 3 ] || fail "three starts were asked for: $(starts_in_log)"
+    controls 1:status 0:try-restart 1:status
+    printf %d $$ >"$home/tmp/gwad.pid" # somebody else has got the number
+    controls 0:start 0:force-reload 0:stop 0:stop 3:status 0:try-restart 3:status 3:reload 2:what
+    [ "$(starts_in_log)" = 4 ] || fail "four starts were asked for: $(starts_in_log)"
+}
+
+# A program of the same name and arguments that is not ours, the one that the pid file names included.
+leaves_others_alone() {
+    mkdir "$run/other"
+    cp "$(command -v sleep)" "$run/other/gwad"
+    sh -c 'exec "$1" 60' sh "$run/other/gwad" &
+    other=$!
+    until [ "$(cat "/proc/$other/comm")" = gwad ]; do sleep 0.05; done
+    printf %d "$other" >"$home/tmp/gwad.pid"
+    controls 1:status 0:stop
+    kill "$other" || fail "another program named gwad has been stopped"
+}
+
+# A supervisor runs gwad in the foreground, in place of one in the background and of one that is about to
+# start itself; a start beside it is content, and a program that was replaced is still stopped.
+runs_in_the_foreground() {
+    controls 0:start
+    PATH=$tools GWAD_SETTINGS=$run/settings $shell "$root/etc/init.d/gwadsh" run >"$run/held" 2>&1 &
+    held=$!
+    tries=200
+    until [ "$(processes)" = "$held" ]; do
+        tries=$((tries - 1))
+        [ $tries -gt 0 ] || fail "run leaves '$(processes)', not $held: $(cat "$run/held")"
+        sleep 0.05
+    done
+    controls 0:status 0:start
+    grep -q . "$run/out" && fail "start beside run: $(cat "$run/out")"
+    [ "$(processes)" = "$held" ] || fail "a start beside run has left: $(processes)"
+    cp "$run/gwad" "$run/new"
+    mv "$run/new" "$run/gwad"
+    controls 0:stop 3:status
+    wait "$held" || fail "gwad in the foreground ends with $?"
 }
 
 many_starts_leave_one() {
@@ -175,15 +208,16 @@ a_killed_start_leaves_nothing_locked() {
     expect 0 control start
     [ "$(processes | wc -w)" = 1 ] || fail "not one gwad"
     kill_all
-    rmdir "$run"/home/tmp/gwadsh.* 2>/dev/null && fail "a ticket has been left"
+    rmdir "$home"/tmp/gwadsh.* 2>/dev/null && fail "a ticket has been left"
     true
 }
 
-# start_fails HOME OPTIONS TEXT: at once, and says why.
+# start_fails STATUS HOME OPTIONS TEXT: at once, and says why.
 start_fails() {
     cp "$run/settings" "$run/good"
-    settings_write "$1" "$2" >"$run/settings"
-    expect 1 control start
+    settings_write "$2" "$3" >"$run/settings"
+    expect "$1" control start
+    shift
     grep -q "$3" "$run/out" || fail "start with '$2' does not say '$3': $(cat "$run/out")"
     cp "$run/good" "$run/settings"
     [ -z "$(processes)" ] || fail "a start with '$2' that failed has left a gwad"
@@ -192,15 +226,20 @@ start_fails() {
 # With a stand-in for logger, which ends by itself when gwad does.
 log_goes_to_syslog() {
     mkdir -p "$run/syslog"
-    printf '#!/bin/sh\ncat >"%s/messages"\necho ended >>"%s/messages"\n' "$run" "$run" >"$run/syslog/logger"
+    printf '#!/bin/sh\nPATH=%s\ncat >>"%s/messages"\necho ended >>"%s/messages"\n' "$PATH" "$run" "$run" \
+        >"$run/syslog/logger"
     chmod 755 "$run/syslog/logger"
     cp "$run/settings" "$run/good"
     echo GWAD_SYSLOG=yes >>"$run/settings"
     tools=$run/syslog:$tools
-    controls 0:start 0:status 0:stop
-    until grep -q ended "$run/messages"; do sleep 0.05; done
-    grep -q 'gwad start' "$run/messages" || fail "no log in syslog: $(cat "$run/messages")"
-    settings_write "$run/home" "-i nosuch0" >"$run/settings"
+    controls 0:start 0:status
+    control run >"$run/held" 2>&1 &
+    held=$!
+    until [ "$(grep -c 'gwad start' "$run/messages")" = 2 ]; do sleep 0.05; done
+    controls 0:status 0:stop
+    wait "$held" || fail "gwad in the foreground ends with $?: $(cat "$run/held")"
+    until [ "$(grep -c ended "$run/messages")" = 2 ]; do sleep 0.05; done
+    settings_write "$home" "-i nosuch0" >"$run/settings"
     echo GWAD_SYSLOG=yes >>"$run/settings"
     rm "$run/messages"
     expect 1 control start
@@ -225,18 +264,27 @@ log_is_rotated() {
 init_script_holds() {
     run=$work/$1 shell=$2 tools=$3
     trap 'wait; kill_all' EXIT
-    mkdir "$run"
-    settings_write "$run/home" >"$run/settings"
+    home="$run/the home"
+    mkdir -p "$home"
+    cp "$root/usr/sbin/gwad" "$run/gwad"
+    echo "# $home" >"$run/fstab"
+    settings_write "$home" >"$run/settings"
     starts_and_stops
+    leaves_others_alone
+    runs_in_the_foreground
     many_starts_leave_one
     stop_waits_for_a_start
     stop_sees_a_start_that_has_just_begun
     a_killed_start_leaves_nothing_locked
-    start_fails "$run/home" "-i nosuch0" "get mac failed"
-    start_fails "$run/home" "-V 9" "exit from func log_start"
-    start_fails "$run/home" "-l $run/none/log" "nothing to $run/none/log"
-    start_fails "$run/home" "-Z" "getopt returned"
-    start_fails "$run/settings/home" "" "ot a directory"
+    start_fails 1 "$home" "-i nosuch0" "get mac failed"
+    start_fails 1 "$home" "-V 9" "exit from func log_start"
+    start_fails 1 "$home" "-l $run/none/log" "nothing to $run/none/log"
+    start_fails 1 "$home" "-Z" "getopt returned"
+    start_fails 6 "$run/none" "" "no directory that is there"
+    [ ! -e "$run/none" ] || fail "a home has been made"
+    printf '%s\n' "disk $run/the\\040home/ ext4" >"$run/fstab"
+    start_fails 6 "$home" "" "home is not mounted"
+    : >"$run/fstab"
     log_goes_to_syslog
 }
 
@@ -244,7 +292,9 @@ init_script_holds() {
 runs=$!
 if command -v busybox >/dev/null; then
     mkdir "$work/tools"
-    busybox --install -s "$work/tools"
+    for tool in sh mkdir mkfifo rmdir rm tr sleep readlink tail; do
+        ln -s "$(command -v busybox)" "$work/tools/$tool"
+    done
     (init_script_holds busybox "$work/tools/sh" "$work/tools") &
     runs="$runs $!"
 else
@@ -256,12 +306,13 @@ for run in $runs; do
 done
 [ $failed = 0 ] || exit 1
 run=$work/sh shell=sh tools=$PATH
+home="$run/the home"
 if PATH=$PATH:/usr/sbin command -v logrotate >/dev/null; then
-    settings_write "$run/home" "-V 7" >"$run/settings"
+    settings_write "$home" "-V 7" >"$run/settings"
     (trap kill_all EXIT && log_is_rotated) || exit 1
 else
     echo "logrotate is not there: its settings have not been tried"
 fi
-rm "$root/usr/sbin/gwad"
+rm "$run/gwad"
 expect 5 control start
 echo "The init script has started and stopped gwad."

@@ -54,8 +54,8 @@ relay_start "$build/gwrelay" 0 --admin-port 0
 mount -t tmpfs none /etc # nobody else sees it
 mkdir /etc/init.d /etc/default
 cp packaging/gwad-restart /etc/init.d/gwadsh # where the build at hand looks for it
-settings_write "$work/init" "-r 127.0.0.1 -p $manager -i lo -I init-box -V 3 -l $work/init/log"
-cp "$work/init/settings" /etc/default/gwad
+settings_write "$work/init" "-p $manager -i lo -I init-box -V 3 -l $work/init/log"
+echo GWAD_RELAY=127.0.0.1 | cat "$work/init/settings" - >/etc/default/gwad
 echo "null::respawn:/bin/sh $build/packaging/gwad-run" >/etc/inittab
 unshare --fork --kill-child --pid --mount-proc busybox init >/dev/null 2>&1 &
 

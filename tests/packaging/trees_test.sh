@@ -31,16 +31,18 @@ made() {
     grep -q '"relay.example.org"' "$work/$name/build/src/gwad_config.h" || fail "$name has another relay"
 }
 
-common="usr/sbin/gwad usr/sbin/gwad-announce usr/sbin/gwad-doctor"
-made openwrt "etc/config/gwad etc/init.d/gwad lib/upgrade/keep.d/gwad usr/libexec/gwad-restart $common" \
+announce=usr/bin/gwad-announce programs="usr/sbin/gwad usr/sbin/gwad-doctor"
+made openwrt "etc/config/gwad etc/init.d/gwad lib/upgrade/keep.d/gwad $announce usr/libexec/gwad-restart $programs" \
     -C packaging/openwrt TOPDIR="$trees" CONFIG_GWAD_MAIN_DOMAIN='"relay.example.org"'
 
 buildroot=(-f "$trees/buildroot.mk" PACKAGE=packaging/buildroot BR2_PACKAGE_GWAD_SOURCE="\"$PWD\""
     BR2_PACKAGE_GWAD_MAIN_DOMAIN='"relay.example.org"')
-made buildroot "etc/default/gwad etc/init.d/S99gwad etc/logrotate.d/gwad $common" "${buildroot[@]}"
+settings="etc/default/gwad" rotation="etc/logrotate.d/gwad"
+made buildroot "$settings etc/init.d/S99gwad $rotation lib/systemd/system/S99gwad.service $announce $programs" \
+    "${buildroot[@]}"
 mkdir -p "$work/respawn/root/etc"
 echo '::sysinit:/etc/init.d/rcS' >"$work/respawn/root/etc/inittab"
-made respawn "etc/default/gwad etc/inittab etc/logrotate.d/gwad usr/libexec/gwad-restart $common usr/sbin/gwad-run" \
+made respawn "$settings etc/inittab $rotation $announce usr/libexec/gwad-restart $programs usr/sbin/gwad-run" \
     "${buildroot[@]}" BR2_PACKAGE_GWAD_RESPAWN=y
 [ "$(cat "$work/respawn/root/etc/inittab")" = "::sysinit:/etc/init.d/rcS
 ::respawn:/usr/sbin/gwad-run" ] || fail "inittab: $(cat "$work/respawn/root/etc/inittab")"

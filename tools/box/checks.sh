@@ -158,7 +158,7 @@ check_killed() {
     pid=$(gwad_pid) || return 1
     gwadsh_status 0 || return 1
     on_box "kill -9 $pid" || return 1
-    gwadsh_status 3 || return 1
+    gwadsh_status 1 || return 1
     on_box "/etc/init.d/gwadsh start" || fail "the init script says no" || return 1
     comes_back "$pid" && gwadsh_status 0 && check_pages
 }

@@ -68,7 +68,7 @@ build_programs() {
 # Copies the libraries that the programs name, and the loader, from the cross compiler's.
 copy_libraries() {
     local root=$1 library
-    for library in ld.so.1 $(mipsel-linux-gnu-readelf -d "$root"/usr/sbin/* "$root/usr/bin/idle" |
+    for library in ld.so.1 $(mipsel-linux-gnu-readelf -d "$root/usr/sbin/gwad" "$root"/usr/bin/{gwad-announce,idle} |
         sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' | sort -u); do
         cp -L "/usr/mipsel-linux-gnu/lib/$library" "$root/lib/"
     done
