@@ -25,7 +25,8 @@ std::string file_read(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     std::error_code failed;
     // As long as it is now: somebody may write faster than we read. Files of /proc do not tell.
-    std::string bytes(fs::file_size(path, failed) * (failed ? 0 : 1), '\0');
+    const auto size = fs::file_size(path, failed);
+    std::string bytes(failed ? 0 : static_cast<size_t>(size), '\0');
     if (bytes.empty()) {
         return {std::istreambuf_iterator<char>(file), {}};
     }
