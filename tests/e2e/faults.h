@@ -17,8 +17,18 @@ constexpr char NOWHERE[] = "nowhere.invalid";
 
 struct usage {
     size_t descriptors = 0, threads = 0;
-    auto operator<=>(const usage&) const = default;
+    bool operator==(const usage&) const = default;
+    // Nothing is left over. One descriptor may be missing: daemons in one namespace take the
+    // announcements' fixed path from each other, and a bind may lose that race.
+    bool is_like(const usage& healthy) const {
+        return threads == healthy.threads && descriptors <= healthy.descriptors &&
+               descriptors + 1 >= healthy.descriptors;
+    }
 };
+
+inline std::ostream& operator<<(std::ostream& out, const usage& each) {
+    return out << each.descriptors << " descriptors, " << each.threads << " threads";
+}
 
 // Of the descriptors those that are the daemon's own: it may have inherited some of this process.
 inline usage usage_of(const box& device) {
@@ -149,8 +159,8 @@ inline void expect_well(scene& at, usage healthy) {
     constexpr long LITTLE = 6;
     EXPECT_TRUE(at.carries());
     usage now;
-    EXPECT_TRUE(eventually([&] { return (now = usage_of(at.device)) == healthy; }))
-        << now.descriptors << " descriptors, " << now.threads << " threads";
+    EXPECT_TRUE(eventually([&] { return (now = usage_of(at.device)).is_like(healthy); }))
+        << now << ", not " << healthy;
     const long before = processor_time(at.device.pid());
     std::this_thread::sleep_for(A_WHILE);
     EXPECT_LE(processor_time(at.device.pid()) - before, LITTLE);

@@ -37,7 +37,8 @@ TEST(ControlConnection, StaysInStepAndMovesTheWorkersWithARepeatedOrder) {
         ASSERT_TRUE(link.sends(frame.substr(cut)));
     }
     EXPECT_TRUE(link.device.logs("session id is " + id, 2));
-    EXPECT_EQ(file_read(link.device.home.path + "/tmp/session.id"), id);
+    EXPECT_TRUE(  // the line comes before the file is written
+        eventually([&] { return file_read(link.device.home.path + "/tmp/session.id") == id; }));
 
     const loopback_listener elsewhere;
     ASSERT_TRUE(link.sends(order_frame(elsewhere)));
