@@ -43,13 +43,28 @@ tcp::acceptor listen_on(asio::io_context& io, const char* name, const std::strin
     }
 }
 
+// Whoever reaches the users' address would reach every box.
+bool users_fit(const options& set, const asio::ip::address& address) {
+    if (address_is_loopback(address) || !set.users_file.empty() || set.open_users) {
+        return true;
+    }
+    fprintf(stderr,
+            "gwrelay: at %s everybody could reach every device, from anywhere: give a --users-file, "
+            "or --open-users if that is meant\n",
+            address.to_string().c_str());
+    return false;
+}
+
 // For --check-config, which binds nothing.
 bool addresses_fit(const options& set) {
-    for (const std::string& each : {set.listen_devices, set.listen_users, set.listen_admin}) {
+    for (const std::string* each : {&set.listen_devices, &set.listen_users, &set.listen_admin}) {
         asio::error_code failed;
-        asio::ip::make_address(each, failed);
-        if (failed && !each.empty()) {
-            fprintf(stderr, "gwrelay: cannot listen on %s: it is no address\n", each.c_str());
+        const auto address = asio::ip::make_address(*each, failed);
+        if (failed && !each->empty()) {
+            fprintf(stderr, "gwrelay: cannot listen on %s: it is no address\n", each->c_str());
+            return false;
+        }
+        if (!failed && each != &set.listen_devices && !users_fit(set, address)) {
             return false;
         }
     }
@@ -148,12 +163,13 @@ void tell_ready(const options& set, const listeners& ports) {
     log_line(EVENT, "front page: http://%s:%u/", address.c_str(), port_of(page));
 }
 
-void run(options& settings, int argc, const char* const* argv) {
+void run(options& settings, access_rules rules, int argc, const char* const* argv) {
     asio::io_context io(1);
     relay hub{settings, {settings.user_buffer, settings.buffers, settings.buffer_folder},
               {},       {},
               {},       {},
               {},       {}};
+    hub.entry.rules = std::move(rules);
     listeners ports{listen_on(io, "manager", settings.listen_devices, settings.manager_port),
                     listen_on(io, "control", settings.listen_devices, settings.control_port),
                     listen_on(io, "data", settings.listen_devices, settings.data_port),
@@ -162,6 +178,10 @@ void run(options& settings, int argc, const char* const* argv) {
     hub.own_door = !settings.listen_admin.empty() || service_socket("admin") >= 0;
     if (hub.own_door) {
         ports.admin = listen_on(io, "admin", settings.listen_admin, settings.admin_port);
+    }
+    if (!users_fit(settings, ports.front.local_endpoint().address()) ||
+        (ports.admin && !users_fit(settings, ports.admin->local_endpoint().address()))) {
+        exit(EXIT_FAILURE);
     }
     announce(hub, ports);
     using asio::co_spawn, asio::detached;
@@ -202,6 +222,11 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
     options& settings = line->set;
+    auto rules = rules_read(settings, error);
+    if (!rules) {
+        fprintf(stderr, "gwrelay: %s\n", error.c_str());
+        return EXIT_FAILURE;
+    }
     if (line->check_only) {
         const bool fit = addresses_fit(settings);
         return fit ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -212,6 +237,6 @@ int main(int argc, char** argv) {
     if (!access_log_open(settings.access_log)) {
         return EXIT_FAILURE;
     }
-    run(settings, argc, argv);
+    run(settings, std::move(*rules), argc, argv);
     return EXIT_SUCCESS;
 }

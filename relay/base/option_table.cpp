@@ -129,6 +129,17 @@ constexpr option_row ADDRESSES[] = {
      set_text<&options::service_host>},
 };
 
+constexpr option_row ENTRANCE[] = {
+    {"users-file", "FILE", "who may come in, lines of NAME:HASH:DEVICES (docs/relay.md)",
+     set_text<&options::users_file>, START},
+    {"open-users", nullptr, "without such a file everybody may, from elsewhere too",
+     set_fixed<&options::open_users, true>},
+    {"trusted-proxy", "ADDRESSES", "whose X-Forwarded-For and -Proto count: 127.0.0.1,10.0.0.0/8",
+     set_text<&options::trusted_proxy>},
+    {"proxy-user-header", "NAME", "in which such a proxy tells the name of a user it has asked",
+     set_text<&options::proxy_user_header>},
+};
+
 constexpr option_row DEVICES[] = {
     {"command7", nullptr, "order data connections by command 7, not in the login answer",
      set_fixed<&options::command7, true>},
@@ -198,7 +209,8 @@ constexpr option_row LOG[] = {
 };
 
 constexpr option_group GROUPS[] = {
-    {"Addresses", ADDRESSES},       {"Devices", DEVICES}, {"Times", TIMES},
+    {"Addresses", ADDRESSES},       {"Who may come in", ENTRANCE},
+    {"Devices", DEVICES},           {"Times", TIMES},
     {"What users may take", USERS}, {"Log", LOG},
 };
 

@@ -32,6 +32,10 @@ struct options {
     uint16_t admin_port = 8081;
     std::string domain = "localhost";  // under which each device has its names; lower case
     std::string service_host;          // that services are told instead of the user's Host
+    std::string users_file;            // with passwords (access/accounts.h); empty: nobody is asked
+    bool open_users = false;           // not even those who come from elsewhere
+    std::string trusted_proxy;         // addresses and ranges whose word on a user counts
+    std::string proxy_user_header;     // in which they tell his name
     bool command7 = false;  // order the data connections by command 7, not in the login answer
     bool dead_port_guard = true;
     bool reuse = true;                  // of a stream, for one request after another

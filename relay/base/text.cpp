@@ -51,7 +51,39 @@ struct json_reader {
     }
 };
 
+int base64_digit(char c) {
+    constexpr std::string_view DIGITS =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const size_t at = DIGITS.find(c);
+    return at == DIGITS.npos ? -1 : static_cast<int>(at);
+}
+
 }  // namespace
+
+std::string lower_text(std::string_view text) {
+    std::string lower(text);
+    std::ranges::transform(lower, lower.begin(), [](unsigned char c) { return tolower(c); });
+    return lower;
+}
+
+std::string base64_decode(std::string_view text) {
+    constexpr unsigned DIGIT_BITS = 6, BYTE_BITS = 8;
+    std::string bytes;
+    unsigned value = 0, bits = 0;
+    for (const char c : text) {
+        const int digit = base64_digit(c);
+        if (digit < 0) {
+            break;
+        }
+        value = value << DIGIT_BITS | static_cast<unsigned>(digit);
+        bits += DIGIT_BITS;
+        if (bits >= BYTE_BITS) {
+            bits -= BYTE_BITS;
+            bytes += static_cast<char>(value >> bits & 0xff);
+        }
+    }
+    return bytes;
+}
 
 std::string percent_encode(std::string_view text) {
     std::string encoded;

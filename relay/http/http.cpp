@@ -41,11 +41,16 @@ std::string_view trimmed(std::string_view text) {
 const char* reason_of(int code) {
     switch (code) {
         case 200: return "OK";
+        case 303: return "See Other";
         case 307: return "Temporary Redirect";
         case 400: return "Bad Request";
+        case 401: return "Unauthorized";
+        case 403: return "Forbidden";
         case 404: return "Not Found";
         case 405: return "Method Not Allowed";
         case 414: return "URI Too Long";
+        case 421: return "Misdirected Request";
+        case 429: return "Too Many Requests";
         case 431: return "Request Header Fields Too Large";
         case 502: return "Bad Gateway";
         case 503: return "Service Unavailable";

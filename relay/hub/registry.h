@@ -7,6 +7,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "access/passwords.h"
+#include "access/rules.h"
+#include "access/sessions.h"
 #include "base/label.h"
 #include "base/options.h"
 #include "base/text.h"
@@ -44,9 +47,16 @@ struct user_link : connection {
     const uint64_t number = ++count;  // no other user has it
     std::string input;                // what he has sent and nobody has taken yet
     bool user_ended = false;          // he sends no more; he may still read
+    std::string peer;                 // the address at the other end: his, or a proxy's
+    std::string scheme = "http";      // of what he or the proxy that passes him on has come by
     bool unheard = false;             // what he still sends is thrown away
 
-    // The request that is being served, up to the end of its response (exchange_begin):
+    // Who has made the request that is being served (gate.h):
+    std::shared_ptr<const account> who;  // null: nobody has asked him
+    bool by_session = false;             // his browser has told, by itself
+    bool by_password = false;            // the request's Authorization is for the relay
+
+    // That request, up to the end of its response (exchange_begin):
     std::shared_ptr<device> owner;     // set with the stream, stays for the log
     std::shared_ptr<data_link> route;  // carries the stream; null before it opens and once it ended
     uint32_t stream_id = 0;            // 0 while there is no stream
@@ -156,6 +166,13 @@ struct admission {
     uint64_t refused = 0;  // ever
 };
 
+// Who may come in, and who has.
+struct entrance {
+    access_rules rules;
+    session_table sessions;
+    password_checker passwords;
+};
+
 struct traffic {  // stream payload
     uint64_t from_device = 0, to_device = 0;
 };
@@ -185,6 +202,7 @@ struct relay {
     bool own_door = false;               // the relay's own pages have an address of their own
     std::array<uint64_t, 6> requests{};  // that are over, by the hundreds of their status
     std::map<std::string, std::shared_ptr<device>, std::less<>> labels = {};  // the devices again
+    entrance entry{};
 };
 
 // The device of that id, made when it is new. Devices that are away stay known, up to a limit.

@@ -67,7 +67,7 @@ std::string connection_json(const relay& hub, const data_link& link) {
         return "{\"id\":" + std::to_string(entry.first) + ",\"port\":" + std::to_string(user.port) +
                ",\"request\":" + json_quote(user.what) + "," +
                counts_json(user.from_device, user.to_device, user.out.size()) +
-               ",\"user\":" + json_quote(user.name) + ",\"number\":" + std::to_string(user.number) +
+               ",\"user\":" + json_quote((user.who ? user.who->name + " " : "") + user.name) + ",\"number\":" + std::to_string(user.number) +
                ",\"since\":" + unix_s(hub, user.began) +
                ",\"rate\":" + std::to_string(user.rate.rate) + "}";
     };

@@ -20,12 +20,17 @@ void reload(relay& hub, options& live, int argc, const char* const* argv) {
     service_notify_reloading();
     std::string error;
     const auto line = options_parse(argc, argv, error);
-    if (!line) {
+    options fresh = live;
+    const auto later = line ? options_reload(fresh, line->set) : std::vector<std::string>();
+    auto rules = line ? rules_read(fresh, error) : std::nullopt;
+    if (!rules) {
         log_line(PROBLEM, "not reloaded: %s", error.c_str());
     } else {
-        for (const std::string& name : options_reload(live, line->set)) {
+        for (const std::string& name : later) {
             log_line(PROBLEM, "--%s changes with the next start only", name.c_str());
         }
+        live = std::move(fresh);
+        hub.entry.rules = std::move(*rules);
         log_set_level(live.level);
         admission_fit(live);
         hub.pool.total_max = live.buffers;

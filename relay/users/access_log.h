@@ -1,6 +1,6 @@
 // access_log.h - a line for each request, as web servers write it, written by a thread of its own.
 //
-//     ADDRESS - - [TIME] "METHOD TARGET VERSION" STATUS BYTES "REFERER" "AGENT" "DEVICE" PORT
+//     ADDRESS - USER [TIME] "METHOD TARGET VERSION" STATUS BYTES "REFERER" "AGENT" "DEVICE" PORT
 //
 // That is the combined format with two fields behind it. The bytes are those for the user, with
 // their head; a request that nobody has answered has the status 499. When the disk is too slow the

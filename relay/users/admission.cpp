@@ -20,8 +20,11 @@ struct place {
     const std::string address;
     const char* refusal;  // null when he is admitted
 
+    // All whom a trusted proxy passes on come from its address.
     place(relay& hub, const std::string& from)
-        : all(hub.admitted), address(from), refusal(why_not(hub)) {
+        : all(hub.admitted),
+          address(ranges_have(hub.entry.rules.proxies, from) ? "" : from),
+          refusal(why_not(hub)) {
         if (refusal == nullptr) {
             ++all.users;
             ++all.by_address[address];
@@ -50,7 +53,7 @@ struct place {
         if (all.users >= hub.settings.users) {
             return "The relay has as many users as it can bear.";
         }
-        return found != all.by_address.end() && found->second >= hub.settings.address_users
+        return !address.empty() && found != all.by_address.end() && found->second >= hub.settings.address_users
                    ? "There are too many connections from this address."
                    : nullptr;
     }
@@ -65,7 +68,7 @@ awaitable<void> turn_away(relay& hub, std::shared_ptr<user_link> user, const cha
     const size_t length = co_await connection_http_head(*user, bytes, REFUSED_HEAD_MAX);
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
     // What belongs to the relay is not to be had under a device's name.
-    const bool sees = request && user->came_by != door::USERS &&
+    const bool sees = request && user->came_by != door::USERS && !hub.entry.rules.accounts &&
                       !names_find(hub, http_header(request->headers, "host"));
     const std::string page = sees ? page_answer(hub, *user, *request) : "";
     user->head_only = request && request->method == "HEAD";
@@ -80,10 +83,7 @@ awaitable<void> turn_away(relay& hub, std::shared_ptr<user_link> user, const cha
 // Whether he came to an address that only this machine reaches.
 bool on_loopback(const user_link& user) {
     asio::error_code failed;
-    const asio::ip::address address = user.socket.local_endpoint(failed).address();
-    const bool mapped = address.is_v6() && address.to_v6().is_v4_mapped();
-    return mapped ? make_address_v4(asio::ip::v4_mapped, address.to_v6()).is_loopback()
-                  : address.is_loopback();
+    return address_is_loopback(user.socket.local_endpoint(failed).address());
 }
 
 }  // namespace
@@ -104,9 +104,11 @@ void admission_fit(options& set) {
 }
 
 awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
-    const bool own_pages = !hub.own_door && on_loopback(*user);
+    // Where users are asked who they are, it is that which counts.
+    const bool own_pages = !hub.own_door && (hub.entry.rules.accounts || on_loopback(*user));
     user->came_by = own_pages ? door::BOTH : door::USERS;
-    const place his(hub, user->name.substr(0, user->name.rfind(':')));
+    user->peer = user->name.substr(0, user->name.rfind(':'));
+    const place his(hub, user->peer);
     user->out.use_files(hub.pool);
     if (his.refusal == nullptr) {
         co_await front_door_serve(hub, user);
@@ -119,6 +121,7 @@ awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
 
 awaitable<void> admission_admin_serve(relay& hub, std::shared_ptr<user_link> user) {
     user->came_by = door::ADMIN;
+    user->peer = user->name.substr(0, user->name.rfind(':'));
     user->out.use_files(hub.pool);
     return front_door_serve(hub, std::move(user));
 }

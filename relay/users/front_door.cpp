@@ -8,6 +8,8 @@
 #include "users/access_log.h"
 #include "users/device_request.h"
 #include "users/exchange.h"
+#include "users/gate.h"
+#include "users/login.h"
 #include "users/names.h"
 #include "users/upload.h"
 
@@ -17,6 +19,7 @@ constexpr size_t HEAD_MAX = 64 * 1024;
 constexpr uint16_t PORT_MAX = 65534, HTTP_PORT = 80;
 
 constexpr char ELSEWHERE[] = "Devices' ports are at the users' address.";
+constexpr char NOT_YOURS[] = "There is nothing here that you may reach.";
 
 // A path in its three parts: "/<device id>/<second>/<rest>".
 struct path_parts {
@@ -68,7 +71,11 @@ std::string own_answer(relay& hub, user_link& user, const http_request& request)
     if (request.path == "/healthz") {
         return http_text_reply(hub.draining ? 503 : 200, hub.draining ? "Ending." : "Fine.");
     }
-    if (user.came_by == door::USERS) {
+    const bool admin = gate_is_admin(hub, user);
+    if (request.path == "/" && user.who && (!admin || user.came_by == door::USERS)) {
+        return http_redirect(LOGIN_PAGE);
+    }
+    if (user.came_by == door::USERS || !admin) {
         return {};
     }
     if (request.path == "/metrics") {
@@ -85,19 +92,40 @@ std::string forward(const relay& hub, user_link& user, const http_request& reque
     const std::string_view host = http_header(request.headers, "host");
     const std::string port = user.port == HTTP_PORT ? "" : ":" + std::to_string(user.port);
     user.view = {.address = user.name.substr(0, user.name.rfind(':')),
-                 .scheme = "http",
+                 .scheme = user.scheme,
                  .user_host = std::string(host),
                  .service_host = service.empty() ? std::string(host) : service + port,
                  .prefix = std::string(request.path.substr(0, request.path.size() - path.size())),
                  .port = user.port,
                  .parameters = {}};
-    return device_request_heads(user, path, request, heads);
+    if (!hub.entry.rules.accounts) {
+        return device_request_heads(user, path, request, heads);
+    }
+    const std::string fields = gate_fields(hub, user, request.headers);
+    http_request passed = request;
+    passed.headers = fields;
+    return device_request_heads(user, path, passed, heads);
+}
+
+// Under a path, what a box shows would have the origin of the relay's own page, and could do there
+// what the user can whose session his browser tells by itself.
+std::string redirect_to_name(const relay& hub, const user_link& user, const http_request& request,
+                             const device& owner, uint16_t port, const std::string& rest) {
+    const std::string_view host = http_header(request.headers, "host");
+    const size_t colon = host.find(':', host_name(host).size());
+    return http_redirect(user.scheme + "://" + label_with_port(owner.label, port) + "." +
+                         hub.settings.domain +
+                         std::string(host.substr(std::min(colon, host.size()))) + rest);
 }
 
 std::string route_named(const relay& hub, user_link& user, const http_request& request,
                         const named& name, device_heads& heads) {
     if (user.came_by == door::ADMIN) {
         return http_text_reply(404, ELSEWHERE);
+    }
+    if (!gate_is_admin(hub, user) &&
+        (name.owner == nullptr || !gate_may_reach(hub, user, *name.owner, name.port))) {
+        return http_text_reply(403, NOT_YOURS);
     }
     if (name.owner == nullptr) {
         return http_text_reply(404, "No device has this name.");
@@ -128,23 +156,32 @@ std::string route(relay& hub, user_link& user, const http_request& request, devi
     const std::string query = request.query.empty() ? "" : "?" + std::string(request.query);
     const path_parts parts = path_split(request.path);
     const auto found = hub.devices.find(parts.id);
+    const bool admin = gate_is_admin(hub, user);
+    const auto port = number_parse<uint16_t>(parts.second);
+    if (!admin && (found == hub.devices.end() || !port ||
+                   !gate_may_reach(hub, user, *found->second, *port))) {
+        return http_text_reply(403, NOT_YOURS);
+    }
     if (found == hub.devices.end()) {
         const std::string prefix = redirect_by_referer(hub, request);
         return prefix.empty() ? http_text_reply(404, "No such device.")
                               : http_redirect(prefix + std::string(request.path) + query);
     }
-    if (user.came_by != door::USERS && parts.second == "report-times" && parts.rest.empty()) {
+    if (user.came_by != door::USERS && admin && parts.second == "report-times" && parts.rest.empty()) {
         return answer_report_times(*found->second, request);
     }
     if (user.came_by == door::ADMIN) {
         return http_text_reply(404, ELSEWHERE);
     }
-    const auto port = number_parse<uint16_t>(parts.second);
     if (!port || *port == 0 || *port > PORT_MAX) {
         return http_text_reply(404, "After the device id comes a port, 1 to 65534.");
     }
     if (parts.rest.empty()) {  // relative links need the slash
         return http_redirect(std::string(request.path) + "/" + query);
+    }
+    if (user.by_session && !found->second->label.empty()) {
+        return redirect_to_name(hub, user, request, *found->second, *port,
+                                std::string(parts.rest) + query);
     }
     user.owner = found->second;
     user.port = *port;
@@ -199,7 +236,9 @@ awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
     if (user->closed || user->input.empty()) {
         co_return false;
     }
-    const auto request = http_request_parse(std::string_view(user->input).substr(0, head_length));
+    // A copy: more may come while the user is asked for his password.
+    const std::string head = user->input.substr(0, head_length);
+    const auto request = http_request_parse(head);
     if (!request) {
         refuse(*user, head_length);
         co_return false;
@@ -207,9 +246,12 @@ awaitable<bool> serve_one(relay& hub, std::shared_ptr<user_link> user) {
     exchange_begin(hub.settings, *user, *request);
     user->persistent = user->persistent && !hub.draining;
     const access_record record(*user, *request);
-    device_heads heads;
-    const std::string reply = route(hub, *user, *request, heads);
     user->input.erase(0, head_length);
+    device_heads heads;
+    std::string reply = co_await gate_pass(hub, user, *request);
+    if (reply.empty()) {
+        reply = route(hub, *user, *request, heads);
+    }
     if (reply.empty()) {
         co_await exchange_run(hub, user, std::move(heads));
     } else {

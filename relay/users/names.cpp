@@ -1,23 +1,20 @@
 #include "users/names.h"
 
-#include <algorithm>
-
 namespace {
 
 constexpr char WEB_PAGE[] = "http_port";  // as devices announce it
 
-std::string lower_name(std::string_view host) {
-    host = host.substr(0, host.find(':'));
-    host.remove_suffix(host.ends_with('.') ? 1 : 0);
-    std::string name(host);
-    std::ranges::transform(name, name.begin(), [](unsigned char c) { return tolower(c); });
-    return name;
-}
-
 }  // namespace
 
+std::string host_name(std::string_view host) {
+    const size_t bracket = host.rfind(']');
+    host = host.substr(0, host.find(':', bracket == host.npos ? 0 : bracket));
+    host.remove_suffix(host.ends_with('.') ? 1 : 0);
+    return lower_text(host);
+}
+
 std::optional<named> names_find(const relay& hub, std::string_view host) {
-    const std::string name = lower_name(host), end = "." + hub.settings.domain;
+    const std::string name = host_name(host), end = "." + hub.settings.domain;
     if (!name.ends_with(end)) {
         return std::nullopt;
     }

@@ -5,6 +5,9 @@
 
 #include "hub/registry.h"
 
+// The name in a Host, in lower case and without its port.
+std::string host_name(std::string_view host);
+
 struct named {
     std::shared_ptr<device> owner;  // null: no device has this name
     uint16_t port = 0;              // 0: it has announced none
