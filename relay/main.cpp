@@ -55,6 +55,18 @@ bool users_fit(const options& set, const asio::ip::address& address) {
     return false;
 }
 
+// Whoever reaches the devices' address could take any device's place.
+bool devices_fit(const options& set, const asio::ip::address& address) {
+    if (address_is_loopback(address) || !set.boxes_file.empty() || set.open) {
+        return true;
+    }
+    fprintf(stderr,
+            "gwrelay: at %s anything could log in as any device: give a --boxes-file, or --open if "
+            "that is meant\n",
+            address.to_string().c_str());
+    return false;
+}
+
 // For --check-config, which binds nothing.
 bool addresses_fit(const options& set) {
     for (const std::string* each : {&set.listen_devices, &set.listen_users, &set.listen_admin}) {
@@ -64,7 +76,8 @@ bool addresses_fit(const options& set) {
             fprintf(stderr, "gwrelay: cannot listen on %s: it is no address\n", each->c_str());
             return false;
         }
-        if (!failed && each != &set.listen_devices && !users_fit(set, address)) {
+        const bool devices = each == &set.listen_devices;
+        if (!failed && !(devices ? devices_fit(set, address) : users_fit(set, address))) {
             return false;
         }
     }
@@ -91,13 +104,11 @@ void announce(relay& hub, const listeners& ports) {
         "host1host2host3host4host5 \"" + host + "\" port1port2port3port4port5 \"" + port + "\"";
 }
 
-// Accepts for ever; `serve` is a connection's story. Out of descriptors, it waits instead of
+// Accepts for ever, and hands over to `begin`. Out of descriptors, it waits instead of
 // spinning.
-template <typename Link>
-awaitable<void> accept_loop(relay& hub, tcp::acceptor& acceptor,
-                            awaitable<void> (*serve)(relay&, std::shared_ptr<Link>)) {
-    const auto executor = acceptor.get_executor();
-    asio::steady_timer pause(executor);
+template <typename Begin>
+awaitable<void> accept_loop(tcp::acceptor& acceptor, Begin begin) {
+    asio::steady_timer pause(acceptor.get_executor());
     for (;;) {
         asio::error_code failed;
         tcp::socket socket =
@@ -108,16 +119,58 @@ awaitable<void> accept_loop(relay& hub, tcp::acceptor& acceptor,
             co_await pause.async_wait(asio::use_awaitable);
             continue;
         }
-        const auto link = std::make_shared<Link>(std::move(socket));
-        hub.connections.push_back(link);
-        link->patience = hub.settings.stall_timeout;
-        link->expect_within(hub.settings.login_timeout, "said nothing useful in time");
-        asio::co_spawn(executor, connection_pump(link), asio::detached);
-        asio::co_spawn(executor, serve(hub, link), [link](const std::exception_ptr&) {
-            link->ended();
-            link->close();
-        });
+        begin(std::move(socket));
     }
+}
+
+template <typename Link>
+using link_story = awaitable<void> (*)(relay&, std::shared_ptr<Link>);
+
+// From now on it lives by itself.
+template <typename Link>
+void start(relay& hub, const std::shared_ptr<Link>& link, link_story<Link> serve) {
+    const auto executor = link->socket.get_executor();
+    hub.connections.push_back(link);
+    link->patience = hub.settings.stall_timeout;
+    link->expect_within(hub.settings.login_timeout, "said nothing useful in time");
+    asio::co_spawn(executor, connection_pump(link), asio::detached);
+    asio::co_spawn(executor, serve(hub, link), [link](const std::exception_ptr&) {
+        link->ended();
+        link->close();
+    });
+}
+
+template <typename Link>
+auto starter(relay& hub, link_story<Link> serve) {
+    return [&hub, serve](tcp::socket socket) {
+        start(hub, std::make_shared<Link>(std::move(socket)), serve);
+    };
+}
+
+// The same for users, who may come by TLS.
+auto user_starter(relay& hub, link_story<user_link> serve) {
+    return [&hub, serve](tcp::socket socket) {
+        asio::error_code gone;
+        const bool on_loopback = address_is_loopback(socket.local_endpoint(gone).address());
+        if (hub.tls.context == nullptr) {
+            const auto user = std::make_shared<user_link>(std::move(socket));
+            user->on_loopback = on_loopback;
+            start(hub, user, serve);
+            return;
+        }
+        const auto begin = [&hub, serve, on_loopback](tcp::socket plain, const std::string& peer) {
+            const auto user = std::make_shared<user_link>(std::move(plain));
+            user->name = peer;
+            user->scheme = "https";
+            user->on_loopback = on_loopback;
+            start(hub, user, serve);
+            return std::shared_ptr<connection>(user);
+        };
+        const auto executor = socket.get_executor();
+        asio::co_spawn(executor,
+                       tls_serve(hub.tls, std::move(socket), hub.settings.linger_timeout, begin),
+                       asio::detached);
+    };
 }
 
 // Calls `look` again and again, for ever.
@@ -132,6 +185,7 @@ awaitable<void> repeat(Interval interval, Look look) {
 }
 
 void tick(relay& hub) {
+    tls_look(hub.tls);
     std::erase_if(hub.connections, [](const auto& link) { return link.expired(); });
     for (const auto& [id, owner] : hub.devices) {
         for (const auto& link : owner->data) {
@@ -160,16 +214,17 @@ void tell_ready(const options& set, const listeners& ports) {
     fflush(stdout);
     const auto& [address, page] = ports.admin ? std::tie(set.listen_admin, *ports.admin)
                                               : std::tie(set.listen_users, ports.front);
-    log_line(EVENT, "front page: http://%s:%u/", address.c_str(), port_of(page));
+    log_line(EVENT, "front page: http%s://%s:%u/", set.tls_certificate.empty() ? "" : "s", address.c_str(), port_of(page));
 }
 
-void run(options& settings, access_rules rules, int argc, const char* const* argv) {
+void run(options& settings, access_rules rules, tls_front tls, int argc, const char* const* argv) {
     asio::io_context io(1);
     relay hub{settings, {settings.user_buffer, settings.buffers, settings.buffer_folder},
               {},       {},
               {},       {},
               {},       {}};
     hub.entry.rules = std::move(rules);
+    hub.tls = std::move(tls);
     listeners ports{listen_on(io, "manager", settings.listen_devices, settings.manager_port),
                     listen_on(io, "control", settings.listen_devices, settings.control_port),
                     listen_on(io, "data", settings.listen_devices, settings.data_port),
@@ -179,18 +234,19 @@ void run(options& settings, access_rules rules, int argc, const char* const* arg
     if (hub.own_door) {
         ports.admin = listen_on(io, "admin", settings.listen_admin, settings.admin_port);
     }
-    if (!users_fit(settings, ports.front.local_endpoint().address()) ||
+    if (!devices_fit(settings, ports.control.local_endpoint().address()) ||
+        !users_fit(settings, ports.front.local_endpoint().address()) ||
         (ports.admin && !users_fit(settings, ports.admin->local_endpoint().address()))) {
         exit(EXIT_FAILURE);
     }
     announce(hub, ports);
     using asio::co_spawn, asio::detached;
-    co_spawn(io, accept_loop(hub, ports.manager, manager_serve), detached);
-    co_spawn(io, accept_loop(hub, ports.control, control_serve), detached);
-    co_spawn(io, accept_loop(hub, ports.data, data_serve), detached);
-    co_spawn(io, accept_loop(hub, ports.front, admission_serve), detached);
+    co_spawn(io, accept_loop(ports.manager, starter<connection>(hub, manager_serve)), detached);
+    co_spawn(io, accept_loop(ports.control, starter<control_link>(hub, control_serve)), detached);
+    co_spawn(io, accept_loop(ports.data, starter<data_link>(hub, data_serve)), detached);
+    co_spawn(io, accept_loop(ports.front, user_starter(hub, admission_serve)), detached);
     if (ports.admin) {
-        co_spawn(io, accept_loop(hub, *ports.admin, admission_admin_serve), detached);
+        co_spawn(io, accept_loop(*ports.admin, user_starter(hub, admission_admin_serve)), detached);
     }
     const auto tick_interval = [&settings] {
         return interval_for({settings.login_timeout, settings.silence_timeout,
@@ -215,6 +271,10 @@ void run(options& settings, access_rules rules, int argc, const char* const* arg
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && argv[1] == std::string_view("id")) {
+        printf("%s\n", box_id_make().c_str());
+        return EXIT_SUCCESS;
+    }
     std::string error;
     auto line = options_parse(argc, argv, error);
     if (!line) {
@@ -224,6 +284,12 @@ int main(int argc, char** argv) {
     options& settings = line->set;
     auto rules = rules_read(settings, error);
     if (!rules) {
+        fprintf(stderr, "gwrelay: %s\n", error.c_str());
+        return EXIT_FAILURE;
+    }
+    tls_front tls;
+    if (!settings.tls_certificate.empty() &&
+        !tls_load(tls, settings.tls_certificate, settings.tls_key, error)) {
         fprintf(stderr, "gwrelay: %s\n", error.c_str());
         return EXIT_FAILURE;
     }
@@ -237,6 +303,6 @@ int main(int argc, char** argv) {
     if (!access_log_open(settings.access_log)) {
         return EXIT_FAILURE;
     }
-    run(settings, std::move(*rules), argc, argv);
+    run(settings, std::move(*rules), std::move(tls), argc, argv);
     return EXIT_SUCCESS;
 }

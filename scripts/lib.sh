@@ -67,13 +67,13 @@ need_packages() {
 }
 
 # The libraries of gwrelay.
-relay_packages=(libasio-dev libcli11-dev libspdlog-dev libtomlplusplus-dev)
+relay_packages=(libasio-dev libcli11-dev libssl-dev libspdlog-dev libtomlplusplus-dev)
 
 # need_test_packages WHAT_FOR PACKAGE...: those, and what it takes to build everything for this
 # machine and to run all tests.
 need_test_packages() {
     need_packages "$@" g++ cmake make libgtest-dev "${relay_packages[@]}" curl nginx-light util-linux iproute2 \
-        busybox groff-base openssl stunnel4 libfaketime logrotate
+        busybox groff-base apache2-utils haproxy caddy openssl stunnel4 libfaketime logrotate
 }
 
 # Runs an installation during which Debian starts no service: nobody asked for a web server on

@@ -20,5 +20,11 @@ std::optional<access_rules> rules_read(const options& set, std::string& error) {
             return std::nullopt;
         }
     }
+    if (!set.boxes_file.empty()) {
+        rules.boxes = boxes_read(set.boxes_file, error);
+        if (!rules.boxes) {
+            return std::nullopt;
+        }
+    }
     return rules;
 }

@@ -2,12 +2,14 @@
 #pragma once
 
 #include "access/accounts.h"
+#include "access/boxes.h"
 #include "net/ranges.h"
 
 struct options;
 
 struct access_rules {
     std::optional<account_table> accounts;  // nothing: users are not asked
+    std::optional<box_table> boxes;         // nothing: any device may come
     std::vector<address_range> proxies;     // whose word on a user counts
 };
 

@@ -25,6 +25,7 @@ constexpr char SUMMARY[] =
     "POST /DEVICE/report-times?t1=S&t2=S sets its reporting times.";
 constexpr char READY[] =
     "Every option but the last group can stand in the configuration file: front-port = 8080.\n\n"
+    "\"gwrelay id\" prints a new id for the boxes file.\n\n"
     "Once it listens, gwrelay prints one line on standard output, with --listen-admin and\n"
     "admin=PORT at its end:\n"
     "ready manager=PORT control=PORT data=PORT front=PORT";

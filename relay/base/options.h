@@ -34,6 +34,9 @@ struct options {
     std::string service_host;          // that services are told instead of the user's Host
     std::string users_file;            // with passwords (access/accounts.h); empty: nobody is asked
     bool open_users = false;           // not even those who come from elsewhere
+    std::string boxes_file;            // the devices there are (access/boxes.h); empty: any
+    bool open = false;                 // and any other one
+    std::string tls_certificate, tls_key;  // files, for users and the relay's own pages
     std::string trusted_proxy;         // addresses and ranges whose word on a user counts
     std::string proxy_user_header;     // in which they tell his name
     bool command7 = false;  // order the data connections by command 7, not in the login answer

@@ -148,6 +148,15 @@ std::optional<text_pairs> json_flat_object(std::string_view text) {
     return ended ? std::optional(pairs) : std::nullopt;
 }
 
+std::string json_object(const text_pairs& pairs) {
+    std::string json;
+    for (const auto& [name, value] : pairs) {
+        json.append(json.empty() ? "{" : ",").append(json_quote(name)).append(":");
+        json += json_quote(value);
+    }
+    return json.empty() ? "{}" : json + "}";
+}
+
 bool same_word(std::string_view text, std::string_view lower_word) {
     return std::ranges::equal(
         text, lower_word, {}, [](unsigned char c) { return tolower(c); },

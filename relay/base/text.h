@@ -21,6 +21,8 @@ using text_pairs = std::map<std::string, std::string>;
 // itself. Nothing on anything else: a device has no reason to send more.
 std::optional<text_pairs> json_flat_object(std::string_view text);
 
+std::string json_object(const text_pairs& pairs);  // {"name":"value",...}
+
 bool same_word(std::string_view text, std::string_view lower_word);  // in whatever case
 
 // The whole text as a decimal number that fits the type, or nothing.

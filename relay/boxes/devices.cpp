@@ -20,28 +20,51 @@ constexpr size_t SESSION_ID_SIZE = 32;
 constexpr size_t WORD = 4;
 constexpr char CLOSING[] = "Connection: close\r\n";
 constexpr int NUDGES_IN_SILENCE = 5;
+constexpr milliseconds ASK_TIME{4000};    // until the kernel knows that a device is gone
+constexpr milliseconds LOST_AFTER{2000};  // without an acknowledgement
 constexpr milliseconds LOGIN_TIME{10'000};  // of all five data connections, one a second
 
 std::string frame_text(const frame& got) {
     return std::string(command_name(got.code)) + " of version " + std::to_string(got.version) +
            ", stream " + std::to_string(got.stream_id) + ", length " +
-           std::to_string(got.payload.size()) + ": " + log_text(got.payload);
+           std::to_string(got.payload.size()) +
+           (got.code == command::DEVICE_INFO ? "" : ": " + log_text(got.payload));  // has the id
 }
 
-// The device that logs in; null after refusing what is no login of this version.
-std::shared_ptr<device> login(relay& hub, connection& link, const frame& got, uint8_t version) {
+std::string address_of(const connection& link) {
+    return link.name.substr(0, link.name.rfind(':'));
+}
+
+struct box_login {
+    known_box box;
+    std::string id;
+    text_pairs info;
+};
+
+// What has logged in; nothing after refusing what is no login of this version, or not welcome.
+std::optional<box_login> login_take(const relay& hub, connection& link, const frame& got,
+                                    uint8_t version) {
     const bool fits = got.code == command::DEVICE_INFO && got.version == version;
     auto info = fits ? json_flat_object(got.payload) : std::nullopt;
     const std::string id = info ? (*info)["deviceid"] : "";
     if (id.empty() || id.size() > DEVICE_ID_MAX) {
         link.refuse("not a login: " + frame_text(got));
-        return nullptr;
+        return std::nullopt;
     }
-    auto owner = device_get(hub, id);
-    owner->info = std::move(*info);
+    std::string why;
+    auto box = boxes_admit(hub.entry.rules.boxes, hub.settings.open, id, (*info)["mac"],
+                           address_of(link), why);
+    if (!box) {
+        link.refuse("a device that is not welcome: " + why);
+        return std::nullopt;
+    }
+    (*info)["deviceid"] = box->name;
+    return box_login{std::move(*box), id, std::move(*info)};
+}
+
+void login_done(const relay& hub, connection& link) {
     link.patience = hub.settings.silence_timeout;
     liveness_watch(link.alive, link.socket.native_handle(), hub.settings.gone_timeout);
-    return owner;
 }
 
 // The next frame that is not a heartbeat, which is answered here.
@@ -56,27 +79,63 @@ awaitable<bool> next_frame(const relay& hub, connection& link, frame_input& inpu
     co_return more;
 }
 
-void control_login(relay& hub, const std::shared_ptr<control_link>& link, const frame& got) {
-    const auto owner = login(hub, *link, got, CONTROL_LOGIN_VERSION);
-    if (owner == nullptr) {
-        return;
+// Whether the device's control connection is another device's than the one at this address: it came
+// from elsewhere and lives. The kernel asks; a device that has moved or lost its power does not answer.
+awaitable<bool> is_taken(const relay& hub, std::shared_ptr<device> owner, std::string address) {
+    const std::shared_ptr<control_link> first = owner->control;
+    if (first == nullptr || address == owner->address) {
+        co_return false;
     }
-    log_line(EVENT, "%s: control login of device %s: %s", link->name.c_str(), owner->name.c_str(),
-             log_text(got.payload).c_str());
-    owner->address = link->name.substr(0, link->name.rfind(':'));
-    owner->came = steady::now();
-    link->name += " control of " + owner->name;
-    // The device has started anew, or it is another of the same id. Of what was there before,
-    // nothing is of use, and nobody may have told us that it is dead.
-    if (owner->control == nullptr) {
-        owner->lately.note(happening::CONNECTED, "from " + owner->address);
+    liveness_watch(first->alive, first->socket.native_handle(), ASK_TIME);
+    const auto until = steady::now() + ASK_TIME + ASK_TIME / 2;
+    while (!first->closed && steady::now() < until) {
+        co_await first->changed.wait();
+    }
+    if (!first->closed) {
+        liveness_watch(first->alive, first->socket.native_handle(), hub.settings.gone_timeout);
+    }
+    co_return owner->control != nullptr && !owner->control->closed;
+}
+
+// Of what was there before, nothing is of use: the device has started anew, or it has gone.
+void control_replace(device& owner) {
+    if (owner.control == nullptr) {
+        owner.lately.note(happening::CONNECTED, "from " + owner.address);
     } else {
-        owner->lately.note_replaced(owner->address, owner->came);
-        owner->control->refuse("replaced by a new login");
+        owner.lately.note_replaced(owner.address, owner.came);
+        owner.control->refuse("replaced by a new login");
     }
-    for (const auto& old_link : owner->data) {
+    for (const auto& old_link : owner.data) {
         old_link->refuse("the device has logged in anew");
     }
+}
+
+awaitable<void> control_login(relay& hub, std::shared_ptr<control_link> link, frame got) {
+    auto login = login_take(hub, *link, got, CONTROL_LOGIN_VERSION);
+    if (!login) {
+        co_return;
+    }
+    const auto owner = device_get(hub, login->box.name);
+    const std::string address = address_of(*link);
+    log_line(EVENT, "%s: control login of device %s: %s", link->name.c_str(), owner->name.c_str(),
+             log_text(json_object(login->info)).c_str());
+    const bool taken = co_await is_taken(hub, owner, address);
+    if (link->closed) {
+        co_return;
+    }
+    if (taken) {
+        owner->lately.note_second(address, steady::now());
+        link->refuse("another device has logged in with the id of " + owner->name);
+        co_return;
+    }
+    login_done(hub, *link);
+    owner->info = std::move(login->info);
+    owner->wire_id = login->id;
+    owner->one_address = login->box.same_address;
+    owner->address = address;
+    owner->came = steady::now();
+    link->name += " control of " + owner->name;
+    control_replace(*owner);
     owner->control = link;
     link->owner = owner;
     if (hub.settings.command7) {
@@ -127,11 +186,52 @@ bool control_take(control_link& link, const frame& got) {
     return got.code == command::PORT_INFO && control_take_ports(owner, got.payload);
 }
 
+// A connection of those that the device has which nobody answers on any more.
+std::shared_ptr<data_link> data_lost(const device& owner) {
+    const auto now = steady::now();
+    const auto lost = std::ranges::find_if(owner.data, [now](const auto& link) {
+        return link->alive.since != NEVER && now - link->alive.since >= LOST_AFTER;
+    });
+    return lost == owner.data.end() ? nullptr : *lost;
+}
+
+// Why this is no data connection of a device that is there; null: it is one.
+const char* data_why_not(const device* owner, const std::string& address) {
+    if (owner == nullptr || owner->control == nullptr || owner->control->closed) {
+        return "the device has no control connection";
+    }
+    if (owner->one_address && address != owner->address) {
+        return "the device is at another address";
+    }
+    const auto open = std::ranges::count_if(owner->data, [](const auto& each) {
+        return !each->closed;
+    });
+    if (static_cast<size_t>(open) < DATA_CONNECTIONS) {
+        return nullptr;
+    }
+    if (const auto lost = data_lost(*owner)) {
+        lost->refuse("lost, and replaced by another one");
+        return nullptr;
+    }
+    for (const auto& each : owner->data) {
+        each->send_frame({.code = command::LOGIN_ANSWER});  // who does not answer shows by this
+    }
+    return "the device has all its data connections";
+}
+
 void data_login(relay& hub, const std::shared_ptr<data_link>& link, const frame& got) {
-    link->owner = login(hub, *link, got, DATA_LOGIN_VERSION);
-    if (link->owner == nullptr) {
+    const auto login = login_take(hub, *link, got, DATA_LOGIN_VERSION);
+    if (!login) {
         return;
     }
+    const auto found = hub.devices.find(login->box.name);
+    const auto owner = found == hub.devices.end() ? nullptr : found->second;
+    if (const char* why = data_why_not(owner.get(), address_of(*link))) {
+        link->refuse(std::string("data login of ") + log_text(login->box.name) + ": " + why);
+        return;
+    }
+    login_done(hub, *link);
+    link->owner = owner;
     link->reset_when_closed(true);  // a device takes a plain end of a data connection for a pause
     link->owner->data.push_back(link);
     fairness_judge(*link->owner);
@@ -211,6 +311,17 @@ awaitable<void> data_hold(const relay& hub, data_link& link,
     }
 }
 
+// The name of a device that may come, by what little it tells as yet.
+std::optional<std::string> boxes_answer(const relay& hub, const std::string& id,
+                                        const std::string& address, std::string& why) {
+    const auto& boxes = hub.entry.rules.boxes;
+    const bool known = boxes && boxes->contains(id);
+    const std::string mac = known ? boxes->find(id)->second.mac : "";
+    const auto box = boxes_admit(boxes, hub.settings.open, id, mac, address, why);
+    why.insert(0, box ? "" : "a device that is not welcome: ");
+    return box ? std::optional(box->name) : std::nullopt;
+}
+
 }  // namespace
 
 // A device parses what its first receive returns, so head and body leave in one write.
@@ -223,14 +334,16 @@ awaitable<void> manager_serve(relay& hub, std::shared_ptr<connection> link) {
     }
     const auto request = http_request_parse(std::string_view(bytes).substr(0, length));
     const auto id = request ? query_take(request->query, "devid") : std::nullopt;
-    if (id && !id->empty() && request->method == "GET" &&
-        request->path == "/addrmgr/device_get_proxy") {
+    const bool asks = id && !id->empty() && request->method == "GET" &&
+                      request->path == "/addrmgr/device_get_proxy";
+    std::string why = "not an address query: " + log_text(bytes.substr(0, bytes.find_first_of("\r\n?")));
+    const auto box = asks ? boxes_answer(hub, *id, address_of(*link), why) : std::nullopt;
+    if (box) {
         log_line(EVENT, "%s: device %s asks for its control server: %s", link->name.c_str(),
-                 log_text(*id).c_str(), hub.manager_body.c_str());
+                 log_text(*box).c_str(), hub.manager_body.c_str());
         link->send(http_reply(200, "application/json", hub.manager_body, CLOSING));
     } else {
-        log_line(PROBLEM, "%s: not an address query: %s", link->name.c_str(),
-                 log_text(bytes.substr(0, bytes.find_first_of("\r\n"))).c_str());
+        log_line(PROBLEM, "%s: %s", link->name.c_str(), why.c_str());
         link->send(http_reply(404, "application/json", "{\"ret\":1}", CLOSING));
     }
     co_await connection_flush(*link);
@@ -241,7 +354,7 @@ awaitable<void> control_serve(relay& hub, std::shared_ptr<control_link> link) {
     frame got;
     bool more = co_await connection_next_frame(*link, input, got);
     if (more) {
-        control_login(hub, link, got);
+        co_await control_login(hub, link, got);
     }
     while (more) {  // g++ 12 destroys a coroutine's variables too early when this would await
         more = co_await next_frame(hub, *link, input, got);
@@ -297,5 +410,23 @@ void data_link::ended() {
     for (const auto& [id, user] : std::exchange(streams, {})) {
         user->route = nullptr;
         user->changed.notify();
+    }
+}
+
+void devices_recheck(relay& hub) {
+    for (const auto& [name, owner] : hub.devices) {
+        std::string why;
+        const auto& boxes = hub.entry.rules.boxes;
+        const auto box = boxes_admit(boxes, hub.settings.open, owner->wire_id, owner->info["mac"],
+                                     owner->address, why);
+        if (box && box->name == name) {
+            continue;
+        }
+        if (owner->control != nullptr) {
+            owner->control->refuse("not welcome any more: " + why);
+        }
+        for (const auto& link : owner->data) {
+            link->refuse("not welcome any more");
+        }
     }
 }

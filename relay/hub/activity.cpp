@@ -53,6 +53,11 @@ void activity::note(happening kind, std::string text) {
     events.push_back({.at = now, .kind = kind, .text = std::move(text)});
 }
 
+void activity::note_second(const std::string& address, steady::time_point now) {
+    note(happening::REFUSED, "a second login of its id, from " + address);
+    twice_until = now + TWICE_TIME;
+}
+
 void activity::note_replaced(const std::string& address, steady::time_point now) {
     note(happening::REPLACED, "a new login of the same id from " + address);
     if (replaced != NEVER && now - replaced < TWICE_TIME) {

@@ -54,6 +54,8 @@ struct activity {
     activity() : graph() {}
     // Of the same in a row, only how often and when the last one was.
     void note(happening kind, std::string text);
+    // Another one of its id has been turned away.
+    void note_second(const std::string& address, steady::time_point now);
     void note_replaced(const std::string& address, steady::time_point now);
     bool used_twice(steady::time_point now) const {
         return twice_until != NEVER && now < twice_until;

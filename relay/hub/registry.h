@@ -20,6 +20,7 @@
 #include "hub/activity.h"
 #include "net/connection.h"
 #include "net/slowness.h"
+#include "net/tls.h"
 
 struct device;
 struct data_link;
@@ -49,6 +50,7 @@ struct user_link : connection {
     bool user_ended = false;          // he sends no more; he may still read
     std::string peer;                 // the address at the other end: his, or a proxy's
     std::string scheme = "http";      // of what he or the proxy that passes him on has come by
+    bool on_loopback = false;         // he came to an address that only this machine reaches
     bool unheard = false;             // what he still sends is thrown away
 
     // Who has made the request that is being served (gate.h):
@@ -135,7 +137,8 @@ struct opening {
 };
 
 struct device {
-    std::string id;     // up to 47 characters of any kind
+    std::string id;     // up to 47 characters of any kind: its name where a boxes file gives it one
+    std::string wire_id;  // by which it knows itself; a secret, then
     std::string name;   // the id, safe to log
     std::string label;  // of its names (base/label.h); empty when it can have none
     text_pairs info;
@@ -152,6 +155,7 @@ struct device {
     uint64_t bytes_in = 0, bytes_out = 0;  // stream payload of connections that have ended
     steady::time_point left = steady::now(), came = left;
     std::string address;  // from where it has logged in last
+    bool one_address = false;  // all its connections come from there
     activity lately;
     std::string row;         // on the page, as JSON
     uint64_t row_round = 0;  // in which it has changed last
@@ -203,6 +207,7 @@ struct relay {
     std::array<uint64_t, 6> requests{};  // that are over, by the hundreds of their status
     std::map<std::string, std::shared_ptr<device>, std::less<>> labels = {};  // the devices again
     entrance entry{};
+    tls_front tls{};
 };
 
 // The device of that id, made when it is new. Devices that are away stay known, up to a limit.

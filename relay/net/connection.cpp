@@ -171,6 +171,7 @@ void connection::close() {
 
 void connection::reset_when_closed(bool reset) {
     asio::error_code ignored;
+    resets = reset;
     socket.set_option(asio::socket_base::linger(reset, 0), ignored);
 }
 

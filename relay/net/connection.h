@@ -41,6 +41,7 @@ struct connection {
     tcp::socket socket;
     std::string name;  // the peer's address, and what is known about it; safe to log
     bool closed = false;
+    bool resets = false;  // when it closes
     outbox out;
     uint64_t taken = 0;                   // bytes, by the kernel
     event queued;                         // for the pump

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -96,6 +97,10 @@ void of_process(metrics& to, const relay& hub) {
     to.value("gwrelay_info", "{version=\"" GWRELAY_VERSION "\"}", 1);
     to.one("gwrelay_uptime_seconds", "gauge", "Time since the start.",
            static_cast<uint64_t>(up.count()));
+    if (hub.tls.context) {
+        to.one("gwrelay_certificate_end_seconds", "gauge", "When it ends, since 1970.",
+               static_cast<uint64_t>(std::max<int64_t>(hub.tls.ends, 0)));
+    }
     to.one("gwrelay_draining", "gauge", "Whether new requests are refused because it ends.",
            hub.draining ? 1 : 0);
     to.one("process_open_fds", "gauge", "Open descriptors.", descriptors_open());

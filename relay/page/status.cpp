@@ -46,13 +46,6 @@ std::string rates_json(uint64_t in, uint64_t out) {
            ",\"rate_to_device\":" + std::to_string(out);
 }
 
-std::string text_json(const text_pairs& pairs) {
-    const auto text = [](const auto& pair) {
-        return json_quote(pair.first) + ":" + json_quote(pair.second);
-    };
-    return "{" + joined(pairs, text) + "}";
-}
-
 std::string ports_json(const device& box) {
     const auto port = [](const auto& pair) {
         return json_quote(pair.first) + ":" + std::to_string(pair.second);
@@ -133,7 +126,7 @@ std::string status_device(const relay& hub, const device& box) {
     const auto link = [&hub](const auto& each) { return connection_json(hub, *each); };
     return "{\"id\":" + json_quote(box.id) + ",\"name\":" + json_quote(box.label) +
            ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
-           ",\"control\":" + word(box.control != nullptr) + ",\"info\":" + text_json(box.info) +
+           ",\"control\":" + word(box.control != nullptr) + ",\"info\":" + json_object(box.info) +
            ",\"ports\":" + ports_json(box) +
            ",\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
            ",\"data_connections\":" + std::to_string(box.data.size()) +
@@ -171,7 +164,8 @@ std::string status_row(const relay& hub, const device& box) {
 std::string status_whole(const relay& hub) {
     return whole_json(hub) + ",\"version\":" + json_quote(GWRELAY_VERSION) +
            ",\"started\":" + unix_s(hub, hub.started) +
-           ",\"manager_port\":" + std::to_string(hub.manager_port) +
+           ",\"certificate_ends\":" +
+           (hub.tls.context ? std::to_string(hub.tls.ends) : "null") + ",\"manager_port\":" + std::to_string(hub.manager_port) +
            ",\"domain\":" + json_quote(hub.settings.domain) +
            ",\"users_port\":" + (hub.own_door ? std::to_string(hub.front_port) : "null") +
            ",\"forgotten_from_device\":" + std::to_string(hub.forgotten.from_device) +

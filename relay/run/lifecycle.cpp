@@ -2,6 +2,7 @@
 
 #include <csignal>
 
+#include "boxes/devices.h"
 #include "run/service.h"
 #include "users/access_log.h"
 #include "users/admission.h"
@@ -31,6 +32,7 @@ void reload(relay& hub, options& live, int argc, const char* const* argv) {
         }
         live = std::move(fresh);
         hub.entry.rules = std::move(*rules);
+        devices_recheck(hub);
         log_set_level(live.level);
         admission_fit(live);
         hub.pool.total_max = live.buffers;

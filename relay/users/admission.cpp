@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t DESCRIPTORS_OF_USER = 2;
+constexpr size_t DESCRIPTORS_OF_USER = 2, DESCRIPTORS_OF_TLS = 2;
 constexpr size_t TURNED_AWAY_MAX = 1000;  // at once
 constexpr size_t REFUSED_HEAD_MAX = 16 * 1024;
 
@@ -80,12 +80,6 @@ awaitable<void> turn_away(relay& hub, std::shared_ptr<user_link> user, const cha
     co_await connection_http_head(*user, bytes, REFUSED_HEAD_MAX);
 }
 
-// Whether he came to an address that only this machine reaches.
-bool on_loopback(const user_link& user) {
-    asio::error_code failed;
-    return address_is_loopback(user.socket.local_endpoint(failed).address());
-}
-
 }  // namespace
 
 void admission_fit(options& set) {
@@ -95,7 +89,8 @@ void admission_fit(options& set) {
     setrlimit(RLIMIT_NOFILE, &limit);
     getrlimit(RLIMIT_NOFILE, &limit);
     // A quarter for devices, a quarter for those who are turned away.
-    const auto fitting = std::max<size_t>(limit.rlim_cur / 2 / DESCRIPTORS_OF_USER, 1);
+    const size_t each = DESCRIPTORS_OF_USER + (set.tls_certificate.empty() ? 0 : DESCRIPTORS_OF_TLS);
+    const auto fitting = std::max<size_t>(limit.rlim_cur / 2 / each, 1);
     if (set.users > fitting) {
         log_line(PROBLEM, "%ju descriptors are enough for %zu users, not for %zu",
                  static_cast<uintmax_t>(limit.rlim_cur), fitting, set.users);
@@ -105,7 +100,7 @@ void admission_fit(options& set) {
 
 awaitable<void> admission_serve(relay& hub, std::shared_ptr<user_link> user) {
     // Where users are asked who they are, it is that which counts.
-    const bool own_pages = !hub.own_door && (hub.entry.rules.accounts || on_loopback(*user));
+    const bool own_pages = !hub.own_door && (hub.entry.rules.accounts || user->on_loopback);
     user->came_by = own_pages ? door::BOTH : door::USERS;
     user->peer = user->name.substr(0, user->name.rfind(':'));
     const place his(hub, user->peer);

@@ -45,7 +45,7 @@ std::string query_without_names(std::string_view query, uint16_t port) {
 }
 
 std::string parameters(const device& owner, uint16_t port) {
-    return "x-qv-devid=" + owner.id + "&x-qv-port=" + std::to_string(port);
+    return "x-qv-devid=" + owner.wire_id + "&x-qv-port=" + std::to_string(port);
 }
 
 // What the service is told of its connection, which is another one than the user's.
@@ -84,9 +84,9 @@ bool device_takes(std::string_view method) {
 
 // The device compares undecoded text, up to a blank or an ampersand.
 bool sayable(const device& owner) {
-    return std::ranges::all_of(owner.id,
+    return std::ranges::all_of(owner.wire_id,
                                [](unsigned char c) { return c > ' ' && c != '&' && c != 0x7f; }) &&
-           owner.id.find(NAMES[0].name) == owner.id.npos;
+           owner.wire_id.find(NAMES[0].name) == owner.id.npos;
 }
 
 // The relay's own request: it changes nothing, and a service answers it without a body.

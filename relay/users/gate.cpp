@@ -41,7 +41,9 @@ void believe(const relay& hub, user_link& user, const http_request& request) {
         user.name = failed ? user.name : address.to_string() + port;
     }
     const std::string_view scheme = last_header(request.headers, "x-forwarded-proto");
-    user.scheme = same_word(scheme, "https") ? "https" : "http";
+    if (!scheme.empty()) {
+        user.scheme = same_word(scheme, "https") ? "https" : "http";
+    }
 }
 
 // Whether the Host is one that leads here. A page elsewhere whose own name leads to this machine has

@@ -49,7 +49,7 @@ TEST(GwrelayControl, AnswersALoginWithOrdersAndHandsOutASessionId) {
 TEST(GwrelayControl, ANewLoginEndsWhatTheDeviceHadBefore) {
     const relay hub;
     const unique_fd old_control = control_login(hub, "box"), old_data = data_login(hub, "box");
-    const unique_fd other_data = data_login(hub, "other");
+    const unique_fd other = control_login(hub, "other"), other_data = data_login(hub, "other");
     const unique_fd control = control_login(hub, "box");
     const unique_fd data = say_to(hub.data, login_frame(2, info("box")));
     EXPECT_EQ(frame_read(data.get()), frame_bytes(LOGIN_ANSWER));
@@ -65,7 +65,8 @@ TEST(GwrelayFrames, BadOnesCloseTheirConnectionAndNothingElse) {
         bytes[at] = value;
         return bytes;
     };
-    const std::string control = login_frame(3, info("box")), data = login_frame(2, info("box"));
+    const std::string control = login_frame(3, info("box")), data = login_frame(2, info("other"));
+    const unique_fd other = control_login(hub, "other");
     const std::pair<uint16_t, strings> cases[] = {
         {hub.control,
          {data, beat, login_frame(3, "{\"deviceid\":\"box\""), login_frame(3, "{\"deviceid\":{}}"),
@@ -109,7 +110,7 @@ TEST(GwrelayFrames, GoodOnesAreUnderstoodInPieces) {
 TEST(GwrelayFrames, SilenceEndsAConnectionUnlessItsHeartBeats) {
     const relay hub({"--login-timeout=0.4", "--silence-timeout=1.2"});
     const unique_fd control = control_login(hub, "box"), data = data_login(hub, "box");
-    const unique_fd silent_data = data_login(hub, "other");
+    const unique_fd other = control_login(hub, "other"), silent_data = data_login(hub, "other");
     std::vector<unique_fd> silent;
     for (const uint16_t port : {hub.manager, hub.control, hub.data, hub.front}) {
         silent.push_back(loopback_connect(port));

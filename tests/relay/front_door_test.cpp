@@ -43,7 +43,7 @@ TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
 // A page of the box may link to what names neither device nor port, and a port needs its slash.
 TEST(GwrelayFrontDoor, SendsToWhereALinkWasMeantToLead) {
     const std::pair<std::string, std::string> cases[] = {
-        {"/style.css?v=1" + HTTP + "Host: a\r\nREFERER:\t http://relay:1/box/80/page \r\n\r\n",
+        {"/style.css?v=1" + HTTP + "Host: 10.0.0.1\r\nREFERER:\t http://relay:1/box/80/page \r\n\r\n",
          "/box/80/style.css?v=1"},
         {"/other/80/a" + HTTP + "Referer: https://a/%3Cb/9\r\n\r\n", "/%3Cb/9/other/80/a"},
         {"/box/80?a" + HTTP + "\r\n", "/box/80/?a"},
@@ -98,7 +98,7 @@ TEST(GwrelayFrontDoor, HearsAUserOutWhoseAnswerIsKnown) {
 
 TEST(GwrelayFrontDoor, AnswersHeadWithTheHeadAlone) {
     const relay hub({"--answer-timeout=0.2"});
-    const unique_fd data = data_login(hub, "box");
+    const unique_fd control = control_login(hub, "box"), data = data_login(hub, "box");
     for (const char* path : {"/", "/status.json", "/nobody/80/", "/box/80/", "/box/report-times"}) {
         const std::string whole = get(hub, path);
         EXPECT_FALSE(body(whole).empty());
@@ -107,8 +107,8 @@ TEST(GwrelayFrontDoor, AnswersHeadWithTheHeadAlone) {
     EXPECT_TRUE(has(fetch(hub, "PUT /status.json" + HTTP + "\r\n"), "\r\nAllow: GET, HEAD\r\n"));
 }
 
-const std::string HEAD = HTTP_ON + "Host: a\r\n", END = "\r\n";
-const std::string TOLD = FORWARDED + "X-Forwarded-Host: a\r\n";
+const std::string HEAD = HTTP_ON + "Host: 10.0.0.1\r\n", END = "\r\n";
+const std::string TOLD = FORWARDED + "X-Forwarded-Host: 10.0.0.1\r\n";
 const std::string AT_80 = "x-qv-devid=box&x-qv-port=80";
 const std::string AT_10010 = "x-qv-devid=box&x-qv-port=10010";
 
@@ -143,7 +143,7 @@ TEST(GwrelayRequest, GetsTheParametersInFrontAndNothingElseThatLooksLikeThem) {
          "GET /?" + AT_80 + " HTTP/1.0\r\n" + FORWARDED + "Connection: keep-alive\r\n\r\n"},
         {"GET /box/80/ws" + HEAD + upgrade,
          "GET /ws?" + AT_80 + HEAD + upgrade.substr(0, upgrade.size() - 2) + TOLD + END},
-        {"GET /box/80/ HTTP/1.1\nHost: a\nConnection: close\n\n", "GET /?" + AT_80 + sent},
+        {"GET /box/80/ HTTP/1.1\nHost: 10.0.0.1\nConnection: close\n\n", "GET /?" + AT_80 + sent},
         {"GET /box/80/?a=1&gwrelay-pri=2&b" + asked, "GET /?" + AT_80 + "&x-qv-pri=2&a=1&b" + sent},
         {"GET /box/80/x-qv-port=10010&x-qv-gwad-opt=echo&" + asked,
          "GET /%78-qv-port=10010&%78-qv-gwad-opt=echo&?" + AT_80 + sent},

@@ -61,7 +61,7 @@ TEST(GwrelayNames, TheHostTellsWhoseARequestIs) {
     }
     EXPECT_EQ(asked_at(hub, "nobody.relay.example", "/status.json"), "404");
     EXPECT_EQ(asked_at(hub, "relay.example", "/status.json"), "200");
-    EXPECT_TRUE(fetch(hub, "GET / HTTP/1.1\r\nHost: a\r\nhost: box--80.relay.example\r\n\r\n")
+    EXPECT_TRUE(fetch(hub, "GET / HTTP/1.1\r\nHost: 10.0.0.1\r\nhost: box--80.relay.example\r\n\r\n")
                     .starts_with("HTTP/1.1 400 "));
 }
 
@@ -180,11 +180,11 @@ TEST(GwrelayNames, AWebSocketEndsWhenBothSidesHaveLeft) {
 TEST(GwrelayNames, APathOfTheRelayIsInFrontOfWhatTheServiceSaysOfItself) {
     device box({"--service-host=127.0.0.1"});
     const unique_fd user =
-        box.user("GET /b%6fx/81/" + HTTP_ON + "Host: relay:8080\r\nx-forwarded-for: me\r\n" +
-                 CLOSE + "Origin: http://relay:8080\r\n\r\n");
+        box.user("GET /b%6fx/81/" + HTTP_ON + "Host: 10.0.0.1:8080\r\nx-forwarded-for: me\r\n" +
+                 CLOSE + "Origin: http://10.0.0.1:8080\r\n\r\n");
     EXPECT_TRUE(box.opening.ends_with(HTTP_ON +
                                       "Host: 127.0.0.1:81\r\nOrigin: http://127.0.0.1:81\r\n" +
-                                      FORWARDED + "X-Forwarded-Host: relay:8080\r\n\r\n"))
+                                      FORWARDED + "X-Forwarded-Host: 10.0.0.1:8080\r\n\r\n"))
         << box.opening;
     box.answers(
         "HTTP/1.1 103 Early\r\nLocation: /a\r\n\r\n" + OK_ON +
@@ -201,7 +201,7 @@ TEST(GwrelayNames, ShowNothingOfTheRelay) {
     const relay hub({"--users=1"});
     const unique_fd only = loopback_connect(hub.front);
     EXPECT_TRUE(eventually([&] { return has(get(hub, "/status.json"), "\"users\":1"); }));
-    EXPECT_EQ(asked_at(hub, "relay"), "200");
+    EXPECT_EQ(asked_at(hub, "127.0.0.1"), "200");
     EXPECT_EQ(asked_at(hub, "box--80.localhost"), "503");
 }
 

@@ -108,7 +108,7 @@ async def use(front, device, number):
         try:
             reader, writer = await asyncio.open_connection(
                 HOST, front, local_addr=(f"127.0.1.{number % 200 + 1}", 0))
-            writer.write(f"GET /{device.id}/{port}/films/{number:03}.mp4 HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+            writer.write(f"GET /{device.id}/{port}/films/{number:03}.mp4 HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode())
             while await reader.read(1 << 16):
                 pass
             writer.close()

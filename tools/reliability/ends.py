@@ -180,7 +180,7 @@ class Site:
         with open(self.relay_log, "a") as log:
             self.relay = subprocess.Popen(
                 [self.programs / "gwrelay", "--config", "/dev/null", "--drain", "0",
-                 "--listen", listen, "--announce", RELAY],
+                 "--listen", listen, "--open", "--open-users", "--announce", RELAY],
                 stdout=subprocess.DEVNULL, stderr=log)
 
     def relay_kill(self, number=signal.SIGKILL):

@@ -91,7 +91,7 @@ class Programs:
     async def start_relay(self):
         ports = [word for name, port in self.run.ports.items() for word in (f"--{name}-port", port)]
         pid = self.launch("gwrelay", f"{self.folder}/gwrelay", "-q", "--config", "/dev/null",
-                          "--drain", 0, "--listen", "0.0.0.0",
+                          "--drain", 0, "--listen", "0.0.0.0", "--open", "--open-users",
                           "--announce", self.run.address, *ports)
         self.pid["gwrelay"] = pid
         end = self.run.now() + START_S

@@ -146,7 +146,7 @@ class Run:
     async def ask(self, path):
         reader, writer = await asyncio.open_connection("127.0.0.1", self.front_port, limit=PIECE)
         with contextlib.closing(writer):
-            writer.write(f"GET {path} HTTP/1.1\r\nHost: soak\r\nConnection: close\r\n\r\n".encode())
+            writer.write(f"GET {path} HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n".encode())
             line, headers = await head_of(reader)
             if line is None or line.split()[1] != b"200":
                 return None

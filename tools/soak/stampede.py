@@ -95,7 +95,7 @@ class Box:
             reader, writer = await asyncio.open_connection("127.0.0.1", self.crowd.ports["manager"])
         with contextlib.closing(writer):
             writer.write(f"GET /addrmgr/device_get_proxy?devid={self.id} HTTP/1.1\r\n"
-                         "Host: soak\r\nConnection: Close\r\n\r\n".encode())
+                         "Host: localhost\r\nConnection: Close\r\n\r\n".encode())
             async with asyncio.timeout(CONNECT_S):
                 answer = await reader.read(512)  # once, as the daemon
         found = re.search(rb'\r\n\r\n\{"ret":0.*?"127\.0\.0\.1:(\d+)"', answer)
@@ -229,7 +229,7 @@ class Stampede:
                 began = time.monotonic()
                 reader, writer = await asyncio.open_connection("127.0.0.1", self.ports["front"])
                 with contextlib.closing(writer):
-                    writer.write(f"GET /box-{number}/80/ HTTP/1.1\r\nHost: soak\r\n"
+                    writer.write(f"GET /box-{number}/80/ HTTP/1.1\r\nHost: localhost\r\n"
                                  "Connection: close\r\n\r\n".encode())
                     answer = await asyncio.wait_for(reader.read(), LIMIT_S)
                 if not answer.endswith(b"\r\n\r\nbox-%d" % number):

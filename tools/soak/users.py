@@ -67,7 +67,7 @@ class User:
 
     def request(self, writer, kind, stream, size, more="", method="GET", port=None):
         path = f"/{self.run.box}/{port or self.run.services.port}/{kind}/{stream}/{size}"
-        writer.write(f"{method} {path} HTTP/1.1\r\nHost: soak\r\n{more}\r\n".encode())
+        writer.write(f"{method} {path} HTTP/1.1\r\nHost: localhost\r\n{more}\r\n".encode())
 
     async def answer(self, reader, wanted=b"200"):
         """The headers of a response."""

@@ -120,14 +120,19 @@ function showCommand() {
     : "-i is the box's own network, -H a folder with tmp/ in it.");
 }
 
+const CERTIFICATE_SOON_S = 14 * 86400;
+const certificateAlert = () => whole.certificate_ends && whole.certificate_ends - Date.now() / 1000 < CERTIFICATE_SOON_S
+  ? `The certificate ends on ${new Date(whole.certificate_ends * 1000).toLocaleDateString()}` : "";
+
 let alertsShown = "";
 function showAlerts() {
   const alerts = [...devices.values()].filter(isWarned).sort(ORDERS.name)
     .flatMap((device) => device.alerts.map((kind) => ({ device, kind })));
-  const key = JSON.stringify(alerts.map(({ device, kind }) => [device.id, kind]));
+  const certificate = certificateAlert();
+  const key = JSON.stringify([certificate, ...alerts.map(({ device, kind }) => [device.id, kind])]);
   if (key === alertsShown) return;
   alertsShown = key;
-  $("alerts").hidden = alerts.length === 0;
+  $("alerts").hidden = alerts.length === 0 && !certificate;
   const items = alerts.slice(0, ALERTS_SHOWN).map(({ device, kind }) => {
     const button = make("button", "", device.label);
     button.type = "button";
@@ -140,6 +145,7 @@ function showAlerts() {
     button.addEventListener("click", () => choose("warned"));
     items.push(make("li", "", null, make("span", "", null, button)));
   }
+  if (certificate) items.unshift(make("li", "", null, make("span", "", certificate)));
   $("alerts").firstElementChild.replaceChildren(...items);
 }
 
