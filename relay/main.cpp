@@ -48,10 +48,11 @@ bool users_fit(const options& set, const asio::ip::address& address) {
     if (address_is_loopback(address) || !set.users_file.empty() || set.open_users) {
         return true;
     }
-    fprintf(stderr,
-            "gwrelay: at %s everybody could reach every device, from anywhere: give a --users-file, "
-            "or --open-users if that is meant\n",
-            address.to_string().c_str());
+    fprintf(
+        stderr,
+        "gwrelay: at %s everybody could reach every device, from anywhere: give a --users-file, "
+        "or --open-users if that is meant\n",
+        address.to_string().c_str());
     return false;
 }
 
@@ -214,7 +215,8 @@ void tell_ready(const options& set, const listeners& ports) {
     fflush(stdout);
     const auto& [address, page] = ports.admin ? std::tie(set.listen_admin, *ports.admin)
                                               : std::tie(set.listen_users, ports.front);
-    log_line(EVENT, "front page: http%s://%s:%u/", set.tls_certificate.empty() ? "" : "s", address.c_str(), port_of(page));
+    log_line(EVENT, "front page: http%s://%s:%u/", set.tls_certificate.empty() ? "" : "s",
+             address.c_str(), port_of(page));
 }
 
 void run(options& settings, access_rules rules, tls_front tls, int argc, const char* const* argv) {

@@ -78,8 +78,8 @@ std::optional<known_box> boxes_admit(const std::optional<box_table>& boxes, bool
     const auto found = boxes ? boxes->find(id) : box_table::const_iterator{};
     if (!boxes || found == boxes->end()) {
         const bool is_name = boxes && std::ranges::any_of(*boxes, [&id](const auto& each) {
-            return each.second.name == id;
-        });
+                                 return each.second.name == id;
+                             });
         why = is_name ? "its id is the name of another one" : "the boxes file does not have it";
         return (!boxes || open) && !is_name
                    ? std::optional(known_box{.name = id, .mac = {}, .from = {}})

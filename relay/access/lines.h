@@ -1,4 +1,5 @@
-// lines.h - files of the operator's with a line for each thing. Empty ones, and those that begin with
+// lines.h - files of the operator's with a line for each thing. Empty ones, and those that begin
+// with
 // "#", mean nothing.
 #pragma once
 
@@ -10,6 +11,6 @@
 // `error`: a line was wrong, or the file cannot be read.
 bool lines_read(const std::string& path, std::string& error,
                 const std::function<void(std::string_view line, std::string& wrong)>& take);
-// Takes the next word off the front of a line, up to one of the characters `between`. Empty: there is
-// none any more.
+// Takes the next word off the front of a line, up to one of the characters `between`. Empty: there
+// is none any more.
 std::string_view word_take(std::string_view& line, std::string_view between);

@@ -44,7 +44,7 @@ std::string digest(const password_checker& checker, const std::string& name,
 asio::awaitable<bool> matches(std::string hash, std::string password) {
     const auto data = std::make_unique<crypt_data>();
     const char* const made = crypt_r(password.c_str(), hash.c_str(), data.get());
-    co_return made != nullptr && hash == made;
+    co_return made != nullptr&& hash == made;
 }
 
 // Whose password nobody knows: with the hash of somebody, so that it takes the time of others.
@@ -100,9 +100,9 @@ asio::awaitable<verdict> password_check(password_checker& checker, const account
     const bool has_password = found != accounts.end() && !found->second->hash.empty();
     const std::string hash = has_password ? found->second->hash : hash_of_nobody(accounts);
     const std::string key = digest(checker, name, password), group = address_group(address);
-    if (const auto known = checker.proven.find(key);
-        known != checker.proven.end() && has_password && known->second.hash == hash &&
-        steady::now() < known->second.until) {
+    if (const auto known = checker.proven.find(key); known != checker.proven.end() &&
+                                                     has_password && known->second.hash == hash &&
+                                                     steady::now() < known->second.until) {
         co_return verdict::RIGHT;
     }
     const bool fits = password.size() <= PASSWORD_MAX && password.find('\0') == password.npos;
@@ -113,8 +113,8 @@ asio::awaitable<verdict> password_check(password_checker& checker, const account
         co_return verdict::TOO_MANY;
     }
     ++checker.waiting;
-    const bool same = co_await asio::co_spawn(
-        checker.thread, matches(hash, std::move(password)), asio::use_awaitable);
+    const bool same = co_await asio::co_spawn(checker.thread, matches(hash, std::move(password)),
+                                              asio::use_awaitable);
     --checker.waiting;
     if (!same || !has_password) {
         co_return verdict::WRONG;

@@ -1,5 +1,5 @@
-// passwords.h - checks passwords, which takes a processor some 50 ms each on purpose: on a thread of
-// its own, not for each request of a program anew, and not as often as a stranger would like.
+// passwords.h - checks passwords, which takes a processor some 50 ms each on purpose: on a thread
+// of its own, not for each request of a program anew, and not as often as a stranger would like.
 #pragma once
 
 #include <array>

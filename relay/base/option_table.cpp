@@ -126,8 +126,8 @@ constexpr option_row ADDRESSES[] = {
      set_port<&options::admin_port>, START},
     {"tls-certificate", "FILE", "TLS for users and the relay's own pages: PEM, with those above it",
      set_text<&options::tls_certificate>, START},
-    {"tls-key", "FILE", "its key; both are read anew when they change",
-     set_text<&options::tls_key>, START},
+    {"tls-key", "FILE", "its key; both are read anew when they change", set_text<&options::tls_key>,
+     START},
     {"domain", "NAME", "reach ports of devices at DEVICE--PORT.NAME (localhost)", set_domain},
     {"service-host", "NAME", "tell services this Host, with their port, not what the user asked",
      set_text<&options::service_host>},
@@ -217,9 +217,8 @@ constexpr option_row LOG[] = {
 };
 
 constexpr option_group GROUPS[] = {
-    {"Addresses", ADDRESSES},       {"Who may come in", ENTRANCE},
-    {"Devices", DEVICES},           {"Times", TIMES},
-    {"What users may take", USERS}, {"Log", LOG},
+    {"Addresses", ADDRESSES}, {"Who may come in", ENTRANCE},  {"Devices", DEVICES},
+    {"Times", TIMES},         {"What users may take", USERS}, {"Log", LOG},
 };
 
 }  // namespace

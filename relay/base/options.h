@@ -37,8 +37,8 @@ struct options {
     std::string boxes_file;            // the devices there are (access/boxes.h); empty: any
     bool open = false;                 // and any other one
     std::string tls_certificate, tls_key;  // files, for users and the relay's own pages
-    std::string trusted_proxy;         // addresses and ranges whose word on a user counts
-    std::string proxy_user_header;     // in which they tell his name
+    std::string trusted_proxy;             // addresses and ranges whose word on a user counts
+    std::string proxy_user_header;         // in which they tell his name
     bool command7 = false;  // order the data connections by command 7, not in the login answer
     bool dead_port_guard = true;
     bool reuse = true;                  // of a stream, for one request after another

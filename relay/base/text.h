@@ -12,7 +12,7 @@ std::string percent_decode(std::string_view text);  // a broken escape stays as 
 std::string html_escape(std::string_view text);
 std::string json_quote(std::string_view text);  // in quotes; bytes beyond ASCII as Latin-1
 
-std::string lower_text(std::string_view text);  // ASCII
+std::string lower_text(std::string_view text);     // ASCII
 std::string base64_decode(std::string_view text);  // up to what does not belong there
 
 using text_pairs = std::map<std::string, std::string>;

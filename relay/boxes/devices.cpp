@@ -20,8 +20,8 @@ constexpr size_t SESSION_ID_SIZE = 32;
 constexpr size_t WORD = 4;
 constexpr char CLOSING[] = "Connection: close\r\n";
 constexpr int NUDGES_IN_SILENCE = 5;
-constexpr milliseconds ASK_TIME{4000};    // until the kernel knows that a device is gone
-constexpr milliseconds LOST_AFTER{2000};  // without an acknowledgement
+constexpr milliseconds ASK_TIME{4000};      // until the kernel knows that a device is gone
+constexpr milliseconds LOST_AFTER{2000};    // without an acknowledgement
 constexpr milliseconds LOGIN_TIME{10'000};  // of all five data connections, one a second
 
 std::string frame_text(const frame& got) {
@@ -31,8 +31,11 @@ std::string frame_text(const frame& got) {
            (got.code == command::DEVICE_INFO ? "" : ": " + log_text(got.payload));  // has the id
 }
 
-std::string address_of(const connection& link) {
-    return link.name.substr(0, link.name.rfind(':'));
+std::string address_of(const connection& link) { return link.name.substr(0, link.name.rfind(':')); }
+
+std::string mac_of(const text_pairs& info) {
+    const auto found = info.find("mac");
+    return found == info.end() ? "" : found->second;
 }
 
 struct box_login {
@@ -52,7 +55,7 @@ std::optional<box_login> login_take(const relay& hub, connection& link, const fr
         return std::nullopt;
     }
     std::string why;
-    auto box = boxes_admit(hub.entry.rules.boxes, hub.settings.open, id, (*info)["mac"],
+    auto box = boxes_admit(hub.entry.rules.boxes, hub.settings.open, id, mac_of(*info),
                            address_of(link), why);
     if (!box) {
         link.refuse("a device that is not welcome: " + why);
@@ -80,14 +83,16 @@ awaitable<bool> next_frame(const relay& hub, connection& link, frame_input& inpu
 }
 
 // Whether the device's control connection is another device's than the one at this address: it came
-// from elsewhere and lives. The kernel asks; a device that has moved or lost its power does not answer.
+// from elsewhere and lives. The kernel asks; a device that has moved or lost its power does not
+// answer.
 awaitable<bool> is_taken(const relay& hub, std::shared_ptr<device> owner, std::string address) {
     const std::shared_ptr<control_link> first = owner->control;
     if (first == nullptr || address == owner->address) {
         co_return false;
     }
-    liveness_watch(first->alive, first->socket.native_handle(), ASK_TIME);
-    const auto until = steady::now() + ASK_TIME + ASK_TIME / 2;
+    const milliseconds time = std::min(ASK_TIME, hub.settings.gone_timeout);
+    liveness_watch(first->alive, first->socket.native_handle(), time);
+    const auto until = steady::now() + time + time / 2;
     while (!first->closed && steady::now() < until) {
         co_await first->changed.wait();
     }
@@ -203,9 +208,8 @@ const char* data_why_not(const device* owner, const std::string& address) {
     if (owner->one_address && address != owner->address) {
         return "the device is at another address";
     }
-    const auto open = std::ranges::count_if(owner->data, [](const auto& each) {
-        return !each->closed;
-    });
+    const auto open =
+        std::ranges::count_if(owner->data, [](const auto& each) { return !each->closed; });
     if (static_cast<size_t>(open) < DATA_CONNECTIONS) {
         return nullptr;
     }
@@ -336,7 +340,8 @@ awaitable<void> manager_serve(relay& hub, std::shared_ptr<connection> link) {
     const auto id = request ? query_take(request->query, "devid") : std::nullopt;
     const bool asks = id && !id->empty() && request->method == "GET" &&
                       request->path == "/addrmgr/device_get_proxy";
-    std::string why = "not an address query: " + log_text(bytes.substr(0, bytes.find_first_of("\r\n?")));
+    std::string why =
+        "not an address query: " + log_text(bytes.substr(0, bytes.find_first_of("\r\n?")));
     const auto box = asks ? boxes_answer(hub, *id, address_of(*link), why) : std::nullopt;
     if (box) {
         log_line(EVENT, "%s: device %s asks for its control server: %s", link->name.c_str(),
@@ -417,7 +422,7 @@ void devices_recheck(relay& hub) {
     for (const auto& [name, owner] : hub.devices) {
         std::string why;
         const auto& boxes = hub.entry.rules.boxes;
-        const auto box = boxes_admit(boxes, hub.settings.open, owner->wire_id, owner->info["mac"],
+        const auto box = boxes_admit(boxes, hub.settings.open, owner->wire_id, mac_of(owner->info),
                                      owner->address, why);
         if (box && box->name == name) {
             continue;

@@ -137,10 +137,10 @@ struct opening {
 };
 
 struct device {
-    std::string id;     // up to 47 characters of any kind: its name where a boxes file gives it one
+    std::string id;  // up to 47 characters of any kind: its name where a boxes file gives it one
     std::string wire_id;  // by which it knows itself; a secret, then
-    std::string name;   // the id, safe to log
-    std::string label;  // of its names (base/label.h); empty when it can have none
+    std::string name;     // the id, safe to log
+    std::string label;    // of its names (base/label.h); empty when it can have none
     text_pairs info;
     std::shared_ptr<control_link> control;  // null while the device is away
     std::vector<std::shared_ptr<data_link>> data;
@@ -154,7 +154,7 @@ struct device {
     std::map<uint16_t, opening> openings;
     uint64_t bytes_in = 0, bytes_out = 0;  // stream payload of connections that have ended
     steady::time_point left = steady::now(), came = left;
-    std::string address;  // from where it has logged in last
+    std::string address;       // from where it has logged in last
     bool one_address = false;  // all its connections come from there
     activity lately;
     std::string row;         // on the page, as JSON

@@ -20,8 +20,8 @@ constexpr unsigned char HTTP_1_1[] = "\x08http/1.1";
 int choose_protocol(SSL*, const unsigned char** chosen, unsigned char* size,
                     const unsigned char* offered, unsigned offered_size, void*) {
     unsigned char* found = nullptr;
-    const int result = SSL_select_next_proto(&found, size, HTTP_1_1, sizeof HTTP_1_1 - 1, offered,
-                                             offered_size);
+    const int result =
+        SSL_select_next_proto(&found, size, HTTP_1_1, sizeof HTTP_1_1 - 1, offered, offered_size);
     *chosen = found;
     return result == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
 }

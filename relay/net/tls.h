@@ -1,5 +1,5 @@
-// tls.h - TLS, which ends in front of everything else: what is inside goes on over a pair of sockets in
-// this process, as a connection like any other.
+// tls.h - TLS, which ends in front of everything else: what is inside goes on over a pair of
+// sockets in this process, as a connection like any other.
 #pragma once
 
 #include <functional>
@@ -14,7 +14,7 @@ class context;
 }
 
 struct tls_files {
-    std::string certificate, key;  // PEM, the certificate with those above it
+    std::string certificate, key;                // PEM, the certificate with those above it
     int64_t certificate_time = 0, key_time = 0;  // of what has been read
 };
 

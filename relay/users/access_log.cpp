@@ -93,5 +93,6 @@ void access_log_write(relay& hub, const user_link& user, const access_record& re
                                   ? "\"-\" -"
                                   : quoted(user.owner->id) + " " + std::to_string(user.port);
     open_log->logger->info("{} - {} [{}] {} {} {} {}", user.name.substr(0, user.name.rfind(':')),
-                           user.who ? log_text(user.who->name) : "-", time_text(), record.asked, counts, record.said, where);
+                           user.who ? log_text(user.who->name) : "-", time_text(), record.asked,
+                           counts, record.said, where);
 }

@@ -53,7 +53,8 @@ struct place {
         if (all.users >= hub.settings.users) {
             return "The relay has as many users as it can bear.";
         }
-        return !address.empty() && found != all.by_address.end() && found->second >= hub.settings.address_users
+        return !address.empty() && found != all.by_address.end() &&
+                       found->second >= hub.settings.address_users
                    ? "There are too many connections from this address."
                    : nullptr;
     }
@@ -89,7 +90,8 @@ void admission_fit(options& set) {
     setrlimit(RLIMIT_NOFILE, &limit);
     getrlimit(RLIMIT_NOFILE, &limit);
     // A quarter for devices, a quarter for those who are turned away.
-    const size_t each = DESCRIPTORS_OF_USER + (set.tls_certificate.empty() ? 0 : DESCRIPTORS_OF_TLS);
+    const size_t each =
+        DESCRIPTORS_OF_USER + (set.tls_certificate.empty() ? 0 : DESCRIPTORS_OF_TLS);
     const auto fitting = std::max<size_t>(limit.rlim_cur / 2 / each, 1);
     if (set.users > fitting) {
         log_line(PROBLEM, "%ju descriptors are enough for %zu users, not for %zu",

@@ -167,7 +167,8 @@ std::string route(relay& hub, user_link& user, const http_request& request, devi
         return prefix.empty() ? http_text_reply(404, "No such device.")
                               : http_redirect(prefix + std::string(request.path) + query);
     }
-    if (user.came_by != door::USERS && admin && parts.second == "report-times" && parts.rest.empty()) {
+    if (user.came_by != door::USERS && admin && parts.second == "report-times" &&
+        parts.rest.empty()) {
         return answer_report_times(*found->second, request);
     }
     if (user.came_by == door::ADMIN) {

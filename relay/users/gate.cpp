@@ -46,8 +46,8 @@ void believe(const relay& hub, user_link& user, const http_request& request) {
     }
 }
 
-// Whether the Host is one that leads here. A page elsewhere whose own name leads to this machine has
-// another one.
+// Whether the Host is one that leads here. A page elsewhere whose own name leads to this machine
+// has another one.
 bool is_ours(const relay& hub, std::string_view host) {
     const std::string name = host_name(host), &domain = hub.settings.domain;
     asio::error_code no_address;
@@ -93,7 +93,8 @@ awaitable<std::string> by_password(relay& hub, std::shared_ptr<user_link> user,
 
 // Browsers go to the page for it; programs are told what they lack.
 std::string ask(const relay& hub, const user_link& user, const http_request& request) {
-    const bool shown = http_header(request.headers, "accept").find("text/html") != std::string::npos;
+    const bool shown =
+        http_header(request.headers, "accept").find("text/html") != std::string::npos;
     if (shown && (request.method == "GET" || request.method == "HEAD")) {
         return login_redirect(hub, user, request);
     }
@@ -103,8 +104,8 @@ std::string ask(const relay& hub, const user_link& user, const http_request& req
                       browser ? "" : CHALLENGE);
 }
 
-// Whether a page elsewhere has made the browser do this, to change something. Ports of one device may
-// do so with each other.
+// Whether a page elsewhere has made the browser do this, to change something. Ports of one device
+// may do so with each other.
 bool is_foreign(const relay& hub, const http_request& request) {
     const bool reads =
         request.method == "GET" || request.method == "HEAD" || request.method == "OPTIONS";
@@ -120,7 +121,8 @@ bool is_foreign(const relay& hub, const http_request& request) {
     const size_t slashes = origin.find("://");
     const std::string_view from = slashes == origin.npos ? "" : origin.substr(slashes + 3);
     const auto asks = names_find(hub, from), asked = names_find(hub, host);
-    return lower_text(from) != lower_text(host) && !(asks && asked && asks->owner && asks->owner == asked->owner);
+    return lower_text(from) != lower_text(host) &&
+           !(asks && asked && asks->owner && asks->owner == asked->owner);
 }
 
 awaitable<std::string> identify(relay& hub, std::shared_ptr<user_link> user,
@@ -160,8 +162,8 @@ awaitable<std::string> gate_pass(relay& hub, std::shared_ptr<user_link> user,
         co_return std::string();
     }
     if (!is_ours(hub, host)) {
-        co_return http_text_reply(421, "Here is " + hub.settings.domain +
-                                           ", and names under it; --domain says so.");
+        co_return http_text_reply(
+            421, "Here is " + hub.settings.domain + ", and names under it; --domain says so.");
     }
     const bool asks = hub.entry.rules.accounts.has_value();
     if (is_foreign(hub, request) && (asks || !names_find(hub, host))) {
@@ -188,8 +190,8 @@ bool gate_may_reach(const relay& hub, const user_link& user, const device& owner
     if (gate_is_admin(hub, user)) {
         return true;
     }
-    const bool announced = std::ranges::any_of(
-        owner.ports, [port](const auto& each) { return each.second == port; });
+    const bool announced =
+        std::ranges::any_of(owner.ports, [port](const auto& each) { return each.second == port; });
     return user.who != nullptr && port != MAINTENANCE_PORT &&
            user.who->may_reach(owner.id, port, announced);
 }
@@ -199,8 +201,8 @@ std::string gate_fields(const relay& hub, const user_link& user, std::string_vie
     std::string fields;
     while (!headers.empty()) {
         const http_field field = http_field_take(headers);
-        const bool ours = (field.is("authorization") && user.by_password) ||
-                          (!told.empty() && field.is(told));
+        const bool ours =
+            (field.is("authorization") && user.by_password) || (!told.empty() && field.is(told));
         if (field.is("cookie")) {
             const std::string others = cookies_without_session(field.value);
             fields += others.empty() ? "" : std::string(field.name) + ": " + others + "\r\n";

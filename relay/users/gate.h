@@ -2,8 +2,8 @@
 // and who has made it.
 //
 // Without a users file nobody is asked, and everybody may do everything. With one, a request is its
-// user's by the session that his browser keeps (login.h), by a name and a password (Basic), or by the
-// word of a proxy that has asked him.
+// user's by the session that his browser keeps (login.h), by a name and a password (Basic), or by
+// the word of a proxy that has asked him.
 #pragma once
 
 #include "hub/registry.h"

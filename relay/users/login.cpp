@@ -50,7 +50,8 @@ std::string form(const relay& hub, int code, const std::string& to, const std::s
         hub, code,
         "<h1>Log in</h1>\n" + (said.empty() ? "" : "<p role=\"alert\">" + said + "</p>\n") +
             "<form method=\"post\" action=\"" + LOGIN_PAGE +
-            "\"><label for=\"n\">Name</label><input id=\"n\" name=\"name\" autocomplete=\"username\" "
+            "\"><label for=\"n\">Name</label><input id=\"n\" name=\"name\" "
+            "autocomplete=\"username\" "
             "autocapitalize=\"none\" required autofocus><label for=\"p\">Password</label><input "
             "id=\"p\" name=\"password\" type=\"password\" autocomplete=\"current-password\" "
             "required><input type=\"hidden\" name=\"to\" value=\"" +
@@ -89,10 +90,11 @@ bool leads_here(const relay& hub, const user_link& user, std::string_view place)
         return !place.starts_with("//") && !place.starts_with("/\\");
     }
     const std::string start = user.scheme + "://";
-    const std::string_view host =
-        place.substr(std::min(start.size(), place.size()), place.find_first_of("/?#\\@", start.size()) -
-                                                               std::min(start.size(), place.size()));
-    return place.starts_with(start) && is_shared(hub, host);
+    if (!place.starts_with(start)) {
+        return false;
+    }
+    const std::string_view rest = place.substr(start.size());
+    return is_shared(hub, rest.substr(0, rest.find_first_of("/?#\\")));
 }
 
 std::string see(const std::string& place, const std::string& headers) {

@@ -43,7 +43,8 @@ TEST(GwrelayFrontDoor, RefusesWhatItCannotCarry) {
 // A page of the box may link to what names neither device nor port, and a port needs its slash.
 TEST(GwrelayFrontDoor, SendsToWhereALinkWasMeantToLead) {
     const std::pair<std::string, std::string> cases[] = {
-        {"/style.css?v=1" + HTTP + "Host: 10.0.0.1\r\nREFERER:\t http://relay:1/box/80/page \r\n\r\n",
+        {"/style.css?v=1" + HTTP +
+             "Host: 10.0.0.1\r\nREFERER:\t http://relay:1/box/80/page \r\n\r\n",
          "/box/80/style.css?v=1"},
         {"/other/80/a" + HTTP + "Referer: https://a/%3Cb/9\r\n\r\n", "/%3Cb/9/other/80/a"},
         {"/box/80?a" + HTTP + "\r\n", "/box/80/?a"},
