@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <random>
 
+#include "boxes/logins.h"
 #include "users/exchange.h"
 #include "users/fairness.h"
 #include "users/guard.h"
@@ -14,61 +15,12 @@ namespace {
 constexpr size_t QUERY_MAX = 4096;
 constexpr size_t CONTROL_INPUT = 2 * FRAME_MAX, DATA_INPUT = 256 * 1024;
 constexpr uint8_t CONTROL_LOGIN_VERSION = 3, DATA_LOGIN_VERSION = 2;
-constexpr size_t DEVICE_ID_MAX = 47;
 constexpr size_t PORTS_MAX = 16;
 constexpr size_t SESSION_ID_SIZE = 32;
 constexpr size_t WORD = 4;
 constexpr char CLOSING[] = "Connection: close\r\n";
 constexpr int NUDGES_IN_SILENCE = 5;
-constexpr milliseconds ASK_TIME{4000};      // until the kernel knows that a device is gone
-constexpr milliseconds LOST_AFTER{2000};    // without an acknowledgement
 constexpr milliseconds LOGIN_TIME{10'000};  // of all five data connections, one a second
-
-std::string frame_text(const frame& got) {
-    return std::string(command_name(got.code)) + " of version " + std::to_string(got.version) +
-           ", stream " + std::to_string(got.stream_id) + ", length " +
-           std::to_string(got.payload.size()) +
-           (got.code == command::DEVICE_INFO ? "" : ": " + log_text(got.payload));  // has the id
-}
-
-std::string address_of(const connection& link) { return link.name.substr(0, link.name.rfind(':')); }
-
-std::string mac_of(const text_pairs& info) {
-    const auto found = info.find("mac");
-    return found == info.end() ? "" : found->second;
-}
-
-struct box_login {
-    known_box box;
-    std::string id;
-    text_pairs info;
-};
-
-// What has logged in; nothing after refusing what is no login of this version, or not welcome.
-std::optional<box_login> login_take(const relay& hub, connection& link, const frame& got,
-                                    uint8_t version) {
-    const bool fits = got.code == command::DEVICE_INFO && got.version == version;
-    auto info = fits ? json_flat_object(got.payload) : std::nullopt;
-    const std::string id = info ? (*info)["deviceid"] : "";
-    if (id.empty() || id.size() > DEVICE_ID_MAX) {
-        link.refuse("not a login: " + frame_text(got));
-        return std::nullopt;
-    }
-    std::string why;
-    auto box = boxes_admit(hub.entry.rules.boxes, hub.settings.open, id, mac_of(*info),
-                           address_of(link), why);
-    if (!box) {
-        link.refuse("a device that is not welcome: " + why);
-        return std::nullopt;
-    }
-    (*info)["deviceid"] = box->name;
-    return box_login{std::move(*box), id, std::move(*info)};
-}
-
-void login_done(const relay& hub, connection& link) {
-    link.patience = hub.settings.silence_timeout;
-    liveness_watch(link.alive, link.socket.native_handle(), hub.settings.gone_timeout);
-}
 
 // The next frame that is not a heartbeat, which is answered here.
 awaitable<bool> next_frame(const relay& hub, connection& link, frame_input& input, frame& to) {
@@ -80,26 +32,6 @@ awaitable<bool> next_frame(const relay& hub, connection& link, frame_input& inpu
         more = co_await connection_next_frame(link, input, to);
     }
     co_return more;
-}
-
-// Whether the device's control connection is another device's than the one at this address: it came
-// from elsewhere and lives. The kernel asks; a device that has moved or lost its power does not
-// answer.
-awaitable<bool> is_taken(const relay& hub, std::shared_ptr<device> owner, std::string address) {
-    const std::shared_ptr<control_link> first = owner->control;
-    if (first == nullptr || address == owner->address) {
-        co_return false;
-    }
-    const milliseconds time = std::min(ASK_TIME, hub.settings.gone_timeout);
-    liveness_watch(first->alive, first->socket.native_handle(), time);
-    const auto until = steady::now() + time + time / 2;
-    while (!first->closed && steady::now() < until) {
-        co_await first->changed.wait();
-    }
-    if (!first->closed) {
-        liveness_watch(first->alive, first->socket.native_handle(), hub.settings.gone_timeout);
-    }
-    co_return owner->control != nullptr && !owner->control->closed;
 }
 
 // Of what was there before, nothing is of use: the device has started anew, or it has gone.
@@ -189,38 +121,6 @@ bool control_take(control_link& link, const frame& got) {
         return true;
     }
     return got.code == command::PORT_INFO && control_take_ports(owner, got.payload);
-}
-
-// A connection of those that the device has which nobody answers on any more.
-std::shared_ptr<data_link> data_lost(const device& owner) {
-    const auto now = steady::now();
-    const auto lost = std::ranges::find_if(owner.data, [now](const auto& link) {
-        return link->alive.since != NEVER && now - link->alive.since >= LOST_AFTER;
-    });
-    return lost == owner.data.end() ? nullptr : *lost;
-}
-
-// Why this is no data connection of a device that is there; null: it is one.
-const char* data_why_not(const device* owner, const std::string& address) {
-    if (owner == nullptr || owner->control == nullptr || owner->control->closed) {
-        return "the device has no control connection";
-    }
-    if (owner->one_address && address != owner->address) {
-        return "the device is at another address";
-    }
-    const auto open =
-        std::ranges::count_if(owner->data, [](const auto& each) { return !each->closed; });
-    if (static_cast<size_t>(open) < DATA_CONNECTIONS) {
-        return nullptr;
-    }
-    if (const auto lost = data_lost(*owner)) {
-        lost->refuse("lost, and replaced by another one");
-        return nullptr;
-    }
-    for (const auto& each : owner->data) {
-        each->send_frame({.code = command::LOGIN_ANSWER});  // who does not answer shows by this
-    }
-    return "the device has all its data connections";
 }
 
 void data_login(relay& hub, const std::shared_ptr<data_link>& link, const frame& got) {
@@ -315,17 +215,6 @@ awaitable<void> data_hold(const relay& hub, data_link& link,
     }
 }
 
-// The name of a device that may come, by what little it tells as yet.
-std::optional<std::string> boxes_answer(const relay& hub, const std::string& id,
-                                        const std::string& address, std::string& why) {
-    const auto& boxes = hub.entry.rules.boxes;
-    const bool known = boxes && boxes->contains(id);
-    const std::string mac = known ? boxes->find(id)->second.mac : "";
-    const auto box = boxes_admit(boxes, hub.settings.open, id, mac, address, why);
-    why.insert(0, box ? "" : "a device that is not welcome: ");
-    return box ? std::optional(box->name) : std::nullopt;
-}
-
 }  // namespace
 
 // A device parses what its first receive returns, so head and body leave in one write.
@@ -415,23 +304,5 @@ void data_link::ended() {
     for (const auto& [id, user] : std::exchange(streams, {})) {
         user->route = nullptr;
         user->changed.notify();
-    }
-}
-
-void devices_recheck(relay& hub) {
-    for (const auto& [name, owner] : hub.devices) {
-        std::string why;
-        const auto& boxes = hub.entry.rules.boxes;
-        const auto box = boxes_admit(boxes, hub.settings.open, owner->wire_id, mac_of(owner->info),
-                                     owner->address, why);
-        if (box && box->name == name) {
-            continue;
-        }
-        if (owner->control != nullptr) {
-            owner->control->refuse("not welcome any more: " + why);
-        }
-        for (const auto& link : owner->data) {
-            link->refuse("not welcome any more");
-        }
     }
 }

@@ -10,7 +10,5 @@
 awaitable<void> manager_serve(relay& hub, std::shared_ptr<connection> link);
 // Login, then session id, heartbeats, and what the device reports.
 awaitable<void> control_serve(relay& hub, std::shared_ptr<control_link> link);
-// Ends devices that the boxes file does not let in any more.
-void devices_recheck(relay& hub);
 // Login, then heartbeats and the streams' bytes on their way to users.
 awaitable<void> data_serve(relay& hub, std::shared_ptr<data_link> link);

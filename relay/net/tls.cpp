@@ -109,13 +109,13 @@ awaitable<void> carry_out(std::shared_ptr<bridge> both, milliseconds linger) {
 struct handshake_place {
     tls_front& front;
     const std::string address;
-    const bool granted;
+    bool granted = false;
 
     handshake_place(tls_front& of, const std::string& from)
-        : front(of),
-          address(address_group(from)),
-          granted(++front.handshakes <= HANDSHAKES_MAX &&
-                  ++front.handshakes_of[address] <= HANDSHAKES_OF_ADDRESS) {}
+        : front(of), address(address_group(from)) {
+        const size_t all = ++front.handshakes, his = ++front.handshakes_of[address];
+        granted = all <= HANDSHAKES_MAX && his <= HANDSHAKES_OF_ADDRESS;
+    }
     handshake_place(handshake_place&&) = delete;
     ~handshake_place() {
         --front.handshakes;
@@ -152,7 +152,7 @@ bool tls_load(tls_front& front, const std::string& certificate, const std::strin
     front.files = {certificate, key, time_of(certificate), time_of(key)};
     try {
         const auto context = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_server);
-        context->set_options(asio::ssl::context::default_workarounds |
+        context->set_options(asio::ssl::context::default_workarounds | SSL_OP_NO_RENEGOTIATION |
                              asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
         context->use_certificate_chain_file(certificate);
         context->use_private_key_file(key, asio::ssl::context::pem);

@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "boxes/devices.h"
+#include "boxes/logins.h"
 #include "run/service.h"
 #include "users/access_log.h"
 #include "users/admission.h"

@@ -4,27 +4,16 @@
 #
 #   hosting_test.sh BUILD_FOLDER
 set -eu
+# shellcheck source=tests/support/script.sh
+. "${0%/*}/../support/script.sh"
 cd "$(dirname "$0")/../.."
-. scripts/lib.sh
 
 build=$(realpath "$1")
-work=$(mktemp -d "${TMPDIR:-/tmp}/gwrelay-hosting.XXXXXX")
 etc=$work/etc
 port=$((20000 + RANDOM % 10000))
-pids=()
-at_exit() {
-    local status=$?
-    [ ${#pids[@]} -eq 0 ] || kill "${pids[@]}" 2>/dev/null || true
-    if [ "$status" -ne 0 ]; then
-        tail -n 20 "$work"/*.log
-    fi
-    rm -rf "$work"
-    exit "$status"
-}
-trap at_exit EXIT
-PATH=$build:$PATH:/usr/sbin:/sbin
+PATH=$build:$PATH
 for program in htpasswd openssl curl nginx; do
-    command -v "$program" >/dev/null || { say "there is no $program"; exit 77; }
+    command -v "$program" >/dev/null || { echo "there is no $program"; exit 77; }
 done
 
 # --- the document ---
@@ -51,9 +40,9 @@ certificate() {
 # run STEP: as whoever reads it would.
 run() {
     step "$1" >"$work/step"
-    [ -s "$work/step" ] || die "docs/hosting.md has no step $1"
+    [ -s "$work/step" ] || fail "docs/hosting.md has no step $1"
     # shellcheck source=/dev/null
-    (set -eu; . "$work/step") >"$work/$1.out" 2>>"$work/steps.log" || die "step $1 failed"
+    (set -eu; . "$work/step") >"$work/$1.out" 2>>"$work/steps.log" || fail "step $1 failed"
 }
 
 mkdir -p "$etc" "$work/home/tmp" "$work/home/etc" "$work/www"
@@ -66,24 +55,25 @@ run settings
 
 # --- the programs ---
 
+stop() {
+    kill "$1"
+    wait "$1" 2>/dev/null || true
+}
 start() {
     local name=$1
     shift
     "$@" >"$work/$name.out" 2>"$work/$name.log" &
-    pids+=($!)
+    last=$!
 }
 
-relay_is_up() { grep -q '^ready ' "$work/relay.out"; }
-
 # relay OPTION...: with the document's settings, and those.
-relay_pid=""
 relay() {
-    : >"$work/relay.out"
-    start relay "$build/gwrelay" --config "$etc/gwrelay.toml" --drain 0 --manager-port 0 \
-        --control-port 0 --data-port 0 "$@"
+    : >"$work/ready"
+    gwrelay --config "$etc/gwrelay.toml" --drain 0 --manager-port 0 --control-port 0 --data-port 0 \
+        "$@" >"$work/ready" 2>>"$work/relay.log" &
     relay_pid=$!
-    wait_for 10 relay_is_up || die "gwrelay does not start"
-    MANAGER=$(relay_port manager "$work/relay.out")
+    wait_for grep -q '^ready' "$work/ready"
+    MANAGER=$(relay_port manager)
     export MANAGER
 }
 
@@ -109,7 +99,8 @@ box_up() {
     ID=$(sed -n 's/^cellar //p' "$etc/boxes")
     export ID
     start box sh -c "exec $(step gwad)"
-    wait_for 60 announced || die "the box is not up"
+    box_pid=$last
+    wait_for announced
 }
 announced() { (run announce) 2>/dev/null && [ "$(ask -u ann:secret "$site/" 2>/dev/null)" = "the cellar's page" ]; }
 
@@ -120,7 +111,7 @@ ask() {
 }
 code() { ask -o /dev/null -w '%{http_code}' "$@"; }
 expect() {  # WHAT EXPECTED IS
-    [ "$2" = "$3" ] || die "$1: $3, not $2"
+    [ "$2" = "$3" ] || fail "$1: $3, not $2"
 }
 
 # checks NAME: what a user can do, over TLS at $port.
@@ -133,15 +124,13 @@ checks() {
         "$(ask -o /dev/null -w '%{redirect_url}' -H 'Accept: text/html' "$site/a")"
     expect "$1: a login" 200 "$(code -c "$work/jar" -L -d "name=ann&password=secret&to=$site/" \
         "$top/gwrelay.login")"
-    grep -q '^#HttpOnly_.relay.example.org.*TRUE.*gwrelay' "$work/jar" || die "$1: no secure cookie"
+    grep -q '^#HttpOnly_.relay.example.org.*TRUE.*gwrelay' "$work/jar" || fail "$1: no secure cookie"
     expect "$1: a session" "the cellar's page" "$(ask -b "$work/jar" "$site/")"
     expect "$1: the list" 200 "$(code -b "$work/jar" "$top/status.json")"
-    ask -b "$work/jar" "$site/large" | cmp - "$work/www/large" || die "$1: another file"
+    ask -b "$work/jar" "$site/large" | cmp - "$work/www/large" || fail "$1: another file"
     expect "$1: what is not there" 403 \
         "$(code -b "$work/jar" -X POST -H 'Origin: https://evil.example' "$site/")"
-    kill "${pids[-1]}"
-    wait "${pids[-1]}" 2>/dev/null || true
-    unset 'pids[-1]'
+    stop "$box_pid"
 }
 
 relay
@@ -156,15 +145,14 @@ RENEWED_LINEAGE=$work/again
 certificate "$RENEWED_LINEAGE" 5
 run certificate
 is_new() { [ "$(code "https://relay.example.org:$port/healthz")" = 200 ]; }
-wait_for 10 is_new || die "the new certificate is not there"
+wait_for is_new
 
 # --- behind proxies ---
 
-kill "$relay_pid"
-wait "$relay_pid" 2>/dev/null || true
+stop "$relay_pid"
 sed -i '/^tls-/d; s/^listen-users.*/trusted-proxy = "127.0.0.1"/; /^front-port/d' "$etc/gwrelay.toml"
 relay --front-port 0
-front=$(relay_port front "$work/relay.out")
+front=$(relay_port front)
 cat "$RENEWED_LINEAGE/fullchain.pem" "$RENEWED_LINEAGE/privkey.pem" >"$etc/tls/relay.pem"
 
 # proxied FILE: the configuration that we hand out, with our places and ports.
@@ -173,17 +161,13 @@ proxied() {
          s/\b443\b/$port/; s/\(listen\|bind\) \(\[::\]:\|:\)\{0,1\}80\b/\1 \2$((port + 1))/" \
         "packaging/gwrelay/$1"
 }
-stop_proxy() {
-    kill "${pids[-1]}"
-    wait "${pids[-1]}" 2>/dev/null || true
-    unset 'pids[-1]'
-}
 is_answered() { [ "$(code "https://relay.example.org:$port/healthz")" = 200 ]; }
 behind() {  # NAME
-    wait_for 10 is_answered || die "$1 does not answer"
+    local proxy_pid=$last
+    wait_for is_answered
     checks "$1"
-    stop_proxy
-    say "$1: fine"
+    stop "$proxy_pid"
+    echo "$1: fine"
 }
 
 nginx_start nginx "$(proxied nginx.conf)"
