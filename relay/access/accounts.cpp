@@ -49,7 +49,7 @@ std::string_view field_take(std::string_view& line) {
 
 // Null, with the reason.
 std::shared_ptr<account> line_parse(std::string_view line, std::string& error) {
-    const auto made = std::make_shared<account>();
+    auto made = std::make_shared<account>();
     made->name = field_take(line);
     const std::string_view hash = field_take(line);
     if (!name_fits(made->name) || !hash_fits(hash)) {
