@@ -20,7 +20,7 @@ static std::string frames_of(std::string_view text, size_t piece) {
         frame_input::result result;
         while ((result = input.take(got)) == frame_input::result::FRAME) {
             must(command_name(got.code) != nullptr && got.payload.size() <= FRAME_PAYLOAD_MAX);
-            json_flat_object(got.payload);
+            json_pairs(got.payload);
             frame_append(all, got);
         }
         if (result == frame_input::result::BAD) {
@@ -36,6 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     const size_t piece = size_t{input.byte()} + 1;
     must(frames_of(input.rest, piece) == frames_of(input.rest, SIZE_MAX));
     const exact_bytes exact(input.rest);
-    json_flat_object({exact.bytes.get(), exact.size});
+    json_pairs({exact.bytes.get(), exact.size});
     return 0;
 }

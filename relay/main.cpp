@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "boxes/data.h"
 #include "boxes/devices.h"
 #include "run/lifecycle.h"
+#include "run/listeners.h"
 #include "run/service.h"
 #include "users/access_log.h"
 #include "users/admission.h"
@@ -17,93 +19,6 @@ namespace {
 
 constexpr milliseconds TICK{1000};
 constexpr milliseconds ACCEPT_PAUSE{200};
-
-struct listeners {
-    tcp::acceptor manager, control, data, front;
-    std::optional<tcp::acceptor> admin;
-};
-
-uint16_t port_of(const tcp::acceptor& acceptor) { return acceptor.local_endpoint().port(); }
-
-// The socket that the service manager has made for this, or one of our own.
-tcp::acceptor listen_on(asio::io_context& io, const char* name, const std::string& address,
-                        uint16_t port) {
-    try {
-        if (const int fd = service_socket(name); fd >= 0) {
-            sockaddr_storage bound{};
-            socklen_t size = sizeof bound;
-            getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size);
-            return {io, bound.ss_family == AF_INET6 ? tcp::v6() : tcp::v4(), fd};
-        }
-        return {io, tcp::endpoint(asio::ip::make_address(address), port)};
-    } catch (const std::exception& failed) {
-        fprintf(stderr, "gwrelay: cannot listen on %s port %u: %s\n", address.c_str(), port,
-                failed.what());
-        exit(EXIT_FAILURE);
-    }
-}
-
-// Whoever reaches the users' address would reach every box.
-bool users_fit(const options& set, const asio::ip::address& address) {
-    if (address_is_loopback(address) || !set.users_file.empty() || set.open_users) {
-        return true;
-    }
-    fprintf(
-        stderr,
-        "gwrelay: at %s everybody could reach every device, from anywhere: give a --users-file, "
-        "or --open-users if that is meant\n",
-        address.to_string().c_str());
-    return false;
-}
-
-// Whoever reaches the devices' address could take any device's place.
-bool devices_fit(const options& set, const asio::ip::address& address) {
-    if (address_is_loopback(address) || !set.boxes_file.empty() || set.open) {
-        return true;
-    }
-    fprintf(stderr,
-            "gwrelay: at %s anything could log in as any device: give a --boxes-file, or --open if "
-            "that is meant\n",
-            address.to_string().c_str());
-    return false;
-}
-
-// For --check-config, which binds nothing.
-bool addresses_fit(const options& set) {
-    for (const std::string* each : {&set.listen_devices, &set.listen_users, &set.listen_admin}) {
-        asio::error_code failed;
-        const auto address = asio::ip::make_address(*each, failed);
-        if (failed && !each->empty()) {
-            fprintf(stderr, "gwrelay: cannot listen on %s: it is no address\n", each->c_str());
-            return false;
-        }
-        const bool devices = each == &set.listen_devices;
-        if (!failed && !(devices ? devices_fit(set, address) : users_fit(set, address))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-void announce(relay& hub, const listeners& ports) {
-    const std::string& host = hub.settings.announce;
-    const std::string port = std::to_string(port_of(ports.data));
-    hub.manager_body =
-        "{\"ret\":0,\"proxy\":\"" + host + ":" + std::to_string(port_of(ports.control)) + "\"}";
-    for (const char number : {'1', '2', '3', '4', '5'}) {
-        hub.order_json += hub.order_json.empty() ? "{" : ",";
-        hub.order_json += std::string("\"host") + number + "\":\"" + host + "\",\"port" + number +
-                          "\":\"" + port + "\"";
-    }
-    hub.order_json += "}";
-    hub.manager_port = port_of(ports.manager);
-    hub.front_port = port_of(ports.front);
-    // A device does not parse JSON: it searches the key, skips it and the one byte behind, and
-    // takes the text between the next two double quotes. So keys that mean the same value can share
-    // it, which is how ten pairs fit into a command 7.
-    hub.order_text =
-        "host1host2host3host4host5 \"" + host + "\" port1port2port3port4port5 \"" + port + "\"";
-}
 
 // Accepts for ever, and hands over to `begin`. Out of descriptors, it waits instead of
 // spinning.
@@ -205,20 +120,6 @@ milliseconds interval_for(std::initializer_list<milliseconds> times) {
     return std::min(TICK, std::min(times) / 4);
 }
 
-void tell_ready(const options& set, const listeners& ports) {
-    printf("ready manager=%u control=%u data=%u front=%u", port_of(ports.manager),
-           port_of(ports.control), port_of(ports.data), port_of(ports.front));
-    if (ports.admin) {
-        printf(" admin=%u", port_of(*ports.admin));
-    }
-    puts("");
-    fflush(stdout);
-    const auto& [address, page] = ports.admin ? std::tie(set.listen_admin, *ports.admin)
-                                              : std::tie(set.listen_users, ports.front);
-    log_line(EVENT, "front page: http%s://%s:%u/", set.tls_certificate.empty() ? "" : "s",
-             address.c_str(), port_of(page));
-}
-
 void run(options& settings, access_rules rules, tls_front tls, int argc, const char* const* argv) {
     asio::io_context io(1);
     relay hub{settings, {settings.user_buffer, settings.buffers, settings.buffer_folder},
@@ -227,21 +128,9 @@ void run(options& settings, access_rules rules, tls_front tls, int argc, const c
               {},       {}};
     hub.entry.rules = std::move(rules);
     hub.tls = std::move(tls);
-    listeners ports{listen_on(io, "manager", settings.listen_devices, settings.manager_port),
-                    listen_on(io, "control", settings.listen_devices, settings.control_port),
-                    listen_on(io, "data", settings.listen_devices, settings.data_port),
-                    listen_on(io, "front", settings.listen_users, settings.front_port),
-                    std::nullopt};
-    hub.own_door = !settings.listen_admin.empty() || service_socket("admin") >= 0;
-    if (hub.own_door) {
-        ports.admin = listen_on(io, "admin", settings.listen_admin, settings.admin_port);
-    }
-    if (!devices_fit(settings, ports.control.local_endpoint().address()) ||
-        !users_fit(settings, ports.front.local_endpoint().address()) ||
-        (ports.admin && !users_fit(settings, ports.admin->local_endpoint().address()))) {
-        exit(EXIT_FAILURE);
-    }
-    announce(hub, ports);
+    listeners ports = listeners_open(io, settings);
+    hub.own_door = ports.admin.has_value();
+    listeners_announce(hub, ports);
     using asio::co_spawn, asio::detached;
     co_spawn(io, accept_loop(ports.manager, starter<connection>(hub, manager_serve)), detached);
     co_spawn(io, accept_loop(ports.control, starter<control_link>(hub, control_serve)), detached);
@@ -265,7 +154,7 @@ void run(options& settings, access_rules rules, tls_front tls, int argc, const c
     co_spawn(io, repeat([] { return LOOK_INTERVAL; }, [&hub] { relay_look(hub, steady::now()); }),
              detached);
     co_spawn(io, lifecycle_serve(hub, settings, argc, argv), detached);
-    tell_ready(settings, ports);
+    listeners_tell(settings, ports);
     service_notify("READY=1");
     io.run();
 }
@@ -296,8 +185,7 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
     if (line->check_only) {
-        const bool fit = addresses_fit(settings);
-        return fit ? EXIT_SUCCESS : EXIT_FAILURE;
+        return listeners_fit(settings) ? EXIT_SUCCESS : EXIT_FAILURE;
     }
     log_set_level(settings.level);
     admission_fit(settings);

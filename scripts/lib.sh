@@ -67,7 +67,7 @@ need_packages() {
 }
 
 # The libraries of gwrelay.
-relay_packages=(libasio-dev libcli11-dev libssl-dev libspdlog-dev libtomlplusplus-dev)
+relay_packages=(libasio-dev libcli11-dev libssl-dev libspdlog-dev nlohmann-json3-dev libtomlplusplus-dev)
 
 # need_test_packages WHAT_FOR PACKAGE...: those, and what it takes to build everything for this
 # machine and to run all tests.

@@ -1,8 +1,9 @@
 // accounts.h - the users file: who there is, his password, and what he may reach.
 //
-//     ann:HASH:box, cam/8080    the ports that "box" has announced, and port 8080 of "cam" in any
-//     case bob:HASH:*                the announced ports of all devices eve:HASH:admin everything:
-//     any port, the devices themselves, the relay's pages dan:HASH                  nothing yet
+//     ann:HASH:box, cam/8080    the ports that "box" has announced, and port 8080 of "cam"
+//     bob:HASH:*                the announced ports of all devices
+//     eve:HASH:admin            everything: any port, the devices themselves, the relay's pages
+//     dan:HASH                  nothing yet
 //     joe:*:box                 no password: only a proxy lets him in
 //
 // HASH is what "htpasswd -B" writes. That program drops the third field when it changes a password,

@@ -1,6 +1,5 @@
-// lines.h - files of the operator's with a line for each thing. Empty ones, and those that begin
-// with
-// "#", mean nothing.
+// lines.h - files of the operator's with a line for each thing. Empty lines mean nothing, nor do
+// those that begin with "#".
 #pragma once
 
 #include <functional>

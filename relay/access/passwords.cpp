@@ -16,9 +16,6 @@ constexpr int TRIES = 10;
 constexpr size_t ADDRESSES_MAX = 4096, PROVEN_MAX = 1024, WAITING_MAX = 32, PASSWORD_MAX = 1024;
 constexpr std::chrono::minutes PROVEN_FOR{10};
 
-// What passwords of nobody are compared with when there is no other hash: of no password.
-constexpr char NOBODY[] = "$2y$10$abcdefghijklmnopqrstuuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123";
-
 std::array<unsigned, 8> random_words() {
     std::random_device random;
     std::array<unsigned, 8> words{};

@@ -12,45 +12,6 @@ std::string formatted(const char* format, char c) {
     return text;
 }
 
-// Reads from the front of `rest`; every function answers false when something else is there.
-struct json_reader {
-    std::string_view rest;
-
-    bool character(char expected) {
-        rest.remove_prefix(std::min(rest.find_first_not_of(" \t\r\n"), rest.size()));
-        if (rest.empty() || rest[0] != expected) {
-            return false;
-        }
-        rest.remove_prefix(1);
-        return true;
-    }
-
-    bool string(std::string& to) {
-        to.clear();
-        if (!character('"')) {
-            return false;
-        }
-        while (!rest.empty() && rest[0] != '"') {
-            rest.remove_prefix(rest[0] == '\\' ? 1 : 0);
-            to += rest.substr(0, 1);
-            rest.remove_prefix(std::min<size_t>(1, rest.size()));
-        }
-        return character('"');
-    }
-
-    bool value(std::string& to) {
-        if (string(to)) {
-            return true;
-        }
-        const auto word_end = std::find_if_not(rest.begin(), rest.end(), [](unsigned char c) {
-            return isalnum(c) != 0 || c == '-' || c == '+' || c == '.';
-        });
-        to.assign(rest.begin(), word_end);
-        rest.remove_prefix(to.size());
-        return !to.empty();
-    }
-};
-
 int base64_digit(char c) {
     constexpr std::string_view DIGITS =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -116,45 +77,6 @@ std::string html_escape(std::string_view text) {
         escaped += special ? formatted("&#%d;", c) : std::string(1, c);
     }
     return escaped;
-}
-
-std::string json_quote(std::string_view text) {
-    std::string quoted = "\"";
-    for (const char c : text) {
-        const bool plain = c >= ' ' && c <= '~' && c != '"' && c != '\\';
-        quoted += plain ? std::string(1, c) : formatted("\\u%04x", c);
-    }
-    return quoted + '"';
-}
-
-std::optional<text_pairs> json_flat_object(std::string_view text) {
-    json_reader reader{text};
-    text_pairs pairs;
-    if (!reader.character('{')) {
-        return std::nullopt;
-    }
-    if (!reader.character('}')) {
-        do {
-            std::string key;
-            if (!reader.string(key) || !reader.character(':') || !reader.value(pairs[key])) {
-                return std::nullopt;
-            }
-        } while (reader.character(','));
-        if (!reader.character('}')) {
-            return std::nullopt;
-        }
-    }
-    const bool ended = reader.rest.find_first_not_of(" \t\r\n") == std::string_view::npos;
-    return ended ? std::optional(pairs) : std::nullopt;
-}
-
-std::string json_object(const text_pairs& pairs) {
-    std::string json;
-    for (const auto& [name, value] : pairs) {
-        json.append(json.empty() ? "{" : ",").append(json_quote(name)).append(":");
-        json += json_quote(value);
-    }
-    return json.empty() ? "{}" : json + "}";
 }
 
 bool same_word(std::string_view text, std::string_view lower_word) {

@@ -1,8 +1,7 @@
-// text.h - escaping for URLs, HTML and JSON, and the flat JSON objects that devices send.
+// text.h - escaping for URLs and HTML, and what else texts need.
 #pragma once
 
 #include <charconv>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,18 +9,9 @@
 std::string percent_encode(std::string_view text);
 std::string percent_decode(std::string_view text);  // a broken escape stays as it is
 std::string html_escape(std::string_view text);
-std::string json_quote(std::string_view text);  // in quotes; bytes beyond ASCII as Latin-1
 
 std::string lower_text(std::string_view text);     // ASCII
 std::string base64_decode(std::string_view text);  // up to what does not belong there
-
-using text_pairs = std::map<std::string, std::string>;
-
-// One JSON object whose values are strings, numbers or words; an escaped character stands for
-// itself. Nothing on anything else: a device has no reason to send more.
-std::optional<text_pairs> json_flat_object(std::string_view text);
-
-std::string json_object(const text_pairs& pairs);  // {"name":"value",...}
 
 bool same_word(std::string_view text, std::string_view lower_word);  // in whatever case
 

@@ -6,7 +6,7 @@ namespace {
 
 constexpr milliseconds ASK_TIME{4000};    // until the kernel knows that a device is gone
 constexpr milliseconds LOST_AFTER{2000};  // without an acknowledgement
-constexpr size_t DEVICE_ID_MAX = 47;
+constexpr size_t DEVICE_ID_MAX = 47, HEARTBEAT_SIZE = 4;
 
 std::string mac_of(const text_pairs& info) {
     const auto found = info.find("mac");
@@ -36,7 +36,7 @@ std::string address_of(const connection& link) { return link.name.substr(0, link
 std::optional<box_login> login_take(const relay& hub, connection& link, const frame& got,
                                     uint8_t version) {
     const bool fits = got.code == command::DEVICE_INFO && got.version == version;
-    auto info = fits ? json_flat_object(got.payload) : std::nullopt;
+    auto info = fits ? json_pairs(got.payload) : std::nullopt;
     const std::string id = info ? (*info)["deviceid"] : "";
     if (id.empty() || id.size() > DEVICE_ID_MAX) {
         link.refuse("not a login: " + frame_text(got));
@@ -123,4 +123,12 @@ void devices_recheck(relay& hub) {
             link->refuse("not welcome any more");
         }
     }
+}
+
+bool heartbeat_answer(connection& link, const frame& got) {
+    const bool is = got.code == command::HEARTBEAT && got.payload.size() == HEARTBEAT_SIZE;
+    if (is) {
+        link.send_frame({.version = 2, .code = command::HEARTBEAT, .payload = got.payload});
+    }
+    return is;
 }

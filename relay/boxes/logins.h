@@ -28,3 +28,5 @@ std::optional<std::string> boxes_answer(const relay& hub, const std::string& id,
                                         const std::string& address, std::string& why);
 // Ends devices that the boxes file does not let in any more.
 void devices_recheck(relay& hub);
+// Answers a heartbeat. False: the frame is none.
+bool heartbeat_answer(connection& link, const frame& got);

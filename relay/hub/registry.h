@@ -10,6 +10,7 @@
 #include "access/passwords.h"
 #include "access/rules.h"
 #include "access/sessions.h"
+#include "base/json.h"
 #include "base/label.h"
 #include "base/options.h"
 #include "base/text.h"

@@ -1,20 +1,21 @@
 #include "page/status.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "base/json.h"
 
 namespace {
 
 constexpr milliseconds HELD_LONG{5000};
 constexpr milliseconds LOGIN_TIME{15'000};  // of the data connections, with some patience
 
-std::string word(bool value) { return value ? "true" : "false"; }
-
 // Of a time that the relay's own clock has told, so that it stays the same when the world's is set.
-std::string unix_s(const relay& hub, steady::time_point at) {
+int64_t unix_s(const relay& hub, steady::time_point at) {
     static const auto offset =
         std::chrono::system_clock::now().time_since_epoch() - hub.started.time_since_epoch();
     const auto since = at.time_since_epoch() + offset;
-    return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(since).count());
+    return std::chrono::duration_cast<std::chrono::seconds>(since).count();
 }
 
 uint64_t waiting_bytes(const data_link& link) {
@@ -25,69 +26,64 @@ uint64_t waiting_bytes(const data_link& link) {
     return bytes;
 }
 
-std::string counts_json(uint64_t in, uint64_t out, uint64_t waiting) {
-    return "\"bytes_from_device\":" + std::to_string(in) +
-           ",\"bytes_to_device\":" + std::to_string(out) +
-           ",\"bytes_waiting\":" + std::to_string(waiting);
+void put_counts(json& to, uint64_t in, uint64_t out, uint64_t waiting) {
+    to["bytes_from_device"] = in;
+    to["bytes_to_device"] = out;
+    to["bytes_waiting"] = waiting;
 }
 
-// One after the other, what `element` makes of each.
-template <typename Elements, typename Function>
-std::string joined(const Elements& elements, Function element) {
-    std::string json;
-    for (const auto& each : elements) {
-        json += (json.empty() ? "" : ",") + element(each);
+json ports_of(const device& box) {
+    json ports = json::object();
+    for (const auto& [what, port] : box.ports) {
+        ports[json_text(what)] = port;
     }
-    return json;
+    return ports;
 }
 
-std::string rates_json(uint64_t in, uint64_t out) {
-    return "\"rate_from_device\":" + std::to_string(in) +
-           ",\"rate_to_device\":" + std::to_string(out);
+json stream_of(const relay& hub, uint32_t id, const user_link& user) {
+    json stream{{"id", id}, {"port", user.port}, {"request", json_text(user.what)}};
+    put_counts(stream, user.from_device, user.to_device, user.out.size());
+    stream["user"] = json_text((user.who ? user.who->name + " " : "") + user.name);
+    stream["number"] = user.number;
+    stream["since"] = unix_s(hub, user.began);
+    stream["rate"] = user.rate.rate;
+    return stream;
 }
 
-std::string ports_json(const device& box) {
-    const auto port = [](const auto& pair) {
-        return json_quote(pair.first) + ":" + std::to_string(pair.second);
-    };
-    return "{" + joined(box.ports, port) + "}";
+json connection_of(const relay& hub, const data_link& link) {
+    json connection{{"held_back", link.held_back}};
+    put_counts(connection, link.bytes_in, link.bytes_out, waiting_bytes(link));
+    json& streams = connection["streams"] = json::array();
+    for (const auto& [id, user] : link.streams) {
+        streams.push_back(stream_of(hub, id, *user));
+    }
+    json& kept = connection["kept"] = json::array();
+    for (const kept_stream& each : link.kept) {
+        kept.push_back(each.port);
+    }
+    connection["address"] = json_text(link.name.substr(0, link.name.find(' ')));
+    connection["since"] = unix_s(hub, link.came);
+    return connection;
 }
 
-std::string connection_json(const relay& hub, const data_link& link) {
-    const auto kept = [](const kept_stream& each) { return std::to_string(each.port); };
-    const auto stream = [&hub](const auto& entry) {
-        const user_link& user = *entry.second;
-        return "{\"id\":" + std::to_string(entry.first) + ",\"port\":" + std::to_string(user.port) +
-               ",\"request\":" + json_quote(user.what) + "," +
-               counts_json(user.from_device, user.to_device, user.out.size()) +
-               ",\"user\":" + json_quote((user.who ? user.who->name + " " : "") + user.name) + ",\"number\":" + std::to_string(user.number) +
-               ",\"since\":" + unix_s(hub, user.began) +
-               ",\"rate\":" + std::to_string(user.rate.rate) + "}";
-    };
-    return "{\"held_back\":" + word(link.held_back) + "," +
-           counts_json(link.bytes_in, link.bytes_out, waiting_bytes(link)) + ",\"streams\":[" +
-           joined(link.streams, stream) + "],\"kept\":[" + joined(link.kept, kept) + "]" +
-           ",\"address\":" + json_quote(link.name.substr(0, link.name.find(' '))) +
-           ",\"since\":" + unix_s(hub, link.came) + "}";
-}
-
-std::string events_json(const relay& hub, const device& box) {
-    const auto one = [&hub](const device_event& each) {
-        return "{\"at\":" + unix_s(hub, each.at) +
-               ",\"kind\":" + json_quote(happening_name(each.kind)) +
-               ",\"text\":" + json_quote(each.text) + ",\"times\":" + std::to_string(each.times) +
-               "}";
-    };
-    return "[" + joined(box.lately.events, one) + "]";
+json events_of(const relay& hub, const device& box) {
+    json events = json::array();
+    for (const device_event& each : box.lately.events) {
+        events.push_back({{"at", unix_s(hub, each.at)},
+                          {"kind", happening_name(each.kind)},
+                          {"text", json_text(each.text)},
+                          {"times", each.times}});
+    }
+    return events;
 }
 
 // What needs a person.
-std::string alerts_json(const device& box) {
+json alerts_of(const device& box) {
     const auto now = steady::now();
     const auto held = [now](const auto& link) {
         return link->held_back && now - link->last_held >= HELD_LONG;
     };
-    std::vector<std::string> alerts;
+    json alerts = json::array();
     if (box.lately.used_twice(now)) {
         alerts.emplace_back("id used twice");
     }
@@ -97,85 +93,120 @@ std::string alerts_json(const device& box) {
     if (std::ranges::any_of(box.data, held)) {
         alerts.emplace_back("held back");
     }
-    return "[" + joined(alerts, json_quote) + "]";
+    return alerts;
 }
 
-std::string times_json(const relay& hub, const device& box) {
-    return "\"address\":" + json_quote(box.address) + ",\"since\":" + unix_s(hub, box.came) +
-           ",\"left\":" + (box.away() ? unix_s(hub, box.left) : "null");
+// Which one it is, and how to get to it.
+json names_of(const device& box) {
+    return {{"id", json_text(box.id)},
+            {"name", box.label},
+            {"path", "/" + percent_encode(box.id) + "/"},
+            {"control", box.control != nullptr}};
 }
 
-std::string whole_json(const relay& hub) {
-    return "\"users\":" + std::to_string(hub.admitted.users) +
-           ",\"users_refused\":" + std::to_string(hub.admitted.refused) +
-           ",\"bytes_waiting\":" + std::to_string(hub.pool.used);
+void put_times(json& to, const relay& hub, const device& box) {
+    to["address"] = box.address;
+    to["since"] = unix_s(hub, box.came);
+    to["left"] = box.away() ? json(unix_s(hub, box.left)) : json();
 }
 
-}  // namespace
+void put_rates(json& to, const device& box) {
+    to["rate_from_device"] = box.lately.in.rate;
+    to["rate_to_device"] = box.lately.out.rate;
+}
 
-std::string status_device(const relay& hub, const device& box) {
+json told(const device& box, const char* key) {
+    const auto found = box.info.find(key);
+    return found == box.info.end() ? "" : json_text(found->second);
+}
+
+json device_of(const relay& hub, const device& box) {
     size_t streams = 0, kept = 0;
     uint64_t in = box.bytes_in, out = box.bytes_out, waiting = 0;
+    json connections = json::array();
     for (const auto& link : box.data) {
         streams += link->open_streams();
         kept += link->kept.size();
         waiting += waiting_bytes(*link);
         in += link->bytes_in;
         out += link->bytes_out;
+        connections.push_back(connection_of(hub, *link));
     }
-    const auto link = [&hub](const auto& each) { return connection_json(hub, *each); };
-    return "{\"id\":" + json_quote(box.id) + ",\"name\":" + json_quote(box.label) +
-           ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
-           ",\"control\":" + word(box.control != nullptr) + ",\"info\":" + json_object(box.info) +
-           ",\"ports\":" + ports_json(box) +
-           ",\"dlna_status\":" + (box.dlna_status ? std::to_string(*box.dlna_status) : "null") +
-           ",\"data_connections\":" + std::to_string(box.data.size()) +
-           ",\"open_streams\":" + std::to_string(streams) +
-           ",\"kept_streams\":" + std::to_string(kept) + "," + counts_json(in, out, waiting) +
-           ",\"streams_cut\":" + std::to_string(box.cuts) + ",\"connections\":[" +
-           joined(box.data, link) + "]," + times_json(hub, box) + "," +
-           rates_json(box.lately.in.rate, box.lately.out.rate) + ",\"alerts\":" + alerts_json(box) +
-           ",\"events\":" + events_json(hub, box) + "}";
+    json whole = names_of(box);
+    json& info = whole["info"] = json::object();
+    for (const auto& [name, value] : box.info) {
+        info[json_text(name)] = json_text(value);
+    }
+    whole["ports"] = ports_of(box);
+    whole["dlna_status"] = box.dlna_status ? json(*box.dlna_status) : json();
+    whole["data_connections"] = box.data.size();
+    whole["open_streams"] = streams;
+    whole["kept_streams"] = kept;
+    put_counts(whole, in, out, waiting);
+    whole["streams_cut"] = box.cuts;
+    whole["connections"] = std::move(connections);
+    put_times(whole, hub, box);
+    put_rates(whole, box);
+    whole["alerts"] = alerts_of(box);
+    whole["events"] = events_of(hub, box);
+    return whole;
+}
+
+json whole_of(const relay& hub) {
+    return {{"users", hub.admitted.users},
+            {"users_refused", hub.admitted.refused},
+            {"bytes_waiting", hub.pool.used},
+            {"version", GWRELAY_VERSION},
+            {"started", unix_s(hub, hub.started)},
+            {"certificate_ends", hub.tls.context ? json(hub.tls.ends) : json()},
+            {"logins", hub.entry.rules.accounts.has_value()},
+            {"manager_port", hub.manager_port},
+            {"domain", hub.settings.domain},
+            {"users_port", hub.own_door ? json(hub.front_port) : json()},
+            {"forgotten_from_device", hub.forgotten.from_device},
+            {"forgotten_to_device", hub.forgotten.to_device}};
+}
+
+}  // namespace
+
+std::string status_device(const relay& hub, const device& box) {
+    return json_line(device_of(hub, box));
 }
 
 std::string status_row(const relay& hub, const device& box) {
-    const auto told = [&box](const char* key) {
-        const auto found = box.info.find(key);
-        return json_quote(found == box.info.end() ? "" : found->second);
-    };
     size_t streams = 0;
     for (const auto& link : box.data) {
         streams += link->streams.size();
     }
     const traffic total = device_traffic(box);
-    return "{\"id\":" + json_quote(box.id) + ",\"name\":" + json_quote(box.label) +
-           ",\"path\":" + json_quote("/" + percent_encode(box.id) + "/") +
-           ",\"control\":" + word(box.control != nullptr) + ",\"ports\":" + ports_json(box) +
-           ",\"data_connections\":" + std::to_string(box.data.size()) +
-           ",\"streams\":" + std::to_string(streams) + ",\"firmware\":" + told("fwver") +
-           ",\"product\":" + told("prover") + "," + times_json(hub, box) + "," +
-           rates_json(box.lately.in.rate, box.lately.out.rate) +
-           ",\"bytes_from_device\":" + std::to_string(total.from_device) +
-           ",\"bytes_to_device\":" + std::to_string(total.to_device) +
-           ",\"graph\":" + json_quote(box.lately.graph_text()) + ",\"alerts\":" + alerts_json(box) +
-           "}";
+    json row = names_of(box);
+    row["ports"] = ports_of(box);
+    row["data_connections"] = box.data.size();
+    row["streams"] = streams;
+    row["firmware"] = told(box, "fwver");
+    row["product"] = told(box, "prover");
+    put_times(row, hub, box);
+    put_rates(row, box);
+    row["bytes_from_device"] = total.from_device;
+    row["bytes_to_device"] = total.to_device;
+    row["graph"] = box.lately.graph_text();
+    row["alerts"] = alerts_of(box);
+    return json_line(row);
 }
 
 std::string status_whole(const relay& hub) {
-    return whole_json(hub) + ",\"version\":" + json_quote(GWRELAY_VERSION) +
-           ",\"started\":" + unix_s(hub, hub.started) +
-           ",\"certificate_ends\":" +
-           (hub.tls.context ? std::to_string(hub.tls.ends) : "null") + ",\"manager_port\":" + std::to_string(hub.manager_port) +
-           ",\"domain\":" + json_quote(hub.settings.domain) +
-           ",\"users_port\":" + (hub.own_door ? std::to_string(hub.front_port) : "null") +
-           ",\"forgotten_from_device\":" + std::to_string(hub.forgotten.from_device) +
-           ",\"forgotten_to_device\":" + std::to_string(hub.forgotten.to_device);
+    const std::string whole = json_line(whole_of(hub));
+    return whole.substr(1, whole.size() - 2);
 }
 
-std::string status_now(const relay& hub) { return unix_s(hub, steady::now()); }
+std::string status_now(const relay& hub) { return std::to_string(unix_s(hub, steady::now())); }
 
 std::string status_json(const relay& hub) {
-    const auto box = [&hub](const auto& entry) { return status_device(hub, *entry.second); };
-    return "{\"devices\":[" + joined(hub.devices, box) + "]," + status_whole(hub) +
-           ",\"now\":" + status_now(hub) + "}\n";
+    json all{{"devices", json::array()}};
+    for (const auto& [id, box] : hub.devices) {
+        all["devices"].push_back(device_of(hub, *box));
+    }
+    all.update(whole_of(hub));
+    all["now"] = unix_s(hub, steady::now());
+    return json_line(all) + "\n";
 }

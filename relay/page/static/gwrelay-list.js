@@ -98,6 +98,7 @@ function showWhole() {
   setAge($("uptime"), whole.started, "age");
   setText($("started"), `since ${new Date(whole.started * 1000).toLocaleString(undefined, { dateStyle: "medium", timeStyle: "short" })}`);
   setText($("version"), whole.version);
+  $("login").hidden = !whole.logins;
   $("empty").hidden = devices.size > 0;
   $("devices").hidden = devices.size === 0;
   if (devices.size === 0) showCommand();

@@ -109,6 +109,12 @@ class PageTest(unittest.TestCase):
             self.assertEqual(self.page.run(row_of(HOSTILE) + ".querySelector('.open a').getAttribute('href')"),
                              "/%3Cimg%20src%3Dx%20onerror%3Ddocument.title%3D%27taken%27%3E/80/")
 
+    def test_tells_of_the_certificate_in_time(self):
+        for days, shown in ((13, True), (15, False)):
+            self.assertEqual(self.page.run(
+                f"whole.certificate_ends = Date.now() / 1000 + {days} * 86400, showAlerts(), "
+                "document.getElementById('alerts').textContent.includes('certificate ends on')"), shown)
+
     def test_z_comes_back_with_the_relay(self):
         self.relay.stop()
         self.page.wait("document.getElementById('live').dataset.state == 'lost'")
