@@ -1,27 +1,37 @@
 #include "base/json.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 namespace {
 
-// {"name":"value","name":"value"} whose texts may have quotes and anything else in them.
+// Takes what stands in front of the mark, and the mark. All of it, where there is none.
+std::string_view take_up_to(std::string_view& text, std::string_view mark) {
+    const size_t at = std::min(text.find(mark), text.size());
+    const std::string_view front = text.substr(0, at);
+    text.remove_prefix(std::min(at + mark.size(), text.size()));
+    return front;
+}
+
+// {"name":"value","name":1} whose texts may have quotes and anything else in them.
 std::optional<text_pairs> unescaped_pairs(std::string_view text) {
-    constexpr std::string_view BEGIN = "{\"", IS = "\":\"", NEXT = "\",\"", END = "\"}";
-    if (text.size() < BEGIN.size() + END.size() || !text.starts_with(BEGIN) ||
-        !text.ends_with(END)) {
+    if (text.size() < 3 || !text.starts_with("{\"") || !text.ends_with('}')) {
         return std::nullopt;
     }
-    text = text.substr(BEGIN.size(), text.size() - BEGIN.size() - END.size());
+    text = text.substr(2, text.size() - 3);
     text_pairs pairs;
-    for (bool more = true; more;) {
-        const size_t is = text.find(IS), next = text.find(NEXT, is);
-        if (is == text.npos) {
+    while (!text.empty()) {
+        const std::string name(take_up_to(text, "\":"));
+        const bool is_text = text.starts_with('"');
+        std::string_view value = take_up_to(text, is_text ? "\",\"" : ",\"");
+        if (is_text) {
+            value.remove_prefix(1);
+            value.remove_suffix(text.empty() && value.ends_with('"') ? 1 : 0);
+        }
+        if (!is_text && value.empty()) {
             return std::nullopt;
         }
-        const size_t value = is + IS.size();
-        pairs[std::string(text.substr(0, is))] = text.substr(value, next - value);
-        more = next != text.npos;
-        text.remove_prefix(more ? next + NEXT.size() : text.size());
+        pairs[name] = value;
     }
     return pairs;
 }

@@ -17,5 +17,5 @@ std::string json_text(std::string_view bytes);
 std::string json_line(const json& value);
 // An object of texts, numbers and words, all as texts. Nothing on anything else: a device has no
 // reason to send more. It puts its texts between quotes as they are, so what is no JSON for that
-// reason is still taken, as long as all values are texts.
+// reason is still taken.
 std::optional<text_pairs> json_pairs(std::string_view text);

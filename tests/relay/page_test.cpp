@@ -28,7 +28,7 @@ std::string address_of(const unique_fd& fd) {
 TEST(GwrelayPage, TellsProgramsWhatItKnows) {
     const relay hub({NO_GUARD});
     const std::string json =  // not escaped, as devices have it
-        "{\"deviceid\":\"<b\xff\">\",\"a\\&'\":\"-1.5e+3\",\"z\":\"\"}";
+        "{\"deviceid\":\"<b\xff\">\",\"a\\&'\":-15,\"z\":\"\"}";
     const unique_fd control = login(hub.control, 3, json);
     write_all(control.get(), frame_bytes(STATUS, 0, be32(0x102)) +
                                  frame_bytes(PORT_INFO, 0, R"({"http_port":8080})") +
@@ -43,7 +43,7 @@ TEST(GwrelayPage, TellsProgramsWhatItKnows) {
         }
         user = say_to(hub.front, "GET /%3Cb%ff%22%3E/8080/&" + HTTP + "\r\n");
         const std::string opening = frame_read(data.get());
-        EXPECT_EQ(frame_payload(opening).size(), 103U);
+        EXPECT_EQ(frame_payload(opening).size(), 104U);
         write_all(data.get(), data_frames(frame_stream(opening), std::string(size, 'd')));
         EXPECT_EQ(read_exact(user.get(), size).size(), size);
     }
@@ -53,14 +53,14 @@ TEST(GwrelayPage, TellsProgramsWhatItKnows) {
     EXPECT_TRUE(has(known, ",\"users_refused\":0,\"bytes_waiting\":0,\"version\":\"")) << known;
     EXPECT_EQ(
         known.substr(0, known.find(users)),
-        R"({"devices":[{"id":"<b\u00ff\">","name":"x-b-----yhr7z6","path":"/%3Cb%FF%22%3E/","control":true,)"
-        R"("info":{"a\\&'":"-1.5e+3","deviceid":"<b\u00ff\">","z":""},)"
+        R"({"devices":[{"id":"<b\u00ff\">","name":"x-b-----yhr7zchy","path":"/%3Cb%FF%22%3E/","control":true,)"
+        R"("info":{"a\\&'":"-15","deviceid":"<b\u00ff\">","z":""},)"
         R"("ports":{"http_port":8080},"dlna_status":258,"data_connections":1,"open_streams":1,"kept_streams":0,)"
-        R"("bytes_from_device":1048583,"bytes_to_device":206,"bytes_waiting":0,"streams_cut":0,)"
-        R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":103,)"
+        R"("bytes_from_device":1048583,"bytes_to_device":208,"bytes_waiting":0,"streams_cut":0,)"
+        R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":104,)"
         R"("bytes_waiting":0,"streams":[)"
         R"({"id":2,"port":8080,"request":"GET /%3Cb%ff%22%3E/8080/&",)"
-        R"("bytes_from_device":1048576,"bytes_to_device":103,"bytes_waiting":0,"user":")" +
+        R"("bytes_from_device":1048576,"bytes_to_device":104,"bytes_waiting":0,"user":")" +
             address_of(user) + R"(","number":2,"since":T,"rate":T}],"kept":[],"address":")" +
             address_of(data) +
             R"(","since":T}],"address":"127.0.0.1","since":T,"left":null,"rate_from_device":T,)"
