@@ -38,7 +38,7 @@ std::string session_table::begin(const account& whose, steady::time_point now) {
         const auto used = [](const auto& each) { return each.second.used; };
         all.erase(std::ranges::min_element(all, {}, used));
     }
-    const std::string token = token_make();
+    std::string token = token_make();
     all[token] = {whose.name, whose.hash, now, now};
     return token;
 }

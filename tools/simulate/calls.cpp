@@ -11,7 +11,6 @@
 #include "control_world.h"
 #include "network.h"
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names are the linker's
 extern "C" {
 
 int __real_close(int fd);
@@ -145,4 +144,3 @@ int __wrap__Z14gwa_file_writePKcPKvm(const char*, const void* data, size_t lengt
 }
 
 }  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
