@@ -32,7 +32,7 @@ as_root() {
 # need_packages WHAT_FOR PACKAGE...: installs the Debian packages that are missing, after saying
 # which and what for; does nothing when all are there.
 need_packages() {
-    local what_for=$1 package log missing=()
+    local what_for=$1 package log turn missing=()
     shift
     for package in "$@"; do
         if ! dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null | grep -q '^.i'; then
@@ -42,6 +42,8 @@ need_packages() {
     if [ ${#missing[@]} -eq 0 ]; then
         return 0
     fi
+    exec {turn}<. # one script after the other
+    flock "$turn"
     say "Installing what $what_for needs and this machine lacks: ${missing[*]}"
     if [ "$(id -u)" -ne 0 ]; then
         command -v sudo >/dev/null || die "neither root nor sudo: please install them by hand"
@@ -61,6 +63,7 @@ need_packages() {
         die "apt-get could not install: ${missing[*]} (all of it in $log)"
     fi
     rm -f "$log"
+    exec {turn}<&-
     case " ${missing[*]} " in
         *" nginx-light "*) as_root update-rc.d nginx disable >/dev/null 2>&1 || true ;;
     esac
