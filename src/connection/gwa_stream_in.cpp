@@ -9,6 +9,14 @@
 #include "main/gwa_log.h"
 #include "runtime/gwa_util_time.h"
 
+namespace {
+
+// Frames that a stream reads by one call at least when many share a pass: half the calls, and those
+// behind it wait for 16 KB and no more.
+constexpr int SHARE_MIN = 2;
+
+}  // namespace
+
 // Queues a filled frame for the server.
 static void send_to_server(gwa_stream* stream, gwa_output_node* node, uint32_t length) {
     GWA_LOG(DEBUG, "recv local server data %d", static_cast<int>(length));
@@ -137,7 +145,7 @@ struct wakeup_pass {
 // Reads from every stream that `wants` it, a fair share of the frames each.
 static void read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&),
                       wakeup_pass* pass) {
-    const int share = std::max(pass->frames / std::max(pass->readers, 1), 1);
+    const int share = std::max(pass->frames / std::max(pass->readers, 1), SHARE_MIN);
     pass->readers = 0;
     for (gwa_stream& stream : *streams) {
         if (pass->frames > 0 && wants(stream)) {
