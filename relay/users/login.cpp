@@ -184,11 +184,13 @@ awaitable<std::string> login_answer(relay& hub, std::shared_ptr<user_link> user,
 }
 
 std::string login_redirect(const relay& hub, const user_link& user, const http_request& request) {
-    const std::string host(http_header(request.headers, "host")), target(request.target);
-    if (!is_shared(hub, host)) {
-        return see(std::string(LOGIN_PAGE) + "?to=" + percent_encode(target), "");
+    const std::string host(http_header(request.headers, "host"));
+    const std::string origin = user.scheme + "://";
+    std::string page, back(request.target);
+    if (is_shared(hub, host)) {
+        page.append(origin).append(hub.settings.domain).append(port_of(host));
+        back.insert(0, origin + host);
     }
-    return see(user.scheme + "://" + hub.settings.domain + port_of(host) + LOGIN_PAGE +
-                   "?to=" + percent_encode(user.scheme + "://" + host + target),
-               "");
+    page.append(LOGIN_PAGE).append("?to=").append(percent_encode(back));
+    return see(page, "");
 }
