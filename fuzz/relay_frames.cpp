@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <string>
 
-#include "base/text.h"
+#include "base/json.h"
 #include "support/process.h"
 #include "wire/frames.h"
 

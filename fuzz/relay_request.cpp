@@ -1,6 +1,7 @@
 // relay_request - gwrelay's reading of users' and devices' HTTP heads: the request, its fields, its
 // query.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "base/json.h"

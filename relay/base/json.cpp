@@ -23,11 +23,9 @@ std::optional<text_pairs> unescaped_pairs(std::string_view text) {
     while (!text.empty()) {
         const std::string name(take_up_to(text, "\":"));
         const bool is_text = text.starts_with('"');
+        text.remove_prefix(is_text ? 1 : 0);
         std::string_view value = take_up_to(text, is_text ? "\",\"" : ",\"");
-        if (is_text) {
-            value.remove_prefix(1);
-            value.remove_suffix(text.empty() && value.ends_with('"') ? 1 : 0);
-        }
+        value.remove_suffix(is_text && text.empty() && value.ends_with('"') ? 1 : 0);
         if (!is_text && value.empty()) {
             return std::nullopt;
         }

@@ -28,7 +28,7 @@ std::string address_of(const unique_fd& fd) {
 TEST(GwrelayPage, TellsProgramsWhatItKnows) {
     const relay hub({NO_GUARD});
     const std::string json =  // not escaped, as devices have it
-        "{\"deviceid\":\"<b\xff\">\",\"a\\&'\":-15,\"z\":\"\"}";
+        "{\"deviceid\":\"<b\xff\">\",\"a\\&'\":-15,\"z\"\":\",\"}";
     const unique_fd control = login(hub.control, 3, json);
     write_all(control.get(), frame_bytes(STATUS, 0, be32(0x102)) +
                                  frame_bytes(PORT_INFO, 0, R"({"http_port":8080})") +
@@ -54,7 +54,7 @@ TEST(GwrelayPage, TellsProgramsWhatItKnows) {
     EXPECT_EQ(
         known.substr(0, known.find(users)),
         R"({"devices":[{"id":"<b\u00ff\">","name":"x-b-----yhr7zchy","path":"/%3Cb%FF%22%3E/","control":true,)"
-        R"("info":{"a\\&'":"-15","deviceid":"<b\u00ff\">","z":""},)"
+        R"("info":{"a\\&'":"-15","deviceid":"<b\u00ff\">","z\"":","},)"
         R"("ports":{"http_port":8080},"dlna_status":258,"data_connections":1,"open_streams":1,"kept_streams":0,)"
         R"("bytes_from_device":1048583,"bytes_to_device":208,"bytes_waiting":0,"streams_cut":0,)"
         R"("connections":[{"held_back":false,"bytes_from_device":1048576,"bytes_to_device":104,)"
