@@ -25,6 +25,13 @@ constexpr char USAGE[] =
     "  -h --help               show this help message\n"
     "Numbers are decimal, or hexadecimal behind 0x.\n";
 
+// What a box's own device library expects of a datagram is its maker's affair: one from here would be
+// taken for something else, or for nothing.
+constexpr bool PORTS_FIT = GWAD_DEVID_IS_STAND_IN;
+constexpr char PORTS_DO_NOT_FIT[] =
+    "gwad-announce: does not fit this gwad, which has the box's own device library: announce ports "
+    "by that library's means; only dlna goes from here\n";
+
 constexpr option LONG_OPTIONS[] = {
     {"port-socket", required_argument, nullptr, 'p'},
     {"dlna-socket", required_argument, nullptr, 'd'},
@@ -103,6 +110,10 @@ int main(int argc, char* argv[]) {
         return 1;
     }
     const bool dlna = strcmp(argv[optind], "dlna") == 0;
+    if (!dlna && !PORTS_FIT) {
+        fputs(PORTS_DO_NOT_FIT, stderr);
+        return 1;
+    }
     uint32_t value = 0;
     if (!number_read(argv[optind + 1], dlna ? UINT32_MAX : PORT_MAX, &value)) {
         return 1;
