@@ -69,6 +69,27 @@ need_packages() {
     esac
 }
 
+# apt_for ARCHITECTURE FOLDER COMMAND...: runs an apt command for another architecture, with lists and
+# state of its own in the folder (an absolute path): the machine's architectures and package lists stay
+# untouched. Its configured sources are used as they are.
+apt_for() {
+    local architecture=$1 folder=$2
+    shift 2
+    mkdir -p "$folder/lists/partial" "$folder/cache/archives/partial"
+    : >"$folder/status"
+    cat >"$folder/apt.conf" <<CONF
+APT::Architecture "$architecture";
+APT::Architectures { "$architecture"; };
+APT::Sandbox::User "root";
+Acquire::Languages "none";
+Dir::State "$folder";
+Dir::State::lists "$folder/lists";
+Dir::State::status "$folder/status";
+Dir::Cache "$folder/cache";
+CONF
+    APT_CONFIG=$folder/apt.conf "$@"
+}
+
 # The libraries of gwrelay.
 relay_packages=(libasio-dev libcli11-dev libssl-dev libspdlog-dev nlohmann-json3-dev libtomlplusplus-dev)
 

@@ -9,24 +9,7 @@ MODULES="mii pcnet32 dummy" # the network card, and an interface with a random a
 NOT_TO_BE_HAD=77 # exit status: nothing is wrong, but this machine cannot have the packages
 BIG_FILE_BYTES=4000000
 
-# Runs an apt command for the other architecture, with lists and state of its own: the machine's
-# architectures and package lists stay untouched. Its configured sources are used as they are.
-apt_mipsel() {
-    local apt=$box_dir/apt
-    mkdir -p "$apt/lists/partial" "$apt/cache/archives/partial"
-    : >"$apt/status"
-    cat >"$apt/apt.conf" <<CONF
-APT::Architecture "mipsel";
-APT::Architectures { "mipsel"; };
-APT::Sandbox::User "root";
-Acquire::Languages "none";
-Dir::State "$apt";
-Dir::State::lists "$apt/lists";
-Dir::State::status "$apt/status";
-Dir::Cache "$apt/cache";
-CONF
-    APT_CONFIG=$apt/apt.conf "$@"
-}
+apt_mipsel() { apt_for mipsel "$box_dir/apt" "$@"; }
 
 # Puts the kernel, its modules and busybox into build/box/debian.
 get_packages() {
