@@ -25,8 +25,8 @@ constexpr char USAGE[] =
     "  -h --help               show this help message\n"
     "Numbers are decimal, or hexadecimal behind 0x.\n";
 
-// What a box's own device library expects of a datagram is its maker's affair: one from here would be
-// taken for something else, or for nothing.
+// What a box's own device library expects of a datagram is its maker's affair: one from here would
+// be taken for something else, or for nothing.
 constexpr bool PORTS_FIT = GWAD_DEVID_IS_STAND_IN;
 constexpr char PORTS_DO_NOT_FIT[] =
     "gwad-announce: does not fit this gwad, which has the box's own device library: announce ports "
