@@ -18,6 +18,10 @@ string(REGEX MATCH "[0-9]+-[0-9]+-[0-9]+" released "${released}")
 execute_process(COMMAND env LC_ALL=C date -u -R -d ${released}
                 OUTPUT_VARIABLE changelog_date OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 
+if(CMAKE_EXE_LINKER_FLAGS MATCHES "(^| )-static(-pie)?( |$)")
+    set(static TRUE)
+endif()
+
 find_program(GZIP gzip)
 # gzipped FILE VARIABLE: the file that is to be installed for FILE, which is one of `made`.
 function(gzipped file variable)
@@ -59,7 +63,11 @@ function(debian_package package service conffiles)
     gzipped(${folder}/changelog changes)
     install(FILES ${CMAKE_CURRENT_LIST_DIR}/debian/copyright ${debian_changes} ${changes}
             DESTINATION ${CMAKE_INSTALL_FULL_DATADIR}/doc/${package} COMPONENT ${package} EXCLUDE_FROM_ALL)
-    install(FILES ${CMAKE_CURRENT_LIST_DIR}/debian/${package}.lintian-overrides RENAME ${package}
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/debian/${package}.lintian-overrides ${folder}/lintian-overrides COPYONLY)
+    if(static)
+        file(APPEND ${folder}/lintian-overrides "# So that it needs no other package.\nstatically-linked-binary *\n")
+    endif()
+    install(FILES ${folder}/lintian-overrides RENAME ${package}
             DESTINATION ${CMAKE_INSTALL_FULL_DATADIR}/lintian/overrides COMPONENT ${package} EXCLUDE_FROM_ALL)
     foreach(script postinst prerm postrm)
         configure_file(${CMAKE_CURRENT_LIST_DIR}/debian/${script}.in ${folder}/${script} @ONLY)
@@ -161,7 +169,7 @@ if(CMAKE_CROSSCOMPILING)
 endif()
 # Debian's tools find out what the programs need, in Debian's own toolchains. A static program needs nothing.
 find_program(SHLIBDEPS dpkg-shlibdeps)
-if(SHLIBDEPS AND NOT CMAKE_EXE_LINKER_FLAGS MATCHES "-static" AND
+if(SHLIBDEPS AND NOT static AND
    (NOT CMAKE_CROSSCOMPILING OR CMAKE_CXX_COMPILER MATCHES "-linux-gnu[a-z0-9]*-g\\+\\+$"))
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     if(CMAKE_CROSSCOMPILING)
