@@ -1,7 +1,8 @@
 # shellcheck shell=bash
 # machine.sh - the emulated box: its power switch, its network cable, a way to run commands on it, and
 # a socket for a debugger.
-# Sourced by scripts/box, which has set `work`, a short-lived folder, and box_dir.
+# Sourced by scripts/box, which has set `work`, a short-lived folder with the disk, box_dir, and what a
+# machine kind has.
 
 BOOT_LIMIT=120    # s: an emulator on a busy machine is slow
 COMMAND_LIMIT=60  # s for one command on the box
@@ -9,19 +10,27 @@ machine_pid=""
 
 # machine_start MANAGER_PORT: returns when the box has booted and takes commands.
 machine_start() {
-    setsid qemu-system-mipsel -M malta -cpu 24Kf -m 128 -vga none -display none -no-reboot \
+    setsid "${emulator[@]}" -m 128 -display none \
         -kernel "$box_dir/debian/vmlinuz" -initrd "$box_dir/ramdisk.gz" \
-        -append "console=ttyS0,115200 quiet rdinit=/sbin/init panic=-1 gwad_manager_port=$1" \
-        -netdev user,id=n0 -device pcnet,netdev=n0,romfile= \
+        -append "console=$CONSOLE,115200 quiet rdinit=/sbin/init gwad_manager_port=$1" \
+        -netdev user,id=n0 -drive "id=disk,file=$work/disk,format=raw,if=none" \
         -chardev "socket,id=console,path=$work/console,server=on,wait=off,logfile=$work/console.log" \
         -chardev "socket,id=agent,path=$work/agent,server=on,wait=off" \
-        -serial chardev:console -serial chardev:agent \
         -gdb "unix:$work/gdb,server=on,wait=off" \
         -monitor "unix:$work/monitor,server=on,wait=off" >"$work/qemu.log" 2>&1 </dev/null &
     machine_pid=$!
     wait_for 10 test -S "$work/monitor" || die "the emulator does not start: $(cat "$work/qemu.log")"
     coproc agent { exec socat - "UNIX-CONNECT:$work/agent"; }
-    agent_read "$BOOT_LIMIT" >/dev/null || die "the box does not boot within $BOOT_LIMIT s"
+    machine_boots
+}
+
+# Returns when the box takes commands after its start.
+machine_boots() { agent_read "$BOOT_LIMIT" >/dev/null || die "the box does not boot within $BOOT_LIMIT s"; }
+
+# Switches the box off and on: what it has not written to its disk is lost.
+machine_power_cycle() {
+    monitor_say system_reset
+    machine_boots
 }
 
 machine_stop() {
@@ -53,10 +62,11 @@ on_box() {
     agent_read "$COMMAND_LIMIT"
 }
 
+# monitor_say COMMAND: to the emulator.
+monitor_say() { echo "$1" | socat - "UNIX-CONNECT:$work/monitor" >/dev/null; }
+
 # network_cable off | on
-network_cable() {
-    echo "set_link n0 $1" | socat - "UNIX-CONNECT:$work/monitor" >/dev/null
-}
+network_cable() { monitor_say "set_link n0 $1"; }
 
 # The console, until Ctrl-].
 console_attach() {
