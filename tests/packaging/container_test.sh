@@ -29,6 +29,7 @@ inside() { builder run "$in_it" -- "$@"; }
 inside /usr/sbin/gwrelay --check-config || fail "its own settings"
 said=$(inside /usr/sbin/gwrelay --listen 0.0.0.0 2>&1) && fail "strangers may come in"
 case $said in *--users-file* | *--boxes-file*) ;; *) fail "it said: $said" ;; esac
+# shellcheck disable=SC2016 # the inner shell's
 said=$(inside sh -c '/usr/sbin/gwrelay --manager-port 0 --control-port 0 --data-port 0 --front-port 0 >/tmp/out & relay=$!
     until grep -q ^ready /tmp/out; do sleep 0.1; done
     kill -TERM $relay && wait $relay && cat /tmp/out') || fail "it does not run: $said"
