@@ -3,14 +3,24 @@
 # that is removed, waiting, a relay. Sourced first, with `set -eu` and the script's own arguments.
 
 export PATH=$PATH:/usr/sbin:/sbin
-# On a network and with process numbers of its own where the machine allows it; what is left running ends
-# with it.
+# On a network, with process numbers and with a /tmp of its own where the machine allows it: what is left
+# running ends with it, and nobody else's gwad takes the socket there that has a fixed name. What the
+# checkout is in stays, should that be in /tmp as well.
 if [ -z "${GWAD_TEST_ISOLATED-}" ]; then
     # shellcheck disable=SC2016
     for user in --pid --map-root-user; do
         ! unshare --fork --kill-child --pid --net --mount-proc "$user" true 2>/dev/null ||
-            GWAD_TEST_ISOLATED=1 exec unshare --fork --kill-child --pid --net --mount-proc "$user" \
-                sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
+            GWAD_TEST_ISOLATED=1 exec unshare --fork --kill-child --pid --net --mount-proc "$user" sh -euc '
+                ip link set lo up
+                mount -t tmpfs tmpfs /mnt
+                case $PWD in /tmp/*)
+                    top=${PWD#/tmp/} top=${top%%/*}
+                    mkdir "/mnt/$top"
+                    mount --bind "/tmp/$top" "/mnt/$top" ;;
+                esac
+                mount --rbind /mnt /tmp
+                cd "$PWD"
+                exec "$0" "$@"' "$0" "$@"
     done
 fi
 
