@@ -45,7 +45,7 @@ get_packages() {
 build_programs() {
     say "Building gwad for $ARCHITECTURE and gwrelay for this machine ..."
     build "$ARCHITECTURE" installed_programs
-    build release gwrelay
+    build "$relay_preset" gwrelay
 }
 
 # Copies the libraries that the programs name, and the loader, from the cross compiler's.
