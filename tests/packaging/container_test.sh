@@ -27,11 +27,11 @@ inside() { builder run "$in_it" -- "$@"; }
     "[/usr/sbin/gwrelay] gwrelay" ] || fail "another program or user"
 [ "$(inside id -un)" = gwrelay ] || fail "another user"
 inside /usr/sbin/gwrelay --check-config || fail "its own settings"
-said=$(inside /usr/sbin/gwrelay --listen 0.0.0.0 2>&1) && fail "strangers may come in"
+said=$(inside /usr/sbin/gwrelay --listen 0.0.0.0 --announce relay.example.org 2>&1) && fail "strangers may come in"
 case $said in *--users-file* | *--boxes-file*) ;; *) fail "it said: $said" ;; esac
 # shellcheck disable=SC2016 # the inner shell's
 said=$(inside sh -c '/usr/sbin/gwrelay --manager-port 0 --control-port 0 --data-port 0 --front-port 0 >/tmp/out & relay=$!
     until grep -q ^ready /tmp/out; do sleep 0.1; done
-    kill -TERM $relay && wait $relay && cat /tmp/out') || fail "it does not run: $said"
+    kill -TERM $relay && wait $relay && cat /tmp/out' 2>"$work/relay.log") || fail "it does not run: $(cat "$work/relay.log")"
 case $said in "ready manager="*) ;; *) fail "it said: $said" ;; esac
 echo "The container does as it should."
