@@ -1,7 +1,6 @@
 #include "access/boxes.h"
 
 #include <algorithm>
-#include <random>
 
 #include "access/lines.h"
 #include "base/text.h"
@@ -61,16 +60,7 @@ std::optional<box_table> boxes_read(const std::string& path, std::string& error)
     return read ? std::optional(std::move(table)) : std::nullopt;
 }
 
-std::string box_id_make() {
-    std::random_device random;
-    std::string id;
-    for (size_t word = 0; word < ID_WORDS; ++word) {
-        char text[9];
-        snprintf(text, sizeof text, "%08x", random());
-        id += text;
-    }
-    return id;
-}
+std::string box_id_make() { return random_hex(ID_WORDS); }
 
 std::optional<known_box> boxes_admit(const std::optional<box_table>& boxes, bool open,
                                      const std::string& id, const std::string& mac,

@@ -1,7 +1,8 @@
 #include "access/sessions.h"
 
 #include <algorithm>
-#include <random>
+
+#include "base/text.h"
 
 namespace {
 
@@ -9,17 +10,6 @@ constexpr size_t SESSIONS_MAX = 10'000, TOKEN_WORDS = 8;
 
 bool over(const session& each, steady::time_point now) {
     return now - each.used >= SESSION_IDLE || now - each.began >= SESSION_MAX;
-}
-
-std::string token_make() {
-    std::random_device random;
-    std::string token;
-    for (size_t word = 0; word < TOKEN_WORDS; ++word) {
-        char text[9];
-        snprintf(text, sizeof text, "%08x", random());
-        token += text;
-    }
-    return token;
 }
 
 std::string_view name_of(std::string_view pair) {
@@ -38,7 +28,7 @@ std::string session_table::begin(const account& whose, steady::time_point now) {
         const auto used = [](const auto& each) { return each.second.used; };
         all.erase(std::ranges::min_element(all, {}, used));
     }
-    std::string token = token_make();
+    std::string token = random_hex(TOKEN_WORDS);
     all[token] = {whose.name, whose.hash, now, now};
     return token;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <random>
 
 namespace {
 
@@ -77,6 +78,17 @@ std::string html_escape(std::string_view text) {
         escaped += special ? formatted("&#%d;", c) : std::string(1, c);
     }
     return escaped;
+}
+
+std::string random_hex(size_t words) {
+    std::random_device random;
+    std::string hex;
+    for (size_t word = 0; word < words; ++word) {
+        char text[9];
+        snprintf(text, sizeof text, "%08x", random());
+        hex += text;
+    }
+    return hex;
 }
 
 bool same_word(std::string_view text, std::string_view lower_word) {

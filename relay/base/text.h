@@ -13,6 +13,9 @@ std::string html_escape(std::string_view text);
 std::string lower_text(std::string_view text);     // ASCII
 std::string base64_decode(std::string_view text);  // up to what does not belong there
 
+// Eight digits a word, by the kernel's random numbers: what nobody guesses has four or more.
+std::string random_hex(size_t words);
+
 bool same_word(std::string_view text, std::string_view lower_word);  // in whatever case
 
 // The whole text as a decimal number that fits the type, or nothing.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <random>
 
 #include "boxes/logins.h"
 
@@ -12,7 +11,7 @@ constexpr size_t QUERY_MAX = 4096;
 constexpr size_t CONTROL_INPUT = 2 * FRAME_MAX;
 constexpr uint8_t CONTROL_LOGIN_VERSION = 3;
 constexpr size_t PORTS_MAX = 16;
-constexpr size_t SESSION_ID_SIZE = 32;
+constexpr size_t SESSION_ID_WORDS = 4;
 constexpr size_t STATUS_SIZE = 4;
 constexpr char CLOSING[] = "Connection: close\r\n";
 
@@ -101,11 +100,9 @@ bool control_take_ports(device& owner, std::string_view text) {
 bool control_take(control_link& link, const frame& got) {
     device& owner = *link.owner;
     if (got.code == command::SESSION_ID && got.payload.empty()) {
-        std::random_device random;
-        char id[SESSION_ID_SIZE + 1];
-        snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
+        const std::string id = random_hex(SESSION_ID_WORDS);
         link.send_frame({.code = command::SESSION_ID, .payload = id});
-        log_line(EVENT, "device %s: session id %s", owner.name.c_str(), id);
+        log_line(EVENT, "device %s: session id %s", owner.name.c_str(), id.c_str());
         return true;
     }
     if (got.code == command::STATUS && got.payload.size() == STATUS_SIZE) {
