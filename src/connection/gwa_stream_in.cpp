@@ -11,9 +11,9 @@
 
 namespace {
 
-// Frames that a stream reads by one call at least when many share a pass: half the calls, and those
-// behind it wait for 16 KB and no more.
-constexpr int SHARE_MIN = 2;
+// Frames that a stream reads by one call at least when many share a pass, so that many streams cost
+// no more calls than a few: those behind it wait for 64 KB and no more.
+constexpr int SHARE_MIN = 8;
 
 }  // namespace
 

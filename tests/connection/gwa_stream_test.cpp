@@ -84,7 +84,7 @@ TEST_F(Streams, TakeTurns) {
     }
     for (gwa_stream& stream : conn->streams.all) {
         const unique_fd& service = services[stream.id - 1];
-        ASSERT_TRUE(service_says(service, &stream, noise(3 * GWA_PAYLOAD_MAX, 1)));
+        ASSERT_TRUE(service_says(service, &stream, noise(12 * GWA_PAYLOAD_MAX, 1)));
         stream.more = gwa_more::HAS_MORE;
     }
     const auto pass = [this](int frames) {
@@ -96,13 +96,13 @@ TEST_F(Streams, TakeTurns) {
         }
         return ids + (more == gwa_more::HAS_MORE ? " and more" : "");
     };
-    EXPECT_EQ(pass(4), "1122 and more");
+    EXPECT_EQ(pass(20), "11111111222222223333 and more") << "eight frames each at least";
     EXPECT_EQ(pass(0), " and more");
     const uint32_t before = gwa_connection_memory(conn);
     conn->memory = GWA_MEMORY_LIMIT - 1;  // enough for one frame
-    EXPECT_EQ(pass(4), "3");
+    EXPECT_EQ(pass(4), "1");
     conn->memory = before;
-    EXPECT_EQ(pass(9), "1233");
+    EXPECT_EQ(pass(30), "222233333333111");
     EXPECT_EQ(pass(9), "") << "who had nothing more waits for an event";
 }
 
