@@ -131,13 +131,17 @@ jobs_count() {
     nproc 2>/dev/null || echo 2
 }
 
-# build PRESET TARGET...: programs without their tests.
+# build PRESET TARGET...: programs without their tests. Scripts that run at once take turns: they may
+# want the same folder, and one build takes all processors as it is.
 build() {
-    local preset=$1
+    local preset=$1 turn
     shift
+    exec {turn}<.
+    flock "$turn"
     quietly "build/$preset/configure.log" cmake --preset "$preset" -DBUILD_TESTING=OFF
     quietly "build/$preset/build.log" \
         cmake --build --preset "$preset" -j "$(jobs_count)" --target "$@"
+    exec {turn}<&-
 }
 
 # wait_for LIMIT COMMAND...: tries the command every 200 ms for LIMIT seconds.
