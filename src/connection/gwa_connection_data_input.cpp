@@ -53,8 +53,10 @@ static int step_limit_s(gwa_input_step step) {
 }
 
 bool gwa_input_step_is_late(gwa_data_input* input) {
-    const int64_t now = gwa_time_seconds();
-    input->begun = input->begun == gwa_data_input::NOT_WAITED ? now : std::min(input->begun, now);
+    const int64_t now = gwa_time.steady_us() / GWA_US_PER_SECOND;
+    if (input->begun == gwa_data_input::NOT_WAITED) {
+        input->begun = now;
+    }
     return now >= input->begun + step_limit_s(input->step);
 }
 

@@ -43,7 +43,7 @@ struct gwa_data_input {
     gwa_header header = {};           // of the current frame, checked, in host order
     uint32_t discarded = 0;           // bytes, by a step that discards
     uint32_t want = GWA_HEADER_SIZE;  // bytes of the current step
-    int64_t begun = NOT_WAITED;       // s, wall clock; when the step first had to wait for its rest
+    int64_t begun = NOT_WAITED;       // s, steady clock; when the step first had to wait for its rest
     int32_t held_looks = 0;           // at services that take too little, for which the frame waits
     int32_t last_look = 0;            // coarse clock
     gwa_read_ahead ahead;
@@ -70,7 +70,7 @@ uint8_t* gwa_input_step_take(gwa_data_input* input);
 bool gwa_input_continues(const gwa_data_input* input);
 // Whether a frame has begun, so that the connection cannot go on without its rest.
 bool gwa_input_frame_has_begun(const gwa_data_input* input);
-// Whether the current step has used up its time. A clock that was set back starts it over.
+// Whether the current step has used up its time, by the clock that nobody sets (exception 51).
 bool gwa_input_step_is_late(gwa_data_input* input);
 // The time of the current step begins anew, when it next has to wait.
 void gwa_input_step_stand_still(gwa_data_input* input);

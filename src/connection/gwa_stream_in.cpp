@@ -15,6 +15,10 @@ namespace {
 // no more calls than a few: those behind it wait for 64 KB and no more.
 constexpr int SHARE_MIN = 8;
 
+// What a full frame adds to the memory figure: its buffer, and its node as the allocator rounds it.
+constexpr uint32_t FRAME_COUNTED = GWA_FRAME_MAX + 64;
+static_assert(GWA_NODE_COUNTED > 32 && GWA_NODE_COUNTED <= 64);
+
 }  // namespace
 
 // Queues a filled frame for the server.
@@ -92,7 +96,7 @@ static int frames_allowed(const gwa_stream* stream, int wanted) {
     if (held > limit) {
         return 0;
     }
-    const int fitting = static_cast<int>((limit - held) / GWA_FRAME_MAX) + 1;
+    const int fitting = static_cast<int>((limit - held) / FRAME_COUNTED) + 1;
     return std::min({wanted, fitting, int{GWA_BATCH_MAX}});
 }
 

@@ -55,6 +55,9 @@ TEST_F(Requests, AStreamThatThePollerRefusesIsTakenBack) {
     conn->poller.epfd = epfd;
     EXPECT_EQ(conn->streams.count, 0);
     EXPECT_TRUE(read_to_end(listener.accept().get()).starts_with("GET ")) << "and closed";
+    server_sends(request_frame(7, listener.port));
+    rounds(1);
+    EXPECT_EQ(conn->streams.count, 0) << "what the user still says is no request";
 }
 
 TEST_F(Requests, ThatFindNoDescriptorEndTheProcess) {

@@ -99,7 +99,7 @@ TEST_F(Streams, TakeTurns) {
     EXPECT_EQ(pass(20), "11111111222222223333 and more") << "eight frames each at least";
     EXPECT_EQ(pass(0), " and more");
     const uint32_t before = gwa_connection_memory(conn);
-    conn->memory = GWA_MEMORY_LIMIT - 1;  // enough for one frame
+    conn->memory = GWA_MEMORY_LIMIT - GWA_FRAME_MAX;  // a frame and its node are more
     EXPECT_EQ(pass(4), "1");
     conn->memory = before;
     EXPECT_EQ(pass(30), "222233333333111");

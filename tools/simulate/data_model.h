@@ -112,7 +112,7 @@ class data_model : public network_watcher {
     uint32_t want = 16;
     uint32_t stream_id = 0;    // of the current frame
     uint64_t counted = 0;      // bytes that the daemon has counted when it has come so far
-    int64_t begun_s = -1;      // wall clock; when the step had to wait first
+    int64_t begun_s = -1;      // when the step had to wait first
     bool ended_early = false;  // the extra discard is to end without its rest
     struct opening_stream {
         bool wanted = false;

@@ -216,9 +216,7 @@ void data_model::closing(tcp_socket& socket) {
         model_stream* const stream = stream_of(socket);
         stream->was_stuck = is_stuck(*stream);
         closed.push_back(*stream);
-        if (!stream->refused_by_poller) {
-            gone.insert(stream->id);
-        }
+        gone.insert(stream->id);
         streams.erase(stream->id);
     }
     moved = true;
@@ -314,11 +312,11 @@ void data_model::remote_received(std::string_view bytes, int error) {
     }
 }
 
-// The rest of a frame is not there. How long it may take by the wall clock, which may be set back.
+// The rest of a frame is not there. How long it may take by the clock that nobody sets.
 void data_model::input_is_late() {
     const bool short_step = reading == input::HEADER || reading == input::HEARTBEAT;
-    const int64_t now_s = gwa_time_seconds();
-    begun_s = begun_s == -1 ? now_s : std::min(begun_s, now_s);
+    const int64_t now_s = the_time.now_us / GWA_US_PER_SECOND;
+    begun_s = begun_s == -1 ? now_s : begun_s;
     if (now_s - begun_s < (short_step ? 10 : 120)) {
         return;
     }
