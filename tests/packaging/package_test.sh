@@ -122,6 +122,18 @@ starts_and_stops() {
     [ "$(starts_in_log)" = 4 ] || fail "four starts were asked for: $(starts_in_log)"
 }
 
+# Through gwad itself: with its end the session hangs up. To the new gwad a hangup means what it did.
+restarts_in_spite_of_a_hangup() {
+    mkdir "$run/hangup"
+    # shellcheck disable=SC2016
+    printf '#!/bin/sh\nkill -HUP $PPID\nPATH=%s exec rm "$@"\n' "$tools" >"$run/hangup/rm"
+    chmod 755 "$run/hangup/rm"
+    controls 0:start
+    (tools=$run/hangup:$tools controls 0:restart 0:try-restart)
+    grep -q '^SigIgn.*[02468ace]$' "/proc/$(processes)/status" || fail "a gwad that was restarted ignores hangups"
+    kill_all
+}
+
 # A program of the same name and arguments that is not ours, the one that the pid file names included.
 leaves_others_alone() {
     mkdir "$run/other"
@@ -270,6 +282,7 @@ init_script_holds() {
     echo "# $home" >"$run/fstab"
     settings_write "$home" >"$run/settings"
     starts_and_stops
+    restarts_in_spite_of_a_hangup
     leaves_others_alone
     runs_in_the_foreground
     many_starts_leave_one

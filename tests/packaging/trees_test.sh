@@ -47,22 +47,24 @@ made respawn "$settings etc/inittab $rotation $announce usr/libexec/gwad-restart
 [ "$(cat "$work/respawn/root/etc/inittab")" = "::sysinit:/etc/init.d/rcS
 ::respawn:/usr/sbin/gwad-run" ] || fail "inittab: $(cat "$work/respawn/root/etc/inittab")"
 
-# command_is EXPECTED SETTING...: by the init script under procd.
+# command_is EXPECTED SETTING...: by the init script under procd, and its $action.
 command_is() {
     local expected=$1
     shift
     # shellcheck disable=SC2086
     CONFIG=packaging/openwrt/files/gwad.config SETTINGS="home=$work/home $*" \
-        $shell "$trees/rc.common" "$PWD/packaging/openwrt/files/gwad.init" >"$work/out" 2>"$work/said" || true
-    [ "$(cat "$work/out")" = "$expected" ] || fail "$shell: '$*' makes '$(cat "$work/out" "$work/said")'"
+        $shell "$trees/rc.common" "$PWD/packaging/openwrt/files/gwad.init" $action >"$work/out" 2>"$work/said" || true
+    [ "$(cat "$work/out")" = "$expected" ] || fail "$shell: $action with '$*' makes '$(cat "$work/out" "$work/said")'"
 }
 
 for shell in sh "busybox sh"; do
     rm -rf "${work:?}/home"
+    action=start
     command_is "" enabled=0
     [ ! -e "$work/home" ] || fail "not enabled, and leaves a home"
     command_is "/usr/sbin/gwad -p 9999 -i br-lan -L 127.0.0.1 -V 3 -H $work/home"
     [ -d "$work/home/tmp" ] || fail "gwad has no home"
+    action=restart command_is "/usr/sbin/gwad -p 9999 -i br-lan -L 127.0.0.1 -V 3 -H $work/home"
     all="-p 1 -i eth0.2 -L 10.0.0.255 -V -1 -H $work/home -r r-1.example.org -I box_1 -l /tmp/g"
     command_is "/usr/sbin/gwad $all" port=1 interface=eth0.2 local=10.0.0.255 verbose=-1 relay=r-1.example.org \
         id=box_1 log=/tmp/g
