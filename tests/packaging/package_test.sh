@@ -276,7 +276,7 @@ log_is_rotated() {
 init_script_holds() {
     run=$work/$1 shell=$2 tools=$3
     trap 'wait; kill_all' EXIT
-    home="$run/the home"
+    home="$run/the 2% home"
     mkdir -p "$home"
     cp "$root/usr/sbin/gwad" "$run/gwad"
     echo "# $home" >"$run/fstab"
@@ -295,7 +295,7 @@ init_script_holds() {
     start_fails 1 "$home" "-Z" "getopt returned"
     start_fails 6 "$run/none" "" "no directory that is there"
     [ ! -e "$run/none" ] || fail "a home has been made"
-    printf '%s\n' "disk $run/the\\040home/ ext4" >"$run/fstab"
+    printf '%s' "disk $run/the\\0402%\\040home/ ext4" >"$run/fstab"
     start_fails 6 "$home" "" "home is not mounted"
     : >"$run/fstab"
     log_goes_to_syslog
@@ -319,7 +319,7 @@ for run in $runs; do
 done
 [ $failed = 0 ] || exit 1
 run=$work/sh shell=sh tools=$PATH
-home="$run/the home"
+home="$run/the 2% home"
 if PATH=$PATH:/usr/sbin command -v logrotate >/dev/null; then
     settings_write "$home" "-V 7" >"$run/settings"
     (trap kill_all EXIT && log_is_rotated) || exit 1
