@@ -23,7 +23,7 @@ settings_write() {
 
 # --- gwad-run alone, with a clock and a logger that are played ---
 
-settings_write "$work/run" "-i nosuch0 -I box"
+settings_write "$work/run" "-b -i nosuch0 -I box"
 echo GWAD_SYSLOG=yes >>"$work/run/settings"
 mkdir "$work/bin"
 # shellcheck disable=SC2016
@@ -34,7 +34,7 @@ touch "$work/slept"
 # runs SECONDS: after a pause of at least so many, or none.
 runs() {
     rm -f "$work/messages"
-    PATH=$work/bin:$PATH GWAD_SETTINGS=$work/run/settings busybox sh "$build/packaging/gwad-run" || true
+    PATH=$work/bin:$PATH GWAD_SETTINGS=$work/run/settings busybox sh "$build/packaging/gwad-run" && fail "gwad is in the background"
     [ "$(tail -n 1 "$work/slept")" -ge "$1" ] 2>/dev/null || [ ! -s "$work/slept" ] || fail "pauses: $(cat "$work/slept")"
     wait_for grep -q ended "$work/messages"
     grep -q 'get mac failed' "$work/messages" || fail "no reason in syslog: $(cat "$work/messages")"
@@ -47,6 +47,11 @@ runs 8
 echo 999999999 >"$work/run/tmp/gwad.started" # of an earlier boot
 runs 0
 [ ! -s "$work/slept" ] || fail "a start pauses because of an earlier boot"
+echo "GWAD_HOME=$work/none" >>"$work/run/settings"
+status=0
+PATH=$work/bin:$PATH GWAD_SETTINGS=$work/run/settings busybox sh "$build/packaging/gwad-run" 2>/dev/null || status=$?
+[ "$status $(cat "$work/slept")" = "6 10" ] || fail "without its home it ends with $status, and pauses: $(cat "$work/slept")"
+[ ! -e "$work/none" ] || fail "a home has been made"
 
 # --- a restart under both ---
 
