@@ -44,8 +44,10 @@ runs 0
 runs 8
 [ -s "$work/slept" ] || fail "starts that fail follow each other at once"
 : >"$work/slept"
-echo 999999999 >"$work/run/tmp/gwad.started" # of an earlier boot
+echo 999999999 >"$work/run/theirs" # of an earlier boot, by a link that another user may have put there
+ln -sf "$work/run/theirs" "$work/run/tmp/gwad.started"
 runs 0
+[ "$(cat "$work/run/theirs")" = 999999999 ] || fail "gwad-run writes through a link"
 [ ! -s "$work/slept" ] || fail "a start pauses because of an earlier boot"
 echo "GWAD_HOME=$work/none" >>"$work/run/settings"
 status=0
