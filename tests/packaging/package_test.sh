@@ -72,7 +72,15 @@ grep -q "^version : $version, git commit : " "$work/out" ||
 #
 # Each shell has a home, settings and a log of its own, under $run.
 
-control() { PATH=$tools GWAD_SETTINGS=$run/settings $shell "$root/etc/init.d/gwadsh" "$@"; }
+control() { PATH=$tools GWAD_SETTINGS=$run/settings "$script" "$@"; }
+
+# script_make SHELL NAME: the script as others see it, a process of its own name.
+script_make() {
+    script=$run/init/$2
+    mkdir -p "$run/init"
+    sed "1s|.*|#!$1|; s/has_name gwadsh/has_name $2/" "$root/etc/init.d/gwadsh" >"$script"
+    chmod 755 "$script"
+}
 
 # settings_write HOME [OPTION...]
 settings_write() {
@@ -150,7 +158,7 @@ leaves_others_alone() {
 # start itself; a start beside it is content, and a program that was replaced is still stopped.
 runs_in_the_foreground() {
     controls 0:start
-    PATH=$tools GWAD_SETTINGS=$run/settings $shell "$root/etc/init.d/gwadsh" run >"$run/held" 2>&1 &
+    PATH=$tools GWAD_SETTINGS=$run/settings "$script" run >"$run/held" 2>&1 &
     held=$!
     tries=200
     until [ "$(processes)" = "$held" ]; do
@@ -206,7 +214,7 @@ stop_waits_for_a_start() {
 stop_sees_a_start_that_has_just_begun() {
     (cat "$run/settings" && echo "echo >'$run/begun'; sleep 0.4") >"$run/slow-settings"
     rm -f "$run/begun"
-    GWAD_SETTINGS=$run/slow-settings "$root/etc/init.d/gwadsh" start <&- >&- 2>&- &
+    GWAD_SETTINGS=$run/slow-settings "$script" start <&- >&- 2>&- &
     slow_has_begun
     expect 0 control stop
     wait $! || fail "a start without any open descriptor fails"
@@ -273,12 +281,14 @@ log_is_rotated() {
     [ -s "$run/log" ] || fail "gwad has gone on with the old log: $(cat "$run/log.1")"
 }
 
+# init_script_holds FOLDER SHELL NAME TOOLS: with a script of that name.
 init_script_holds() {
-    run=$work/$1 shell=$2 tools=$3
+    run=$work/$1 tools=$4
     trap 'wait; kill_all' EXIT
     home="$run/the 2% home"
     mkdir -p "$home"
     cp "$root/usr/sbin/gwad" "$run/gwad"
+    script_make "$2" "$3"
     echo "# $home" >"$run/fstab"
     settings_write "$home" >"$run/settings"
     starts_and_stops
@@ -301,14 +311,14 @@ init_script_holds() {
     log_goes_to_syslog
 }
 
-(init_script_holds sh sh "$PATH") &
+(init_script_holds sh "$(command -v sh)" gwadsh "$PATH") &
 runs=$!
 if command -v busybox >/dev/null; then
     mkdir "$work/tools"
     for tool in sh mkdir mkfifo rmdir rm tr sleep readlink tail; do
         ln -s "$(command -v busybox)" "$work/tools/$tool"
     done
-    (init_script_holds busybox "$work/tools/sh" "$work/tools") &
+    (init_script_holds busybox "$work/tools/sh" gwad "$work/tools") &
     runs="$runs $!"
 else
     echo "busybox is not there: the init script has been tried with sh alone"
@@ -318,7 +328,7 @@ for run in $runs; do
     wait "$run" || failed=1
 done
 [ $failed = 0 ] || exit 1
-run=$work/sh shell=sh tools=$PATH
+run=$work/sh tools=$PATH script=$work/sh/init/gwadsh
 home="$run/the 2% home"
 if PATH=$PATH:/usr/sbin command -v logrotate >/dev/null; then
     settings_write "$home" "-V 7" >"$run/settings"
