@@ -60,10 +60,12 @@ command_is() {
 for shell in sh "busybox sh"; do
     rm -rf "${work:?}/home"
     action=start
-    command_is "" enabled=0
+    command_is none enabled=0
+    action=reload_service command_is none enabled=0
     [ ! -e "$work/home" ] || fail "not enabled, and leaves a home"
     command_is "/usr/sbin/gwad -p 9999 -i br-lan -L 127.0.0.1 -V 3 -H $work/home"
     [ -d "$work/home/tmp" ] || fail "gwad has no home"
+    action=reload_service command_is "/usr/sbin/gwad -p 1 -i br-lan -L 127.0.0.1 -V 3 -H $work/home" port=1
     action=restart command_is "/usr/sbin/gwad -p 9999 -i br-lan -L 127.0.0.1 -V 3 -H $work/home"
     all="-p 1 -i eth0.2 -L 10.0.0.255 -V -1 -H $work/home -r r-1.example.org -I box_1 -l /tmp/g"
     command_is "/usr/sbin/gwad $all" port=1 interface=eth0.2 local=10.0.0.255 verbose=-1 relay=r-1.example.org \
@@ -74,7 +76,8 @@ for shell in sh "busybox sh"; do
     for setting in port=0 port=65536 port=1x port=99999999999999999999 interface=enp0s31f6 interface=-b \
         local=10.0.0 local=10.0.0.256 local=10..0.1 local=10.0.0.1. verbose=8 verbose=-2 verbose=- relay=-Z 'relay=a;b' \
         'id=$(b)' log=gwad.log 'log=/a;b' home=gwad; do
-        command_is "" "$setting"
+        command_is none "$setting"
+        action=reload_service command_is "" "$setting" # procd hears nothing, and goes on
         grep -q "option ${setting%%=*} '" "$work/said" || fail "$setting is refused by: $(cat "$work/said")"
     done
 done
