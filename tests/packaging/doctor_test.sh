@@ -10,6 +10,16 @@ build=$1
 gwad=$build/gwad
 mkdir -p "$work/home/tmp" "$work/tools"
 busybox --install -s "$work/tools"
+id=5c1e0f0fb6d24d0a
+echo "box $id" >"$work/boxes"
+# The nc of a small busybox has no -w: at port 1 it is ended while it waits.
+rm "$work/tools/nc"
+cat >"$work/tools/nc" <<SH
+#!/bin/sh
+case "\$*" in -*) exit 1 ;; *" 1") kill \$\$ ;; esac
+exec $(command -v busybox) nc "\$@"
+SH
+chmod 755 "$work/tools/nc"
 
 # finds STATUS TEXT [PORT...]: ten lines, the last of which has the text.
 finds() {
@@ -32,10 +42,10 @@ settings_write() {
         "$gwad" "$work/home" "$1" "$options" >"$work/settings"
 }
 
-relay_start "$build/gwrelay" 0 --admin-port 0
+relay_start "$build/gwrelay" 0 --admin-port 0 --boxes-file "$work/boxes"
 
 [ -z "${GWAD_TEST_ISOLATED-}" ] || finds 1 "settings: .*cannot be read"
-settings_write 127.0.0.1 -I box
+settings_write 127.0.0.1 -I "$id"
 finds 1 "process: gwad does not run"
 # shellcheck disable=SC2086
 "$gwad" -H "$work/home" -r 127.0.0.1 $options 2>"$work/gwad.out" &
@@ -44,17 +54,20 @@ all_are_up() { [ "$(grep -c 'login remote server success' "$work/log")" = 6 ]; }
 wait_for all_are_up
 
 [ -z "${GWAD_TEST_ISOLATED-}" ] || (rm "$work/settings" && finds 0 "nothing is wrong here")
-settings_write 127.0.0.1 -I box
+settings_write 127.0.0.1 -I "$id"
 finds 0 "nothing is wrong here" "$front"
 grep -q "^ok *connections *1 to the control server, 5 for data" "$work/said"
 finds 1 "connected, but services: nothing listens on 1 " "$front" 1
-settings_write 127.0.0.1 -I box -i nosuch0
+settings_write 127.0.0.1 # the relay does not know who asks
+finds 0 "nothing is wrong here" "$front"
+grep -q "^note *manager" "$work/said"
+settings_write 127.0.0.1 -I "$id" -i nosuch0
 finds 1 "connected, but interface: there is no nosuch0"
-settings_write nosuch.invalid -I box
+settings_write nosuch.invalid -I "$id"
 finds 1 "connected, but name: no address for nosuch.invalid"
-manager=$front settings_write 127.0.0.1 -I box
+manager=$front settings_write 127.0.0.1 -I "$id"
 finds 1 "connected, but manager: 127.0.0.1:$front answers, but not as"
-settings_write 127.0.0.1 -I box
+settings_write 127.0.0.1 -I "$id"
 
 # Stopped, so that it does not restart; what it had of the relay is gone. Then as if its login were refused.
 kill -STOP "$gwad_pid"
@@ -64,7 +77,7 @@ finds 1 "manager: 127.0.0.1:$manager does not answer"
 busybox httpd -f -p "127.0.0.1:$front" -h "$work" &
 mkdir "$work/addrmgr"
 printf '{"ret":0,"data":"127.0.0.1:%d"}' "$front" >"$work/addrmgr/device_get_proxy"
-manager=$front settings_write 127.0.0.1 -I box
+manager=$front settings_write 127.0.0.1 -I "$id"
 finds 1 "connections: none to the control server, whose port can be reached"
 printf '{"ret":0,"data":"127.0.0.1:%d"}' 1 >"$work/addrmgr/device_get_proxy"
 finds 1 "connections: the control server 127.0.0.1:1 cannot be reached"
