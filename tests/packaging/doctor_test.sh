@@ -19,7 +19,13 @@ cat >"$work/tools/nc" <<SH
 case "\$*" in -*) exit 1 ;; *" 1") kill \$\$ ;; esac
 exec $(command -v busybox) nc "\$@"
 SH
-chmod 755 "$work/tools/nc"
+# An old one's answer; an address of IPv6 is none for gwad.
+rm "$work/tools/nslookup"
+cat >"$work/tools/nslookup" <<'SH'
+#!/bin/sh
+printf 'Server:    127.0.0.1\nAddress 1: 127.0.0.1\n\nName:      %s\nAddress 1: 2606:2800::1\n' "$1"
+SH
+chmod 755 "$work/tools/nc" "$work/tools/nslookup"
 
 # finds STATUS TEXT [PORT...]: ten lines, the last of which has the text.
 finds() {
@@ -58,6 +64,8 @@ settings_write 127.0.0.1 -I "$id"
 finds 0 "nothing is wrong here" "$front"
 grep -q "^ok *connections *1 to the control server, 5 for data" "$work/said"
 finds 1 "connected, but services: nothing listens on 1 " "$front" 1
+settings_write 127.0.0.1 -I "$id" -L 127.0.0.2
+finds 1 "connected, but services: nothing listens on $front of 127.0.0.2" "$front"
 settings_write 127.0.0.1 # the relay does not know who asks
 finds 0 "nothing is wrong here" "$front"
 grep -q "^note *manager" "$work/said"
