@@ -82,6 +82,18 @@ for shell in sh "busybox sh"; do
     done
 done
 
+# The interface that the other scripts find.
+cat >"$work/route" <<'END'
+Iface   Destination Gateway  Flags RefCnt Use Metric Mask     MTU Window IRTT
+tun0    00000000    010000A0 0003  0      0   0      00000080 0   0      0
+*       00000000    00000000 0200  0      0   0      00000000 0   0      0
+longer-ethernet 00000000 0101A8C0 0003 0  0   0      00000000 0   0      0
+eth1    00000000    0101A8C0 0003  0      0   0      00000000 0   0      0
+END
+sed "s|/proc/net/route|$work/route|; s|/sys/class/net/br-lan|/nowhere|" packaging/interface.sh >"$work/interface.sh"
+found=$(busybox sh -c ". '$work/interface.sh'; interface")
+[ "$found" = eth1 ] || fail "the default route's interface is $found"
+
 # gwad-doctor reads the same settings.
 mkdir "$work/bin"
 cat >"$work/bin/uci" <<'SH'
