@@ -44,11 +44,14 @@ eventually() {
     done
 }
 
-# The processes whose program is $1; those that have ended have none.
+# The processes whose program is $1, also where that has been replaced or removed; those that have ended
+# have none.
 pids_of() {
     local process
     for process in /proc/[0-9]*; do
-        ! [ "$process/exe" -ef "/usr/sbin/$1" ] || echo "${process#/proc/}"
+        case $(readlink "$process/exe") in
+            "/usr/sbin/$1" | "/usr/sbin/$1 (deleted)") echo "${process#/proc/}" ;;
+        esac
     done
 }
 is_one() { [ "$(pids_of "$1" | wc -w)" = 1 ]; }
