@@ -123,6 +123,7 @@ else()
         REGISTER "update-rc.d ${init_name} defaults >/dev/null"
         FORGET "update-rc.d ${init_name} remove >/dev/null"
             "rm -f /tmp/gwad.pid /tmp/gwad.stat /tmp/gwad.pipe /tmp/gwad.log /tmp/gwad.log.*"
+            "rm -f /tmp/session.id /tmp/dlna.sock /tmp/mko_port_gwad.sock"
             "rmdir /tmp/gwadsh.* 2>/dev/null || true")
     set(packages gwad)
 endif()

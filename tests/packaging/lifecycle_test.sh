@@ -74,8 +74,8 @@ settings_are_kept() { grep -q '^GWAD_RELAY=127.0.0.1$' /etc/default/gwad || fail
 
 nothing_is_left() {
     local left
-    left=$(find /etc /lib/systemd /usr /var/lib/systemd /var/log /tmp \( -name '*gwad*' -o -name '*gwrelay*' \) \
-        ! -name '*mko_port*')
+    left=$(find /etc /lib/systemd /usr /var/lib/systemd /var/log /tmp \( -name '*gwad*' -o -name '*gwrelay*' \
+        -o -name session.id -o -name dlna.sock \))
     [ -z "$left" ] || fail "$left"
     ! id gwrelay 2>/dev/null || fail "the user is still there"
 }
