@@ -26,6 +26,7 @@ inside() { builder run "$in_it" -- "$@"; }
 [ "$(builder inspect --format '{{.OCIv1.Config.Entrypoint}} {{.OCIv1.Config.User}}' "$in_it")" = \
     "[/usr/sbin/gwrelay] gwrelay" ] || fail "another program or user"
 [ "$(inside id -un)" = gwrelay ] || fail "another user"
+inside test -w /var/log/gwrelay || fail "there is no place for the access log"
 inside /usr/sbin/gwrelay --check-config || fail "its own settings"
 said=$(inside /usr/sbin/gwrelay --listen 0.0.0.0 --announce relay.example.org 2>&1) && fail "strangers may come in"
 case $said in *--users-file* | *--boxes-file*) ;; *) fail "it said: $said" ;; esac
