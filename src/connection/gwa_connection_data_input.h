@@ -43,9 +43,9 @@ struct gwa_data_input {
     gwa_header header = {};           // of the current frame, checked, in host order
     uint32_t discarded = 0;           // bytes, by a step that discards
     uint32_t want = GWA_HEADER_SIZE;  // bytes of the current step
-    int64_t begun = NOT_WAITED;       // s, steady clock; when the step first had to wait for its rest
-    int32_t held_looks = 0;           // at services that take too little, for which the frame waits
-    int32_t last_look = 0;            // coarse clock
+    int64_t begun = NOT_WAITED;  // s, steady clock; when the step first had to wait for its rest
+    int32_t held_looks = 0;      // at services that take too little, for which the frame waits
+    int32_t last_look = 0;       // coarse clock
     gwa_read_ahead ahead;
 };
 

@@ -147,7 +147,8 @@ static void stream_begin(gwa_stream* stream, int fd, payload_view payload) {
     gwa_stream_feed(stream, payload.bytes, payload.length);
     if (poll_add(&conn->poller, fd, gwa_stream_local_handle, stream) != GWA_OK) {
         GWA_LOG(DEBUG, "add socket to poll failed fd %d", fd);
-        gwa_stream_give_up(stream);  // its service may have the request: the body is none (exception 60)
+        // Its service may have the request, and what follows is none (exception 60).
+        gwa_stream_give_up(stream);
     }
 }
 
