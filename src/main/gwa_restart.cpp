@@ -14,6 +14,7 @@
 #include "main/gwa_log.h"
 #include "runtime/gwa_process.h"
 #include "runtime/gwa_util_file.h"
+#include "runtime/gwa_util_thread.h"
 #include "runtime/gwa_util_time.h"
 
 namespace {
@@ -54,7 +55,7 @@ static void signals_reset() {
 [[noreturn]] static void restart_child() {
     signals_reset();
     if (!gwa_process_running()) {
-        _exit(0);  // exception 55: a signal that the old program's handler has taken
+        _exit(0);  // exception 55: a signal that the old program's handler took before the fork
     }
     gwa_close_all_fds();
     timespec left{PAUSE_S, 0};
@@ -69,6 +70,17 @@ static void signals_reset() {
     _exit(1);
 }
 
+// A signal that meets the fork waits in both for what each does with it: the child is not to take one
+// by the old program's handler, which would tell a flag that the next program does not have.
+static pid_t restart_fork() {
+    const gwa_signals_held held;
+    const pid_t child = fork();
+    if (child == 0) {
+        restart_child();
+    }
+    return child;
+}
+
 void gwa_restart() {
     if (restarting.exchange(1, std::memory_order_relaxed) != 0) {
         while (gwa_process_running()) {
@@ -80,10 +92,7 @@ void gwa_restart() {
     if (!gwa_process_running()) {
         return;  // a signal has come since the caller looked, and whoever sent it wants an end
     }
-    const pid_t child = fork();
-    if (child == 0) {
-        restart_child();
-    }
+    const pid_t child = restart_fork();
     if (child < 0) {
         GWA_LOG(FATAL, "fork failed");
         GWA_EXIT(1);

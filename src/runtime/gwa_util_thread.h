@@ -2,12 +2,23 @@
 #pragma once
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <cstddef>
 #include <cstdint>
 
 // The calling thread's kernel thread id.
 uint32_t gwa_gettid();
+
+// While it lives, SIGINT and SIGTERM wait: for its end in this thread, and in what this thread makes
+// meanwhile, a thread or a process, until that lets them come.
+struct gwa_signals_held {
+    sigset_t before;
+
+    gwa_signals_held();
+    gwa_signals_held(gwa_signals_held&&) = delete;
+    ~gwa_signals_held();
+};
 
 // Starts a thread with a stack of GWA_THREAD_STACK bytes that takes no SIGINT or SIGTERM: those
 // belong to the main thread, whose waits they interrupt. 0 or the error number, as pthread_create.
