@@ -39,7 +39,8 @@ static void discard_payload(gwa_connection_cntl* cntl, uint32_t length) {
 
 static int heartbeat_answer(gwa_connection_cntl* cntl) {
     uint8_t bytes[GWA_HEARTBEAT_PAYLOAD] = {};
-    const int got = gwa_recvn_timeout_fast(cntl->socket, bytes, sizeof bytes, GWA_HEARTBEAT_LIMIT_S);
+    const int got =
+        gwa_recvn_timeout_fast(cntl->socket, bytes, sizeof bytes, GWA_HEARTBEAT_LIMIT_S);
     if (got == static_cast<int>(sizeof bytes)) {
         count_payload(cntl, sizeof bytes);
         if (load_be32(bytes) + 1 == cntl->heartbeat.seq) {

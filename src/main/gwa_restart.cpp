@@ -54,9 +54,6 @@ static void signals_reset() {
 // calls that are safe in a signal handler. Nothing can be logged: every descriptor is closed.
 [[noreturn]] static void restart_child() {
     signals_reset();
-    if (!gwa_process_running()) {
-        _exit(0);  // exception 55: a signal that the old program's handler took before the fork
-    }
     gwa_close_all_fds();
     timespec left{PAUSE_S, 0};
     while (nanosleep(&left, &left) == -1 && errno == EINTR) {
@@ -70,8 +67,8 @@ static void signals_reset() {
     _exit(1);
 }
 
-// A signal that meets the fork waits in both for what each does with it: the child is not to take one
-// by the old program's handler, which would tell a flag that the next program does not have.
+// A signal that meets the fork waits, and ends the child (exception 55): taken by the old program's
+// handler, it would only clear a flag that the next program does not have.
 static pid_t restart_fork() {
     const gwa_signals_held held;
     const pid_t child = fork();
@@ -99,7 +96,7 @@ void gwa_restart() {
     }
     GWA_EXIT_LOG();
     if (!gwa_process_running()) {
-        // Exception 55: a signal has come since the fork. The child still sleeps, and is taken
+        // Exception 55: a signal has come since we looked. The child still sleeps, and is taken
         // back.
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);

@@ -10,8 +10,8 @@
 // The calling thread's kernel thread id.
 uint32_t gwa_gettid();
 
-// While it lives, SIGINT and SIGTERM wait: for its end in this thread, and in what this thread makes
-// meanwhile, a thread or a process, until that lets them come.
+// While it lives, SIGINT and SIGTERM wait: for its end in this thread, and in a thread or process
+// that this one makes meanwhile until that lets them come.
 struct gwa_signals_held {
     sigset_t before;
 

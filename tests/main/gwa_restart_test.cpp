@@ -90,6 +90,6 @@ TEST(Restart, EndsWithASignalThatReachesOnlyItsChild) {
     EXPECT_EQ(program.wait(), 0);
     int status = -1;
     EXPECT_TRUE(eventually([&] { return waitpid(-1, &status, WNOHANG) > 0; }));
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(status, SIGTERM);
     prctl(PR_SET_CHILD_SUBREAPER, 0);
 }

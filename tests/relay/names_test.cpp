@@ -61,8 +61,9 @@ TEST(GwrelayNames, TheHostTellsWhoseARequestIs) {
     }
     EXPECT_EQ(asked_at(hub, "nobody.relay.example", "/status.json"), "404");
     EXPECT_EQ(asked_at(hub, "relay.example", "/status.json"), "200");
-    EXPECT_TRUE(fetch(hub, "GET / HTTP/1.1\r\nHost: 10.0.0.1\r\nhost: box--80.relay.example\r\n\r\n")
-                    .starts_with("HTTP/1.1 400 "));
+    EXPECT_TRUE(
+        fetch(hub, "GET / HTTP/1.1\r\nHost: 10.0.0.1\r\nhost: box--80.relay.example\r\n\r\n")
+            .starts_with("HTTP/1.1 400 "));
 }
 
 // Whatever its method, and its body with it. The answer to the relay's own request is nobody's.

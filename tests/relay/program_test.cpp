@@ -44,7 +44,9 @@ TEST(GwrelayOptions, StandInAFileAsWell) {
         {"front-port = 65535\n", ":1: bad value for --front-port: 65535\n"},
         {"announce =\n", ":1: "},
         {"listen-admin = 'nowhere'\n", ": cannot listen on nowhere: "},
-        {"rate-time = 0.5\nbuffers = '2G'\nno-reuse = false\nlisten-users = '::'\nopen-users = true\n", ""}};
+        {"rate-time = 0.5\nbuffers = '2G'\nno-reuse = false\nlisten-users = '::'\nopen-users = "
+         "true\n",
+         ""}};
     for (const auto& [text, reason] : files) {
         file_write(file, text);
         check(file, reason);

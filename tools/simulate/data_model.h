@@ -18,7 +18,7 @@
 #include "link_model.h"
 #include "network.h"
 
-constexpr int QUARTER = 0x20000 / 4;  // of what may wait in the socket
+constexpr int QUARTER = 0x20000 / 4;   // of what may wait in the socket
 constexpr uint32_t CEILING = 5 << 20;  // of memory, for the diagnostic too
 
 // A stream of this connection: the bytes of one user's request and its answer.

@@ -17,7 +17,7 @@ namespace {
 constexpr int SETTLE_ROUNDS = 2000;
 constexpr int SPEND_ROUNDS = 30000;
 constexpr size_t SETTLE_ROOM = 1 << 17;
-constexpr size_t BALLAST_MIN = 8192;          // smaller pieces are counted as larger ones
+constexpr size_t BALLAST_MIN = 8192;  // smaller pieces are counted as larger ones
 
 std::string request(const std::string& parameters) {
     return "GET /?" + parameters + " HTTP/1.1\r\n\r\n";
