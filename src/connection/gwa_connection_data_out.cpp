@@ -19,6 +19,9 @@ constexpr int32_t BUFFER_TIMEOUT_S = 600;
 // twice of what the login asks for, socket(7). The other half is read when the first has left:
 // until then it is better kept by the services.
 constexpr int FRAMES_READY = SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
+// Of these some are kept for turns, whatever else waits: else streams that say little at a time,
+// but often, or a long answer of the diagnostic could keep a download waiting for ever.
+constexpr int FRAMES_IN_TURN = FRAMES_READY / 2;
 
 enum class policy : uint8_t { SEND, HOLD, FAILED };
 
@@ -161,9 +164,18 @@ int gwa_connection_data_hold_ms(const gwa_connection_data* conn) {
     return look(conn, &level) == GWA_TIMED_OUT ? level : 0;
 }
 
+static int frames_queued(const gwa_connection_data* conn) {
+    return static_cast<int>(conn->output.count.load(std::memory_order_relaxed));
+}
+
 int gwa_connection_data_room(const gwa_connection_data* conn) {
-    const auto queued = static_cast<int>(conn->output.count.load(std::memory_order_relaxed));
-    return std::max(FRAMES_READY - queued, 0);
+    const int of_turns = FRAMES_IN_TURN - static_cast<int>(conn->output.in_turn);
+    return std::max({FRAMES_READY - frames_queued(conn), of_turns, 0});
+}
+
+bool gwa_connection_data_has_room_for(gwa_connection_data* conn, uint32_t stream_id) {
+    return frames_queued(conn) < FRAMES_READY ||
+           !gwa_connection_queue_holds(&conn->output.queue, stream_id);
 }
 
 // Whether a heartbeat may go out: an unanswered one blocks the next.

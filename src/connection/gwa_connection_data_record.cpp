@@ -28,9 +28,14 @@ void gwa_connection_data_node_drop(gwa_connection_data* conn, gwa_output_node* n
     gwa_connection_node_free(node);
 }
 
+static uint32_t counted_in_turn(const gwa_output_node* node) {
+    return (node->flags & GWA_NODE_IN_TURN) != 0 ? 1 : 0;
+}
+
 void gwa_connection_data_send(gwa_connection_data* conn, gwa_output_node* node) {
     node->enqueue_time = gwa_now_get();
     conn->output.count.fetch_add(1, std::memory_order_relaxed);
+    conn->output.in_turn += counted_in_turn(node);
     gwa_connection_remote_output_enqueue(&conn->output.queue, node);
 }
 
@@ -40,5 +45,6 @@ void gwa_connection_data_node_release(gwa_connection_data* conn, gwa_output_node
         return;
     }
     conn->output.count.fetch_sub(1, std::memory_order_relaxed);
+    conn->output.in_turn -= counted_in_turn(node);
     gwa_connection_data_node_drop(conn, node);
 }

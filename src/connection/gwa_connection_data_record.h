@@ -61,6 +61,7 @@ enum class gwa_out_state : uint16_t {  // of the last output pass
 struct gwa_data_output {
     gwa_output_queue queue;
     std::atomic<uint32_t> count{0};  // heap nodes on it
+    uint32_t in_turn = 0;            // of these, what streams have read in their turn
     gwa_out_state state = gwa_out_state::IDLE;
     std::atomic<int32_t> send_level{0};  // fill level of the kernel's buffer, as last seen
     bool may_send = false;               // this round has looked, and there is room

@@ -69,8 +69,8 @@ static list_link* place_by_priority(gwa_output_queue* queue, uint32_t priority)
     return at == end ? end->prev : at;
 }
 
-static bool is_stream_data(const gwa_output_node& node) {
-    return (node.flags & GWA_NODE_STREAM) != 0;
+static bool is_stream_data(const gwa_output_node& node, uint32_t stream_id) {
+    return (node.flags & GWA_NODE_STREAM) != 0 && node.stream_id == stream_id;
 }
 
 // Moves a place to the last node of the same stream, if that lies behind it (exception 48): with
@@ -78,7 +78,7 @@ static bool is_stream_data(const gwa_output_node& node) {
 static list_link* place_behind_own_stream(gwa_output_queue* queue, list_link* place,
                                           uint32_t stream_id) GWA_REQUIRES(queue->lock) {
     for (list_link* at = queue->nodes.head.prev; at != place; at = at->prev) {
-        if (is_stream_data(as_node(at)) && as_node(at).stream_id == stream_id) {
+        if (is_stream_data(as_node(at), stream_id)) {
             return at;
         }
     }
@@ -115,7 +115,7 @@ int gwa_connection_head_enqueue(gwa_output_queue* queue, gwa_output_node* node) 
 int gwa_connection_remote_output_enqueue(gwa_output_queue* queue, gwa_output_node* node) {
     const gwa_lock held(queue->lock);
     list_link* place = place_by_priority(queue, node->priority);
-    if (is_stream_data(*node)) {
+    if ((node->flags & GWA_NODE_STREAM) != 0) {
         place = place_behind_own_stream(queue, place, node->stream_id);
     }
     insert_behind(queue, place, node);
@@ -125,6 +125,16 @@ int gwa_connection_remote_output_enqueue(gwa_output_queue* queue, gwa_output_nod
 int gwa_connection_queue_is_empty(gwa_output_queue* queue) {
     const gwa_lock held(queue->lock);
     return queue->nodes.empty() ? 1 : 0;
+}
+
+bool gwa_connection_queue_holds(gwa_output_queue* queue, uint32_t stream_id) {
+    const gwa_lock held(queue->lock);
+    for (const gwa_output_node& node : queue->nodes) {
+        if (is_stream_data(node, stream_id)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 int gwa_connection_enqueue_if_empty(gwa_output_queue* queue, gwa_output_node* node) {

@@ -20,6 +20,7 @@ enum gwa_node_flag : uint32_t {  // a bit set
     GWA_NODE_PARTLY_SENT = 2,    // it keeps the front of its queue until the rest has left
     GWA_NODE_DATA_STATIC = 4,    // the data is part of a record and is never freed
     GWA_NODE_STREAM = 8,         // a stream's data, whose id may be 0 as well
+    GWA_NODE_IN_TURN = 16,       // of a data connection: read when it was its stream's turn
     GWA_NODE_HEARTBEAT = GWA_NODE_STATIC | GWA_NODE_DATA_STATIC,
 };
 
@@ -67,6 +68,8 @@ int gwa_connection_head_enqueue(gwa_output_queue* queue, gwa_output_node* node);
 int gwa_connection_remote_output_enqueue(gwa_output_queue* queue, gwa_output_node* node);
 // 1 when the queue holds no node, else 0.
 int gwa_connection_queue_is_empty(gwa_output_queue* queue);
+// Whether a frame of the stream's data is queued.
+bool gwa_connection_queue_holds(gwa_output_queue* queue, uint32_t stream_id);
 // Makes the node the only one of an empty queue and returns 1; otherwise changes nothing, 0.
 int gwa_connection_enqueue_if_empty(gwa_output_queue* queue, gwa_output_node* node);
 

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "connection/gwa_connection_data_out.h"
 #include "main/gwa_log.h"
 #include "runtime/gwa_util_time.h"
 
@@ -37,6 +38,7 @@ static void frame_filled(gwa_stream* stream, gwa_output_node* node) {
 static void frame_ended(gwa_stream* stream, gwa_output_node* node, uint32_t length) {
     gwa_output_node* const fitting = gwa_stream_frame_new(stream, length);
     memcpy(gwa_connection_payload_of(fitting), gwa_connection_payload_of(node), length);
+    fitting->flags = node->flags;
     gwa_connection_data_node_drop(stream->connection, node);
     send_to_server(stream, fitting, length);
     stream->more = gwa_more::DRAINED;
@@ -60,12 +62,13 @@ static void read_failed(gwa_stream* stream, ssize_t got) {
 }
 
 // Receives up to `most` frames, GWA_BATCH_MAX at most, by one call, each behind its header, and
-// queues them. How many, or 1 when nothing came.
-static int read_frames(gwa_stream* stream, int most) {
+// queues them, with `flags` added to theirs. How many, or 1 when nothing came.
+static int read_frames(gwa_stream* stream, int most, uint32_t flags) {
     gwa_output_node* nodes[GWA_BATCH_MAX];
     iovec pieces[GWA_BATCH_MAX];
     for (int i = 0; i < most; i++) {
         nodes[i] = gwa_stream_frame_new(stream, GWA_PAYLOAD_MAX);
+        nodes[i]->flags |= flags;
         pieces[i] = {gwa_connection_payload_of(nodes[i]), GWA_PAYLOAD_MAX};
     }
     const ssize_t got = readv(stream->socket, pieces, most);
@@ -101,10 +104,10 @@ static int frames_allowed(const gwa_stream* stream, int wanted) {
 }
 
 // Reads up to `wanted` frames, as far as there is memory. How many tries that has taken.
-static int local_in(gwa_stream* stream, int wanted) {
+static int local_in(gwa_stream* stream, int wanted, uint32_t flags) {
     const int allowed = frames_allowed(stream, wanted);
     if (allowed > 0) {
-        return read_frames(stream, allowed);
+        return read_frames(stream, allowed, flags);
     }
     GWA_LOG(INFO, "connection id %d memory over thresholds, mark local socket status to full",
             stream->connection->id);
@@ -117,7 +120,18 @@ void gwa_stream_local_in_handle(gwa_stream* stream) {
         GWA_LOG(DEBUG, "arg is null");
         return;
     }
-    local_in(stream, 1);
+    local_in(stream, 1, 0);
+}
+
+// What a service says is read at once, so that a click does not wait for the downloads' turns. But
+// who already has something under way when much waits takes turns with them.
+static void local_in_event(gwa_stream* stream) {
+    if (stream->priority != 0 &&
+        !gwa_connection_data_has_room_for(stream->connection, stream->id)) {
+        stream->more = gwa_more::HAS_MORE;
+        return;
+    }
+    gwa_stream_local_in_handle(stream);
 }
 
 void gwa_stream_local_handle(uint32_t events, void* argument) {
@@ -127,7 +141,7 @@ void gwa_stream_local_handle(uint32_t events, void* argument) {
         return;
     }
     if ((events & EPOLLIN) != 0) {
-        gwa_stream_local_in_handle(stream);
+        local_in_event(stream);
     }
     if ((events & EPOLLOUT) != 0) {
         gwa_stream_local_out_handle(stream);
@@ -154,7 +168,7 @@ static void read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&
     for (gwa_stream& stream : *streams) {
         if (pass->frames > 0 && wants(stream)) {
             GWA_LOG(DEBUG, "wakeup stream socket %d", stream.socket);
-            const int read = local_in(&stream, std::min(share, pass->frames));
+            const int read = local_in(&stream, std::min(share, pass->frames), GWA_NODE_IN_TURN);
             pass->frames -= read;
             pass->last = read > 0 ? &stream : pass->last;
         }

@@ -95,6 +95,40 @@ TEST_F(DataRound, WhatIsHeldBackHoldsUpNothingElse) {
     EXPECT_EQ(conn->output.send_level, 0);
 }
 
+// However much waits, the first that a stream says is read at once, so that a click does not wait
+// for downloads; then it takes turns, which a download gets as well. Priority 0 waits for nobody.
+TEST_F(DataRound, WhoOftenSaysLittleOrWaitsBehindMuchGetsItsTurns) {
+    const gwa_stream* const download = open_wide_stream(1);
+    const unique_fd page = std::move(accepted);
+    const gwa_stream* const chat = open_stream(2);
+    const unique_fd talker = std::move(accepted);
+    const gwa_stream* const first = open_stream(3, "&x-qv-pri=0");
+    fill_socket();
+    for (int i = 0; i < 40; i++) {
+        queue_frame(9);
+    }
+    ASSERT_TRUE(service_says(page, download, noise(60 * GWA_PAYLOAD_MAX, 1)));
+    uint32_t before = 40;
+    const auto queued_more = [&] {
+        rounds(3);
+        return conn->output.count - std::exchange(before, conn->output.count);
+    };
+    EXPECT_EQ(queued_more(), 9U) << "one at once, and its turn";
+    ASSERT_TRUE(service_says(talker, chat, "first,"));
+    EXPECT_EQ(queued_more(), 1U);
+    ASSERT_TRUE(service_says(talker, chat, "second"));
+    EXPECT_EQ(queued_more(), 0U);
+    for (const char* text : {"at", "once"}) {
+        ASSERT_TRUE(service_says(accepted, first, text));
+        EXPECT_EQ(queued_more(), 1U) << text;
+    }
+    sent();
+    rounds_until_idle();
+    EXPECT_NE(all_sent.find(frame_bytes(DATA, 2, "first,")), std::string::npos);
+    EXPECT_NE(all_sent.find(frame_bytes(DATA, 2, "second")), std::string::npos);
+    EXPECT_GT(all_sent.size(), 60 * (HEADER_SIZE + GWA_PAYLOAD_MAX));
+}
+
 TEST_F(DataRound, MemoryThatACloseSetsFreeWakesTheOthersAtOnce) {
     gwa_stream* const greedy = open_stream(1);
     const unique_fd keeps_first = std::move(accepted);

@@ -8,7 +8,6 @@
 namespace {
 
 constexpr uint32_t MEMORY_LIMIT = 4 << 20;
-constexpr size_t FRAMES_READY = 16;
 constexpr int WAIT_HELD_MS = 5;
 constexpr int WAIT_BUSY_MS = 100;
 constexpr int WAIT_IDLE_MS = 1000;
@@ -112,7 +111,9 @@ void data_model::round_ended(bool goes_on) {
                frames(), static_cast<unsigned long long>(waiting_bytes()), streams.size());
     }
     const bool woken = !waited;
-    idle_wakeups = woken && !moved ? idle_wakeups + 1 : 0;
+    // Who says something, and has said something before, only gets into line.
+    const bool lines_up = frames() >= FRAMES_READY && the_network.events != events_before;
+    idle_wakeups = woken && !moved && !lines_up ? idle_wakeups + 1 : 0;
     if (idle_wakeups > 1) {
         broken("two rounds in a row wake up and find nothing to do");
     }
@@ -181,7 +182,11 @@ void data_model::work_of_output_waits(int timeout_ms) const {
 }
 
 void data_model::work_of_services_waits(int timeout_ms) const {
-    const bool may_read = memory() < MEMORY_LIMIT && frames() < FRAMES_READY;
+    const auto of_streams = std::count_if(queue.begin(), queue.end(), [](const auto& frame) {
+        return frame.kind == model_frame::kind::STREAM;
+    });
+    const bool room = frames() < FRAMES_READY || of_streams < ssize_t{FRAMES_IN_TURN};
+    const bool may_read = memory() < MEMORY_LIMIT && room;
     for (const auto& [id, stream] : streams) {
         const tcp_socket& socket = *stream.socket;
         if (socket.listed) {

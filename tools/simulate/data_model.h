@@ -19,6 +19,8 @@
 #include "network.h"
 
 constexpr int QUARTER = 0x20000 / 4;   // of what may wait in the socket
+constexpr size_t FRAMES_READY = 16;    // for the next pass,
+constexpr size_t FRAMES_IN_TURN = 8;   // of which turns may make so many, whatever else waits
 constexpr uint32_t CEILING = 5 << 20;  // of memory, for the diagnostic too
 
 // A stream of this connection: the bytes of one user's request and its answer.
@@ -37,7 +39,7 @@ struct model_stream {
     bool refused_by_poller = false;
     bool was_stuck = false;
     uint64_t left = 0;    // for the service to take, at the last look
-    int passed_over = 0;  // rounds in which others were read without an event, and it was not
+    int passed_over = 0;  // rounds in which it was the turn of others, and not its own
 
     uint64_t bytes_waiting() const {
         uint64_t bytes = 0;
@@ -58,6 +60,7 @@ struct model_frame {
     uint64_t stream_number = 0;
     uint64_t offset = 0;  // of its payload in what the service has said
     uint32_t cost = 0;
+    bool in_turn = false;  // it can only have been read when it was its stream's turn
     int32_t queued_at = 0;
 };
 
@@ -152,7 +155,7 @@ class data_model : public network_watcher {
 
     // Of the current round.
     bool server_is_gone = false;  // it has acknowledged nothing for so long
-    bool others_read = false;     // services, without an event
+    bool others_read = false;     // services, in their turn
     size_t turn_streams = 0;      // of the turns that are counted
     bool waiting_begins = false;  // the wait has not been reached yet
     bool excused = true;
@@ -171,6 +174,7 @@ class data_model : public network_watcher {
     void data_came(const std::string& payload);
     void request_came(const std::string& payload);
     void answer(uint32_t id, uint32_t priority, const std::string& status, const std::string& body);
+    bool is_in_turn(const model_stream& stream) const;
     void stream_closed(uint32_t id);
     void remote_received(std::string_view bytes, int error);
     void remote_sent(std::string_view offered, ssize_t taken, int error);

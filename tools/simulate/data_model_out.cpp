@@ -43,6 +43,22 @@ void data_model::answer(uint32_t id, uint32_t priority, const std::string& statu
              1024});
 }
 
+// Whether only its turn lets a stream read: when much waits, and some of it is its own.
+bool data_model::is_in_turn(const model_stream& stream) const {
+    size_t own = 0, in_turn = 0;
+    for (const model_frame& frame : queue) {
+        own += frame.kind == model_frame::kind::STREAM && frame.stream_id == stream.id ? 1 : 0;
+        in_turn += frame.in_turn ? 1 : 0;
+    }
+    if (frames() < FRAMES_READY || own == 0 || stream.priority == 0) {
+        return false;
+    }
+    if (in_turn >= FRAMES_IN_TURN) {
+        broken("stream %u reads on although %zu frames wait", stream.id, frames());
+    }
+    return true;
+}
+
 // A service has said something, or its socket has nothing to say.
 void data_model::received(tcp_socket& socket, size_t, std::string_view bytes, int error) {
     if (&socket == remote) {
@@ -56,13 +72,14 @@ void data_model::received(tcp_socket& socket, size_t, std::string_view bytes, in
     }
     moved = moved || error != EAGAIN;
     stream->passed_over = 0;
-    others_read = others_read || (!bytes.empty() && events_before == the_network.events);
+    const bool in_turn = !bytes.empty() && is_in_turn(*stream);
+    others_read = others_read || in_turn || (!bytes.empty() && events_before == the_network.events);
     for (size_t at = 0; at < bytes.size(); at += wire::PAYLOAD_MAX) {
         const std::string_view payload = bytes.substr(at, wire::PAYLOAD_MAX);
         stream->last_activity = gwa_now_get();
         enqueue({model_frame::kind::STREAM, wire::frame(wire::DATA, stream->id, payload), 0,
                  stream->priority, stream->id, stream->number, stream->said,
-                 static_cast<uint32_t>(payload.size() + wire::HEADER)});
+                 static_cast<uint32_t>(payload.size() + wire::HEADER), in_turn});
         stream->said += payload.size();
     }
 }
