@@ -19,9 +19,11 @@ constexpr int32_t BUFFER_TIMEOUT_S = 600;
 // twice of what the login asks for, socket(7). The other half is read when the first has left:
 // until then it is better kept by the services.
 constexpr int FRAMES_READY = SEND_BUFFER_LIMIT / static_cast<int>(GWA_FRAME_MAX);
-// Of these some are kept for turns, whatever else waits: else streams that say little at a time,
-// but often, or a long answer of the diagnostic could keep a download waiting for ever.
+// So many may be read in turns whatever else waits, while there is memory: else streams that say
+// little at a time, but often, or a long answer of the diagnostic could keep a download waiting.
 constexpr int FRAMES_IN_TURN = FRAMES_READY / 2;
+// And so many a stream may have read out of its turn when much waits: a head and a body.
+constexpr int FRAMES_AT_ONCE = 2;
 
 enum class policy : uint8_t { SEND, HOLD, FAILED };
 
@@ -168,14 +170,28 @@ static int frames_queued(const gwa_connection_data* conn) {
     return static_cast<int>(conn->output.count.load(std::memory_order_relaxed));
 }
 
-int gwa_connection_data_room(const gwa_connection_data* conn) {
-    const int of_turns = FRAMES_IN_TURN - static_cast<int>(conn->output.in_turn);
-    return std::max({FRAMES_READY - frames_queued(conn), of_turns, 0});
+static int room_behind(int frames, int in_turn) {
+    return std::max({FRAMES_READY - frames, FRAMES_IN_TURN - in_turn, 0});
 }
 
-bool gwa_connection_data_has_room_for(gwa_connection_data* conn, uint32_t stream_id) {
-    return frames_queued(conn) < FRAMES_READY ||
-           !gwa_connection_queue_holds(&conn->output.queue, stream_id);
+int gwa_connection_data_room(gwa_connection_data* conn, uint32_t priority) {
+    gwa_output_queue* const queue = &conn->output.queue;
+    const int room = room_behind(frames_queued(conn), static_cast<int>(conn->output.in_turn));
+    if (room > 0 || !gwa_connection_queue_may_have_greater(queue, priority)) {
+        return room;
+    }
+    const gwa_queue_ahead ahead = gwa_connection_queue_ahead(queue, priority, 0);
+    return room_behind(ahead.frames, ahead.in_turn);
+}
+
+bool gwa_connection_data_has_room_for(gwa_connection_data* conn, uint32_t priority,
+                                      uint32_t stream_id) {
+    if (frames_queued(conn) < FRAMES_READY) {
+        return true;
+    }
+    const gwa_queue_ahead ahead =
+        gwa_connection_queue_ahead(&conn->output.queue, priority, stream_id);
+    return ahead.frames < FRAMES_READY || ahead.own < FRAMES_AT_ONCE;
 }
 
 // Whether a heartbeat may go out: an unanswered one blocks the next.

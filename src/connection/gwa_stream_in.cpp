@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "connection/gwa_connection_data_out.h"
 #include "main/gwa_log.h"
@@ -103,7 +104,7 @@ static int frames_allowed(const gwa_stream* stream, int wanted) {
     return std::min({wanted, fitting, int{GWA_BATCH_MAX}});
 }
 
-// Reads up to `wanted` frames, as far as there is memory. How many tries that has taken.
+// Reads up to `wanted` frames, as far as there is memory. How many tries that has taken: 0 without.
 static int local_in(gwa_stream* stream, int wanted, uint32_t flags) {
     const int allowed = frames_allowed(stream, wanted);
     if (allowed > 0) {
@@ -124,10 +125,10 @@ void gwa_stream_local_in_handle(gwa_stream* stream) {
 }
 
 // What a service says is read at once, so that a click does not wait for the downloads' turns. But
-// who already has something under way when much waits takes turns with them.
+// who already has something under way when much waits takes turns with them, unless it is exempt.
 static void local_in_event(gwa_stream* stream) {
     if (stream->priority != 0 &&
-        !gwa_connection_data_has_room_for(stream->connection, stream->id)) {
+        !gwa_connection_data_has_room_for(stream->connection, stream->priority, stream->id)) {
         stream->more = gwa_more::HAS_MORE;
         return;
     }
@@ -154,29 +155,36 @@ static bool wants_wakeup(const gwa_stream& stream) {
     return has_more(stream) || stream.more == gwa_more::WAITS;
 }
 
+// How many frames the stream may read now, when so many take turns.
+static int share_of(const gwa_stream& stream, int readers) {
+    const int room = gwa_connection_data_room(stream.connection, stream.priority);
+    return std::min(room, std::max(room / std::max(readers, 1), SHARE_MIN));
+}
+
 struct wakeup_pass {
-    int frames;       // that may still be read
     list_link* last;  // the stream that was read last, or the head
     int readers;      // streams that could go on at once
+    bool goes_on;     // one of them has read something
 };
 
 // Reads from every stream that `wants` it, a fair share of the frames each.
 static void read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&),
                       wakeup_pass* pass) {
-    const int share = std::max(pass->frames / std::max(pass->readers, 1), SHARE_MIN);
-    pass->readers = 0;
+    const int readers = std::exchange(pass->readers, 0);
+    pass->goes_on = false;
     for (gwa_stream& stream : *streams) {
-        if (pass->frames > 0 && wants(stream)) {
+        const int share = wants(stream) ? share_of(stream, readers) : 0;
+        if (share > 0) {
             GWA_LOG(DEBUG, "wakeup stream socket %d", stream.socket);
-            const int read = local_in(&stream, std::min(share, pass->frames), GWA_NODE_IN_TURN);
-            pass->frames -= read;
-            pass->last = read > 0 ? &stream : pass->last;
+            const bool read = local_in(&stream, share, GWA_NODE_IN_TURN) > 0;
+            pass->goes_on = pass->goes_on || read;
+            pass->last = read ? &stream : pass->last;
         }
         pass->readers += has_more(stream) ? 1 : 0;
     }
 }
 
-gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
+gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams) {
     if (streams == nullptr) {
         GWA_LOG(ERROR, "head is null");
         return gwa_more::DRAINED;
@@ -185,10 +193,10 @@ gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
     for (const gwa_stream& stream : *streams) {
         readers += wants_wakeup(stream) ? 1 : 0;
     }
-    wakeup_pass pass{frames, &streams->head, readers};
+    wakeup_pass pass{&streams->head, readers, false};
     // Who waits for memory or has failed is tried once a pass.
     read_turn(streams, wants_wakeup, &pass);
-    while (pass.frames > 0 && pass.readers > 0) {
+    while (pass.goes_on && pass.readers > 0) {
         read_turn(streams, has_more, &pass);
     }
     if (pass.last != &streams->head) {
@@ -196,4 +204,13 @@ gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
         list_insert_before(*pass.last->next, streams->head);
     }
     return pass.readers > 0 ? gwa_more::HAS_MORE : gwa_more::DRAINED;
+}
+
+bool gwa_stream_local_in_can_go_on(list<gwa_stream>* streams) {
+    for (const gwa_stream& stream : *streams) {
+        if (has_more(stream) && share_of(stream, 1) > 0) {
+            return true;
+        }
+    }
+    return false;
 }

@@ -126,6 +126,7 @@ struct data_floor : connection_floor {
         gwa_connection_data_free(conn);
         EXPECT_EQ(gwa_connection_memory(conn), 0U) << "what was charged has been released";
         EXPECT_EQ(conn->output.count, 0U);
+        EXPECT_EQ(conn->output.in_turn, 0U);
         gwa_device_id = nullptr;
     }
     void connect() {
@@ -165,9 +166,11 @@ struct data_floor : connection_floor {
         return all_sent;
     }
     // Queues a frame of a stream, though there may be none.
-    gwa_output_node* queue_frame(uint32_t stream_id, const std::string& payload = "") {
+    gwa_output_node* queue_frame(uint32_t stream_id, const std::string& payload = "",
+                                 uint32_t priority = 0) {
         gwa_stream stream;
         stream.id = stream_id;
+        stream.priority = priority;
         stream.connection = conn;
         gwa_output_node* const node =
             gwa_stream_frame_new(&stream, static_cast<uint32_t>(payload.size()));

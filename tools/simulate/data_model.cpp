@@ -74,7 +74,8 @@ void data_model::before(call what, tcp_socket* socket) {
 
 void data_model::round_begins() {
     waiting_begins = true;
-    moved = waited = progressed = server_is_gone = others_read = false;
+    moved = waited = progressed = server_is_gone = false;
+    turn_of = -1;
     link.comes_by(*remote);
     events_before = the_network.events;
 }
@@ -104,18 +105,34 @@ void data_model::round_ended(bool goes_on) {
         broken("the memory figure is %u, what is held makes %u", gwa_connection_memory(conn),
                memory());
     }
+    judge_counts();
+    const bool woken = !waited;
+    // Who says something when it needs its turn only gets into line.
+    const bool lines_up = the_network.events != events_before &&
+                          std::any_of(streams.begin(), streams.end(), [this](const auto& one) {
+                              return !one.second.socket->arrived.empty() && needs_turn(one.second);
+                          });
+    idle_wakeups = woken && !moved && !lines_up ? idle_wakeups + 1 : 0;
+    if (idle_wakeups > 1) {
+        broken("two rounds in a row wake up and find nothing to do");
+    }
+}
+
+void data_model::judge_counts() {
     if (conn->output.count != frames() || conn->streams.waiting != waiting_bytes() ||
         static_cast<size_t>(conn->streams.count) != streams.size()) {
         broken("%u frames, %u bytes for services, %d streams are counted; must be %zu, %llu, %zu",
                conn->output.count.load(), conn->streams.waiting, conn->streams.count.load(),
                frames(), static_cast<unsigned long long>(waiting_bytes()), streams.size());
     }
-    const bool woken = !waited;
-    // Who says something, and has said something before, only gets into line.
-    const bool lines_up = frames() >= FRAMES_READY && the_network.events != events_before;
-    idle_wakeups = woken && !moved && !lines_up ? idle_wakeups + 1 : 0;
-    if (idle_wakeups > 1) {
-        broken("two rounds in a row wake up and find nothing to do");
+    size_t of_streams = 0, in_turn = 0;
+    for (const model_frame& frame : queue) {
+        of_streams += frame.kind == model_frame::kind::STREAM ? 1 : 0;
+        in_turn += frame.in_turn ? 1 : 0;
+    }
+    if (conn->output.in_turn < in_turn || conn->output.in_turn > of_streams) {
+        broken("%u frames are counted as read in turns, of %zu; at least %zu were",
+               conn->output.in_turn, of_streams, in_turn);
     }
 }
 
@@ -125,7 +142,8 @@ void data_model::judge_turns() {
         const tcp_socket& socket = *stream.socket;
         const bool could = !socket.arrived.empty() && !socket.listed && !socket.read_failed;
         const bool same_turn = could && streams.size() == turn_streams;
-        stream.passed_over = same_turn ? stream.passed_over + (others_read ? 1 : 0) : 0;
+        stream.passed_over =
+            same_turn ? stream.passed_over + (turn_of >= stream.priority ? 1 : 0) : 0;
         if (stream.passed_over > std::ssize(streams)) {
             broken("stream %u is passed over while others are read", id);
         }
@@ -181,17 +199,22 @@ void data_model::work_of_output_waits(int timeout_ms) const {
     }
 }
 
-void data_model::work_of_services_waits(int timeout_ms) const {
-    const auto of_streams = std::count_if(queue.begin(), queue.end(), [](const auto& frame) {
+bool data_model::has_room(const model_stream& stream) const {
+    const size_t all = ahead_of(stream, [](const auto&, const auto&) { return true; });
+    const size_t of_streams = ahead_of(stream, [](const auto& frame, const auto&) {
         return frame.kind == model_frame::kind::STREAM;
     });
-    const bool room = frames() < FRAMES_READY || of_streams < ssize_t{FRAMES_IN_TURN};
-    const bool may_read = memory() < MEMORY_LIMIT && room;
+    return all < FRAMES_READY || of_streams < FRAMES_IN_TURN ||
+           conn->output.in_turn < FRAMES_IN_TURN;
+}
+
+void data_model::work_of_services_waits(int timeout_ms) const {
     for (const auto& [id, stream] : streams) {
         const tcp_socket& socket = *stream.socket;
         if (socket.listed) {
             continue;
         }
+        const bool may_read = memory() < MEMORY_LIMIT && has_room(stream);
         if (may_read && !socket.arrived.empty() && !socket.read_failed) {
             broken("a wait of %d ms, while stream %u has %zu bytes to read", timeout_ms, id,
                    socket.arrived.size());

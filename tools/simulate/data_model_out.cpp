@@ -43,20 +43,23 @@ void data_model::answer(uint32_t id, uint32_t priority, const std::string& statu
              1024});
 }
 
-// Whether only its turn lets a stream read: when much waits, and some of it is its own.
-bool data_model::is_in_turn(const model_stream& stream) const {
-    size_t own = 0, in_turn = 0;
-    for (const model_frame& frame : queue) {
-        own += frame.kind == model_frame::kind::STREAM && frame.stream_id == stream.id ? 1 : 0;
-        in_turn += frame.in_turn ? 1 : 0;
-    }
-    if (frames() < FRAMES_READY || own == 0 || stream.priority == 0) {
-        return false;
-    }
-    if (in_turn >= FRAMES_IN_TURN) {
-        broken("stream %u reads on although %zu frames wait", stream.id, frames());
-    }
-    return true;
+// What leaves before what a stream would say next, as far as `counts` it.
+size_t data_model::ahead_of(const model_stream& stream,
+                            bool (*counts)(const model_frame&, const model_stream&)) const {
+    return static_cast<size_t>(
+        std::count_if(queue.begin(), queue.end(), [&](const model_frame& frame) {
+            return frame.kind != model_frame::kind::HEARTBEAT &&
+                   frame.priority <= stream.priority && counts(frame, stream);
+        }));
+}
+
+// Whether only its turn lets a stream read: when much waits before it, and some of that is its own.
+bool data_model::needs_turn(const model_stream& stream) const {
+    const size_t all = ahead_of(stream, [](const auto&, const auto&) { return true; });
+    const size_t own = ahead_of(stream, [](const auto& frame, const auto& whose) {
+        return frame.kind == model_frame::kind::STREAM && frame.stream_id == whose.id;
+    });
+    return all >= FRAMES_READY && own >= FRAMES_AT_ONCE && stream.priority != 0;
 }
 
 // A service has said something, or its socket has nothing to say.
@@ -72,8 +75,16 @@ void data_model::received(tcp_socket& socket, size_t, std::string_view bytes, in
     }
     moved = moved || error != EAGAIN;
     stream->passed_over = 0;
-    const bool in_turn = !bytes.empty() && is_in_turn(*stream);
-    others_read = others_read || in_turn || (!bytes.empty() && events_before == the_network.events);
+    const bool in_turn = !bytes.empty() && needs_turn(*stream);
+    const size_t taken = ahead_of(
+        *stream, [](const model_frame& frame, const model_stream&) { return frame.in_turn; });
+    if (in_turn && taken + (bytes.size() - 1) / wire::PAYLOAD_MAX >= FRAMES_IN_TURN) {
+        broken("stream %u reads %zu bytes in its turn, behind %zu frames", stream->id, bytes.size(),
+               taken);
+    }
+    if (in_turn || (!bytes.empty() && events_before == the_network.events)) {
+        turn_of = std::max(turn_of, int64_t{stream->priority});
+    }
     for (size_t at = 0; at < bytes.size(); at += wire::PAYLOAD_MAX) {
         const std::string_view payload = bytes.substr(at, wire::PAYLOAD_MAX);
         stream->last_activity = gwa_now_get();
