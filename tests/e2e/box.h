@@ -5,6 +5,14 @@
 
 #include "support/child.h"
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool under_sanitizer = true;
+#else
+constexpr bool under_sanitizer = false;
+#endif
+// An orderly end: two or three seconds, and what a loaded machine needs.
+constexpr test_duration SOON{under_sanitizer ? 20000 : 5000};
+
 bool isolated();  // on a machine of its own, so that whatever it leaves running ends with it
 
 struct box {

@@ -60,9 +60,9 @@ TEST_F(Faults, OfDescriptorsEndTheProcess) {
 }
 
 TEST_F(Faults, OfMemoryEndTheProcess) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizer's own memory runs out first";
-#endif
+    if (under_sanitizer) {
+        GTEST_SKIP() << "the sanitizer's own memory runs out first";
+    }
     scene at;
     ASSERT_TRUE(at.comes_up() && at.carries());
     const rlimit none{1, RLIM_INFINITY};

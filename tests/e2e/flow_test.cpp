@@ -153,7 +153,11 @@ TEST_F(FlowWithoutReuse, LeavesNothingBehindAfterTwoThousandStreams) {
                                                           "/fd");
         return std::distance(begin(entries), end(entries));
     };
-    const auto before = open_fds();
+    auto before = open_fds();
+    EXPECT_TRUE(eventually([&] {  // what the login writes is closed a moment later
+        std::this_thread::sleep_for(test_duration{100});
+        return std::exchange(before, open_fds()) == before;
+    }));
     const std::string answers = curl("parallel\nparallel-max = 20\nwrite-out = \"\\n\"\n" +
                                      curl_url(web, "short?[1-" + std::to_string(STREAMS) + "]"));
     EXPECT_EQ(text_count(answers, "short"), STREAMS);

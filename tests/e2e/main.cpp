@@ -1,7 +1,7 @@
 // main.cpp - runs the end-to-end tests on a machine of their own: private process, network and
-// mount namespaces. In there the loopback interface is the only one, /etc/init.d and /etc/hosts are
-// the test's to write, name servers are out of reach, and whatever a test leaves running ends with
-// it.
+// mount namespaces. In there the loopback interface is the only one, /etc/init.d, /etc/hosts and
+// /tmp are the test's to write (what the checkout is in stays, should that be in /tmp as well),
+// name servers are out of reach, and whatever a test leaves running ends with it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,6 +13,10 @@ constexpr char IN_THERE[] = "GWAD_TEST_ISOLATED";
 constexpr char SET_UP[] =
     "PATH=$PATH:/usr/sbin:/sbin; mount -t tmpfs tmpfs /etc/init.d && cp /etc/hosts /etc/init.d && "
     "mount --bind /etc/init.d/hosts /etc/hosts && ip link set lo up || exit 1; "
+    "mount -t tmpfs tmpfs /mnt || exit 1; "
+    "case $PWD in /tmp/*) top=${PWD#/tmp/}; top=/${top%%/*}; "
+    "mkdir /mnt$top && mount --bind /tmp$top /mnt$top || exit 1; esac; "
+    "mount --rbind /mnt /tmp && mkdir -p \"${TMPDIR-/tmp}\" && cd \"$PWD\" || exit 1; "
     "\"$@\"; exit $?";
 
 bool isolated() { return getenv(IN_THERE) != nullptr; }

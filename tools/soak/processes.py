@@ -116,8 +116,9 @@ class Programs:
 
     async def stop(self, name, number=signal.SIGTERM):
         pid = self.send(name, number)
-        if pid is not None and not await self.gone(pid, STOP_S):
-            self.run.fail(f"{name} does not end within {STOP_S} s")
+        limit_s = STOP_S * self.run.patience
+        if pid is not None and not await self.gone(pid, limit_s):
+            self.run.fail(f"{name} does not end within {limit_s} s")
             os.kill(pid, signal.SIGKILL)
 
     async def watch(self):
