@@ -170,18 +170,9 @@ static int frames_queued(const gwa_connection_data* conn) {
     return static_cast<int>(conn->output.count.load(std::memory_order_relaxed));
 }
 
-static int room_behind(int frames, int in_turn) {
-    return std::max({FRAMES_READY - frames, FRAMES_IN_TURN - in_turn, 0});
-}
-
-int gwa_connection_data_room(gwa_connection_data* conn, uint32_t priority) {
-    gwa_output_queue* const queue = &conn->output.queue;
-    const int room = room_behind(frames_queued(conn), static_cast<int>(conn->output.in_turn));
-    if (room > 0 || !gwa_connection_queue_may_have_greater(queue, priority)) {
-        return room;
-    }
-    const gwa_queue_ahead ahead = gwa_connection_queue_ahead(queue, priority, 0);
-    return room_behind(ahead.frames, ahead.in_turn);
+int gwa_connection_data_room(const gwa_connection_data* conn) {
+    const int of_turns = FRAMES_IN_TURN - static_cast<int>(conn->output.in_turn);
+    return std::max({FRAMES_READY - frames_queued(conn), of_turns, 0});
 }
 
 bool gwa_connection_data_has_room_for(gwa_connection_data* conn, uint32_t priority,

@@ -15,10 +15,10 @@ gwa_step gwa_connection_data_queue_send(gwa_connection_data* conn);
 bool gwa_connection_data_is_blocked(const gwa_connection_data* conn);
 // How long the next wait may be, in ms, when a pass would be held; else 0.
 int gwa_connection_data_hold_ms(const gwa_connection_data* conn);
-// How many more frames streams of this priority may read in their turns, to be ready for the next
-// pass. What leaves after them takes none of their room.
-int gwa_connection_data_room(gwa_connection_data* conn, uint32_t priority);
-// Whether a stream that its service has just said something on may read a frame out of its turn.
+// How many more frames streams may read in their turns, to be ready for the next pass.
+int gwa_connection_data_room(const gwa_connection_data* conn);
+// Whether a stream that its service has just said something on may read a frame out of its turn:
+// what leaves after that does not matter.
 bool gwa_connection_data_has_room_for(gwa_connection_data* conn, uint32_t priority,
                                       uint32_t stream_id);
 

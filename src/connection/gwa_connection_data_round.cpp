@@ -91,8 +91,8 @@ static bool has_memory(const gwa_connection_data* conn) {
 
 // How long this round may wait for events, in ms. 0: there is work that no event will tell of.
 static int wait_ms(gwa_connection_data* conn) {
-    const bool reads = conn->streams.more == gwa_more::HAS_MORE &&
-                       gwa_stream_local_in_can_go_on(&conn->streams.all);
+    const bool reads =
+        conn->streams.more == gwa_more::HAS_MORE && gwa_connection_data_room(conn) > 0;
     if (reads || conn->input.more == gwa_more::HAS_MORE) {
         return 0;
     }
@@ -130,8 +130,9 @@ static gwa_step poller_failed(gwa_connection_data* conn) {
 
 // Streams that stopped reading read again, as far as there is memory.
 static void streams_wakeup(gwa_connection_data* conn) {
-    conn->streams.more =
-        has_memory(conn) ? gwa_stream_local_in_wakeup(&conn->streams.all) : gwa_more::DRAINED;
+    conn->streams.more = has_memory(conn) ? gwa_stream_local_in_wakeup(
+                                                &conn->streams.all, gwa_connection_data_room(conn))
+                                          : gwa_more::DRAINED;
 }
 
 // Sends what waits. When all of it could leave, as much again does, of what the streams read

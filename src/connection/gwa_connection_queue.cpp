@@ -127,11 +127,6 @@ int gwa_connection_queue_is_empty(gwa_output_queue* queue) {
     return queue->nodes.empty() ? 1 : 0;
 }
 
-bool gwa_connection_queue_may_have_greater(gwa_output_queue* queue, uint32_t priority) {
-    const gwa_lock held(queue->lock);
-    return queue->highest > priority;
-}
-
 gwa_queue_ahead gwa_connection_queue_ahead(gwa_output_queue* queue, uint32_t priority,
                                            uint32_t stream_id) {
     const gwa_lock held(queue->lock);
@@ -139,7 +134,6 @@ gwa_queue_ahead gwa_connection_queue_ahead(gwa_output_queue* queue, uint32_t pri
     for (const gwa_output_node& node : queue->nodes) {
         if (node.priority <= priority && (node.flags & GWA_NODE_STATIC) == 0) {
             ahead.frames++;
-            ahead.in_turn += (node.flags & GWA_NODE_IN_TURN) != 0 ? 1 : 0;
             ahead.own += is_stream_data(node, stream_id) ? 1 : 0;
         }
     }

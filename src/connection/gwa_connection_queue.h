@@ -68,13 +68,10 @@ int gwa_connection_head_enqueue(gwa_output_queue* queue, gwa_output_node* node);
 int gwa_connection_remote_output_enqueue(gwa_output_queue* queue, gwa_output_node* node);
 // 1 when the queue holds no node, else 0.
 int gwa_connection_queue_is_empty(gwa_output_queue* queue);
-// Whether anything queued is of greater priority, as far as one can tell without a walk.
-bool gwa_connection_queue_may_have_greater(gwa_output_queue* queue, uint32_t priority);
-// What leaves before the next frame of a stream of this priority: heap nodes of no greater one.
+// What leaves before the next frame of a stream: about all heap nodes of no greater priority.
 struct gwa_queue_ahead {
     int frames = 0;
-    int in_turn = 0;  // of these, those that were read in turns,
-    int own = 0;      // and those of the stream's data
+    int own = 0;  // of these, those of the stream's data
 };
 gwa_queue_ahead gwa_connection_queue_ahead(gwa_output_queue* queue, uint32_t priority,
                                            uint32_t stream_id);

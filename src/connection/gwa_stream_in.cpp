@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "connection/gwa_connection_data_out.h"
 #include "main/gwa_log.h"
@@ -104,7 +103,7 @@ static int frames_allowed(const gwa_stream* stream, int wanted) {
     return std::min({wanted, fitting, int{GWA_BATCH_MAX}});
 }
 
-// Reads up to `wanted` frames, as far as there is memory. How many tries that has taken: 0 without.
+// Reads up to `wanted` frames, as far as there is memory. How many tries that has taken.
 static int local_in(gwa_stream* stream, int wanted, uint32_t flags) {
     const int allowed = frames_allowed(stream, wanted);
     if (allowed > 0) {
@@ -155,36 +154,29 @@ static bool wants_wakeup(const gwa_stream& stream) {
     return has_more(stream) || stream.more == gwa_more::WAITS;
 }
 
-// How many frames the stream may read now, when so many take turns.
-static int share_of(const gwa_stream& stream, int readers) {
-    const int room = gwa_connection_data_room(stream.connection, stream.priority);
-    return std::min(room, std::max(room / std::max(readers, 1), SHARE_MIN));
-}
-
 struct wakeup_pass {
+    int frames;       // that may still be read
     list_link* last;  // the stream that was read last, or the head
     int readers;      // streams that could go on at once
-    bool goes_on;     // one of them has read something
 };
 
 // Reads from every stream that `wants` it, a fair share of the frames each.
 static void read_turn(list<gwa_stream>* streams, bool (*wants)(const gwa_stream&),
                       wakeup_pass* pass) {
-    const int readers = std::exchange(pass->readers, 0);
-    pass->goes_on = false;
+    const int share = std::max(pass->frames / std::max(pass->readers, 1), SHARE_MIN);
+    pass->readers = 0;
     for (gwa_stream& stream : *streams) {
-        const int share = wants(stream) ? share_of(stream, readers) : 0;
-        if (share > 0) {
+        if (pass->frames > 0 && wants(stream)) {
             GWA_LOG(DEBUG, "wakeup stream socket %d", stream.socket);
-            const bool read = local_in(&stream, share, GWA_NODE_IN_TURN) > 0;
-            pass->goes_on = pass->goes_on || read;
-            pass->last = read ? &stream : pass->last;
+            const int read = local_in(&stream, std::min(share, pass->frames), GWA_NODE_IN_TURN);
+            pass->frames -= read;
+            pass->last = read > 0 ? &stream : pass->last;
         }
         pass->readers += has_more(stream) ? 1 : 0;
     }
 }
 
-gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams) {
+gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames) {
     if (streams == nullptr) {
         GWA_LOG(ERROR, "head is null");
         return gwa_more::DRAINED;
@@ -193,10 +185,10 @@ gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams) {
     for (const gwa_stream& stream : *streams) {
         readers += wants_wakeup(stream) ? 1 : 0;
     }
-    wakeup_pass pass{&streams->head, readers, false};
+    wakeup_pass pass{frames, &streams->head, readers};
     // Who waits for memory or has failed is tried once a pass.
     read_turn(streams, wants_wakeup, &pass);
-    while (pass.goes_on && pass.readers > 0) {
+    while (pass.frames > 0 && pass.readers > 0) {
         read_turn(streams, has_more, &pass);
     }
     if (pass.last != &streams->head) {
@@ -204,13 +196,4 @@ gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams) {
         list_insert_before(*pass.last->next, streams->head);
     }
     return pass.readers > 0 ? gwa_more::HAS_MORE : gwa_more::DRAINED;
-}
-
-bool gwa_stream_local_in_can_go_on(list<gwa_stream>* streams) {
-    for (const gwa_stream& stream : *streams) {
-        if (has_more(stream) && share_of(stream, 1) > 0) {
-            return true;
-        }
-    }
-    return false;
 }

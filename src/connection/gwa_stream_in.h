@@ -9,9 +9,7 @@
 void gwa_stream_local_in_handle(gwa_stream* stream);
 // Poller callback of a local socket; the argument is the stream.
 void gwa_stream_local_handle(uint32_t events, void* argument);
-// Reads again from the streams that stopped short, in turns and a fair share each, as far as their
-// connection has room; the next pass goes on behind the last one that was read. HAS_MORE: there is
-// a stream that could go on at once.
-gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams);
-// Whether such a stream has room.
-bool gwa_stream_local_in_can_go_on(list<gwa_stream>* streams);
+// Reads again from the streams that stopped short, `frames` in all, of which each has its share;
+// the next pass goes on behind the last one that was read. HAS_MORE: there is a stream that could
+// go on at once.
+gwa_more gwa_stream_local_in_wakeup(list<gwa_stream>* streams, int frames);

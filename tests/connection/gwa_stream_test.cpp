@@ -87,27 +87,23 @@ TEST_F(Streams, TakeTurns) {
         ASSERT_TRUE(service_says(service, &stream, noise(12 * GWA_PAYLOAD_MAX, 1)));
         stream.more = gwa_more::HAS_MORE;
     }
-    // While so many frames of others wait.
-    const auto pass = [this](int others, uint32_t priority = 4) {
-        for (int i = 0; i < others; i++) {
-            queue_frame(9, "", priority);
-        }
-        const gwa_more more = gwa_stream_local_in_wakeup(&conn->streams.all);
+    const auto pass = [this](int frames) {
+        const gwa_more more = gwa_stream_local_in_wakeup(&conn->streams.all, frames);
         std::string ids;
         while (gwa_output_node* const node = gwa_connection_dequeue(&conn->output.queue)) {
-            ids += node->stream_id != 9 ? std::to_string(node->stream_id) : "";
+            ids += std::to_string(node->stream_id);
             gwa_connection_data_node_release(conn, node);
         }
         return ids + (more == gwa_more::HAS_MORE ? " and more" : "");
     };
-    EXPECT_EQ(pass(4), "111111112222 and more") << "eight frames each at least";
-    EXPECT_EQ(pass(40), "33333333 and more") << "which are there whatever waits";
+    EXPECT_EQ(pass(20), "11111111222222223333 and more") << "eight frames each at least";
+    EXPECT_EQ(pass(0), " and more");
     const uint32_t before = gwa_connection_memory(conn);
     conn->memory = GWA_MEMORY_LIMIT - GWA_FRAME_MAX;  // a frame and its node are more
-    EXPECT_EQ(pass(0), "1");
+    EXPECT_EQ(pass(4), "1");
     conn->memory = before;
-    EXPECT_EQ(pass(40, 5), "111333322222222") << "what leaves later takes no room";
-    EXPECT_EQ(pass(0), "") << "who had nothing more waits for an event";
+    EXPECT_EQ(pass(30), "222233333333111");
+    EXPECT_EQ(pass(9), "") << "who had nothing more waits for an event";
 }
 
 TEST_F(Streams, AServiceThatTakesLittleGetsEverythingInOrder) {

@@ -74,8 +74,7 @@ void data_model::before(call what, tcp_socket* socket) {
 
 void data_model::round_begins() {
     waiting_begins = true;
-    moved = waited = progressed = server_is_gone = false;
-    turn_of = -1;
+    moved = waited = progressed = server_is_gone = others_read = false;
     link.comes_by(*remote);
     events_before = the_network.events;
 }
@@ -125,11 +124,11 @@ void data_model::judge_counts() {
                conn->output.count.load(), conn->streams.waiting, conn->streams.count.load(),
                frames(), static_cast<unsigned long long>(waiting_bytes()), streams.size());
     }
-    size_t of_streams = 0, in_turn = 0;
-    for (const model_frame& frame : queue) {
-        of_streams += frame.kind == model_frame::kind::STREAM ? 1 : 0;
-        in_turn += frame.in_turn ? 1 : 0;
-    }
+    const size_t in_turn = frames_in_turn();
+    const auto of_streams =
+        static_cast<size_t>(std::count_if(queue.begin(), queue.end(), [](const model_frame& frame) {
+            return frame.kind == model_frame::kind::STREAM;
+        }));
     if (conn->output.in_turn < in_turn || conn->output.in_turn > of_streams) {
         broken("%u frames are counted as read in turns, of %zu; at least %zu were",
                conn->output.in_turn, of_streams, in_turn);
@@ -142,8 +141,7 @@ void data_model::judge_turns() {
         const tcp_socket& socket = *stream.socket;
         const bool could = !socket.arrived.empty() && !socket.listed && !socket.read_failed;
         const bool same_turn = could && streams.size() == turn_streams;
-        stream.passed_over =
-            same_turn ? stream.passed_over + (turn_of >= stream.priority ? 1 : 0) : 0;
+        stream.passed_over = same_turn ? stream.passed_over + (others_read ? 1 : 0) : 0;
         if (stream.passed_over > std::ssize(streams)) {
             broken("stream %u is passed over while others are read", id);
         }
@@ -199,13 +197,8 @@ void data_model::work_of_output_waits(int timeout_ms) const {
     }
 }
 
-bool data_model::has_room(const model_stream& stream) const {
-    const size_t all = ahead_of(stream, [](const auto&, const auto&) { return true; });
-    const size_t of_streams = ahead_of(stream, [](const auto& frame, const auto&) {
-        return frame.kind == model_frame::kind::STREAM;
-    });
-    return all < FRAMES_READY || of_streams < FRAMES_IN_TURN ||
-           conn->output.in_turn < FRAMES_IN_TURN;
+bool data_model::turns_have_room() const {
+    return frames() < FRAMES_READY || conn->output.in_turn < FRAMES_IN_TURN;
 }
 
 void data_model::work_of_services_waits(int timeout_ms) const {
@@ -214,7 +207,7 @@ void data_model::work_of_services_waits(int timeout_ms) const {
         if (socket.listed) {
             continue;
         }
-        const bool may_read = memory() < MEMORY_LIMIT && has_room(stream);
+        const bool may_read = memory() < MEMORY_LIMIT && turns_have_room();
         if (may_read && !socket.arrived.empty() && !socket.read_failed) {
             broken("a wait of %d ms, while stream %u has %zu bytes to read", timeout_ms, id,
                    socket.arrived.size());

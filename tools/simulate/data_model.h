@@ -39,9 +39,8 @@ struct model_stream {
     int32_t last_activity = 0;
     bool refused_by_poller = false;
     bool was_stuck = false;
-    uint64_t left = 0;  // for the service to take, at the last look
-    int passed_over =
-        0;  // rounds in which others had their turn that leave no earlier, and it had not
+    uint64_t left = 0;    // for the service to take, at the last look
+    int passed_over = 0;  // rounds in which it was the turn of others, and not its own
 
     uint64_t bytes_waiting() const {
         uint64_t bytes = 0;
@@ -157,7 +156,7 @@ class data_model : public network_watcher {
 
     // Of the current round.
     bool server_is_gone = false;  // it has acknowledged nothing for so long
-    int64_t turn_of = -1;         // the greatest priority of the streams that had their turn
+    bool others_read = false;     // services, in their turn
     size_t turn_streams = 0;      // of the turns that are counted
     bool waiting_begins = false;  // the wait has not been reached yet
     bool excused = true;
@@ -176,11 +175,10 @@ class data_model : public network_watcher {
     void data_came(const std::string& payload);
     void request_came(const std::string& payload);
     void answer(uint32_t id, uint32_t priority, const std::string& status, const std::string& body);
-    size_t ahead_of(const model_stream& stream,
-                    bool (*counts)(const model_frame&, const model_stream&)) const;
+    size_t frames_in_turn() const;
     bool needs_turn(const model_stream& stream) const;
     void judge_counts();
-    bool has_room(const model_stream& stream) const;
+    bool turns_have_room() const;
     void stream_closed(uint32_t id);
     void remote_received(std::string_view bytes, int error);
     void remote_sent(std::string_view offered, ssize_t taken, int error);

@@ -43,23 +43,21 @@ void data_model::answer(uint32_t id, uint32_t priority, const std::string& statu
              1024});
 }
 
-// What leaves before what a stream would say next, as far as `counts` it.
-size_t data_model::ahead_of(const model_stream& stream,
-                            bool (*counts)(const model_frame&, const model_stream&)) const {
+size_t data_model::frames_in_turn() const {
     return static_cast<size_t>(
-        std::count_if(queue.begin(), queue.end(), [&](const model_frame& frame) {
-            return frame.kind != model_frame::kind::HEARTBEAT &&
-                   frame.priority <= stream.priority && counts(frame, stream);
-        }));
+        std::count_if(queue.begin(), queue.end(), [](const auto& frame) { return frame.in_turn; }));
 }
 
 // Whether only its turn lets a stream read: when much waits before it, and some of that is its own.
 bool data_model::needs_turn(const model_stream& stream) const {
-    const size_t all = ahead_of(stream, [](const auto&, const auto&) { return true; });
-    const size_t own = ahead_of(stream, [](const auto& frame, const auto& whose) {
-        return frame.kind == model_frame::kind::STREAM && frame.stream_id == whose.id;
-    });
-    return all >= FRAMES_READY && own >= FRAMES_AT_ONCE && stream.priority != 0;
+    size_t ahead = 0, own = 0;
+    for (const model_frame& frame : queue) {
+        if (frame.kind != model_frame::kind::HEARTBEAT && frame.priority <= stream.priority) {
+            ahead++;
+            own += frame.stream_id == stream.id ? 1 : 0;
+        }
+    }
+    return ahead >= FRAMES_READY && own >= FRAMES_AT_ONCE && stream.priority != 0;
 }
 
 // A service has said something, or its socket has nothing to say.
@@ -75,16 +73,14 @@ void data_model::received(tcp_socket& socket, size_t, std::string_view bytes, in
     }
     moved = moved || error != EAGAIN;
     stream->passed_over = 0;
-    const bool in_turn = !bytes.empty() && needs_turn(*stream);
-    const size_t taken = ahead_of(
-        *stream, [](const model_frame& frame, const model_stream&) { return frame.in_turn; });
-    if (in_turn && taken + (bytes.size() - 1) / wire::PAYLOAD_MAX >= FRAMES_IN_TURN) {
-        broken("stream %u reads %zu bytes in its turn, behind %zu frames", stream->id, bytes.size(),
-               taken);
+    const size_t count = (bytes.size() + wire::PAYLOAD_MAX - 1) / wire::PAYLOAD_MAX;
+    const bool in_turn = count > 1 || (count == 1 && needs_turn(*stream));  // an event reads one
+    if (in_turn && count > std::max(FRAMES_READY - std::min(frames(), FRAMES_READY),
+                                    FRAMES_IN_TURN - std::min(frames_in_turn(), FRAMES_IN_TURN))) {
+        broken("stream %u reads %zu frames, and %zu wait, %zu of them of turns", stream->id, count,
+               frames(), frames_in_turn());
     }
-    if (in_turn || (!bytes.empty() && events_before == the_network.events)) {
-        turn_of = std::max(turn_of, int64_t{stream->priority});
-    }
+    others_read = others_read || in_turn || (count > 0 && events_before == the_network.events);
     for (size_t at = 0; at < bytes.size(); at += wire::PAYLOAD_MAX) {
         const std::string_view payload = bytes.substr(at, wire::PAYLOAD_MAX);
         stream->last_activity = gwa_now_get();
