@@ -108,18 +108,18 @@ TEST(GwrelayFrames, GoodOnesAreUnderstoodInPieces) {
 }
 
 TEST(GwrelayFrames, SilenceEndsAConnectionUnlessItsHeartBeats) {
-    const relay hub({"--login-timeout=0.4", "--silence-timeout=1.2"});
+    const relay hub({"--login-timeout=0.4", "--silence-timeout=2"});
     const unique_fd control = control_login(hub, "box"), data = data_login(hub, "box");
     const unique_fd other = control_login(hub, "other"), silent_data = data_login(hub, "other");
     std::vector<unique_fd> silent;
     for (const uint16_t port : {hub.manager, hub.control, hub.data, hub.front}) {
         silent.push_back(loopback_connect(port));
     }
-    EXPECT_TRUE(stays_silent(silent_data.get(), 3 * A_MOMENT));
     for (const unique_fd& fd : silent) {
-        EXPECT_TRUE(closed_by_peer(fd.get(), A_MOMENT));
+        EXPECT_TRUE(closed_by_peer(fd.get()));
     }
-    for (int beat = 0; beat < 8; ++beat) {
+    EXPECT_TRUE(stays_silent(silent_data.get(), A_MOMENT)) << "it may be silent for longer";
+    for (int beat = 0; beat < 11; ++beat) {
         EXPECT_TRUE(still_echoes(control) && still_echoes(data)) << beat;
         EXPECT_TRUE(stays_silent(control.get(), A_MOMENT));
     }

@@ -30,11 +30,6 @@ struct flood {
     }
 };
 
-uint64_t number_in(const std::string& json, const std::string& name) {
-    const size_t at = json.rfind("\"" + name + "\":");
-    return at == json.npos ? 0 : std::stoull(json.substr(at + name.size() + 3));
-}
-
 // The sizes of the relay's nameless files in that folder.
 std::vector<uint64_t> files_in(const relay& hub, const std::string& folder) {
     std::vector<uint64_t> sizes;

@@ -70,6 +70,12 @@ inline std::string body(const std::string& reply) {
     return reply.substr(reply.find("\r\n\r\n") + 4);
 }
 
+// The last number of that name.
+inline uint64_t number_in(const std::string& json, const std::string& name) {
+    const size_t at = json.rfind("\"" + name + "\":");
+    return at == json.npos ? 0 : std::stoull(json.substr(at + name.size() + 3));
+}
+
 // Reads up to the end, and tells how that came in front of what was read: "end:", "reset:", or ":"
 // when there was none before the deadline.
 inline std::string read_with_end(const unique_fd& fd) {

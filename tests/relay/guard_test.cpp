@@ -92,7 +92,7 @@ TEST(GwrelayGuard, ALivePortGetsTheRestAndItsUserNothingOfTheEchoes) {
 }
 
 TEST(GwrelayGuard, AnEchoThatIsNeverAnsweredEndsWithTheRequest) {
-    guarded box({"--answer-timeout=0.5"});
+    guarded box({"--answer-timeout=1.5"});
     const unique_fd unknown = box.user(GET_BOX), alive = box.user(GET_BOX);
     box.says(echo_answer(2 + FIRST));
     const std::string json = get(box.hub, "/status.json");

@@ -68,7 +68,7 @@ TEST(GwrelayStream, SilenceEndsWhatHasNoOtherEnd) {
         {"reset:", "HTTP/1.1 101 Switching Protocols\r\n\r\n"},
         {"reset:", OK + "Content-Type: text/event-stream\r\n\r\n"},
     };
-    device box({"--linger-timeout=0.5", "--silence-timeout=2"});
+    device box({"--linger-timeout=1", "--silence-timeout=3"});
     std::vector<unique_fd> users;
     for (const auto& [end, response, user_ends] : cases) {
         users.push_back(box.user(has(response, " 101 ") ? UPGRADE : GET_BOX));
@@ -115,14 +115,15 @@ TEST(GwrelayStream, MendsTheHeadOfADiagnostic) {
 
 // Neither slowness, of the upload or the response, nor an early answer is its end.
 TEST(GwrelayStream, LastsUntilTheRequestIsWholeToo) {
-    device box({"--answer-timeout=0.6", "--silence-timeout=0.6"});
-    const unique_fd user = box.user("POST /box/80/" + HTTP + "Content-Length: 5\r\n\r\n");
-    for (const char* byte : {"b", "o", "d", "y"}) {
+    device box({"--answer-timeout=1", "--silence-timeout=1"});
+    const unique_fd user = box.user("POST /box/80/" + HTTP + "Content-Length: 8\r\n\r\n");
+    for (const char* byte : {"a", "b", "c", "d", "e", "f", "g"}) {
         EXPECT_TRUE(stays_silent(user.get(), A_MOMENT) && still_echoes(box.data));
         write_all(user.get(), byte);
         EXPECT_EQ(box.hears(), frame_bytes(DATA, 1, byte));
     }
-    for (const std::string& part : {OK + "Content-Length: 3\r\n\r\n", "a"s, "b"s, "c"s}) {
+    for (const std::string& part :
+         {OK + "Content-Length: 6\r\n\r\n", "a"s, "b"s, "c"s, "d"s, "e"s, "f"s}) {
         box.answers(part);
         EXPECT_EQ(read_exact(user.get(), part.size()), part);
         EXPECT_TRUE(stays_silent(user.get(), A_MOMENT));
@@ -168,17 +169,17 @@ TEST(GwrelayStream, IsSpreadAndDiesWithItsConnectionOrItsUser) {
 
 // A device that takes nothing for a while is as patient as its heartbeats are.
 TEST(GwrelayStream, HoldsAnUploadBackAndLosesNothing) {
-    device box({"--stall-timeout=0.5", "--answer-timeout=1"});
+    device box({"--stall-timeout=0.5", "--answer-timeout=2"});
     const unique_fd user = box.user("POST /box/80/" + HTTP +
                                     "Content-Length: " + std::to_string(MANY_BYTES) + "\r\n\r\n");
     box.answers("HTTP/1.1 ");
     const std::string upload = noise(MANY_BYTES, 1);
     std::atomic<bool> taken = false;
     std::jthread uploader([&] { taken = write_all(user.get(), upload, 2 * TEST_PATIENCE); });
+    const auto sent = [&] { return number_in(get(box.hub, "/status.json"), "bytes_to_device"); };
     EXPECT_TRUE(eventually([&] {  // no more of it goes to the device
-        const std::string before = get(box.hub, "/status.json");
-        return stays_silent(box.control.get(), 3 * A_MOMENT) &&
-               get(box.hub, "/status.json") == before;
+        const uint64_t before = sent();
+        return stays_silent(box.control.get(), 3 * A_MOMENT) && sent() == before;
     }));
     EXPECT_EQ(body(get(box.hub, "/box/80/")), "The device's data connections are full.\n");
     EXPECT_FALSE(taken) << "the relay keeps it all in memory";
@@ -208,8 +209,11 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     for (uint32_t stream = 2; stream < 5; ++stream) {  // all on the one that is not held back
         others.push_back(say_to(box.hub.front, GET_BOX));
         EXPECT_EQ(frame_stream(frame_read(quick.get())), stream);
-        write_all(quick.get(), frame_bytes(DATA, stream, "answer"));
-        EXPECT_EQ(read_exact(others.back().get(), 6), "answer");
+    }
+    for (uint32_t stream = 2; stream < 5; ++stream) {
+        write_all(quick.get(), frame_bytes(DATA, stream, OK_X));
+        EXPECT_EQ(read_with_end(others[stream - 2]), "end:" + OK_X);
+        EXPECT_EQ(frame_read(quick.get()), frame_bytes(CLOSE_STREAM, stream));
     }
     // Taking little is enough, for longer than the device may be silent. Taking nothing at all
     // costs the reader his stream: then the connection is read again. The device hears from the
@@ -217,6 +221,7 @@ TEST(GwrelayStream, ASlowReaderHoldsBackOnlyHisDataConnection) {
     for (int reads = 0; reads < 36; ++reads) {
         EXPECT_EQ(read_exact(reader.get(), SMALL_BUFFER).size(), SMALL_BUFFER) << reads;
         EXPECT_TRUE(stays_silent(quick.get(), A_MOMENT / 4));
+        EXPECT_TRUE(reads % 10 != 9 || still_echoes(quick)) << reads;
     }
     EXPECT_FALSE(taken) << "the relay keeps it all in memory";
     const std::string heard = read_until(box.data.get(), frame_bytes(CLOSE_STREAM, 1));
