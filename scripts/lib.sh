@@ -29,6 +29,13 @@ as_root() {
     fi
 }
 
+# turn_take: one script after the other, until the caller closes {turn}. Nothing that he runs gets that
+# descriptor, or whatever outlives a script that was ended would keep the turn.
+turn_take() {
+    exec {turn}<.
+    flock -w 3600 "$turn" || die "another script has been installing or building for an hour"
+}
+
 # need_packages WHAT_FOR PACKAGE...: installs the Debian packages that are missing, after saying
 # which and what for; does nothing when all are there.
 need_packages() {
@@ -42,8 +49,7 @@ need_packages() {
     if [ ${#missing[@]} -eq 0 ]; then
         return 0
     fi
-    exec {turn}<. # one script after the other
-    flock "$turn"
+    turn_take
     say "Installing what $what_for needs and this machine lacks: ${missing[*]}"
     if [ "$(id -u)" -ne 0 ]; then
         command -v sudo >/dev/null || die "neither root nor sudo: please install them by hand"
@@ -54,11 +60,11 @@ need_packages() {
     # there are some. Offline the ones at hand may still do. A machine that has just been started
     # may be busy with its own updates: wait for it.
     log=$(mktemp)
-    as_root apt-get -qq update </dev/null >"$log" 2>&1 ||
+    as_root apt-get -qq update </dev/null >"$log" 2>&1 {turn}<&- ||
         say "apt-get update failed; trying with the old lists"
     if ! without_services as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get -qq -y -o DPkg::Lock::Timeout=600 --no-install-recommends install "${missing[@]}" \
-        </dev/null >>"$log" 2>&1; then
+        </dev/null >>"$log" 2>&1 {turn}<&-; then
         tail -n 40 "$log"
         die "apt-get could not install: ${missing[*]} (all of it in $log)"
     fi
@@ -136,11 +142,10 @@ jobs_count() {
 build() {
     local preset=$1 turn
     shift
-    exec {turn}<.
-    flock "$turn"
-    quietly "build/$preset/configure.log" cmake --preset "$preset" -DBUILD_TESTING=OFF
+    turn_take
+    quietly "build/$preset/configure.log" cmake --preset "$preset" -DBUILD_TESTING=OFF {turn}<&-
     quietly "build/$preset/build.log" \
-        cmake --build --preset "$preset" -j "$(jobs_count)" --target "$@"
+        cmake --build --preset "$preset" -j "$(jobs_count)" --target "$@" {turn}<&-
     exec {turn}<&-
 }
 
