@@ -66,6 +66,7 @@ memory_of() {
     on_box "grep -q ^Rss: $file && sed -n 's/^Rss:[^0-9]*\([0-9]*\) kB/\1/p' $file"
 }
 descriptors_of() { on_box "test -d /proc/$1/fd && ls /proc/$1/fd | wc -l"; }
+descriptors_are_at_most() { [ "$(descriptors_of "$1")" -le "$2" ]; }
 # deepest_stack_of PID: kB that the thread with the deepest stack has touched, of 256 with the guard.
 deepest_stack_of() {
     on_box "awk '/^Size:/ { size = \$2 } /^Rss:/ && size >= 240 && size <= 256 && \$2 > most { most = \$2 } END { print most }' /proc/$1/smaps"
@@ -246,7 +247,8 @@ check_growth() {
     pid=$(gwad_pid) || return 1
     for _ in 1 2 3 4; do
         "$1" || return 1
-        sleep 2 # for the last streams to be closed
+        sleep 2 # for the last streams to be closed; a slow box takes longer
+        wait_for 20 descriptors_are_at_most "$pid" "${descriptors[0]-9999}" || true
         now=$(memory_of "$pid") || fail "gwad has restarted meanwhile" || return 1
         memory+=("$now")
         descriptors+=("$(descriptors_of "$pid")")
@@ -280,14 +282,17 @@ check_stop() {
 }
 
 # A new address restarts gwad, which for two seconds is nothing but a process that will run the init
-# script: a slow box has to be asked in one go.
+# script. It is held there, as a slow box needs longer to be asked.
 check_stop_in_restart() {
-    local pid wait_for_end
+    local pid hold wait_for_end
     on_box "/etc/init.d/gwadsh start" || fail "the init script says no" || return 1
     wait_for "$LOGIN_LIMIT" is_connected || fail "the device is not up" || return 1
     pid=$(gwad_pid) || return 1
+    hold="for i in \$(seq 100); do all=\$(pidof gwad); test \"\$all\" = $pid || break; usleep 100000; done; \
+        for child in \$all; do test \$child = $pid || break; done; test \$child != $pid && kill -STOP \$child"
     wait_for_end="for i in \$(seq 100); do test -d /proc/$pid || break; usleep 100000; done"
-    on_box "ip addr add 10.0.2.16/24 dev eth0; $wait_for_end; ! test -d /proc/$pid && /etc/init.d/gwadsh status" >/dev/null ||
+    on_box "ip addr add 10.0.2.16/24 dev eth0; $hold || exit; $wait_for_end; \
+        ! test -d /proc/$pid && /etc/init.d/gwadsh status; held=\$?; kill -CONT \$child; exit \$held" >/dev/null ||
         fail "a new address does not restart gwad, or the init script does not see it" || return 1
     on_box "/etc/init.d/gwadsh stop" || fail "the init script says no" || return 1
     sleep 3

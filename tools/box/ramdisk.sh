@@ -65,6 +65,8 @@ make_ramdisk() {
     cp -r tools/box/root/. "$root/"
     chmod 755 "$root/etc/init.d/rcS" "$root/sbin/agent" "$root/www/cgi-bin/digest"
     sed -i "s/@console@/$CONSOLE/; s/@agent@/$AGENT/" "$root/etc/inittab"
+    # Beside other work its processor is slow, and its clock is not.
+    sed -i 's/^stop_limit_s=.*/stop_limit_s=30/' "$root/etc/init.d/gwadsh"
     ln -sf /opt/gwad/etc/gwad "$root/etc/default/gwad"
     cp "$box_dir"/debian/*.ko "$root/lib/modules/"
     # shellcheck disable=SC2086 # a word each
