@@ -32,7 +32,7 @@ said=$(inside /usr/sbin/gwrelay --listen 0.0.0.0 --announce relay.example.org 2>
 case $said in *--users-file* | *--boxes-file*) ;; *) fail "it said: $said" ;; esac
 # shellcheck disable=SC2016 # the inner shell's
 said=$(inside sh -c '/usr/sbin/gwrelay --manager-port 0 --control-port 0 --data-port 0 --front-port 0 >/tmp/out & relay=$!
-    until grep -q ^ready /tmp/out; do sleep 0.1; done
+    for i in $(seq 600); do ! grep -q ^ready /tmp/out || break; sleep 0.1; done
     kill -TERM $relay && wait $relay && cat /tmp/out' 2>"$work/relay.log") || fail "it does not run: $(cat "$work/relay.log")"
 case $said in "ready manager="*) ;; *) fail "it said: $said" ;; esac
 echo "The container does as it should."

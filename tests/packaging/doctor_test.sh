@@ -83,6 +83,7 @@ kill -KILL "$relay_pid"
 wait "$relay_pid" || true
 finds 1 "manager: 127.0.0.1:$manager does not answer"
 busybox httpd -f -p "127.0.0.1:$front" -h "$work" &
+wait_for curl -s -o "$work/none" "127.0.0.1:$front"
 mkdir "$work/addrmgr"
 printf '{"ret":0,"data":"127.0.0.1:%d"}' "$front" >"$work/addrmgr/device_get_proxy"
 manager=$front settings_write 127.0.0.1 -I "$id"
