@@ -73,7 +73,7 @@ const tries = {
 (async () => {
     const results = {place: location.host + location.pathname};
     for (const [name, trial] of Object.entries(tries)) {
-        const late = pause(20000).then(() => "late");
+        const late = pause(60000).then(() => "late");
         results[name] = await Promise.race([trial().catch((error) => String(error)), late]);
     }
     document.title = JSON.stringify(results);

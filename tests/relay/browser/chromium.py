@@ -21,7 +21,7 @@ FLAGS = [
     "--disable-dev-shm-usage", "--disable-default-apps", "--disable-extensions", "--hide-scrollbars",
     "--remote-debugging-pipe",
 ]
-COMMAND_LIMIT = 30  # seconds
+COMMAND_LIMIT = 60  # seconds
 
 
 class Failed(Exception):
@@ -138,7 +138,7 @@ class Page:
             raise Failed(f"{script}: {answer['exceptionDetails']}")
         return answer["result"].get("value")
 
-    def wait(self, script, limit=20):
+    def wait(self, script, limit=60):
         """Until the expression is true."""
         end = time.monotonic() + limit
         while not self.run(f"Boolean({script})"):

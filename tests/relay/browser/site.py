@@ -103,7 +103,7 @@ class Site(http.server.BaseHTTPRequestHandler):
             mask = self.rfile.read(4)
             text = bytes(byte ^ mask[i % 4] for i, byte in enumerate(self.rfile.read(size)))
             self.wfile.write(bytes([0x80 | opcode, size]) + text)
-        time.sleep(60)  # it is not the service that ends the connection
+        time.sleep(300)  # it is not the service that ends the connection
         self.close_connection = True
         return None
 
