@@ -19,6 +19,7 @@ from programs import Failure
 from relay import Relay
 
 RUNS = 3
+RUN_LIMIT_S = 600
 GROWTH_MAX = 1.1
 FUNCTIONS = 10
 DEVICE = "count"
@@ -116,8 +117,13 @@ def middle(runs):
     return sorted(runs, key=lambda functions: sum(functions.values()))[len(runs) // 2]
 
 
+def too_late(*_):
+    raise Failure(f"a run is not done within {RUN_LIMIT_S} s")
+
+
 def run(work, meter, number):
     """Instructions by function for each load, in one life of the daemon."""
+    signal.alarm(RUN_LIMIT_S)
     relay, service = Relay(), Service()
     device = f"{DEVICE}-{meter.name}-{number}"
     daemon = gwad_start(work, meter.command, device, relay.manager_port, 3, meter.environment)
@@ -141,6 +147,7 @@ def run(work, meter, number):
     if daemon.wait() != 0:
         raise Failure(f"the daemon has ended with status {daemon.returncode}")
     nothing, *parts = meter.parts(2 + len(STEPS))
+    signal.alarm(0)
     small_page, upload, large_page, new_stream, download = [
         {function: (count - nothing[function]) / times for function, count in part.items()}
         for part, (_, times) in zip(parts, STEPS)]
@@ -175,6 +182,7 @@ def arguments():
 
 def main():
     options = arguments()
+    signal.signal(signal.SIGALRM, too_late)
     kept, figures = kept_read(options.kept), {}
     rows = [["instructions", "", "kept", "now", "change"]]
     for meter, program in ((Callgrind, "build/release/gwad"), (Qemu, "build/mipsel/gwad")):
