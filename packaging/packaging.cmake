@@ -194,6 +194,7 @@ if(BUILD_TESTING AND DPKG AND NOT GWAD_SUPERVISED AND NOT CMAKE_CXX_FLAGS MATCHE
     add_test(NAME Package.InstallsIntoAScratchRoot
              COMMAND tests/packaging/package_test.sh ${CMAKE_BINARY_DIR} ${package_architecture}
              WORKING_DIRECTORY ${CMAKE_SOURCE_DIR})
+    set_tests_properties(Package.InstallsIntoAScratchRoot PROPERTIES TIMEOUT 600)
 endif()
 # With real programs, so where gwrelay is, and with busybox, which a box has.
 find_program(BUSYBOX busybox)
