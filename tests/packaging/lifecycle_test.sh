@@ -34,9 +34,10 @@ fail() {
     exit 1
 }
 
-# eventually COMMAND...: within half a minute; a login alone takes six seconds, after a restart eight.
+# eventually COMMAND...: within two minutes, beside other work; a login alone takes six seconds, after a
+# restart eight.
 eventually() {
-    local tries=300
+    local tries=1200
     until "$@"; do
         tries=$((tries - 1))
         [ "$tries" -gt 0 ] || fail "not true: $*"
