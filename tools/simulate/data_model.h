@@ -19,9 +19,9 @@
 #include "network.h"
 
 constexpr int QUARTER = 0x20000 / 4;   // of what may wait in the socket
-constexpr size_t FRAMES_READY = 16;    // for the next pass,
+constexpr size_t FRAMES_READY = 16;    // for the next pass
+constexpr size_t FRAMES_IN_TURN = 8;   // that turns may add, whatever else waits
 constexpr size_t FRAMES_AT_ONCE = 2;   // of a stream, out of its turn
-constexpr size_t FRAMES_IN_TURN = 8;   // of which turns may make so many, whatever else waits
 constexpr uint32_t CEILING = 5 << 20;  // of memory, for the diagnostic too
 
 // A stream of this connection: the bytes of one user's request and its answer.
