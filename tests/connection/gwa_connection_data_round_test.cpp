@@ -116,13 +116,13 @@ TEST_F(DataRound, WhoOftenSaysLittleOrWaitsBehindMuchGetsItsTurns) {
         << "one at once, and its turns";
     const struct {
         const char* priority;
-        uint32_t frames[3];
-    } cases[] = {{"4", {1, 1, 0}}, {"0", {1, 1, 1}}, {"3", {1, 1, 1}}, {"5", {1, 1, 0}}};
-    for (const auto& [priority, frames] : cases) {
+        uint32_t at_once;  // of 20
+    } cases[] = {{"4", 2}, {"3", 16}, {"0", 20}, {"5", 2}};
+    for (const auto& [priority, at_once] : cases) {
         const auto id = static_cast<uint32_t>(10 + *priority);
         const gwa_stream* const chat = open_stream(id, std::string("&x-qv-pri=") + priority);
-        for (const uint32_t read : frames) {
-            EXPECT_EQ(queued_more(accepted, chat, "text"), read) << priority;
+        for (uint32_t said = 0; said < 20; said++) {
+            EXPECT_EQ(queued_more(accepted, chat, "text"), said < at_once ? 1 : 0) << priority;
         }
     }
     sent();

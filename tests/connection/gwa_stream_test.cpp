@@ -84,16 +84,18 @@ TEST_F(Streams, TakeTurns) {
     }
     for (gwa_stream& stream : conn->streams.all) {
         const unique_fd& service = services[stream.id - 1];
-        ASSERT_TRUE(service_says(service, &stream, noise(12 * GWA_PAYLOAD_MAX, 1)));
+        ASSERT_TRUE(service_says(service, &stream, noise(11 * GWA_PAYLOAD_MAX + 1, 1)));
         stream.more = gwa_more::HAS_MORE;
     }
     const auto pass = [this](int frames) {
         const gwa_more more = gwa_stream_local_in_wakeup(&conn->streams.all, frames);
+        const uint32_t in_turn = conn->output.in_turn;
         std::string ids;
         while (gwa_output_node* const node = gwa_connection_dequeue(&conn->output.queue)) {
             ids += std::to_string(node->stream_id);
             gwa_connection_data_node_release(conn, node);
         }
+        EXPECT_EQ(in_turn, ids.size());
         return ids + (more == gwa_more::HAS_MORE ? " and more" : "");
     };
     EXPECT_EQ(pass(20), "11111111222222223333 and more") << "eight frames each at least";
